@@ -1,0 +1,79 @@
+#include "base/rt_thread.h"
+
+#include <csignal>
+#include <memory>
+#include <new>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace rvk {
+namespace {
+
+constexpr size_t signal_stack_bytes = 128 * 1024; // ours: a trace of 100 frames walks the unwind tables on it
+
+struct start_record {
+    const char* name;
+    thread_body body;
+    int argument;
+};
+
+void* trampoline(void* opaque)
+{
+    const std::unique_ptr<start_record> given{static_cast<start_record*>(opaque)};
+    const start_record start = *given;
+    pthread_setname_np(pthread_self(), start.name);
+    use_alternate_signal_stack();
+    start.body(start.argument);
+    return nullptr;
+}
+
+int real_time_attributes(pthread_attr_t* attributes, int priority)
+{
+    sched_param parameter{};
+    parameter.sched_priority = priority;
+    if (pthread_attr_setinheritsched(attributes, PTHREAD_EXPLICIT_SCHED) != 0) { return -1; }
+    if (pthread_attr_setschedpolicy(attributes, SCHED_FIFO) != 0) { return -1; }
+    return pthread_attr_setschedparam(attributes, &parameter) == 0 ? 0 : -1;
+}
+
+} // namespace
+
+int start_thread(const char* name, int priority, thread_body body, int argument, pthread_t* out)
+{
+    std::unique_ptr<start_record> start{new (std::nothrow) start_record{name, body, argument}};
+    if (!start) { return -1; }
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) { return -1; }
+    pthread_t thread{};
+    int result = priority == 0 ? 0 : real_time_attributes(&attributes, priority);
+    if (result == 0) { result = pthread_create(&thread, &attributes, trampoline, start.get()) == 0 ? 0 : -1; }
+    pthread_attr_destroy(&attributes);
+    if (result != 0) { return -1; }
+    static_cast<void>(start.release()); // the thread's own from here on
+    if (out != nullptr) { *out = thread; }
+    return 0;
+}
+
+void use_alternate_signal_stack()
+{
+    void* memory = mmap(nullptr, signal_stack_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) { return; } // the thread runs on; only a stack overflow would then go without a trace
+    stack_t stack{};
+    stack.ss_sp = memory;
+    stack.ss_size = signal_stack_bytes;
+    sigaltstack(&stack, nullptr);
+}
+
+int pin_to_processor(int number)
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(static_cast<size_t>(processor_of(number)), &set);
+    return sched_setaffinity(0, sizeof set, &set);
+}
+
+int kernel_thread_id() { return static_cast<int>(syscall(SYS_gettid)); }
+
+} // namespace rvk

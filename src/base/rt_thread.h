@@ -1,0 +1,30 @@
+// The one place that starts a thread: real-time priority, name, alternate signal stack, and its processor.
+#pragma once
+
+#include <pthread.h>
+
+namespace rvk {
+
+using thread_body = void (*)(int argument);
+
+// Starts a thread that runs body(argument).
+// name      at most 15 characters, as the kernel shows it
+// priority  SCHED_FIFO 1 to 99, asked for explicitly and not inherited; 0 for an ordinary thread
+// out       receives the thread's handle; may be null
+// Result    0, or -1 when the thread could not be created (no privilege, no memory)
+// The thread inherits the creator's signal mask. It gets an alternate signal stack, so that a handler still runs when
+// its stack is used up.
+[[nodiscard]] int start_thread(const char* name, int priority, thread_body body, int argument, pthread_t* out);
+
+// Gives the calling thread an alternate signal stack, as start_thread does; for the main thread.
+void use_alternate_signal_stack();
+
+// The processor that belongs to a number from the configuration: 0 becomes 1, above 3 becomes 3.
+constexpr int processor_of(int number) { return number == 0 ? 1 : number > 3 ? 3 : number; }
+
+// Pins the calling thread to the one processor that belongs to the number. Result: 0, or -1 (no such processor here).
+[[nodiscard]] int pin_to_processor(int number);
+
+int kernel_thread_id();
+
+} // namespace rvk

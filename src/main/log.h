@@ -1,0 +1,27 @@
+// The log call that every module uses. Two sinks implement it: `log_file` (the daemon's: two alternating files under
+// /var/log and standard output) and `log_stderr` (tools: standard error). A program links exactly one, so that a tool
+// never empties the daemon's log file by opening it.
+#pragma once
+
+#include <cstdio>
+
+namespace rvk {
+
+extern int log_debug;   // non-zero: lines also go to standard output; set before the first thread starts
+extern int log_d;       // non-zero: lines go to the log file; set before the first thread starts
+extern int log_num;     // number of the current log file, 0 or 1
+extern FILE* log_fp;    // the open log file, or none
+extern int log_lastday; // day of month, 1 to 31, on which it was opened
+extern int print_flag;  // non-zero: frames are dumped to standard output; no option sets it
+
+// Writes one line: a header with local time, process, module, function and source line, then the text exactly as
+// formatted; the line end is the caller's. Any thread, also under any other lock. With the daemon's sink a call writes
+// and flushes before it returns and may wait for a reader of standard output; with neither switch set it formats
+// nothing.
+void log_print(const char* module, const char* function, int line, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+} // namespace rvk
+
+// Where a line comes from. RVK_MODULE is the folder of the library that is being compiled.
+#define LOG_HERE RVK_MODULE, __func__, __LINE__

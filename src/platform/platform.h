@@ -1,0 +1,32 @@
+// Exactly what the daemon expects of the board. The board's own library provides it; `platform/local` is our stand-in
+// for any Linux machine, one file per call, so that a test or a tool replaces one call by linking its own.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+extern "C" {
+
+// Called for each message, on the thread that waits: two values of the service's own, the message, its length in bytes.
+// The message is the callee's only until it returns.
+typedef int (*apipc_callback)(int, int, const void* message, int length);
+
+// Registers the calling process under an identity. The second argument is the service's, 0 here.
+// Result: 0; non-zero when the identity is taken or the service cannot be had.
+int apipc_init(uint32_t identity, int);
+
+// Delivers incoming messages to the callback on the calling thread. Returns only on an error; call it again.
+int apipc_loop_wait(int, apipc_callback callback);
+
+// Sends one message. Result: the service's own, negative when it was not delivered. Any thread; the wait is bounded.
+int apipc_send(uint32_t destination, const void* message, uint32_t bytes);
+
+// This board's number, 0 to 255.
+int apcard_bit_self(void);
+
+// Runs a shell command line and waits for it. Result: as system(). Any thread; blocks as long as the command runs.
+int my_system(const char* line);
+
+// A readable stream (mode "r") on the output of a shell command line; fclose ends it. Null when it cannot be run.
+FILE* my_popen(const char* line, const char* mode);
+}
