@@ -1,0 +1,310 @@
+#include "cardsim/cards.h"
+
+#include "base/bytes.h"
+#include "eth_raw/frame.h"
+
+#include <algorithm>
+#include <cassert>
+
+namespace rvk {
+namespace {
+
+constexpr uint64_t reorder_wait_us = 5000; // ours: far below any timeout, far above the time between two answers
+constexpr uint16_t len_too_much = 100;     // ours: past the frame's end, and in most cases not past a receive buffer's
+constexpr uint16_t len_beyond_all = 60000; // ours: past every buffer
+constexpr uint8_t stranger_fill = 0xA5;
+
+} // namespace
+
+uint64_t farm_counts::refused() const
+{
+    uint64_t sum = 0;
+    for (size_t i = static_cast<size_t>(verdict::wrong_destination); i < verdict_count; ++i) { sum += verdicts[i]; }
+    return sum;
+}
+
+std::string farm_counts::refusals() const
+{
+    std::string text;
+    for (size_t i = static_cast<size_t>(verdict::wrong_destination); i < verdict_count; ++i) {
+        if (verdicts[i] == 0) { continue; }
+        if (!text.empty()) { text += ", "; }
+        text += std::string(name_of(static_cast<verdict>(i))) + ' ' + std::to_string(verdicts[i]);
+    }
+    return text.empty() ? "none" : text;
+}
+
+card_farm::card_farm(const card_faults& faults) { set_faults(faults); }
+
+bool card_farm::happens(fault kind)
+{
+    const bool yes = dice.happens(kind);
+    if (yes) { ++counted.injected[static_cast<size_t>(kind)]; }
+    return yes;
+}
+
+void card_farm::request(std::span<const uint8_t> frame, uint64_t now_us, std::vector<reply_frame>& out)
+{
+    scoped_lock hold(lock);
+    release_due(now_us, out);
+    trail.add(now_us, frame);
+    request_fields fields;
+    if (note_request(frame, now_us, fields)) { carry_out(fields, now_us, out); }
+}
+
+// Result: the request is to be carried out.
+bool card_farm::note_request(std::span<const uint8_t> frame, uint64_t now_us, request_fields& fields)
+{
+    const verdict said = check_request(frame, fields);
+    ++counted.received;
+    ++counted.verdicts[static_cast<size_t>(said)];
+    if (said == verdict::foreign) { return false; }
+    const bool good = said == verdict::good;
+    const bool lost = good && happens(fault::loss);
+    if (good) {
+        counted.reads += fields.code == code_read;
+        counted.plain_writes += fields.code == code_write;
+        counted.acknowledged_writes += fields.code == code_write_ack;
+    }
+    if (recorded.size() < record_max) {
+        recorded.push_back({now_us, said, lost, {frame.begin(), frame.end()}});
+    } else if (record_max > 0) {
+        ++record_overflow;
+    }
+    return good && !lost;
+}
+
+// The one place where a card acts: what belongs to particular addresses branches off here.
+void card_farm::carry_out(const request_fields& request, uint64_t now_us, std::vector<reply_frame>& out)
+{
+    if (request.code == code_write) {
+        store(request);
+        return;
+    }
+    reply_frame reply;
+    if (request.code == code_read) {
+        answer_read(request, reply);
+    } else {
+        answer_write(request, reply);
+    }
+    spoil(reply);
+    send_strangers(now_us, out);
+    deliver(reply, now_us, out);
+}
+
+void card_farm::store(const request_fields& request)
+{
+    memories[{request.model, request.slot}].write(request.addr, request.data);
+    counted.bytes_written += request.data.size();
+}
+
+void card_farm::answer_write(const request_fields& request, reply_frame& reply)
+{
+    const bool refuse = happens(fault::wrong_ack);
+    if (!refuse) { store(request); }
+    const uint8_t code = happens(fault::ack_code_short) ? code_ack_short : code_write_ack;
+    pack_reply(reply, request, refuse ? dice.record().wrong_status : ack_good, code, {});
+}
+
+void card_farm::answer_read(const request_fields& request, reply_frame& reply)
+{
+    size_t len = request.len;
+    uint8_t status = ack_good;
+    if (happens(fault::wrong_read)) {
+        status = dice.record().wrong_status;
+        len = 0;
+    } else if (happens(fault::read_says_none)) {
+        status = no_answer;
+    } else if (happens(fault::read_empty)) {
+        len = 0;
+    } else if (happens(fault::read_oversized)) {
+        len = std::min<size_t>(dice.record().oversized_len, reply_data_max);
+    }
+    std::array<uint8_t, reply_data_max> data;
+    const std::span<uint8_t> given(data.data(), len);
+    std::fill(given.begin(), given.end(), uint8_t{0});
+    const auto card = memories.find({request.model, request.slot});
+    if (card != memories.end()) { card->second.read(request.addr, given); }
+    pack_reply(reply, request, status, code_read, given);
+}
+
+// What goes wrong with an answer's bytes on their way.
+void card_farm::spoil(reply_frame& reply)
+{
+    uint8_t* len_field = reply.bytes.data() + reply::len;
+    const uint16_t len = load_le16(len_field);
+    if (happens(fault::len_past_end)) {
+        store_le16(len_field, static_cast<uint16_t>(len + len_too_much));
+    } else if (happens(fault::len_huge)) {
+        store_le16(len_field, len_beyond_all);
+    } else if (len > 0 && happens(fault::len_short)) {
+        store_le16(len_field, len / 2);
+    }
+    close_reply(reply); // a lying card is in earnest: everything else about its frame is right
+    if (happens(fault::corrupt)) {
+        const uint32_t bits = static_cast<uint32_t>(reply.length - checksummed_from) * 8;
+        const uint32_t bit = dice.below(fault::corrupt, bits);
+        reply.bytes[checksummed_from + bit / 8] ^= static_cast<uint8_t>(1u << bit % 8);
+    }
+    if (happens(fault::trailing)) {
+        const size_t more = 1 + dice.below(fault::trailing, 16);
+        std::fill_n(reply.bytes.begin() + static_cast<std::ptrdiff_t>(reply.length), more, stranger_fill);
+        reply.length += more;
+    }
+}
+
+void card_farm::send_strangers(uint64_t now_us, std::vector<reply_frame>& out)
+{
+    reply_frame stranger;
+    if (happens(fault::foreign)) {
+        pack_reply(stranger, {}, ack_good, code_write_ack, {});
+        switch (dice.below(fault::foreign, 3)) {
+        case 0: std::fill_n(stranger.bytes.begin() + reply::destination, 6, uint8_t{0xFF}); break; // a broadcast
+        case 1: stranger.bytes[reply::source] ^= 0x01; break;
+        default: std::swap(stranger.bytes[reply::sync], stranger.bytes[reply::sync + 1]); break; // looks like a request
+        }
+        hand_out(stranger.view(), now_us, out);
+    }
+    if (happens(fault::runt)) {
+        pack_reply(stranger, {}, ack_good, code_write_ack, {});
+        // From a bare Ethernet header, the least that a raw socket sends, to one byte less than a reply's header.
+        stranger.length = reply::sync + dice.below(fault::runt, reply::payload - reply::sync);
+        hand_out(stranger.view(), now_us, out);
+    }
+}
+
+// What goes wrong with an answer's arrival.
+void card_farm::deliver(const reply_frame& reply, uint64_t now_us, std::vector<reply_frame>& out)
+{
+    if (happens(fault::reply_loss)) { return; }
+    const size_t copies = happens(fault::duplicate) ? 2 : 1;
+    if (happens(fault::delay)) {
+        const uint64_t late_us = now_us + uint64_t{dice.record().delay_ms} * 1000;
+        held.insert(held.end(), copies, {late_us, false, {reply.view().begin(), reply.view().end()}});
+        return;
+    }
+    if (happens(fault::reorder)) {
+        held.insert(held.end(), copies, {now_us + reorder_wait_us, true, {reply.view().begin(), reply.view().end()}});
+        return;
+    }
+    for (size_t i = 0; i < copies; ++i) { hand_out(reply.view(), now_us, out); }
+    release(now_us, out, [](const held_reply& h) { return h.behind_next; });
+}
+
+void card_farm::hand_out(std::span<const uint8_t> frame, uint64_t now_us, std::vector<reply_frame>& out)
+{
+    out.emplace_back().assign(frame);
+    trail.add(now_us, frame);
+    ++counted.replies;
+}
+
+void card_farm::due(uint64_t now_us, std::vector<reply_frame>& out)
+{
+    scoped_lock hold(lock);
+    release_due(now_us, out);
+}
+
+void card_farm::release_due(uint64_t now_us, std::vector<reply_frame>& out)
+{
+    release(now_us, out, [now_us](const held_reply& h) { return h.due_us <= now_us; });
+}
+
+// Hands out the held-back replies that `chosen` picks, the one due first in front, equal ones as they came.
+template <typename Predicate>
+void card_farm::release(uint64_t now_us, std::vector<reply_frame>& out, Predicate chosen)
+{
+    if (held.empty()) { return; }
+    const auto middle = std::stable_partition(held.begin(), held.end(), [&](const auto& h) { return !chosen(h); });
+    std::stable_sort(middle, held.end(), [](const auto& a, const auto& b) { return a.due_us < b.due_us; });
+    for (auto h = middle; h != held.end(); ++h) { hand_out(h->bytes, now_us, out); }
+    held.erase(middle, held.end());
+}
+
+std::optional<uint64_t> card_farm::next_due_us() const
+{
+    scoped_lock hold(lock);
+    if (held.empty()) { return std::nullopt; }
+    return std::min_element(held.begin(), held.end(), [](const auto& a, const auto& b) { return a.due_us < b.due_us; })
+        ->due_us;
+}
+
+void card_farm::set_faults(const card_faults& faults)
+{
+    assert(faults.oversized_len <= reply_data_max);
+    scoped_lock hold(lock);
+    dice.load(faults);
+}
+
+farm_counts card_farm::counts() const
+{
+    scoped_lock hold(lock);
+    return counted;
+}
+
+void card_farm::write(card_id card, uint32_t addr, std::span<const uint8_t> bytes)
+{
+    scoped_lock hold(lock);
+    memories[card].write(addr, bytes);
+}
+
+std::vector<uint8_t> card_farm::read(card_id card, uint32_t addr, size_t len) const
+{
+    std::vector<uint8_t> bytes(len);
+    scoped_lock hold(lock);
+    const auto found = memories.find(card);
+    if (found != memories.end()) { found->second.read(addr, bytes); }
+    return bytes;
+}
+
+std::vector<card_id> card_farm::cards() const
+{
+    scoped_lock hold(lock);
+    std::vector<card_id> ids;
+    for (const auto& [id, memory] : memories) { ids.push_back(id); }
+    return ids;
+}
+
+std::vector<extent> card_farm::written(card_id card) const
+{
+    scoped_lock hold(lock);
+    const auto found = memories.find(card);
+    return found == memories.end() ? std::vector<extent>{} : found->second.written();
+}
+
+void card_farm::record_history(size_t max)
+{
+    scoped_lock hold(lock);
+    recorded.clear();
+    record_max = max;
+    record_overflow = 0;
+}
+
+std::vector<recorded_request> card_farm::history() const
+{
+    scoped_lock hold(lock);
+    return recorded;
+}
+
+uint64_t card_farm::history_overflow() const
+{
+    scoped_lock hold(lock);
+    return record_overflow;
+}
+
+void card_farm::keep_trail(size_t frames)
+{
+    scoped_lock hold(lock);
+    trail.keep(frames);
+}
+
+std::string card_farm::write_pcap(const std::string& path) const
+{
+    std::vector<uint8_t> file;
+    {
+        scoped_lock hold(lock);
+        file = trail.as_pcap();
+    }
+    return write_file(path, file);
+}
+
+} // namespace rvk
