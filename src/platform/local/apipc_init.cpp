@@ -1,0 +1,49 @@
+// Registers the process: its endpoint is bound here and given back by the kernel when the process ends.
+#include "platform/local/endpoint.h"
+
+#include "main/log.h"
+#include "platform/platform.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+// What to do about it, where the bare error would not say so.
+void log_refusal(uint32_t identity, int error)
+{
+    const char* directory = rvk::local::endpoint_directory();
+    const char* reason = error == EADDRINUSE     ? "another process is bound to it and alive"
+                         : error == ENAMETOOLONG ? "the folder's name is too long for a socket, set a shorter APIPC_DIR"
+                         : error == EWOULDBLOCK  ? "another process has kept the folder locked for a second"
+                         : error == EEXIST       ? "a file that is not a socket has its name, remove it"
+                                                 : strerror(error);
+    rvk::log_print(LOG_HERE, "endpoint %08x in %s refused: %s\n", static_cast<unsigned>(identity), directory, reason);
+}
+
+int try_to_bind(uint32_t identity, rvk::unique_fd& out)
+{
+    sockaddr_un address;
+    if (!rvk::local::endpoint_address(identity, address)) { return ENAMETOOLONG; } // before a folder is made of it
+    const int error = rvk::local::create_endpoint_directory();
+    return error != 0 ? error : rvk::local::bind_endpoint(identity, out);
+}
+
+} // namespace
+
+int apipc_init(uint32_t identity, int)
+{
+    if (rvk::local::process_endpoint.load() >= 0) {
+        rvk::log_print(LOG_HERE, "endpoint %08x refused: this process has one already\n",
+                       static_cast<unsigned>(identity));
+        return -1;
+    }
+    rvk::unique_fd fd;
+    if (const int error = try_to_bind(identity, fd); error != 0) {
+        log_refusal(identity, error);
+        return -1;
+    }
+    rvk::local::force_large_send_buffer(fd.get());
+    rvk::local::process_endpoint.store(fd.release());
+    return 0;
+}

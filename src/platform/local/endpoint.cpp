@@ -1,0 +1,206 @@
+// See the header. The only state is the socket files themselves; who may bind is decided under a lock on their folder.
+#include "platform/local/endpoint.h"
+
+#include "base/bytes.h"
+#include "base/pause.h"
+#include "main/log.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+namespace rvk::local {
+
+std::atomic<int> process_endpoint{-1};
+
+namespace {
+
+constexpr char default_directory[] = "/run/apipc";
+constexpr char name_format[] = "%08x.sock";
+constexpr size_t name_length = 13;
+constexpr int directory_lock_tries = 1000;   // 1 ms apart
+constexpr int send_buffer_bytes = 256 << 20; // a bound, not a reservation: many stuck peers with full queues
+constexpr mode_t directory_mode = 0770, socket_mode = 0660;
+
+// Held while an endpoint is bound, so that nobody takes a socket file for stale that its owner has just made. On the
+// folder itself: it needs no file of its own and ends with its holder. Bounded: a stopped holder must not stop a start.
+class directory_lock {
+public:
+    directory_lock() : fd(::open(endpoint_directory(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    {
+        if (!fd) {
+            error = errno;
+            return;
+        }
+        for (int left = directory_lock_tries; flock(fd.get(), LOCK_EX | LOCK_NB) != 0; --left) {
+            error = errno;
+            if (error != EWOULDBLOCK || left == 0) { return; }
+            pause_ms(1);
+        }
+        error = 0;
+    }
+    // Unlocked by name: a child that is between its fork and its exec may still hold the descriptor.
+    ~directory_lock()
+    {
+        if (fd && error == 0) { flock(fd.get(), LOCK_UN); }
+    }
+    directory_lock(const directory_lock&) = delete;
+    directory_lock& operator=(const directory_lock&) = delete;
+
+    int error = 0; // 0 while held
+
+private:
+    unique_fd fd;
+};
+
+const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
+
+// 0 when somebody is bound to the address, ENOENT without a file, ECONNREFUSED when the file is stale.
+int probe(const sockaddr_un& address)
+{
+    const unique_fd fd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    if (!fd) { return errno; }
+    return ::connect(fd.get(), generic(address), sizeof address) == 0 ? 0 : errno;
+}
+
+// Makes the address free to bind. Only a socket is ever removed: anything else was put there by mistake.
+int clear_stale(const sockaddr_un& address)
+{
+    const int found = probe(address);
+    if (found == ENOENT) { return 0; }
+    if (found != ECONNREFUSED) { return EADDRINUSE; } // also one that we may not even write to
+    struct stat entry {};
+    if (::lstat(address.sun_path, &entry) != 0) { return errno; }
+    if (!S_ISSOCK(entry.st_mode)) { return EEXIST; }
+    return ::unlink(address.sun_path) == 0 ? 0 : errno;
+}
+
+// The identity that a sender is bound to. By its file's name alone: the folder may be spelled in many ways.
+bool identity_of_sender(const sockaddr_un& from, socklen_t length, uint32_t& out)
+{
+    const size_t path_bytes = length > offsetof(sockaddr_un, sun_path) ? length - offsetof(sockaddr_un, sun_path) : 0;
+    const size_t path_length = strnlen(from.sun_path, path_bytes);
+    if (path_length < name_length) { return false; }
+    char name[name_length + 1];
+    memcpy(name, from.sun_path + path_length - name_length, name_length);
+    name[name_length] = '\0';
+    out = static_cast<uint32_t>(strtoul(name, nullptr, 16));
+    char expected[name_length + 1];
+    snprintf(expected, sizeof expected, name_format, static_cast<unsigned>(out));
+    return strcmp(name, expected) == 0;
+}
+
+bool first_word_is_sender(std::span<const uint8_t> message, const sockaddr_un& from, socklen_t from_length)
+{
+    uint32_t bound = 0;
+    if (!identity_of_sender(from, from_length, bound)) {
+        log_print(LOG_HERE, "message of %zu bytes dropped: its sender has no endpoint of its own\n", message.size());
+        return false;
+    }
+    if (message.size() < sizeof bound) {
+        log_print(LOG_HERE, "message of %zu bytes from %08x dropped: it has no first word\n", message.size(), bound);
+        return false;
+    }
+    const uint32_t claimed = load_le32(message.data());
+    if (claimed == bound) { return true; }
+    log_print(LOG_HERE, "message of %zu bytes dropped: it names %08x as its sender, but came from %08x\n",
+              message.size(), claimed, bound);
+    return false;
+}
+
+} // namespace
+
+const char* endpoint_directory()
+{
+    const char* named = getenv("APIPC_DIR");
+    return named != nullptr && *named != '\0' ? named : default_directory;
+}
+
+bool endpoint_address(uint32_t identity, sockaddr_un& out)
+{
+    out = {};
+    out.sun_family = AF_UNIX;
+    const char* directory = endpoint_directory();
+    const size_t length = strlen(directory);
+    if (length + 1 + name_length + 1 > sizeof out.sun_path) { return false; }
+    memcpy(out.sun_path, directory, length);
+    out.sun_path[length] = '/';
+    snprintf(out.sun_path + length + 1, name_length + 1, name_format, static_cast<unsigned>(identity));
+    return true;
+}
+
+int create_endpoint_directory()
+{
+    if (::mkdir(endpoint_directory(), directory_mode) == 0) {
+        return ::chmod(endpoint_directory(), directory_mode) == 0 ? 0 : errno; // whatever the umask took away
+    }
+    return errno == EEXIST ? 0 : errno;
+}
+
+int bind_endpoint(uint32_t identity, unique_fd& out)
+{
+    sockaddr_un address;
+    if (!endpoint_address(identity, address)) { return ENAMETOOLONG; }
+    unique_fd fd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    if (!fd) { return errno; }
+    const directory_lock hold;
+    if (hold.error != 0) { return hold.error; }
+    if (const int error = clear_stale(address); error != 0) { return error; }
+    // Narrowed before the bind, widened to the mode after it: at no moment is it open to more than its group.
+    if (::fchmod(fd.get(), socket_mode) != 0) { return errno; }
+    if (::bind(fd.get(), generic(address), sizeof address) != 0) { return errno; }
+    if (::chmod(address.sun_path, socket_mode) != 0) { return errno; }
+    out = std::move(fd);
+    return 0;
+}
+
+bool endpoint_alive(uint32_t identity)
+{
+    sockaddr_un address;
+    if (!endpoint_address(identity, address)) { return false; }
+    const int found = probe(address);
+    return found == 0 || found == EACCES || found == EPERM;
+}
+
+void force_large_send_buffer(int fd)
+{
+    if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer_bytes, sizeof send_buffer_bytes) == 0) { return; }
+    // Without the privilege, as much as everybody may have.
+    static_cast<void>(::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes));
+}
+
+int send_datagram(int fd, uint32_t identity, std::span<const uint8_t> message)
+{
+    sockaddr_un address;
+    if (message.size() > datagram_bytes_max) { return EMSGSIZE; }
+    if (!endpoint_address(identity, address)) { return ENAMETOOLONG; }
+    for (;;) {
+        const ssize_t sent =
+            ::sendto(fd, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL, generic(address), sizeof address);
+        if (sent >= 0) { return 0; }
+        if (errno != EINTR) { return errno; }
+    }
+}
+
+ssize_t receive_datagram(int fd, receive_buffer& buffer, int flags)
+{
+    sockaddr_un from{};
+    socklen_t from_length = sizeof from;
+    const ssize_t received = ::recvfrom(fd, buffer.bytes, sizeof buffer.bytes, flags | MSG_TRUNC,
+                                        reinterpret_cast<sockaddr*>(&from), &from_length);
+    if (received < 0) { return -1; }
+    const size_t length = static_cast<size_t>(received);
+    if (length > datagram_bytes_max) {
+        log_print(LOG_HERE, "message of %zu bytes dropped: at most %zu are allowed\n", length, datagram_bytes_max);
+        return 0;
+    }
+    return first_word_is_sender({buffer.bytes, length}, from, from_length) ? received : 0;
+}
+
+} // namespace rvk::local
