@@ -1,0 +1,49 @@
+# rvk_test(NAME LABEL pure|sim|link|system SOURCES … USES … [SINK …] [TIMEOUT s])
+#
+# One test program is one ctest test; `ctest -L LABEL` picks a kind:
+#   pure    logic in one process: no root, no bench; also run under qemu-user for the boards' processors
+#   sim     simulated time: as pure, with a random driver
+#   link    a simulated card over veth, in one process: run inside scripts/in-bench, alone
+#   system  the real programs (bin/rvkd …, beside the test itself): likewise
+# GoogleTest and its main are linked in: the main refuses a link or system test outside the bench, and a run of no test.
+# SINK defaults to log_capture (tests/support), so that a test can look at what was logged.
+function(rvk_test NAME)
+    cmake_parse_arguments(PARSE_ARGV 1 T "" "LABEL;SINK;TIMEOUT" "SOURCES;USES")
+    if(NOT T_LABEL MATCHES "^(pure|sim|link|system)$")
+        message(FATAL_ERROR "rvk_test ${NAME}: LABEL is '${T_LABEL}', not pure, sim, link or system")
+    endif()
+    if(NOT T_SINK)
+        set(T_SINK log_capture)
+    endif()
+    if(NOT T_TIMEOUT)
+        set(T_TIMEOUT 120)
+    endif()
+    if(T_SINK STREQUAL log_capture)
+        list(APPEND T_USES log_capture)
+    endif()
+    rvk_program(${NAME} SOURCES ${T_SOURCES} USES ${T_USES} SINK ${T_SINK})
+    if(T_LABEL MATCHES "link|system")
+        target_link_libraries(${NAME} PRIVATE test_main_bench GTest::gtest)
+        add_test(NAME ${NAME} COMMAND ${CMAKE_SOURCE_DIR}/scripts/in-bench ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>)
+        set_tests_properties(${NAME} PROPERTIES RUN_SERIAL ON)
+    else()
+        target_link_libraries(${NAME} PRIVATE test_main GTest::gtest)
+        if(RVK_TEST_RUNNER)
+            add_test(NAME ${NAME} COMMAND ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>)
+        else()
+            add_test(NAME ${NAME} COMMAND ${NAME}) # a bare target name runs under the emulator where one is set
+        endif()
+    endif()
+    set_tests_properties(${NAME} PROPERTIES
+        LABELS ${T_LABEL}
+        TIMEOUT ${T_TIMEOUT}
+        WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+        FAIL_REGULAR_EXPRESSION "\\[  SKIPPED \\]"
+        ENVIRONMENT "ASAN_OPTIONS=detect_stack_use_after_return=1;UBSAN_OPTIONS=print_stacktrace=1;TSAN_OPTIONS=halt_on_error=1 second_deadlock_stack=1")
+endfunction()
+
+# ThreadSanitizer's fixed map of the address space and a random one get into each other's way on some kernels.
+set(RVK_TEST_RUNNER)
+if(RVK_SANITIZE STREQUAL thread)
+    set(RVK_TEST_RUNNER setarch -R)
+endif()
