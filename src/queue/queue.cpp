@@ -1,0 +1,209 @@
+#include "queue/queue.h"
+
+#include "main/log.h"
+#include "mem/mem.h"
+
+#include <array>
+
+namespace rvk {
+
+mutex mtx[MAX_ETH][queue_numbers];
+QNode* Qlist[MAX_ETH][queue_numbers];
+int32_t Qcount[MAX_ETH][queue_numbers];
+mutex mutex_find;
+mutex mutex_check;
+
+namespace {
+
+QNode* Qtail[MAX_ETH][queue_numbers];
+
+// The youngest node of each sequence number; from it `same_seq` leads round from the oldest. Finding and deleting cost
+// the same however many are pending. Its pages come to life with the numbers that are used.
+QNode* youngest[MAX_ETH][queue_numbers][65'536];
+
+void index_add(QNode** slot, QNode* node)
+{
+    node->same_seq = *slot == nullptr ? node : (*slot)->same_seq;
+    if (*slot != nullptr) { (*slot)->same_seq = node; }
+    *slot = node;
+}
+
+// Result: the node before `node` in its ring, null when it is not in it.
+QNode* ring_neighbour(QNode* last, const QNode* node)
+{
+    if (last == nullptr) { return nullptr; }
+    QNode* before = last;
+    while (before->same_seq != node) {
+        before = before->same_seq;
+        if (before == last) { return nullptr; }
+    }
+    return before;
+}
+
+// Result: false when the node is not filed here.
+bool index_remove(QNode** slot, QNode* node)
+{
+    QNode* before = ring_neighbour(*slot, node);
+    if (before == nullptr) { return false; }
+    before->same_seq = node->same_seq;
+    if (*slot == node) { *slot = before == node ? nullptr : before; }
+    return true;
+}
+
+// Result: false when the node is not filed here.
+bool unlink(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue])
+{
+    if (!index_remove(&youngest[index][queue][node->seq], node)) { return false; }
+    (node->prev == nullptr ? Qlist[index][queue] : node->prev->next) = node->next;
+    (node->next == nullptr ? Qtail[index][queue] : node->next->prev) = node->prev;
+    return true;
+}
+
+void link_tail(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue])
+{
+    node->next = nullptr;
+    node->prev = Qtail[index][queue];
+    (node->prev == nullptr ? Qlist[index][queue] : node->prev->next) = node;
+    Qtail[index][queue] = node;
+    index_add(&youngest[index][queue][node->seq], node);
+}
+
+QNode* oldest_match(int index, int queue, uint32_t addr, uint16_t seq) RVK_REQUIRES(mtx[index][queue])
+{
+    QNode* last = youngest[index][queue][seq];
+    if (last == nullptr) { return nullptr; }
+    QNode* node = last;
+    do {
+        node = node->same_seq;
+        if (node->addr == addr && node->state != phase::answered) { return node; }
+    } while (node != last);
+    return nullptr;
+}
+
+// Result: the old head; the nodes stay chained by `next`.
+QNode* detach_all(int index, int queue)
+{
+    const scoped_lock hold(mtx[index][queue]);
+    QNode* head = Qlist[index][queue];
+    for (const QNode* node = head; node != nullptr; node = node->next) {
+        youngest[index][queue][node->seq] = nullptr;
+        if (--Qcount[index][queue] < 0) { log_print(LOG_HERE, "assert : empty queue error \n"); }
+    }
+    Qlist[index][queue] = nullptr;
+    Qtail[index][queue] = nullptr;
+    return head;
+}
+
+constexpr size_t expired_max = 65'536; // ours: what one pass takes; the rest is seen by the next
+
+size_t collect_expired(int index, int queue, std::array<QNode*, expired_max>* expired)
+{
+    const scoped_lock hold(mtx[index][queue]);
+    size_t n = 0;
+    for (QNode* node = Qlist[index][queue]; node != nullptr && n < expired_max; node = node->next) {
+        if (timerExpired(&node->timer) == 1 && node->state == phase::pending) { (*expired)[n++] = node; }
+    }
+    return n;
+}
+
+} // namespace
+
+void queue_init()
+{
+    for (int index = 0; index < MAX_ETH; ++index) {
+        for (int queue = 0; queue < queue_numbers; ++queue) {
+            const scoped_lock hold(mtx[index][queue]);
+            for (QNode* node = Qlist[index][queue]; node != nullptr; node = node->next) {
+                youngest[index][queue][node->seq] = nullptr;
+            }
+            Qlist[index][queue] = nullptr;
+            Qtail[index][queue] = nullptr;
+            Qcount[index][queue] = 0;
+        }
+    }
+}
+
+int32_t queue_add(int index, int queue, QNode* node)
+{
+    const scoped_lock hold(mtx[index][queue]);
+    if (Qcount[index][queue] >= queue_nodes_max) {
+        log_print(LOG_HERE, "queue is full\n");
+        return -1;
+    }
+    link_tail(index, queue, node);
+    ++Qcount[index][queue];
+    return 0;
+}
+
+int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t seq, uint32_t recv_len,
+                   completion_handler handler, const uint8_t* data)
+{
+    QNode* node = nullptr;
+    {
+        const scoped_lock hold(mtx[index][queue]);
+        node = oldest_match(index, queue, addr, seq);
+    }
+    if (node == nullptr) { return 0; }
+    const scoped_lock hold(mutex_find);
+    node->ack = ack;
+    node->recv_len = recv_len;
+    handler(node, data, recv_len);
+    return 0;
+}
+
+int32_t queue_check(int index, int queue, completion_handler handler)
+{
+    std::array<QNode*, expired_max> expired; // filled as far as it is used
+    const size_t n = collect_expired(index, queue, &expired);
+    const scoped_lock hold(mutex_check);
+    for (size_t i = 0; i < n; ++i) {
+        ++expired[i]->count;
+        handler(expired[i], nullptr, 0);
+    }
+    return 0;
+}
+
+QNode* queue_get(int index, int queue) { return Qlist[index][queue]; }
+
+int32_t queue_del(int index, int queue, QNode** handle)
+{
+    bool filed = false;
+    int32_t count = 0;
+    {
+        const scoped_lock hold(mtx[index][queue]);
+        filed = unlink(index, queue, *handle);
+        count = --Qcount[index][queue];
+    }
+    if (filed) { mem_free(*handle); }
+    if (count >= 0) { return 0; }
+    log_print(LOG_HERE, "assert : del queue error -1\n");
+    return -1;
+}
+
+void queue_empty(int index, int queue)
+{
+    QNode* node = detach_all(index, queue);
+    while (node != nullptr) {
+        QNode* next = node->next;
+        if (node->state == phase::pending) {
+            mem_free(node);
+        } else {
+            node->state = phase::unlinked; // its sender's alone from here on
+        }
+        node = next;
+    }
+}
+
+void queue_del_buf(int index, int queue, const uint8_t* buf)
+{
+    QNode* node = nullptr;
+    {
+        const scoped_lock hold(mtx[index][queue]);
+        node = Qlist[index][queue];
+        while (node != nullptr && node->buf != buf) { node = node->next; }
+        if (node != nullptr) { unlink(index, queue, node); }
+    }
+    mem_free(node);
+}
+
+} // namespace rvk

@@ -1,0 +1,50 @@
+#include "timer/timer.h"
+
+#include <csignal>
+#include <sys/time.h>
+
+namespace rvk {
+
+std::atomic<int32_t> elapsed{0};
+
+int initTimer()
+{
+    signal(SIGALRM, SIG_IGN);
+    elapsed = 0;
+    itimerval every{};
+    every.it_value.tv_usec = tick_us;
+    every.it_interval.tv_usec = tick_us;
+    struct sigaction action = {};
+    action.sa_handler = catch_alarm;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGALRM, &action, nullptr);
+    return setitimer(ITIMER_REAL, &every, nullptr);
+}
+
+void catch_alarm(int) { elapsed.fetch_add(1, std::memory_order_relaxed); }
+
+void receive_ticks_here()
+{
+    sigset_t ticks;
+    sigemptyset(&ticks);
+    sigaddset(&ticks, SIGALRM);
+    pthread_sigmask(SIG_UNBLOCK, &ticks, nullptr);
+}
+
+void timerStart(uint32_t ticks, Timer* timer)
+{
+    const int32_t armed = static_cast<uint16_t>(ticks);
+    timer->expired = 0;
+    timer->remaining = armed;
+    timer->period = armed;
+}
+
+void timerStop(Timer* timer) { timer->period = 0; }
+
+int timerExpired(Timer* timer)
+{
+    if (timer->expired == 0) { return 0; } // the rule: a look costs no locked operation
+    return timer->expired.exchange(0) != 0 ? 1 : 0;
+}
+
+} // namespace rvk

@@ -1,0 +1,44 @@
+// The request timer: one process-wide tick of 30 ms, and the record that turns ticks into an expiry.
+//
+// The signal handler only counts; a link's check thread hands the counted ticks to the pending requests
+// (timer/aging.h). A Timer is armed and stopped by senders and handlers while the aging pass reads it, without a lock:
+// each of its words is one atomic word, and a start seen half done costs at most one early or late expiry.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace rvk {
+
+inline constexpr int32_t tick_us = 30'000; // ours
+
+// Periodic: when it runs out it reloads and sets `expired` until that is read.
+struct Timer {
+    std::atomic<int32_t> period;    // reload value in ticks; 0 means stopped
+    std::atomic<int32_t> remaining; // ticks left before the next expiry
+    std::atomic<int32_t> expired;   // non-zero once it has run out, until it is read
+};
+static_assert(std::atomic<int32_t>::is_always_lock_free);
+
+extern std::atomic<int32_t> elapsed; // ticks not yet handed out; the signal handler adds, the aging pass takes them all
+
+// Starts the ticks. Result: 0 or -1, as of arming the interval timer. Once, before the first link is started.
+int initTimer();
+
+// The SIGALRM handler: adds one tick and does nothing else.
+void catch_alarm(int signal);
+
+// SIGALRM is blocked in every thread but the one that calls this: a tick then neither cuts short another thread's
+// sleep, wait or read, nor waits for a starved one. Called by a link's check thread.
+void receive_ticks_here();
+
+// Arms a timer; ticks are taken as an unsigned 16-bit value, 0 leaves it stopped.
+void timerStart(uint32_t ticks, Timer* timer);
+
+// Stops it; an expiry that was flagged already is still reported once.
+void timerStop(Timer* timer);
+
+// Result: 1 when it had run out since the last call, 0 otherwise. Reading consumes.
+[[nodiscard]] int timerExpired(Timer* timer);
+
+} // namespace rvk
