@@ -1,0 +1,105 @@
+#include "eth_raw/link.h"
+
+#include "base/fd.h"
+#include "main/log.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+namespace rvk {
+
+const char g_netdev_name[MAX_ETH][20] = {"eth0", "eth1", "eth2"};
+eth_init g_eth_init[MAX_ETH];
+
+namespace {
+
+ifreq request_for(const char* if_name)
+{
+    ifreq request{};
+    strncpy(request.ifr_name, if_name, sizeof request.ifr_name - 1);
+    return request;
+}
+
+} // namespace
+
+int32_t RawSockMsgInit(int index)
+{
+    const int32_t result = init_netdev(is_link(index) ? &g_eth_init[index] : nullptr, static_cast<unsigned>(index));
+    if (result == 0) { return 0; }
+    log_print(LOG_HERE, "init_netdev(%d) failed(%d).\n", index, result);
+    return -1;
+}
+
+void RawSockMsgUnInit(int index)
+{
+    if (!is_link(index)) { return; }
+    unique_fd(g_eth_init[index].sock_fd).reset();
+    g_eth_init[index].sock_fd = -1; // the number may be another file's soon
+}
+
+int32_t init_netdev(eth_init* record, unsigned index)
+{
+    if (index >= MAX_ETH) {
+        log_print(LOG_HERE, "%s:%d:index(%d) MAX_ETH(%d).\n", __func__, __LINE__, static_cast<int>(index), MAX_ETH);
+        return -1;
+    }
+    unique_fd fd{socket_init(g_netdev_name[index])};
+    if (!fd) {
+        log_print(LOG_HERE, "%s:%d:socket_init() failed(%d).\n", __func__, __LINE__, -1);
+        return -1;
+    }
+    memcpy(record->if_name, g_netdev_name[index], sizeof record->if_name);
+    record->index = static_cast<int>(index);
+    record->sock_fd = fd.get();
+    log_print(LOG_HERE, "eth_init[%d].sock_fd = %d.\n", record->index, record->sock_fd);
+    const int result = socket_bind(&record->sll, record->sock_fd, record->if_name);
+    if (result < 0) {
+        log_print(LOG_HERE, "socket_bind fail\n");
+        record->sock_fd = -1;
+        return result;
+    }
+    record->active = 1;
+    static_cast<void>(fd.release()); // the record's own from here on
+    return result;
+}
+
+int socket_init(const char* if_name)
+{
+    ifreq request = request_for(if_name);
+    unique_fd fd{::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL))};
+    if (!fd) {
+        log_print(LOG_HERE, "%s:%d:socket() created failed.\n", __func__, __LINE__);
+        return -1;
+    }
+    if (ioctl(fd.get(), SIOCGIFFLAGS, &request) < 0) {
+        log_print(LOG_HERE, "%s:%d:get inferface flag failed.\n", __func__, __LINE__);
+        return -1;
+    }
+    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_PROMISC);
+    if (ioctl(fd.get(), SIOCSIFFLAGS, &request) < 0) {
+        log_print(LOG_HERE, "%s:%d:set IFF_PROMISC flag failed.\n", __func__, __LINE__);
+        return -1;
+    }
+    return fd.release();
+}
+
+int socket_bind(sockaddr_ll* sll, int sock_fd, const char* if_name)
+{
+    ifreq request = request_for(if_name);
+    if (const int result = ioctl(sock_fd, SIOCGIFINDEX, &request); result < 0) {
+        log_print(LOG_HERE, "%s:%d:get ifindex failed.\n", __func__, __LINE__);
+        return result;
+    }
+    sll->sll_ifindex = request.ifr_ifindex;
+    sll->sll_family = AF_PACKET;
+    sll->sll_protocol = htons(ETH_P_ALL);
+    const int result = bind(sock_fd, reinterpret_cast<const sockaddr*>(sll), sizeof *sll);
+    if (result < 0) { log_print(LOG_HERE, "%s:%d:bind failed\n", __func__, __LINE__); }
+    return result;
+}
+
+} // namespace rvk

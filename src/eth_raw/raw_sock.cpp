@@ -1,0 +1,153 @@
+#include "eth_raw/raw_sock.h"
+
+#include "base/pause.h"
+#include "eth_raw/frame.h"
+#include "eth_raw/link.h"
+#include "main/log.h"
+#include "mem/mem.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+
+namespace rvk {
+
+uint8_t gRecvBuffer[receive_bytes];
+static_assert(reply::payload + frame_data_max + checksum_bytes <= sizeof gRecvBuffer);
+
+namespace {
+
+constexpr uint64_t would_block_us = 1000;  // ours
+constexpr uint64_t receive_retry_ms = 100; // ours
+
+struct send_outcome {
+    ssize_t sent;
+    int error;
+};
+
+send_outcome send_once(const eth_init& link, const uint8_t* frame, size_t count)
+{
+    const ssize_t sent =
+        sendto(link.sock_fd, frame, count, 0, reinterpret_cast<const sockaddr*>(&link.sll), sizeof link.sll);
+    return {sent, errno};
+}
+
+send_outcome transmit(eth_init& link, const uint8_t* frame, size_t count)
+{
+    const scoped_lock hold(link.send_mutex);
+    print_msg(frame, count);
+    send_outcome outcome = send_once(link, frame, count);
+    if (outcome.sent < 0 && outcome.error == EAGAIN) {
+        log_print(LOG_HERE, "need send again\n");
+        pause_us(would_block_us);
+        outcome = send_once(link, frame, count);
+    }
+    return outcome;
+}
+
+void print_send_error(int error)
+{
+    errno = error;
+    perror("sendto fail:");
+}
+
+// A link that is not open is refused here, before the system call: its descriptor may be anybody's. Said once per link.
+bool is_open(int index)
+{
+    static std::atomic<bool> said[MAX_ETH];
+    const eth_init& link = g_eth_init[index];
+    if (link.active != 0 && link.sock_fd >= 0) { return true; }
+    if (!said[index].exchange(true)) {
+        log_print(LOG_HERE, "link %d (%s) is not open: nothing is sent to its cards\n", index, g_netdev_name[index]);
+    }
+    return false;
+}
+
+// A receive that fails must not spin its real-time thread: one line, and a pause each time until it works again.
+void note_receive(int index, bool failed, int error)
+{
+    static bool down[MAX_ETH]; // each only by its link's receive thread
+    if (failed && !down[index]) {
+        log_print(LOG_HERE, "link %d (%s): receive failed (%s), trying on every %d ms\n", index, g_netdev_name[index],
+                  strerror(error), static_cast<int>(receive_retry_ms));
+    }
+    if (!failed && down[index]) { log_print(LOG_HERE, "link %d (%s): receives again\n", index, g_netdev_name[index]); }
+    down[index] = failed;
+    if (failed) { pause_ms(receive_retry_ms); }
+}
+
+} // namespace
+
+uint8_t* RawMsgBuffGet(unsigned len)
+{
+    if (len > frame_data_max) { return nullptr; }
+    const size_t bytes = request::payload + std::max<size_t>(len, frame_data_min) + checksum_bytes;
+    auto* block = static_cast<uint8_t*>(mem_alloc(static_cast<unsigned>(bytes)));
+    if (block == nullptr) { return nullptr; }
+    memset(block, 0, bytes);
+    return block + request::payload;
+}
+
+uint8_t* RawMsgBuffHeadGet(uint8_t* payload) { return payload - request::payload; }
+
+void RawMsgBuffFree(uint8_t* payload)
+{
+    if (payload != nullptr) { mem_free(RawMsgBuffHeadGet(payload)); }
+}
+
+void RawMsgFreeBuf(uint8_t* payload) { RawMsgBuffFree(payload); }
+
+int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,
+                       uint8_t* payload, unsigned len)
+{
+    if (!is_link(index)) {
+        log_print(LOG_HERE, "index >= MAX_ETH\n");
+        return -1;
+    }
+    if (payload == nullptr || len == 0 || len > frame_data_max) {
+        log_print(LOG_HERE, "data is NULL len = %d\n", static_cast<int>(len));
+        return -1;
+    }
+    if (!is_open(index)) { return -1; }
+    uint8_t* frame = payload;
+    const unsigned count = RawMsgHeaderPack(model, slot, code, addr, seq, &frame, static_cast<uint16_t>(len));
+    const send_outcome outcome = transmit(g_eth_init[index], frame, count);
+    if (outcome.sent == static_cast<ssize_t>(count)) { return static_cast<int32_t>(count); }
+    print_send_error(outcome.error);
+    log_print(LOG_HERE, "sendto fail:len = %d, ret_len = %d, packet_length= %d, errno = %d\n", static_cast<int>(len),
+              static_cast<int>(outcome.sent), static_cast<int>(count), outcome.error);
+    return -1;
+}
+
+int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes)
+{
+    if (!is_link(index) || payload == nullptr || !is_open(index)) { return -1; }
+    const send_outcome outcome = transmit(g_eth_init[index], RawMsgBuffHeadGet(payload), frame_bytes);
+    if (outcome.sent == static_cast<ssize_t>(frame_bytes)) { return static_cast<int32_t>(frame_bytes); }
+    print_send_error(outcome.error);
+    return -1;
+}
+
+const uint8_t* RawSockMsgRecv(int index, uint8_t* ack, uint16_t* model, uint8_t* slot, uint32_t* addr, uint8_t* code,
+                              uint16_t* seq, uint16_t* len)
+{
+    if (!is_link(index)) { return nullptr; }
+    const ssize_t received = recvfrom(g_eth_init[index].sock_fd, gRecvBuffer, sizeof gRecvBuffer, 0, nullptr, nullptr);
+    if (received < 0 && errno == EINTR) { return nullptr; }
+    note_receive(index, received < 0, errno);
+    if (received <= 0) { return nullptr; }
+    print_msg(gRecvBuffer, static_cast<size_t>(received));
+    return RawMsgHeaderUnpack(gRecvBuffer, static_cast<size_t>(received), ack, model, slot, code, addr, seq, len);
+}
+
+void print_msg(const uint8_t* frame, size_t count)
+{
+    if (print_flag == 0) { return; }
+    printf("%s: \n", frame == gRecvBuffer ? "recv" : "send");
+    for (size_t i = 0; i < count; ++i) { printf(i % 16 == 0 ? "\n%02x " : "%02x ", frame[i]); }
+    printf("\n");
+    fflush(stdout);
+}
+
+} // namespace rvk
