@@ -37,4 +37,47 @@ constexpr uint32_t identity_of(uint8_t board, uint8_t module)
 {
     return static_cast<uint32_t>(board) << 24 | 0x000A0000u | static_cast<uint32_t>(module) << 8;
 }
+
+// Computed afresh from the board's number each time.
+[[nodiscard]] uint32_t own_identity();
+[[nodiscard]] uint32_t companion_identity(); // the other process of this board whose writes are always waited for
+
+// Result: the link a unit id stands for (240, 253, 254 and any other: link 0); the unit id of any link (254).
+[[nodiscard]] int GetIndexById(uint8_t id);
+[[nodiscard]] uint8_t GetIdByIndex(int index);
+
+// Result: the payload of a zero-filled message buffer for n payload bytes, whose handle it is; null when the pool has
+// none. Whoever got it owns it until it is freed, or until it is the destination of a read that was filed.
+[[nodiscard]] uint8_t* ApMsgBuffGet(unsigned n);
+[[nodiscard]] uint8_t* ApMsgBuffHeadGet(uint8_t* handle); // where the message starts
+void ApMsgBuffFree(uint8_t* handle);
+
+// Sends head and n payload bytes, n + 40 bytes in all; the head alone. Result: the messaging service's.
+int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n);
+int ApipcDataSendAck(uint32_t destination, const uint8_t* message);
+
+// Turns the copy of a request's head into the head of its reply.
+// length  payload bytes of the reply, 0 for none
+// Result  whom to send it to
+uint32_t make_reply(uint8_t* head, int32_t result, uint32_t length);
+
+// Answers a request with a head alone. The request's own 40 bytes are not changed.
+void send_reply(const uint8_t* request_head, int32_t result);
+
+// Answers an update request: its head, and the update type it named (4 bytes, as the request carried them).
+void send_update_response(const uint8_t* request_head, const uint8_t* type, int32_t result);
+
+// Fills all 40 bytes of the report of an acknowledged write that nobody waits for.
+void make_write_report(uint8_t* head, int index, uint32_t addr, int32_t result);
+
+// Fills what a read's report changes in the head of the message buffer that holds its data.
+void make_read_report(uint8_t* head, int index, uint32_t addr, uint32_t recv_len, int32_t result);
+
+// Fills the head of the greeting; its payload is 32 bytes of text and 40 zero bytes.
+inline constexpr uint32_t greeting_payload_bytes = 72; // message
+void make_greeting(uint8_t* head);
+
+// Prints bytes on the console as "%02x ", with a line end before bytes 0, 16, 32 … and one more at the end.
+void print_buf(const uint8_t* bytes, size_t count);
+
 } // namespace rvk

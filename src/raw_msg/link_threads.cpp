@@ -1,0 +1,129 @@
+#include "raw_msg/link_threads.h"
+
+#include "base/pause.h"
+#include "base/rt_thread.h"
+#include "eth_raw/frame.h"
+#include "eth_raw/link.h"
+#include "eth_raw/raw_sock.h"
+#include "main/log.h"
+#include "raw_msg/completion.h"
+#include "raw_msg/link_lock.h"
+#include "timer/aging.h"
+#include "timer/timer.h"
+
+namespace rvk {
+namespace {
+
+constexpr int receive_priority = 90, check_priority = 89; // ours, SCHED_FIFO
+constexpr uint64_t check_period_ms = 10;                  // ours; shorter than a tick
+
+struct received_answer {
+    uint8_t ack, slot, code;
+    uint16_t model, seq, len;
+    uint32_t addr;
+    const uint8_t* data;
+};
+
+// One answer may end one request in each of the two queues of its kind: their sequence numbers are counted separately.
+void offer(int index, const received_answer& a)
+{
+    switch (a.code) {
+    case code_write_ack:
+    case code_ack_short:
+        AckRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
+        AckWaitRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
+        break;
+    case code_read:
+        ReadRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
+        ReadWaitRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
+        break;
+    default: break; // no other reply answers a request of ours
+    }
+}
+
+void pin(const char* thread, int index)
+{
+    if (pin_to_processor(index) != 0) {
+        log_print(LOG_HERE, "%s : index %d sched_setaffinity failed\n", thread, index);
+    }
+}
+
+int32_t create(const char* name, int priority, thread_body body, int index, pthread_t* out)
+{
+    log_print(LOG_HERE, "index=%d\n", index);
+    if (start_thread(name, priority, body, index, out) == 0) { return 0; }
+    log_print(LOG_HERE, "failed to create thread \n");
+    return -1;
+}
+
+} // namespace
+
+int32_t RawMsgModuleInit(int index, pthread_t* recv, pthread_t* check)
+{
+    if (index < 0 || RawSockMsgInit(index) != 0) { return 0; }
+    const bool receives = RawMsgRecvTaskCreate(index, recv) == 0;
+    const bool checks = RawMsgRecvCheckTaskCreate(index, check) == 0;
+    if (!receives || !checks) { g_eth_init[index].active = 0; } // nobody may wait for what no thread will see
+    return 0;
+}
+
+void RawMsgModuleUnInit(int index) { RawSockMsgUnInit(index); }
+
+int32_t RawMsgRecvTaskCreate(int index, pthread_t* out)
+{
+    return create("rvk-recv", receive_priority, RawMsgRecv, index, out);
+}
+
+int32_t RawMsgRecvCheckTaskCreate(int index, pthread_t* out)
+{
+    return create("rvk-check", check_priority, RawMsgAckReadCheck, index, out);
+}
+
+void RawMsgRecv(int index)
+{
+    pin(__func__, index);
+    log_print(LOG_HERE, "thread id : %d index = %d\n", kernel_thread_id(), index);
+    for (;;) { receive_step(index); }
+}
+
+void RawMsgAckReadCheck(int index)
+{
+    pin(__func__, index);
+    log_print(LOG_HERE, "thread1 id : %d index = %d\n", kernel_thread_id(), index);
+    receive_ticks_here();
+    for (;;) {
+        check_step(index);
+        pause_ms(check_period_ms);
+    }
+}
+
+void receive_step(int index)
+{
+    received_answer a{};
+    a.data = RawSockMsgRecv(index, &a.ack, &a.model, &a.slot, &a.addr, &a.code, &a.seq, &a.len);
+    if (a.data == nullptr) { return; }
+    sem_t* woken = nullptr;
+    {
+        const scoped_lock hold(find_check_mtx[index]);
+        offer(index, a);
+        woken = take_woken(index);
+    }
+    if (woken != nullptr) { sem_post(woken); }
+}
+
+void check_step(int index)
+{
+    timerUpdate(index, queue_numbers);
+    sem_t* woken = nullptr;
+    {
+        const scoped_lock hold(find_check_mtx[index]);
+        CheckAckRawMsg(index);
+        CheckAckWaitRawMsg(index);
+        CheckReadRawMsg(index);
+        CheckReadWaitRawMsg(index);
+        woken = take_woken(index);
+    }
+    if (woken != nullptr) { sem_post(woken); }
+}
+
+} // namespace rvk

@@ -1,0 +1,39 @@
+#include "raw_msg/send_plain.h"
+
+#include "eth_raw/frame.h"
+#include "eth_raw/raw_sock.h"
+#include "main/log.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace rvk {
+namespace {
+
+constexpr uint16_t no_sequence = 0; // nothing answers, so nothing is told apart
+
+} // namespace
+
+int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
+                       std::span<const uint8_t> data)
+{
+    for (size_t at = 0; at < data.size(); at += frame_data_max) {
+        const auto piece = data.subspan(at, std::min(frame_data_max, data.size() - at));
+        const auto length = static_cast<unsigned>(piece.size());
+        uint8_t* buf = RawMsgBuffGet(length);
+        if (buf == nullptr) {
+            log_print(LOG_HERE, "RawMsgBuffGet fail\n");
+            return -1;
+        }
+        memcpy(buf, piece.data(), length);
+        const auto piece_addr = static_cast<uint32_t>(addr + at);
+        if (RawSockMsgSend(index, model, slot, piece_addr, code, no_sequence, buf, length) < 1) {
+            log_print(LOG_HERE, "#######error %s : index:%d addr:0x%x length:%d send fail\n", __func__, index, addr,
+                      static_cast<int>(data.size()));
+        }
+        RawMsgBuffFree(buf);
+    }
+    return 0;
+}
+
+} // namespace rvk
