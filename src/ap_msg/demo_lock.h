@@ -1,0 +1,11 @@
+// The lock that keeps the dispatch's, the update's and the demo's synchronous card exchanges apart.
+#pragma once
+
+#include "base/mutex.h"
+
+namespace rvk {
+
+// Held around each such exchange, and by the demo for a whole picture: a command from another process waits for it.
+extern mutex demo_mutex;
+
+} // namespace rvk

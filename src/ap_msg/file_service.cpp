@@ -1,0 +1,59 @@
+#include "ap_msg/file_service.h"
+
+#include "ap_msg/file_jobs.h"
+#include "ap_msg/mailbox.h"
+#include "ap_msg/message.h"
+#include "base/rt_thread.h"
+#include "main/log.h"
+
+namespace rvk {
+namespace {
+
+constexpr int file_priority = 95; // ours, SCHED_FIFO: above the IPC receive thread
+
+void run_job(const mailbox_area& message_head, const mailbox_area& data_head)
+{
+    switch (data_head[message::code - message::data_head]) {
+    case command::file_write: write_file_handle(message_head, data_head); break;
+    case command::file_read: read_file_handle(message_head, data_head); break;
+    case command::update:
+        gbUpdateProcessRunning = 1;
+        update_file_handle(message_head, data_head);
+        gbUpdateProcessRunning = 0;
+        break;
+    default: break; // the dispatch hands over nothing else
+    }
+}
+
+} // namespace
+
+int32_t WexApFileTaskCreate(int processor)
+{
+    if (start_thread("rvk-file", file_priority, ApMsgFileProc, processor, nullptr) == 0) { return 0; }
+    log_print(LOG_HERE, "failed to create thread \n");
+    mailbox_close();
+    return -1;
+}
+
+void ApMsgFileProc(int processor)
+{
+    if (pin_to_processor(processor) != 0) {
+        log_print(LOG_HERE, "%s : index %d sched_setaffinity failed\n", __func__, processor);
+    }
+    log_print(LOG_HERE, "file write  thread id : %d index = %d\n", kernel_thread_id(), processor);
+    for (;;) { file_step(); }
+}
+
+void file_step()
+{
+    mailbox_wait();
+    {
+        const scoped_lock hold(file_mutex);
+        const mailbox_area data_head = file_name_data;
+        const mailbox_area message_head = file_write_head;
+        run_job(message_head, data_head);
+    }
+    mailbox_free();
+}
+
+} // namespace rvk

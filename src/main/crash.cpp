@@ -1,0 +1,130 @@
+#include "main/crash.h"
+
+#include "base/pause.h"
+#include "base/rt_thread.h"
+#include "base/semaphore.h"
+#include "main/log.h"
+#include "mem/mem.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <execinfo.h>
+#include <unistd.h>
+
+namespace rvk {
+namespace {
+
+constexpr int trace_frames_max = 100;     // ours: deeper frames are dropped
+constexpr uint64_t last_words_ms = 1'500; // ours: the process is gone within 2 s
+
+struct stack_trace {
+    void* addresses[trace_frames_max];
+    int count;
+};
+
+stack_trace trace_of_the_dead; // written by the thread that owns the death, before it posts
+std::atomic<int> owner{0};     // its kernel thread id
+std::atomic<bool> can_hand_over{false};
+semaphore death{0};
+
+void take_trace(stack_trace* trace) { trace->count = backtrace(trace->addresses, trace_frames_max); }
+
+void log_trace(const stack_trace& trace)
+{
+    log_print(LOG_HERE, "backtrace() returned %d addresses\n", trace.count);
+    char** symbols = backtrace_symbols(trace.addresses, trace.count);
+    if (symbols == nullptr) {
+        log_print(LOG_HERE, "backtrace_symbols");
+        exit(1);
+    }
+    for (int i = 0; i < trace.count; ++i) { log_print(LOG_HERE, "%s\n", symbols[i]); }
+    free(symbols);
+}
+
+[[noreturn]] void bury()
+{
+    log_print(LOG_HERE, "task_die!!!\n");
+    log_trace(trace_of_the_dead);
+    mem_uinit();
+    exit(0);
+}
+
+void bury_when_dead(int)
+{
+    free(malloc(1)); // an arena of its own: the dead may hold the lock of another
+    death.wait();
+    bury();
+}
+
+void wait_for_termination(int)
+{
+    sigset_t termination;
+    sigemptyset(&termination);
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM}) { sigaddset(&termination, signal); }
+    pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
+    for (;;) { pause(); }
+}
+
+void on_signal(int signal, int flags)
+{
+    struct sigaction action = {};
+    action.sa_handler = task_die;
+    action.sa_flags = SA_RESTART | SA_ONSTACK | flags;
+    for (const int other : {SIGINT, SIGQUIT, SIGTERM}) { sigaddset(&action.sa_mask, other); }
+    sigaction(signal, &action, nullptr);
+}
+
+} // namespace
+
+void block_signals()
+{
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE}) { sigaddset(&blocked, signal); }
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+}
+
+void signal_set()
+{
+    signal(SIGHUP, SIG_IGN);
+    on_signal(SIGINT, 0);
+    on_signal(SIGQUIT, 0);
+    on_signal(SIGSEGV, SA_NODEFER); // a fault inside the handler comes back to it
+    on_signal(SIGTERM, 0);
+}
+
+void start_crash_threads()
+{
+    stack_trace first;
+    take_trace(&first); // backtrace loads a library at its first call, which no handler may do
+    use_alternate_signal_stack();
+    can_hand_over = start_thread("rvk-death", 0, bury_when_dead, 0, nullptr) == 0;
+    if (start_thread("rvk-signal", 0, wait_for_termination, 0, nullptr) != 0) {
+        log_print(LOG_HERE, "failed to create thread : SIGINT, SIGQUIT and SIGTERM are not served\n");
+    }
+}
+
+void task_die(int)
+{
+    const int self = kernel_thread_id();
+    int first = 0;
+    if (owner.compare_exchange_strong(first, self)) {
+        take_trace(&trace_of_the_dead);
+        if (!can_hand_over) { bury(); }
+        death.post();
+    } else if (first == self) {
+        death.post(); // hit again while taking the trace: without it
+    }
+    pause_ms(last_words_ms);
+    _exit(0);
+}
+
+void putstackinfo()
+{
+    stack_trace trace;
+    take_trace(&trace);
+    log_trace(trace);
+}
+
+} // namespace rvk

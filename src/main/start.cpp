@@ -1,0 +1,68 @@
+// The daemon's start: options, kernel limits, signals, the shared facilities, link 0 and the threads, in a fixed order.
+// Afterwards the main thread only sleeps; the process ends by a signal.
+#include "ap_msg/endpoint.h"
+#include "ap_msg/file_service.h"
+#include "base/pause.h"
+#include "main/crash.h"
+#include "main/log.h"
+#include "mem/mem.h"
+#include "platform/platform.h"
+#include "queue/queue.h"
+#include "raw_msg/link_threads.h"
+#include "timer/timer.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int link_slots[] = {0, -1}; // board: eth0, and none
+constexpr int ipc_processor = 3;      // board
+
+// What opens a file later must not get a standard stream's number.
+void open_standard_streams()
+{
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) { fd = dup(fd); }
+    close(fd);
+}
+
+void parse_options(int argc, char** argv)
+{
+    for (int option = 0; (option = getopt(argc, argv, "df")) != -1;) {
+        if (option == 'd') { rvk::log_debug = 1; }
+        if (option == 'f') { rvk::log_d = 1; } // any other is ignored
+    }
+}
+
+void raise_send_buffers()
+{
+    // The blank behind each '=' is part of the command; most systems' sysctl rejects it, and nothing depends on it.
+    static_cast<void>(my_system("sysctl -w net.core.wmem_max= 8388608"));
+    static_cast<void>(my_system("sysctl -w net.core.wmem_default= 8388608"));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    open_standard_streams();
+    rvk::block_signals();
+    signal(SIGCHLD, SIG_DFL); // inherited as ignored it would take the status of every command away
+    parse_options(argc, argv);
+    raise_send_buffers();
+    rvk::signal_set();
+    rvk::start_crash_threads();
+    rvk::queue_init();
+    rvk::mem_init();
+    static_cast<void>(rvk::initTimer());
+    for (const int index : link_slots) {
+        pthread_t receive_thread{};
+        pthread_t check_thread{};
+        if (rvk::RawMsgModuleInit(index, &receive_thread, &check_thread) != 0) { return -1; }
+    }
+    static_cast<void>(rvk::WexApRecvTaskCreate(ipc_processor)); // each logs its own failure; the daemon runs on
+    static_cast<void>(rvk::WexApFileTaskCreate(ipc_processor));
+    for (;;) { rvk::pause_ms(1000); }
+}
