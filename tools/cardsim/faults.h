@@ -34,24 +34,24 @@ struct occurrence {
 struct card_faults {
     uint64_t seed = 1;
 
-    occurrence loss;           // a good request is never seen: nothing is written, nothing answered
-    occurrence wrong_ack;      // an acknowledged write is answered with wrong_status and not carried out
-    occurrence wrong_read;     // a read is answered with wrong_status and no data
-    occurrence read_says_none; // a read is answered with status 255 ("no answer") and its data
-    occurrence read_empty;     // a read is answered with status 0 and no data
-    occurrence read_oversized; // a read is answered with oversized_len bytes, whatever it asked for
-    occurrence ack_code_short; // an acknowledged write is answered with code 0x10 in place of 0x11
-    occurrence len_past_end;   // the answer's len is 100 more than the data it carries
-    occurrence len_huge;       // the answer's len is 60,000
-    occurrence len_short;      // the answer's len is half of the data it carries; answers with data only
-    occurrence corrupt;        // one bit of the answer is wrong, behind its sync bytes
-    occurrence trailing;       // the answer has 1 to 16 bytes behind its checksum
-    occurrence foreign;    // a frame that is no reply (other addresses, or other sync bytes) comes before the answer
-    occurrence runt;       // a frame with right addresses, too short for a header, comes before the answer
-    occurrence reply_loss; // the request is carried out, its answer does not arrive
-    occurrence duplicate;  // the answer arrives twice
-    occurrence delay;      // the answer arrives delay_ms late
-    occurrence reorder;    // the answer arrives behind the link's next one, or 5 ms late when none comes
+    occurrence loss{};           // a good request is never seen: nothing is written, nothing answered
+    occurrence wrong_ack{};      // an acknowledged write is answered with wrong_status and not carried out
+    occurrence wrong_read{};     // a read is answered with wrong_status and no data
+    occurrence read_says_none{}; // a read is answered with status 255 ("no answer") and its data
+    occurrence read_empty{};     // a read is answered with status 0 and no data
+    occurrence read_oversized{}; // a read is answered with oversized_len bytes, whatever it asked for
+    occurrence ack_code_short{}; // an acknowledged write is answered with code 0x10 in place of 0x11
+    occurrence len_past_end{};   // the answer's len is 100 more than the data it carries
+    occurrence len_huge{};       // the answer's len is 60,000
+    occurrence len_short{};      // the answer's len is half of the data it carries; answers with data only
+    occurrence corrupt{};        // one bit of the answer is wrong, behind its sync bytes
+    occurrence trailing{};       // the answer has 1 to 16 bytes behind its checksum
+    occurrence foreign{};    // a frame that is no reply (other addresses, or other sync bytes) comes before the answer
+    occurrence runt{};       // a frame with right addresses, too short for a header, comes before the answer
+    occurrence reply_loss{}; // the request is carried out, its answer does not arrive
+    occurrence duplicate{};  // the answer arrives twice
+    occurrence delay{};      // the answer arrives delay_ms late
+    occurrence reorder{};    // the answer arrives behind the link's next one, or 5 ms late when none comes
 
     uint8_t wrong_status = 2;
     uint16_t oversized_len = 1401; // at most reply_data_max
