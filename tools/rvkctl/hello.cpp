@@ -10,10 +10,11 @@ namespace rvk::ctl {
 
 void run_hello(const settings& used, outcome& run)
 {
-    session talk(used);
-    run.facts.update(talk.facts());
+    run.facts.update(facts_of(used));
     run.facts["code"] = command::greeting;
     run.facts["code_meaning"] = "greeting";
+    session talk(used);
+    run.facts["requester_identity"] = talk.identity();
     const auto asked = std::chrono::steady_clock::now();
     const std::string text = talk.greet();
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - asked;

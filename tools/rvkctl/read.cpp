@@ -9,8 +9,8 @@ namespace {
 
 std::string what_text(const read_options& options)
 {
-    return format("read of %d bytes at 0x%08x from slot %d, model 0x%x", options.len, options.addr, options.slot,
-                  options.model);
+    return format("read of %s at 0x%08x from slot %d, model 0x%x", byte_count(options.len).c_str(), options.addr,
+                  options.slot, options.model);
 }
 
 void note_request(const read_options& options, outcome& run)
@@ -38,9 +38,10 @@ std::vector<uint8_t> data_of(const answer& got, const read_options& options)
 
 void run_read(const settings& used, const read_options& options, outcome& run)
 {
-    session talk(used);
-    run.facts.update(talk.facts());
+    run.facts.update(facts_of(used));
     note_request(options, run);
+    session talk(used);
+    run.facts["requester_identity"] = talk.identity();
     const answer got = talk.ask({.code = command::read,
                                  .slot = options.slot,
                                  .model = options.model,
@@ -62,12 +63,11 @@ void run_read(const settings& used, const read_options& options, outcome& run)
     } else {
         write_file(options.out_file, data);
         run.facts["out_file"] = options.out_file;
-        run.answer = format("%zu bytes written to %s\n", data.size(), options.out_file.c_str());
+        run.answer = format("%s written to %s\n", byte_count(data.size()).c_str(), options.out_file.c_str());
     }
     if (data.size() < options.len) {
-        throw failure{problem::short_answer,
-                      format("%s: the card sent %zu bytes only; does that register block end there?",
-                             what_text(options).c_str(), data.size())};
+        throw failure{problem::short_answer, format("%s: the card sent only %s; does that register block end there?",
+                                                    what_text(options).c_str(), byte_count(data.size()).c_str())};
     }
 }
 

@@ -133,6 +133,15 @@ failure cannot_send(endpoint_status status, const settings& used, const std::str
 
 } // namespace
 
+nlohmann::ordered_json facts_of(const settings& used)
+{
+    const uint32_t daemon = identity_of(used.board, module_self);
+    return {{"board", used.board},
+            {"daemon_identity", daemon},
+            {"socket", socket_path(daemon)},
+            {"timeout_ms", used.timeout.count()}};
+}
+
 session::session(const settings& options)
     : used(options), daemon(identity_of(options.board, module_self)), last_seq(first_seq())
 {
@@ -168,12 +177,14 @@ answer session::ask(const request& command)
 
 void session::tell(const request& command) { static_cast<void>(send(command)); }
 
-bool session::failure_reported(uint32_t first, uint64_t bytes, milliseconds wait)
+std::optional<uint32_t> session::reported_failure(uint32_t first, uint64_t bytes, milliseconds wait)
 {
     const auto ours = [&](uint32_t addr) { return addr >= first && addr - first < bytes; };
-    if (std::any_of(failed_writes.begin(), failed_writes.end(), ours)) { return true; }
+    const auto known = std::find_if(failed_writes.begin(), failed_writes.end(), ours);
+    if (known != failed_writes.end()) { return *known; }
     answer got;
-    return wait_for([&](const answer& a) { return is_failure_report(a) && ours(a.addr); }, clock::now() + wait, got);
+    const auto wanted = [&](const answer& a) { return is_failure_report(a) && ours(a.addr); };
+    return wait_for(wanted, clock::now() + wait, got) ? std::optional(got.addr) : std::nullopt;
 }
 
 bool session::write_is_answered(const request& command) const
@@ -181,15 +192,6 @@ bool session::write_is_answered(const request& command) const
     if (command.code != command::write_ack) { return false; }
     const bool companion = endpoint.identity() == identity_of(used.board, module_companion);
     return companion || command.slot != 1 || command.model != 0 || (command.addr & 0xF0000000u) != 0;
-}
-
-nlohmann::ordered_json session::facts() const
-{
-    return {{"board", used.board},
-            {"socket", socket_path(daemon)},
-            {"daemon_identity", daemon},
-            {"requester_identity", endpoint.identity()},
-            {"timeout_ms", used.timeout.count()}};
 }
 
 uint16_t session::send(const request& command)

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -43,6 +44,9 @@ struct answer {
     std::vector<uint8_t> payload; // everything behind the head, padding included
 };
 
+// Whom a command is for, for the JSON object; known before anything is opened.
+[[nodiscard]] nlohmann::ordered_json facts_of(const settings& used);
+
 class session {
 public:
     // Opens the endpoint. Throws a failure, as everything below.
@@ -57,14 +61,14 @@ public:
     // Sends a command that has no answer of its own.
     void tell(const request& command);
 
-    // Whether the daemon reported, or reports within this time, that a write in [first, first + bytes) was given up.
-    bool failure_reported(uint32_t first, uint64_t bytes, std::chrono::milliseconds wait);
+    // The address at which a write in [first, first + bytes) was given up, as the daemon reported or reports within
+    // this time.
+    std::optional<uint32_t> reported_failure(uint32_t first, uint64_t bytes, std::chrono::milliseconds wait);
 
     // Whether a write is answered when it is done, or only reported when it fails.
     [[nodiscard]] bool write_is_answered(const request& command) const;
 
-    // Who talks to whom, for the JSON object.
-    [[nodiscard]] nlohmann::ordered_json facts() const;
+    [[nodiscard]] uint32_t identity() const { return endpoint.identity(); }
 
     std::string doing; // what a long wait shows on a terminal beside the time; may be empty
 

@@ -148,6 +148,8 @@ std::string hex_dump(uint32_t addr, std::span<const uint8_t> bytes)
     return out;
 }
 
+std::string byte_count(uint64_t bytes) { return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes"); }
+
 std::string format(const char* text, ...)
 {
     va_list arguments, again;

@@ -25,6 +25,8 @@ std::string hex_text(std::span<const uint8_t> bytes); // lower case, no blanks
 // Lines of sixteen bytes: address, bytes in pairs, printable ASCII. `xxd -r` reads it.
 std::string hex_dump(uint32_t addr, std::span<const uint8_t> bytes);
 
+std::string byte_count(uint64_t bytes); // "1 byte", "2 bytes"
+
 // printf into a string.
 std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
 

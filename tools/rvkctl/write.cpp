@@ -6,6 +6,7 @@
 #include "rvkctl/values.h"
 
 #include <algorithm>
+#include <optional>
 #include <span>
 
 namespace rvk::ctl {
@@ -28,15 +29,7 @@ void note_request(const write_options& options, outcome& run)
     run.facts["slot"] = options.slot;
     run.facts["model"] = options.model;
     run.facts["addr"] = options.addr;
-    run.facts["bytes"] = options.bytes.size();
-}
-
-[[noreturn]] void throw_refused(const write_options& options, uint32_t addr, size_t bytes, const std::string& why)
-{
-    throw failure{problem::refused,
-                  format("write of %zu bytes at 0x%08x to %s failed (%s): the card did not answer; check "
-                         "slot, model and address",
-                         bytes, addr, target_text(options).c_str(), why.c_str())};
+    run.facts["data_bytes"] = options.bytes.size();
 }
 
 class writer {
@@ -47,7 +40,7 @@ public:
     {
         const std::span<const uint8_t> all{options.bytes};
         for (size_t at = 0; at < all.size(); at += command_data_max) {
-            talk.doing = format("%zu of %zu bytes", at, all.size());
+            talk.doing = format("%zu of %s", at, byte_count(all.size()).c_str());
             write_piece(static_cast<uint32_t>(options.addr + at),
                         all.subspan(at, std::min<size_t>(command_data_max, all.size() - at)));
             ++confirmed;
@@ -82,7 +75,14 @@ private:
         confirmed_by = "reply";
         run.facts["result"] = got.result;
         run.facts["result_meaning"] = result_meaning(got.result);
-        if (got.result != 0) { throw_refused(options, piece.addr, piece.len, format("result %d", got.result)); }
+        if (got.result == 0) { return; }
+        const size_t before = piece.addr - options.addr;
+        throw failure{
+            problem::refused,
+            format("write of %s at 0x%08x to %s failed (result %d): the card did not answer; check slot, model and "
+                   "address%s",
+                   byte_count(piece.len).c_str(), piece.addr, target_text(options).c_str(), got.result,
+                   before == 0 ? "" : format("; the %s before are written", byte_count(before).c_str()).c_str())};
     }
 
     void write_between_greetings(const request& piece)
@@ -101,10 +101,16 @@ private:
     // The daemon's reports name the address of the piece that it gave up.
     void refuse_reported(milliseconds wait)
     {
-        if (!talk.failure_reported(options.addr, last_reported_bytes, wait)) { return; }
+        const std::optional<uint32_t> where = talk.reported_failure(options.addr, last_reported_bytes, wait);
+        if (!where) { return; }
         run.facts["result"] = -1;
         run.facts["result_meaning"] = result_meaning(-1);
-        throw_refused(options, options.addr, options.bytes.size(), "reported by the daemon");
+        run.facts["failed_addr"] = *where;
+        throw failure{
+            problem::refused,
+            format("write of %s at 0x%08x to %s failed (reported by the daemon): the card did not answer at 0x%08x; "
+                   "check slot, model and address",
+                   byte_count(options.bytes.size()).c_str(), options.addr, target_text(options).c_str(), *where)};
     }
 
     session& talk;
@@ -116,25 +122,23 @@ private:
 
 std::string done_text(const write_options& options, const writer& done)
 {
-    const std::string what =
-        format("%zu bytes written to %s at 0x%08x", options.bytes.size(), target_text(options).c_str(), options.addr);
+    const std::string what = format("%s written to %s at 0x%08x", byte_count(options.bytes.size()).c_str(),
+                                    target_text(options).c_str(), options.addr);
     if (options.no_ack) { return what + ": sent, the card is not asked\n"; }
     return what + (done.confirmed_by == "reply" ? ": answered\n" : ": no failure reported\n");
 }
 
-// Added to a failure: how far the write got.
+// Added when no answer came: how far the write got.
 std::string progress_text(const write_options& options, const writer& all, problem what)
 {
-    if (what == problem::no_answer && all.sent > all.confirmed) {
-        return format("; %zu of %zu bytes are confirmed, the next ones may have been written",
-                      all.confirmed * command_data_max, options.bytes.size());
-    }
-    return all.confirmed == 0 ? "" : format("; the %zu bytes before it are written", all.confirmed * command_data_max);
+    if (all.sent == 0) { return ""; }
+    return format("; %zu of %s confirmed%s", all.confirmed * command_data_max, byte_count(options.bytes.size()).c_str(),
+                  what == problem::no_answer && all.sent > all.confirmed ? ", the next ones may have been written"
+                                                                         : "");
 }
 
 void note_progress(const writer& all, outcome& run)
 {
-    run.facts["commands_sent"] = all.sent;
     run.facts["commands_confirmed"] = all.confirmed;
     if (!all.confirmed_by.empty()) { run.facts["confirmed_by"] = all.confirmed_by; }
 }
@@ -143,15 +147,16 @@ void note_progress(const writer& all, outcome& run)
 
 void run_write(const settings& used, const write_options& options, outcome& run)
 {
-    session talk(used);
-    run.facts.update(talk.facts());
+    run.facts.update(facts_of(used));
     note_request(options, run);
+    session talk(used);
+    run.facts["requester_identity"] = talk.identity();
     writer all(talk, options, run);
     try {
         all.write_all();
     } catch (failure& failed) {
         note_progress(all, run);
-        failed.text += progress_text(options, all, failed.what);
+        if (failed.what != problem::refused) { failed.text += progress_text(options, all, failed.what); }
         throw;
     }
     note_progress(all, run);
