@@ -87,11 +87,12 @@ std::string reports()
     for (const auto& [to, bytes] : world.messages) {
         EXPECT_EQ(to, requester);
         EXPECT_EQ(load_le32(&bytes[message::addr]), addr);
+        EXPECT_EQ(load_le32(&bytes[message::length]), bytes.size()); // of reports, the head included
+        EXPECT_EQ(load_le16(&bytes[message::len]), bytes.size() - message_head_bytes);
         const auto result = static_cast<int32_t>(load_le32(&bytes[message::result]));
         text += "report " + std::to_string(result);
         if (bytes.size() > message_head_bytes) {
             const size_t len = load_le16(&bytes[message::len]);
-            EXPECT_EQ(bytes.size(), len + message_head_bytes);
             text += ": " + bytes_said(std::span(bytes).subspan(message::payload, len));
         }
     }
