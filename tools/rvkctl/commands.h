@@ -5,6 +5,7 @@
 #include "rvkctl/outcome.h"
 #include "rvkctl/session.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -27,7 +28,7 @@ struct write_options {
     std::vector<uint8_t> bytes;
 };
 
-inline constexpr uint64_t command_data_max = 1400; // daemon: the most data of one read; ours: of one write command
+inline constexpr size_t command_data_max = 1400; // daemon: the most data of one read; ours: of one write command
 
 void run_hello(const settings& used, outcome& run);
 void run_read(const settings& used, const read_options& options, outcome& run);
