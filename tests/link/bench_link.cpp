@@ -22,6 +22,7 @@ namespace {
 constexpr uint32_t fence_addr = 0xFFFFFF00; // of reads that only show that everything before them was received
 constexpr size_t trail_frames = 1000, history_frames = 200'000;
 constexpr uint32_t fence_ticks = 3;
+constexpr int cards_priority = 80; // below the daemon, but no ordinary thread of other programs may hold answers back
 
 struct link_thread_pair {
     pthread_t receive{}, check{};
@@ -110,7 +111,7 @@ void LinkTest::SetUp()
 {
     static_cast<void>(threads_of_link_0());
     farm.keep_trail(trail_frames);
-    restart_cards({.priority = 20}); // ordinary threads of other programs must not hold answers back
+    restart_cards({.priority = cards_priority});
     ASSERT_TRUE(soon(fence, 5000)) << "no way to the cards";
     farm.record_history(history_frames);
     blocks_before = blocks_in_use();

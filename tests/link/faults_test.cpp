@@ -43,7 +43,6 @@ const async_case async_cases[] = {
     {"an acknowledgement lost", reported_write, {.reply_loss = 1}, 2, ""},
     {"refused twice: resent at once, costs no try", reported_write, {.wrong_ack = 2}, 3, ""},
     {"refused without end", reported_write, {.wrong_ack = always}, 1000, "failed"},
-    {"refused and every answer doubled: each costs a resend", reported_write, {.wrong_ack = 1, .duplicate = 1}, 3, ""},
     {"a card that says 'no answer' has said nothing", reported_write, {.wrong_ack = 1, .wrong_status = 255}, 2, ""},
     {"acknowledged twice", reported_write, {.duplicate = always}, 1, ""},
     {"acknowledged after the resend", reported_write, {.delay = 1, .delay_ms = 400}, 2, ""},

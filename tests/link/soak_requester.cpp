@@ -114,7 +114,7 @@ void soak_requester::run(uint64_t end_us)
             await_answer();
             break;
         default:
-            for (size_t burst = up_to(40); burst > 0; --burst) {
+            for (size_t burst = up_to(20); burst > 0; --burst) {
                 start(soak_kind::unwaited_write, up_to(dice() % 8 == 0 ? 3 * frame_data_max : 100));
             }
             break;
