@@ -140,7 +140,7 @@ TEST_F(Dispatch, SortsOutWhatIsNoCommand)
         int16_t kind, type;
     } rows[] = {
         {"nothing", 0, 28, 0},   {"a byte short of a head", 39, 28, 0}, {"another type", 40, 28, 2},
-        {"another", 40, 28, -1}, {"another class", 80, 27, 0},       {"another", 40, 28 + 256, 1},
+        {"another", 40, 28, -1}, {"another class", 80, 27, 0},          {"another", 40, 28 + 256, 1},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

@@ -55,7 +55,7 @@ TEST(Queue, BehavesAsAPlainList)
         if (what < 3) {
             model.push_back(file(addr, seq));
         } else if (what < 5 && !model.empty()) {
-            const auto gone = model.begin() + below(model.size());
+            const auto gone = model.begin() + static_cast<int>(below(model.size()));
             QNode* node = *gone;
             model.erase(gone);
             ASSERT_EQ(queue_del(link, queue, &node), 0);
