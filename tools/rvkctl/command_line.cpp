@@ -56,6 +56,7 @@ struct raw_text {
     std::string board, module, timeout;
     std::string slot, model = "0", addr, len, file;
     std::vector<std::string> bytes;
+    bool no_ack = false;
 };
 
 uint8_t default_board()
@@ -101,6 +102,7 @@ write_options write_options_of(const raw_text& raw)
         throw failure{problem::wrong_usage, "write needs either BYTES or --file FILE, and not both"};
     }
     write_options out;
+    out.no_ack = raw.no_ack;
     out.slot = static_cast<uint8_t>(number_in("SLOT", raw.slot, 0, UINT8_MAX));
     out.addr = static_cast<uint32_t>(number_in("ADDR", raw.addr, 0, UINT32_MAX));
     out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
@@ -131,6 +133,32 @@ void add_card_options(CLI::App& command, raw_text& raw)
     command.add_option("--model", raw.model, "Card model, 0 to 65535; default 0")->type_name("M");
 }
 
+void add_commands(CLI::App& app, raw_text& raw)
+{
+    app.add_subcommand("hello", "Ask the daemon whether it is there");
+
+    CLI::App& read = *app.add_subcommand("read", "Read from a card and show the bytes");
+    add_card_options(read, raw);
+    read.add_option("LEN", raw.len, "Bytes to read, 1 to 1400")->required()->type_name("");
+    read.add_option("--out", raw.file, "Put the bytes into FILE instead of showing them")->type_name("FILE");
+
+    CLI::App& write = *app.add_subcommand("write", "Write to a card");
+    add_card_options(write, raw);
+    write.add_option("BYTES", raw.bytes, "Hex digits in memory order, blanks allowed between bytes")->type_name("");
+    write.add_option("--file", raw.file, "Write what FILE holds")->type_name("FILE");
+    write.add_flag("--no-ack", raw.no_ack, "Do not ask the card for an acknowledgement");
+}
+
+// What a command's name and options come to.
+std::function<void(const settings&, outcome&)> runner_of(const std::string& command, const raw_text& raw)
+{
+    if (command == "hello") { return run_hello; }
+    if (command == "read") {
+        return [options = read_options_of(raw)](const settings& used, outcome& run) { run_read(used, options, run); };
+    }
+    return [options = write_options_of(raw)](const settings& used, outcome& run) { run_write(used, options, run); };
+}
+
 // Whether --json stands on a command line that could not be understood as a whole.
 bool names_json(int argc, char** argv)
 {
@@ -144,23 +172,11 @@ void parse_command_line(int argc, char** argv, command_line& out)
     out.used.json = argc > 1 && names_json(argc, argv);
     CLI::App app{about, "rvkctl"};
     raw_text raw;
-    bool no_ack = false;
     app.footer(footer);
     app.require_subcommand(0, 1); // none is refused below: CLI11 would not say which word it did not know
     app.fallthrough();
     add_global_options(app, raw, out.used.json);
-
-    CLI::App* hello = app.add_subcommand("hello", "Ask the daemon whether it is there");
-    CLI::App* read = app.add_subcommand("read", "Read from a card and show the bytes");
-    add_card_options(*read, raw);
-    read->add_option("LEN", raw.len, "Bytes to read, 1 to 1400")->required()->type_name("");
-    read->add_option("--out", raw.file, "Put the bytes into FILE instead of showing them")->type_name("FILE");
-    CLI::App* write = app.add_subcommand("write", "Write to a card");
-    add_card_options(*write, raw);
-    write->add_option("BYTES", raw.bytes, "Hex digits in memory order, blanks allowed between bytes")->type_name("");
-    write->add_option("--file", raw.file, "Write what FILE holds")->type_name("FILE");
-    write->add_flag("--no-ack", no_ack, "Do not ask the card for an acknowledgement");
-
+    add_commands(app, raw);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -174,17 +190,7 @@ void parse_command_line(int argc, char** argv, command_line& out)
     }
     out.command = app.get_subcommands().front()->get_name();
     take_settings(raw, out.used);
-    if (hello->parsed()) {
-        out.run = run_hello;
-    } else if (read->parsed()) {
-        out.run = [options = read_options_of(raw)](const settings& used, outcome& run) {
-            run_read(used, options, run);
-        };
-    } else {
-        write_options options = write_options_of(raw);
-        options.no_ack = no_ack;
-        out.run = [options = std::move(options)](const settings& used, outcome& run) { run_write(used, options, run); };
-    }
+    out.run = runner_of(out.command, raw);
 }
 
 int run_command_line(int argc, char** argv)

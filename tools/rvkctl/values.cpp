@@ -8,8 +8,10 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace rvk::ctl {
 namespace {
@@ -60,6 +62,9 @@ void append_word(const std::string& word, std::vector<uint8_t>& out)
 
 struct close_file {
     void operator()(FILE* file) const { fclose(file); }
+};
+struct free_text {
+    void operator()(char* text) const { free(text); }
 };
 using owned_file = std::unique_ptr<FILE, close_file>;
 
@@ -152,15 +157,14 @@ std::string byte_count(uint64_t bytes) { return std::to_string(bytes) + (bytes =
 
 std::string format(const char* text, ...)
 {
-    va_list arguments, again;
+    va_list arguments;
     va_start(arguments, text);
-    va_copy(again, arguments);
-    const int length = vsnprintf(nullptr, 0, text, arguments);
-    std::string out(static_cast<size_t>(std::max(length, 0)), '\0');
-    vsnprintf(out.data(), out.size() + 1, text, again);
-    va_end(again);
+    char* made = nullptr;
+    const int length = vasprintf(&made, text, arguments);
     va_end(arguments);
-    return out;
+    if (length < 0) { throw std::bad_alloc(); }
+    const std::unique_ptr<char, free_text> owned{made};
+    return {made, static_cast<size_t>(length)};
 }
 
 } // namespace rvk::ctl
