@@ -46,8 +46,8 @@ void log_trace(const stack_trace& trace)
 
 [[noreturn]] void bury()
 {
-    signal(SIGABRT,
-           task_die); // the heap of the dead may be broken: whoever finds out waits for the end, as the dead do
+    // The heap of the dead may be broken: whoever finds out waits for the end, as the dead do.
+    signal(SIGABRT, task_die);
     log_print(LOG_HERE, "task_die!!!\n");
     log_trace(trace_of_the_dead);
     mem_uinit();
@@ -71,7 +71,9 @@ void log_trace(const stack_trace& trace)
 
 void bury_when_dead(int)
 {
-    free(malloc(1)); // an arena of its own: the dead may hold the lock of another
+    // An arena of its own: the dead may hold the lock of another. Volatile, or the compiler drops the pair.
+    void* volatile own_arena = malloc(1);
+    free(own_arena);
     death.wait();
     bury();
 }
