@@ -13,6 +13,8 @@
 #include <array>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
 
 using namespace rvk;
 
@@ -114,6 +116,8 @@ TEST_F(LinkState, ThatIsNotThereRefusesAtOnce)
     EXPECT_EQ(RawMsgModuleInit(-1, &receive, &check), 0);
     for (const int index : {1, 2, 3, -1}) { expect_refusals(index); } // 1 was never opened
     EXPECT_EQ(logged("(eth2) is not open"), 1u);
+    for (const int index : {1, 2, 3, -1}) { RawSockMsgUnInit(index); }
+    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);            // a record that is all zero owns no descriptor
     EXPECT_EQ(run_request(waited_read, addr, 4).result, 0); // link 0 goes on
 }
 
