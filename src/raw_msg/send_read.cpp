@@ -54,6 +54,7 @@ int32_t exchange(uint16_t model, uint8_t slot, uint8_t code, uint32_t len, QNode
 int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
                                    std::span<uint8_t> dest, uint32_t* recv_len, uint32_t timeout_ticks)
 {
+    *recv_len = 0;
     if (!link_exists(index)) { return -1; }
     const scoped_lock hold(write_read_ack_wait_mtx);
     uint8_t* buf = request_buffer();
