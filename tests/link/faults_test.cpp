@@ -28,50 +28,51 @@ struct async_case {
     request_kind kind;
     card_faults faults;
     size_t frames;
+    size_t late;       // of them, those sent after an expiry; the others follow a refusal at once
     const char* heard; // by the requester
 };
 
 // A resend's answer is never late enough to come before the next resend: only the first answer is delayed, by 400 ms.
 const async_case async_cases[] = {
-    {"a good answer ends it silently", reported_write, {}, 1, ""},
-    {"the short code of an acknowledgement is as good", reported_write, {.ack_code_short = always}, 1, ""},
-    {"no answer: three sends, one report", reported_write, {.loss = always}, 3, "failed"},
-    {"carried out, but never acknowledged", reported_write, {.reply_loss = always}, 3, "failed"},
-    {"every answer corrupt", reported_write, {.corrupt = always}, 3, "failed"},
-    {"one request lost", reported_write, {.loss = 1}, 2, ""},
-    {"two requests lost", reported_write, {.loss = 2}, 3, ""},
-    {"an acknowledgement lost", reported_write, {.reply_loss = 1}, 2, ""},
-    {"refused twice: resent at once, costs no try", reported_write, {.wrong_ack = 2}, 3, ""},
-    {"refused without end", reported_write, {.wrong_ack = always}, 1000, "failed"},
-    {"a card that says 'no answer' has said nothing", reported_write, {.wrong_ack = 1, .wrong_status = 255}, 2, ""},
-    {"acknowledged twice", reported_write, {.duplicate = always}, 1, ""},
-    {"acknowledged after the resend", reported_write, {.delay = 1, .delay_ms = 400}, 2, ""},
-    {"acknowledged in wrong order", reported_write, {.reorder = 1}, 1, ""},
-    {"a corrupt acknowledgement", reported_write, {.corrupt = 1}, 2, ""},
-    {"an acknowledgement with bytes behind it", reported_write, {.trailing = 1}, 2, ""},
-    {"an acknowledgement that claims 100 bytes", reported_write, {.len_past_end = 1}, 2, ""},
-    {"an acknowledgement that claims 60,000 bytes", reported_write, {.len_huge = 1}, 2, ""},
-    {"foreign frames in between", reported_write, {.foreign = always}, 1, ""},
-    {"runts in between", reported_write, {.runt = always}, 1, ""},
+    {"a good answer ends it silently", reported_write, {}, 1, 0, ""},
+    {"the short code of an acknowledgement is as good", reported_write, {.ack_code_short = always}, 1, 0, ""},
+    {"no answer: three sends, one report", reported_write, {.loss = always}, 3, 2, "failed"},
+    {"carried out, but never acknowledged", reported_write, {.reply_loss = always}, 3, 2, "failed"},
+    {"every answer corrupt", reported_write, {.corrupt = always}, 3, 2, "failed"},
+    {"one request lost", reported_write, {.loss = 1}, 2, 1, ""},
+    {"two requests lost", reported_write, {.loss = 2}, 3, 2, ""},
+    {"an acknowledgement lost", reported_write, {.reply_loss = 1}, 2, 1, ""},
+    {"refused twice: resent at once, costs no try", reported_write, {.wrong_ack = 2}, 3, 0, ""},
+    {"refused without end", reported_write, {.wrong_ack = always}, 1000, 0, "failed"},
+    {"a card that says 'no answer' has said nothing", reported_write, {.wrong_ack = 1, .wrong_status = 255}, 2, 1, ""},
+    {"acknowledged twice", reported_write, {.duplicate = always}, 1, 0, ""},
+    {"acknowledged after the resend", reported_write, {.delay = 1, .delay_ms = 400}, 2, 1, ""},
+    {"acknowledged in wrong order", reported_write, {.reorder = 1}, 1, 0, ""},
+    {"a corrupt acknowledgement", reported_write, {.corrupt = 1}, 2, 1, ""},
+    {"an acknowledgement with bytes behind it", reported_write, {.trailing = 1}, 2, 1, ""},
+    {"an acknowledgement that claims 100 bytes", reported_write, {.len_past_end = 1}, 2, 1, ""},
+    {"an acknowledgement that claims 60,000 bytes", reported_write, {.len_huge = 1}, 2, 1, ""},
+    {"foreign frames in between", reported_write, {.foreign = always}, 1, 0, ""},
+    {"runts in between", reported_write, {.runt = always}, 1, 0, ""},
 
-    {"data", reported_read, {}, 1, "data"},
-    {"no answer: three sends, one report", reported_read, {.loss = always}, 3, "failed"},
-    {"one request lost", reported_read, {.loss = 1}, 2, "data"},
-    {"two answers lost", reported_read, {.reply_loss = 2}, 3, "data"},
-    {"refused twice", reported_read, {.wrong_read = 2}, 3, "data"},
-    {"refused without end", reported_read, {.wrong_read = always}, 1000, "failed"},
-    {"status 255, with data", reported_read, {.read_says_none = 1}, 2, "data"},
-    {"status 0, without data", reported_read, {.read_empty = 1}, 2, "data"},
-    {"never any data", reported_read, {.read_empty = always}, 3, "failed"},
-    {"more than a frame carries", reported_read, {.read_oversized = 1}, 1, "failed"},
-    {"more than a receive buffer holds", reported_read, {.read_oversized = 1, .oversized_len = 1500}, 2, "data"},
-    {"answered twice", reported_read, {.duplicate = always}, 1, "data"},
-    {"answered after the resend", reported_read, {.delay = 1, .delay_ms = 400}, 2, "data"},
-    {"a corrupt answer", reported_read, {.corrupt = 1}, 2, "data"},
-    {"an answer that claims half of its data", reported_read, {.len_short = 1}, 2, "data"},
-    {"an answer that claims 100 bytes more", reported_read, {.len_past_end = 1}, 2, "data"},
-    {"an answer that claims 60,000 bytes", reported_read, {.len_huge = 1}, 2, "data"},
-    {"foreign frames and runts in between", reported_read, {.foreign = always, .runt = always}, 1, "data"},
+    {"data", reported_read, {}, 1, 0, "data"},
+    {"no answer: three sends, one report", reported_read, {.loss = always}, 3, 2, "failed"},
+    {"one request lost", reported_read, {.loss = 1}, 2, 1, "data"},
+    {"two answers lost", reported_read, {.reply_loss = 2}, 3, 2, "data"},
+    {"refused twice", reported_read, {.wrong_read = 2}, 3, 0, "data"},
+    {"refused without end", reported_read, {.wrong_read = always}, 1000, 0, "failed"},
+    {"status 255, with data", reported_read, {.read_says_none = 1}, 2, 1, "data"},
+    {"status 0, without data", reported_read, {.read_empty = 1}, 2, 1, "data"},
+    {"never any data", reported_read, {.read_empty = always}, 3, 2, "failed"},
+    {"more than a frame carries", reported_read, {.read_oversized = 1}, 1, 0, "failed"},
+    {"more than a receive buffer holds", reported_read, {.read_oversized = 1, .oversized_len = 1500}, 2, 1, "data"},
+    {"answered twice", reported_read, {.duplicate = always}, 1, 0, "data"},
+    {"answered after the resend", reported_read, {.delay = 1, .delay_ms = 400}, 2, 1, "data"},
+    {"a corrupt answer", reported_read, {.corrupt = 1}, 2, 1, "data"},
+    {"an answer that claims half of its data", reported_read, {.len_short = 1}, 2, 1, "data"},
+    {"an answer that claims 100 bytes more", reported_read, {.len_past_end = 1}, 2, 1, "data"},
+    {"an answer that claims 60,000 bytes", reported_read, {.len_huge = 1}, 2, 1, "data"},
+    {"foreign frames and runts in between", reported_read, {.foreign = always, .runt = always}, 1, 0, "data"},
 };
 
 struct waited_case {
@@ -128,10 +129,12 @@ TEST_F(Faults, EndEveryAsynchronousRequestOnce)
         addr += addr_step;
         if (row.kind == reported_read) { preset(addr); }
         static_cast<void>(take_messages());
+        static_cast<void>(take_log());
         farm.set_faults(row.faults);
         ASSERT_EQ(run_request(row.kind, addr, 100).result, 0);
         settle_down();
         EXPECT_EQ(frames_to(addr).size(), row.frames);
+        EXPECT_EQ(logged("no ack msg"), row.late);
         EXPECT_EQ(heard_about(addr, take_messages()), row.heard);
         if (row.kind == reported_read) { continue; }
         EXPECT_EQ(stored(addr, 100), row.faults.loss.part == 0 && row.faults.wrong_ack.part == 0);
@@ -152,6 +155,7 @@ TEST_F(Faults, EndEverySynchronousRequestAfterOneFrame)
         EXPECT_EQ(r.ack, row.ack);
         EXPECT_EQ(r.data, row.kind == waited_read && row.result == 0 ? pattern(addr, 100) : std::vector<uint8_t>{});
         EXPECT_LT(r.took_us, 20'000'000u);
+        if (row.expires) { EXPECT_GE(r.took_us, 30'000u); } // three expiries, and at most two ticks wait already
         settle_down();
         EXPECT_EQ(frames_to(addr).size(), 1u);
     }
