@@ -41,6 +41,11 @@ void expect_same(const std::deque<QNode*>& model)
     ASSERT_EQ(Qcount[link][queue], static_cast<int32_t>(model.size()));
 }
 
+auto oldest_match(const std::deque<QNode*>& model, uint32_t addr, uint16_t seq)
+{
+    return std::find_if(model.begin(), model.end(), [=](const QNode* n) { return n->addr == addr && n->seq == seq; });
+}
+
 TEST(Queue, BehavesAsAPlainList)
 {
     queue_init();
@@ -60,8 +65,7 @@ TEST(Queue, BehavesAsAPlainList)
             model.erase(gone);
             ASSERT_EQ(queue_del(link, queue, &node), 0);
         } else if (what < 7) {
-            const auto match = [=](const QNode* n) { return n->addr == addr && n->seq == seq; };
-            const auto oldest = std::find_if(model.begin(), model.end(), match);
+            const auto oldest = oldest_match(model, addr, seq);
             queue_find(link, queue, addr, 9, seq, 77, record, nullptr);
             ASSERT_EQ(handled.size(), oldest != model.end() ? 1u : 0u);
             if (oldest == model.end()) { continue; }
@@ -76,10 +80,7 @@ TEST(Queue, BehavesAsAPlainList)
             queue_check(link, queue, record);
             ASSERT_EQ(handled, expired);
         }
-        if (i % 10'000 == 9'999) {
-            queue_empty(link, queue);
-            model.clear();
-        }
+        if (i % 10'000 == 9'999) { queue_empty(link, queue), model.clear(); }
         if (i % 16 == 0) { expect_same(model); }
     }
     queue_empty(link, queue);
