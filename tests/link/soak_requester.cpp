@@ -102,7 +102,7 @@ void soak_requester::book(const std::vector<uint8_t>& answer)
 
 void soak_requester::run(uint64_t end_us)
 {
-    const auto up_to = [&](size_t max) { return 1 + dice() % max; };
+    const auto up_to = [&](size_t max) { return static_cast<size_t>(1 + dice() % max); };
     while (now_us() < end_us && wrong.empty()) {
         switch (dice() % 5) {
         case 0:
