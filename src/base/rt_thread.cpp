@@ -51,6 +51,7 @@ int start_thread(const char* name, int priority, thread_body body, int argument,
     pthread_t thread{};
     int result = pthread_attr_setstacksize(&attributes, stack_bytes) == 0 ? 0 : -1;
     if (result == 0 && priority != 0) { result = real_time_attributes(&attributes, priority); }
+    if (out == nullptr) { pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED); } // nobody could join it
     if (result == 0) { result = pthread_create(&thread, &attributes, trampoline, start.get()) == 0 ? 0 : -1; }
     pthread_attr_destroy(&attributes);
     if (result != 0) { return -1; }

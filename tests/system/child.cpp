@@ -141,10 +141,9 @@ std::vector<thread_facts> threads_of(pid_t process)
     return out;
 }
 
-bool in_mask(const std::string& folder, const std::string& mask, int number)
+signal_mask mask_of(const std::string& folder, const std::string& mask)
 {
-    const std::string text = proc_field(folder, "status", mask);
-    return (std::strtoull(text.c_str(), nullptr, 16) >> (number - 1) & 1) != 0;
+    return {std::strtoull(proc_field(folder, "status", mask).c_str(), nullptr, 16)};
 }
 
 std::string file_text(const std::string& path)

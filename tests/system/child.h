@@ -7,6 +7,7 @@
 #include "base/pause.h"
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -63,8 +64,12 @@ struct thread_facts {
 };
 [[nodiscard]] std::vector<thread_facts> threads_of(pid_t process);
 
-// Whether the signal is in a mask of /proc/PID/status: SigBlk, SigIgn, SigCgt. folder: "PID" or "PID/task/TID".
-[[nodiscard]] bool in_mask(const std::string& folder, const std::string& mask, int number);
+// A mask of /proc/PID/status: SigBlk, SigIgn, SigCgt. folder: "PID" or "PID/task/TID".
+struct signal_mask {
+    uint64_t bits = 0;
+    [[nodiscard]] bool has(int number) const { return (bits >> (number - 1) & 1) != 0; }
+};
+[[nodiscard]] signal_mask mask_of(const std::string& folder, const std::string& mask);
 
 [[nodiscard]] std::string file_text(const std::string& path); // empty when it is not there
 

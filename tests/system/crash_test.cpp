@@ -25,25 +25,33 @@ const death deaths[] = {
     {"raised", 5, words::always},
     {"overflow-main", 5, words::always},
     {"overflow-thread", 5, words::always},
-    {"in-allocator", 200, at_random},
+    {"in-allocator", sanitized ? 50 : 200, at_random},
     {"in-pool", 40, at_random},
     {"in-log", 40, words::perhaps},       // by the lock that it may hold
     {"log-argument", 4, words::never},    // held for certain
-    {"in-trace", 5, words::perhaps},      // the count is 0
     {"no-symbols", 5, words::perhaps, 1}, // the status is that of a trace that failed
     {"all-at-once", 40, words::always},
     {"alone", 5, words::always},
-#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
-    {"broken-heap", 5, words::always},       // the sanitizer ends the process first
-    {"alone-log-argument", 4, words::never}, // it holds an alarm back from a thread that waits for a lock
+#if !defined(__SANITIZE_THREAD__)    // which lets no signal through in a handler
+    {"in-trace", 5, words::perhaps}, // the count is 0
+    {"alone-log-argument", 4, words::never},
+#if !defined(__SANITIZE_ADDRESS__) // which ends the process itself
+    {"broken-heap", 5, words::always},
+#endif
 #endif
 };
 
 constexpr size_t at_once = 8; // so many side by side: those that cannot speak take 1.5 s
 
-std::unique_ptr<child> victim(const death& row, int seed)
+// No leak: a block whose address is only in a register of the dead. Nor is a handler wrong that has nobody to ask.
+child_setup victim_setup()
 {
-    return std::make_unique<child>(std::vector<std::string>{program("crash_victim"), row.name, std::to_string(seed)});
+    return {.environment = {"ASAN_OPTIONS=detect_leaks=0", "TSAN_OPTIONS=halt_on_error=1 report_signal_unsafe=0"}};
+}
+
+std::vector<std::string> victim(const char* name, int seed)
+{
+    return {program("crash_victim"), name, std::to_string(seed)};
 }
 
 void expect_end(child& dying, const death& row)
@@ -56,7 +64,7 @@ void expect_end(child& dying, const death& row)
 
 std::string output_of(const char* name)
 {
-    child dying({program("crash_victim"), name, "1"});
+    child dying(victim(name, 1), victim_setup());
     static_cast<void>(dying.end());
     return dying.output();
 }
@@ -69,7 +77,9 @@ TEST(Crash, EndsWithStatus0AndItsLastWords)
         for (int run = 0; run < row.runs;) {
             SCOPED_TRACE(row.name + std::string(" ") + std::to_string(run));
             std::vector<std::unique_ptr<child>> batch;
-            while (batch.size() < at_once && run < row.runs) { batch.push_back(victim(row, ++run)); }
+            while (batch.size() < at_once && run < row.runs) {
+                batch.push_back(std::make_unique<child>(victim(row.name, ++run), victim_setup()));
+            }
             for (auto& dying : batch) { expect_end(*dying, row); }
             ASSERT_FALSE(HasFailure());
         }
@@ -83,7 +93,9 @@ TEST(Crash, TheTraceIsThatOfTheThreadThatWasHit)
         EXPECT_NE(output_of(name).find("(victim_faults_here+0x"), std::string::npos);
     }
     EXPECT_NE(output_of("overflow-thread").find("backtrace() returned 100 addresses\n"), std::string::npos);
+#if !defined(__SANITIZE_THREAD__)
     EXPECT_NE(output_of("in-trace").find("backtrace() returned 0 addresses\n"), std::string::npos);
+#endif
     const std::string failed = output_of("no-symbols");
     const std::string last = "]:: backtrace_symbols";
     ASSERT_GT(failed.size(), last.size());

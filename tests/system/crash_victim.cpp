@@ -19,8 +19,8 @@ using namespace rvk;
 namespace {
 
 std::atomic<bool> fault_in_trace{false}, refuse_symbols{false}, refuse_threads{false}, go{false};
-std::mt19937 dice; // the main thread's
-int* volatile nowhere = nullptr;
+std::mt19937 dice;                                  // the main thread's
+int* volatile nowhere = reinterpret_cast<int*>(64); // not null: UBSan would speak first
 
 } // namespace
 
@@ -46,10 +46,10 @@ int __wrap_pthread_create(pthread_t* out, const pthread_attr_t* attributes, void
 }
 
 // Named in the trace, so that it can be told whose trace it is.
-__attribute__((noinline)) void victim_faults_here(int)
+__attribute__((noinline)) void victim_faults_here(int thread)
 {
-    *nowhere = 1;
-    *nowhere = 2; // no tail for a jump
+    nowhere[thread] = 1; // each to its own, so that there is no race
+    nowhere[thread] = 2; // no tail for a jump
 }
 }
 
@@ -89,10 +89,10 @@ void use_log(int)
     for (int i = 0;; ++i) { log_print(LOG_HERE, "line %d of many\n", i); }
 }
 
-pthread_t start(thread_body body)
+pthread_t start(thread_body body, int argument = 0)
 {
     pthread_t thread{};
-    if (start_thread("victim", 0, body, 0, &thread) != 0) { abort(); }
+    if (start_thread("victim", 0, body, argument, &thread) != 0) { abort(); }
     return thread;
 }
 
@@ -123,7 +123,7 @@ void break_the_heap()
 
 void all_at_once()
 {
-    for (int i = 0; i < 4; ++i) { start(fault_when_told); }
+    for (int i = 1; i < 5; ++i) { start(fault_when_told, i); }
     pause_ms(2);
     go = true;
     kill(getpid(), SIGTERM);

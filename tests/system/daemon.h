@@ -21,7 +21,7 @@ inline constexpr bool sanitized = true; // figures of memory and time are the sa
 inline constexpr bool sanitized = false;
 #endif
 
-inline constexpr milliseconds last_words{2'500}; // a dying process is gone within 2 s, and half a second of room
+inline constexpr milliseconds last_words{sanitized ? 10'000 : 3'000}; // a dying process is gone within 2 s, and room
 
 // A program of ours, beside the test itself.
 [[nodiscard]] std::string program(const std::string& name);

@@ -81,7 +81,7 @@ TEST(Streams, InheritedDispositionsDoNotMatter)
         SCOPED_TRACE(number);
         daemon_process d({"-d"}, setup);
         ASSERT_TRUE(conversation().is_greeted());
-        EXPECT_FALSE(in_mask(std::to_string(d.pid()), "SigIgn", SIGCHLD));
+        EXPECT_FALSE(mask_of(std::to_string(d.pid()), "SigIgn").has(SIGCHLD));
         EXPECT_EQ(d.end_by(number, last_words), 0);
         EXPECT_EQ(fault_in_last_words(d.output()), "");
     }
