@@ -15,11 +15,14 @@ namespace {
 
 constexpr uint64_t between_rounds_ms = 5; // real-time threads must leave the processor some time
 
+int decimals(double value) { return value < 10 ? 2 : value < 100 ? 1 : 0; }
+
 void print_row(const std::string& work, const std::string& against, const std::string& unit, pair_of_medians found,
                const std::string& goal, bool kept)
 {
-    std::printf("| %s | %s | %.4g | %.4g | %s | %.2f | %s | %s |\n", work.c_str(), against.c_str(), found.ours,
-                found.bare, unit.c_str(), found.ours / found.bare, goal.c_str(), kept ? "yes" : "**no**");
+    std::printf("| %s | %s | %.*f | %.*f | %s | %.2f | %s | %s |\n", work.c_str(), against.c_str(),
+                decimals(found.ours), found.ours, decimals(found.bare), found.bare, unit.c_str(),
+                found.ours / found.bare, goal.c_str(), kept ? "yes" : "**no**");
     std::fflush(stdout);
 }
 
