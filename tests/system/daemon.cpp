@@ -41,7 +41,7 @@ std::string program(const std::string& name)
 child_setup daemon_setup()
 {
     write_recorder();
-    return {.environment = {"PATH=" + recorder_folder + ":" + getenv("PATH")}};
+    return {.environment = {"PATH=" + recorder_folder + ":" + getenv("PATH"), sanitizer_manners}};
 }
 
 daemon_process::daemon_process(const std::vector<std::string>& arguments, const child_setup& setup,

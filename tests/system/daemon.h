@@ -15,6 +15,11 @@
 
 namespace rvk {
 
+#if defined(__SANITIZE_THREAD__)
+inline constexpr bool thread_sanitized = true;
+#else
+inline constexpr bool thread_sanitized = false;
+#endif
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool sanitized = true; // figures of memory and time are the sanitizer's
 #else
@@ -25,6 +30,11 @@ inline constexpr milliseconds last_words{sanitized ? 10'000 : 3'000}; // a dying
 
 // A program of ours, beside the test itself.
 [[nodiscard]] std::string program(const std::string& name);
+
+// ThreadSanitizer sleeps a second at each end, and has an opinion on what a handler does when no thread is there for
+// it.
+inline const std::string sanitizer_manners =
+    "TSAN_OPTIONS=halt_on_error=1 second_deadlock_stack=1 atexit_sleep_ms=0 report_signal_unsafe=0";
 
 [[nodiscard]] child_setup daemon_setup(); // the recorder first on PATH
 inline const std::string sysctl_record = "/run/rvk-bench/sysctl";
