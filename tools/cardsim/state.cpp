@@ -66,18 +66,12 @@ std::string save_state(const card_farm& farm, const std::string& folder, const s
 
 std::string summary(const farm_counts& counts, const std::string& link)
 {
-    std::string injected;
-    for (const fault_row& row : fault_table()) {
-        if (counts.of(row.kind) == 0) { continue; }
-        injected += (injected.empty() ? "" : ", ") + std::string(row.name) + ' ' + std::to_string(counts.of(row.kind));
-    }
     const auto number = [](uint64_t n) { return std::to_string(n); };
     return link + ": received " + number(counts.received) + " frames: " + number(counts.reads) + " reads, " +
            number(counts.plain_writes) + " plain writes, " + number(counts.acknowledged_writes) +
            " acknowledged writes, " + number(counts.refused()) + " refused, " + number(counts.of(verdict::foreign)) +
            " foreign; wrote " + number(counts.bytes_written) + " bytes; sent " + number(counts.replies) + " frames\n" +
-           link + ": refused: " + counts.refusals() + '\n' + link +
-           ": injected: " + (injected.empty() ? "none" : injected) + '\n';
+           link + ": refused: " + counts.refusals() + '\n' + link + ": injected: " + counts.injections() + '\n';
 }
 
 } // namespace rvk
