@@ -82,7 +82,7 @@ void block_signals()
     sigset_t blocked;
     sigemptyset(&blocked);
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE}) { sigaddset(&blocked, signal); }
-    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    pthread_sigmask(SIG_SETMASK, &blocked, nullptr); // whatever mask we were started with
 }
 
 void signal_set()

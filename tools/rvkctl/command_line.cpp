@@ -8,9 +8,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <exception>
 
 namespace rvk::ctl {
 namespace {
@@ -184,6 +185,25 @@ void parse_command_line(int argc, char** argv, command_line& out)
         options.no_ack = no_ack;
         out.run = [options = std::move(options)](const settings& used, outcome& run) { run_write(used, options, run); };
     }
+}
+
+int run_command_line(int argc, char** argv)
+{
+    command_line line;
+    outcome run;
+    try {
+        parse_command_line(argc, argv, line);
+        if (!line.help.empty()) { return fputs(line.help.c_str(), stdout) < 0 || fflush(stdout) != 0 ? 2 : 0; }
+        run.command = line.command;
+        line.run(line.used, run);
+    } catch (const failure& failed) {
+        run.command = line.command;
+        run.failed = failed;
+    } catch (const std::exception& error) { // no memory
+        run.command = line.command;
+        run.failed = {problem::wrong_usage, error.what()};
+    }
+    return present(run, line.used.json);
 }
 
 } // namespace rvk::ctl
