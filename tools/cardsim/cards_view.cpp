@@ -1,7 +1,7 @@
 // The farm seen from outside: its records, what its cards hold, and what it kept for a person.
 #include "cardsim/cards.h"
 
-#include "cardsim/pcap.h"
+#include "files/write_file.h"
 
 #include <algorithm>
 #include <cassert>
