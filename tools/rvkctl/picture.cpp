@@ -7,6 +7,7 @@
 #include "rvkctl/file_watch.h"
 #include "rvkctl/values.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -24,11 +25,10 @@ constexpr uint64_t bmp_head_bytes = 54; // daemon: of the images it writes
 
 std::vector<uint8_t> payload_of(const picture_options& options, const std::string& path)
 {
-    std::vector<uint8_t> out(size_bytes);
+    std::vector<uint8_t> out(size_bytes + path.size() + 1); // the last stays zero
     store_le32(out.data(), options.hor);
     store_le32(out.data() + 4, options.ver);
-    out.insert(out.end(), path.begin(), path.end());
-    out.push_back(0);
+    std::copy(path.begin(), path.end(), out.begin() + size_bytes);
     return out;
 }
 

@@ -6,6 +6,7 @@
 #include "base/bytes.h"
 #include "rvkctl/values.h"
 
+#include <algorithm>
 #include <sys/wait.h>
 
 namespace rvk::ctl {
@@ -34,10 +35,9 @@ const char* name_of(uint8_t type)
 
 std::vector<uint8_t> payload_of(uint8_t type, const std::string& path)
 {
-    std::vector<uint8_t> out(type_bytes);
+    std::vector<uint8_t> out(type_bytes + path.size() + 1); // the last stays zero
     store_le32(out.data(), type);
-    out.insert(out.end(), path.begin(), path.end());
-    out.push_back(0);
+    std::copy(path.begin(), path.end(), out.begin() + type_bytes);
     return out;
 }
 
