@@ -244,7 +244,9 @@ TEST(Conversation, JsonSaysEverything)
 {
     const endpoint_folder folder;
     fake_daemon daemon({.result = -1, .good_answers = 2});
-    daemon.memory = {{0x10, 0xAB}, {0x11, 0x01}};
+    const auto wrote = nlohmann::json::parse(run_rvkctl({"write", "--json", "2", "0x10", "ab01"}).out);
+    EXPECT_EQ(wrote["confirmed_by"], "reply");
+    EXPECT_EQ(wrote["commands_confirmed"], 1);
     const auto good = nlohmann::json::parse(run_rvkctl({"--json", "read", "2", "0x10", "2"}).out);
     EXPECT_EQ(good["format_version"], 1);
     EXPECT_EQ(good["command"], "read");
@@ -257,9 +259,6 @@ TEST(Conversation, JsonSaysEverything)
     EXPECT_EQ(good["data"], "ab01");
     EXPECT_EQ(good["socket"], folder.file("010a3b00.sock"));
     EXPECT_FALSE(good.contains("error"));
-    const auto wrote = nlohmann::json::parse(run_rvkctl({"write", "--json", "2", "0", "aa"}).out);
-    EXPECT_EQ(wrote["confirmed_by"], "reply");
-    EXPECT_EQ(wrote["commands_confirmed"], 1);
     const auto bad = nlohmann::json::parse(run_rvkctl({"--json", "read", "2", "0x10", "2"}).out);
     EXPECT_EQ(bad["exit_status"], 1);
     EXPECT_EQ(bad["result"], -1);

@@ -12,6 +12,7 @@
 #include "raw_msg/link_threads.h"
 #include "timer/timer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -140,7 +141,7 @@ ssize_t __wrap_recvfrom(int, void* room, size_t size, int, sockaddr*, socklen_t*
     const rvk::frame_bytes_t frame = std::move(rvk::world.answers.front());
     rvk::world.answers.pop_front();
     const size_t taken = std::min(size, frame.size());
-    memcpy(room, frame.data(), taken);
+    std::copy_n(frame.begin(), taken, static_cast<uint8_t*>(room));
     return static_cast<ssize_t>(taken);
 }
 
@@ -159,6 +160,7 @@ int __wrap_sem_wait(sem_t* sem)
 void __wrap_perror(const char*) { ++rvk::world.errors_printed; }
 
 // Drops what the reports print, whose only format this is.
+int __wrap_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 int __wrap_printf(const char* format, ...)
 {
     if (strcmp(format, "%s%s\n end ") == 0) { return 0; }

@@ -29,7 +29,7 @@ using namespace rvk;
 namespace {
 
 constexpr int requests = 1000;
-constexpr uint64_t once_failed[] = {1};
+constexpr uint64_t once_failed[] = {1}; // a seed that has failed is added here, and runs first from then on
 
 uint64_t running_seed;
 
