@@ -16,6 +16,8 @@ lines whole_start() { return {playback_order().begin(), playback_order().end()};
 TEST(Playback, NotesWhatBelongsToIt)
 {
     playback_log log;
+    log.note_picture(16);
+    EXPECT_TRUE(log.lines().empty()); // a picture of somebody's, not of a demo
     log.note_readiness(0xFF);
     log.note_readiness(-1);
     log.note_readiness(0);
@@ -40,7 +42,9 @@ TEST(Playback, EveryBeginningIsInOrderAndNothingElse)
         EXPECT_EQ(check_playback(all), "");
     }
     all.push_back("picture 25");
-    EXPECT_EQ(check_playback(all), "'picture 25' behind the end");
+    EXPECT_EQ(check_playback(all), "");
+    all.push_back("a0 := 00");
+    EXPECT_EQ(check_playback(all), "'a0 := 00' behind the end");
     for (size_t i = 1; i < playback_order().size(); ++i) {
         lines swapped = whole_start();
         std::swap(swapped[i - 1], swapped[i]);

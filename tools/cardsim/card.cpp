@@ -54,12 +54,10 @@ mistake sim_card::read(const request_fields& request, std::span<uint8_t> out)
     }
 }
 
-std::optional<uint8_t> sim_card::picture_ended(const request_fields& request) const
+std::optional<uint8_t> sim_card::demo_picture_ended(const request_fields& request) const
 {
-    if (request.data.size() != 1 || request.data[0] != 0) { return std::nullopt; }
-    if (request.addr == demo_control) { return demo_port.buffer(); }
-    if (request.addr == other_control) { return other_port.buffer(); }
-    return std::nullopt;
+    const bool ends = request.addr == demo_control && request.data.size() == 1 && request.data[0] == 0;
+    return ends ? std::optional(demo_port.buffer()) : std::nullopt;
 }
 
 } // namespace rvk

@@ -32,8 +32,8 @@ public:
     picture_records buffers;
     firmware_port firmware;
 
-    // The buffer of the picture that this write, once carried out, has ended.
-    [[nodiscard]] std::optional<uint8_t> picture_ended(const request_fields& request) const;
+    // The demo's buffer of which this write, once carried out, has ended the picture.
+    [[nodiscard]] std::optional<uint8_t> demo_picture_ended(const request_fields& request) const;
 
 private:
     mistake write_part(const request_fields& request);

@@ -99,7 +99,7 @@ bool card_farm::act_on_write(const request_fields& request, uint8_t& status)
     counted.bytes_written += request.data.size();
     if (id == playback_card) {
         played.note_write(request.addr, request.data);
-        if (const auto buffer = card.picture_ended(request)) { played.note_picture(*buffer); }
+        if (const auto buffer = card.demo_picture_ended(request)) { played.note_picture(*buffer); }
     }
     return true;
 }

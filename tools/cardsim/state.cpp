@@ -101,15 +101,16 @@ std::string describe_files(const card_farm& farm, const std::string& link)
         running += p.registers > 0 && !p.whole;
     }
     return link + ": buffers: " + number(whole) + " with a whole picture, " + number(incomplete) +
-           " with an incomplete one; firmware: " + number(images) + " images acknowledged, " + number(abandoned) +
-           " transfers abandoned, " + number(running) + " not finished\n";
+           " with an incomplete one; firmware images: " + number(images) + " acknowledged, " + number(abandoned) +
+           " abandoned, " + number(running) + " not finished\n";
 }
 
 std::string describe_playback(const card_farm& farm, const std::string& link)
 {
     const auto lines = farm.playback();
     const std::string wrong = check_playback(lines);
-    return link + ": playback: " + number(lines.size()) + " steps, " + (wrong.empty() ? "in order" : wrong) + '\n';
+    if (lines.empty()) { return link + ": playback: none\n"; }
+    return link + ": playback: " + (wrong.empty() ? "in order" : wrong) + ", up to '" + lines.back() + "'\n";
 }
 
 } // namespace
