@@ -134,7 +134,7 @@ void pool_row(const settings& chosen)
             },
             [bytes] { return pool_pairs(bytes); });
         print_ratio("pool: " + std::to_string(bytes) + " bytes, 50,000 blocks waiting", "an empty pool", "ns per pair",
-                    found, 1.05);
+                    found, 1.1);
     }
 }
 

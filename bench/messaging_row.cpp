@@ -5,6 +5,7 @@
 // packet socket: one of its own would burden both sides with a copy of every frame.
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "base/pause.h"
 #include "cables.h"
 #include "eth_raw/frame.h"
 #include "harness.h"
@@ -13,6 +14,7 @@
 #include "requester/requester.h"
 #include "rows.h"
 
+#include <cstring>
 #include <string>
 #include <sys/socket.h>
 #include <vector>
@@ -100,10 +102,12 @@ public:
 private:
     void exchange(uint32_t destination, const std::vector<uint8_t>& command, size_t bytes)
     {
-        if (local::send_datagram(asker.descriptor(), destination, command) != 0 ||
-            local::receive_datagram(asker.descriptor(), incoming, 0) !=
-                static_cast<ssize_t>(message_head_bytes + bytes)) {
-            fail("a read was not answered as it should be");
+        const int error = local::send_datagram(asker.descriptor(), destination, command);
+        if (error != 0) { fail(std::string("a command cannot be sent: ") + strerror(error)); }
+        const ssize_t length = local::receive_datagram(asker.descriptor(), incoming, 0);
+        if (length != static_cast<ssize_t>(message_head_bytes + bytes)) {
+            fail("a read of " + std::to_string(bytes) + " bytes was answered with a message of " +
+                 std::to_string(length) + ": did something of higher priority keep the processor?");
         }
     }
 
@@ -123,6 +127,7 @@ void messaging_row(const settings& chosen)
         relay(link.get(), requester_identity).serve();
     });
     asking_process asker;
+    while (!local::endpoint_alive(relay_identity)) { pause_ms(1); }
     take_processor(requester_priority);
     for (const size_t bytes : {size_t{16}, frame_data_max}) {
         const auto found = compare(

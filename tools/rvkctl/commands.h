@@ -5,6 +5,7 @@
 #include "rvkctl/outcome.h"
 #include "rvkctl/session.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -46,7 +47,7 @@ struct update_options {
 uint8_t update_type_in(const std::string& text);
 std::string update_type_names();
 
-inline constexpr uint64_t command_data_max = 1400; // daemon: the most data of one read; ours: of one write command
+inline constexpr size_t command_data_max = 1400; // daemon: the most data of one read; ours: of one write command
 
 void run_hello(const settings& used, outcome& run);
 void run_read(const settings& used, const read_options& options, outcome& run);
