@@ -3,7 +3,6 @@
 #include "ap_msg/endpoint.h"
 #include "ap_msg/file_service.h"
 #include "base/pause.h"
-#include "demo/demo.h"
 #include "main/crash.h"
 #include "main/log.h"
 #include "mem/mem.h"
@@ -65,6 +64,5 @@ int main(int argc, char** argv)
     }
     static_cast<void>(rvk::WexApRecvTaskCreate(ipc_processor)); // each logs its own failure; the daemon runs on
     static_cast<void>(rvk::WexApFileTaskCreate(ipc_processor));
-    rvk::WriteDemoPictureData(link_slots[0]);
     for (;;) { rvk::pause_ms(1000); }
 }
