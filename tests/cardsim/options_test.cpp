@@ -73,6 +73,13 @@ TEST(Options, ReachTheRecord)
     EXPECT_EQ(all.given->faults.wrong_status, 7);
     EXPECT_EQ(all.given->faults.delay.part, 0.25);
     EXPECT_EQ(all.given->faults.delay_ms, 400u);
+    const auto none = parsed({});
+    ASSERT_TRUE(none.given);
+    EXPECT_EQ(none.given->links, std::vector<std::string>{"card0"});
+}
+
+TEST(Options, OfRegistersReachTheirRecord)
+{
     const auto manner = parsed({"--generation",
                                 "49",
                                 "--generation-bytes",
@@ -104,9 +111,6 @@ TEST(Options, ReachTheRecord)
     EXPECT_EQ((std::vector<uint64_t>{b.refuse_register, b.refuse_register_times, b.refuse_piece, b.refuse_piece_times,
                                      b.silent_piece}),
               (std::vector<uint64_t>{7, 2, 5, 3, 6}));
-    const auto none = parsed({});
-    ASSERT_TRUE(none.given);
-    EXPECT_EQ(none.given->links, std::vector<std::string>{"card0"});
 }
 
 TEST(Options, WrongOnesAreNamed)
