@@ -154,7 +154,7 @@ void flood_picture_memory(card_farm& farm, card_link& link)
 {
     bytes data = picture();
     controller sender("eth0");
-    for (uint64_t round = 1; round <= 2; ++round) {
+    for (size_t round = 1; round <= 2; ++round) {
         data[round] ^= 0xFF;
         put_picture(sender, frames_of(data, demo_data, 0));
         EXPECT_EQ(farm.counts().refusals(), "none");

@@ -27,7 +27,7 @@ firmware_transfer transfer_of(std::span<const uint8_t> image, uint16_t model, ui
 
     firmware_transfer t;
     const auto high = static_cast<uint8_t>(model >> 8), low = static_cast<uint8_t>(model);
-    t.registers = {le32(file.size()), le32(0), le32(1), le32(file.size()), {{0}}, {{high, low}}, {{0, 0, slot}}};
+    t.registers = {le32(file.size()), le32(0), le32(1), le32(file.size()), {0}, {high, low}, {0, 0, slot}};
     for (size_t at = 0; at < file.size(); at += 1024) {
         const auto piece = std::span(file).subspan(at, std::min<size_t>(1024, file.size() - at));
         t.pieces.emplace_back(piece.begin(), piece.end());
