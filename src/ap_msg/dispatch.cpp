@@ -155,11 +155,7 @@ void write_acknowledged(const request_fields& r)
 void refuse_file_job(const request_fields& r)
 {
     if (r.code == command::file_write) { send_reply(r.head, -1); }
-    if (r.code == command::update) {
-        std::array<uint8_t, 4> type{};
-        std::copy_n(r.payload.begin(), std::min(r.payload.size(), type.size()), type.begin());
-        send_update_response(r.head, type.data(), -1);
-    }
+    if (r.code == command::update) { send_update_response(r.head, r.payload, -1); }
 }
 
 void hand_over_file_job(const request_fields& r, std::span<const uint8_t> data_head)

@@ -1,8 +1,10 @@
 #include "ap_msg/file_service.h"
 
-#include "ap_msg/file_jobs.h"
 #include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
+#include "ap_msg/picture_write.h"
+#include "ap_msg/read_back.h"
+#include "ap_msg/update.h"
 #include "base/rt_thread.h"
 #include "main/log.h"
 
@@ -13,7 +15,7 @@ constexpr int file_priority = 95; // ours, SCHED_FIFO: above the IPC receive thr
 
 void run_job(const mailbox_area& message_head, const mailbox_area& data_head)
 {
-    switch (data_head[message::code - message::data_head]) {
+    switch (data_head[message::in_data_head(message::code)]) {
     case command::file_write: write_file_handle(message_head, data_head); break;
     case command::file_read: read_file_handle(message_head, data_head); break;
     case command::update:

@@ -84,12 +84,13 @@ void send_reply(const uint8_t* request_head, int32_t result)
     static_cast<void>(ApipcDataSendAck(requester, head.data())); // a requester that is gone is the service's to log
 }
 
-void send_update_response(const uint8_t* request_head, const uint8_t* type, int32_t result)
+void send_update_response(const uint8_t* request_head, std::span<const uint8_t> payload, int32_t result)
 {
     std::array<uint8_t, message_head_bytes + update_type_bytes> response{};
     std::copy_n(request_head, message::payload, response.begin());
     const uint32_t requester = make_reply(response.data(), result, 0); // length 0, although four bytes follow
-    std::copy_n(type, update_type_bytes, response.begin() + message::payload);
+    std::copy_n(payload.begin(), std::min<size_t>(payload.size(), update_type_bytes),
+                response.begin() + message::payload);
     static_cast<void>(ApipcDataSend(requester, response.data(), update_type_bytes));
 }
 

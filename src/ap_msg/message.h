@@ -16,6 +16,9 @@ inline constexpr size_t module = 24, id = 25, code = 26, slot = 27, model = 28; 
 inline constexpr size_t seq = 30, addr = 32, len = 36;                          // 2 4 2
 inline constexpr size_t payload = 38;
 inline constexpr size_t data_head = module;
+
+// The offset of a field within the data head alone.
+constexpr size_t in_data_head(size_t offset) { return offset - data_head; }
 } // namespace message
 
 inline constexpr size_t message_head_bytes = 40; // counted for the head, though the payload starts two bytes earlier
@@ -64,8 +67,9 @@ uint32_t make_reply(uint8_t* head, int32_t result, uint32_t length);
 // Answers a request with a head alone. The request's own 40 bytes are not changed.
 void send_reply(const uint8_t* request_head, int32_t result);
 
-// Answers an update request: its head, and the update type it named (4 bytes, as the request carried them).
-void send_update_response(const uint8_t* request_head, const uint8_t* type, int32_t result);
+// Answers an update request: its head, and the update type it named.
+// payload  the request's; its first four bytes are the type, what is missing of them goes back as zero
+void send_update_response(const uint8_t* request_head, std::span<const uint8_t> payload, int32_t result);
 
 // Fills all 40 bytes of the report of an acknowledged write that nobody waits for.
 void make_write_report(uint8_t* head, int index, uint32_t addr, int32_t result);

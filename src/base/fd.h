@@ -1,6 +1,9 @@
-// Ownership of file descriptors.
+// File descriptors: their ownership, and whole reads and writes of regular files.
 #pragma once
 
+#include <cstdint>
+#include <span>
+#include <sys/types.h>
 #include <unistd.h>
 #include <utility>
 
@@ -31,5 +34,19 @@ public:
 private:
     int owned = -1;
 };
+
+// Opens a file without ever blocking; it must be a regular one.
+// flags   as open(): the access mode, O_CREAT; a file that is created gets mode 0666 less the umask
+// Result  none (errno tells why; EINVAL for a FIFO, device or folder)
+[[nodiscard]] unique_fd open_regular(const char* path, int flags);
+
+// Size of an open file in bytes, -1 when it cannot be had.
+[[nodiscard]] off_t size_of(const unique_fd& file);
+
+// Result: bytes read from the file's position on; fewer than asked for only at its end or on an error.
+[[nodiscard]] size_t read_full(const unique_fd& file, std::span<uint8_t> into);
+
+// Writes at an offset. Result: false (errno tells why) when not all of it could be written.
+[[nodiscard]] bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at);
 
 } // namespace rvk

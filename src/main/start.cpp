@@ -1,8 +1,10 @@
 // The daemon's start: options, kernel limits, signals, the shared facilities, link 0 and the threads, in a fixed order.
-// Afterwards the main thread only sleeps; the process ends by a signal.
+// Then the main thread loads and plays the demo, while commands are served; afterwards it only sleeps. The process ends
+// by a signal.
 #include "ap_msg/endpoint.h"
 #include "ap_msg/file_service.h"
 #include "base/pause.h"
+#include "demo/demo.h"
 #include "main/crash.h"
 #include "main/log.h"
 #include "mem/mem.h"
@@ -64,5 +66,6 @@ int main(int argc, char** argv)
     }
     static_cast<void>(rvk::WexApRecvTaskCreate(ipc_processor)); // each logs its own failure; the daemon runs on
     static_cast<void>(rvk::WexApFileTaskCreate(ipc_processor));
+    rvk::WriteDemoPictureData(link_slots[0]);
     for (;;) { rvk::pause_ms(1000); }
 }

@@ -12,7 +12,7 @@ using enum request_kind;
 using enum send_fate;
 
 constexpr request_kind kinds[] = {plain_write, reported_write, waited_write, reported_read, waited_read};
-constexpr uint32_t first_addr = 0x1000, addr_step = 0x1000;
+constexpr uint32_t first_addr = 0x1000000, addr_step = 0x1000; // plain memory of a simulated card
 constexpr double always = 1.0;
 
 class SendFailures : public LinkTest {

@@ -1,8 +1,10 @@
 // The mailbox between two real threads: every job runs once, in order, with its own bytes, on one processor and on two.
-#include "ap_msg/file_jobs.h"
 #include "ap_msg/file_service.h"
 #include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
+#include "ap_msg/picture_write.h"
+#include "ap_msg/read_back.h"
+#include "ap_msg/update.h"
 #include "base/bytes.h"
 
 #include <gtest/gtest.h>
@@ -27,10 +29,11 @@ struct ran {
 };
 std::vector<ran> all_ran;
 
-void note(uint8_t code, const mailbox_area& head, const mailbox_area& data)
+int32_t note(uint8_t code, const mailbox_area& head, const mailbox_area& data)
 {
     all_ran.push_back(
         {code, load_le32(&data[data_head_bytes]), load_le32(&head[message::addr]), gbUpdateProcessRunning});
+    return 0;
 }
 
 void pin_this_thread(int processor)
@@ -54,9 +57,18 @@ int32_t put(uint32_t number)
 } // namespace
 
 namespace rvk {
-void write_file_handle(const mailbox_area& head, const mailbox_area& data) { note(command::file_write, head, data); }
-void read_file_handle(const mailbox_area& head, const mailbox_area& data) { note(command::file_read, head, data); }
-void update_file_handle(const mailbox_area& head, const mailbox_area& data) { note(command::update, head, data); }
+int32_t write_file_handle(const mailbox_area& head, const mailbox_area& data)
+{
+    return note(command::file_write, head, data);
+}
+int32_t read_file_handle(const mailbox_area& head, const mailbox_area& data)
+{
+    return note(command::file_read, head, data);
+}
+int32_t update_file_handle(const mailbox_area& head, const mailbox_area& data)
+{
+    return note(command::update, head, data);
+}
 } // namespace rvk
 
 TEST(Mailbox, EveryJobRunsOnceAndInOrder)

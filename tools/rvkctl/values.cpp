@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <new>
 
@@ -154,6 +155,27 @@ std::string hex_dump(uint32_t addr, std::span<const uint8_t> bytes)
 }
 
 std::string byte_count(uint64_t bytes) { return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes"); }
+
+std::string rate_text(uint64_t bytes, double seconds)
+{
+    return format("%s in %.2f s, %.1f MB/s\n", byte_count(bytes).c_str(), seconds,
+                  seconds > 0 ? static_cast<double>(bytes) / seconds / 1e6 : 0.0);
+}
+
+std::string absolute_path(const std::string& path, const char* name, size_t most)
+{
+    const std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
+    if (absolute.size() <= most) { return absolute; }
+    throw failure{problem::wrong_usage, format("%s \"%s\" has %zu characters as an absolute path, at most %zu", name,
+                                               absolute.c_str(), absolute.size(), most)};
+}
+
+uint64_t file_bytes(const std::string& path)
+{
+    std::error_code error;
+    const uint64_t bytes = std::filesystem::file_size(path, error);
+    return error ? 0 : bytes;
+}
 
 std::string format(const char* text, ...)
 {

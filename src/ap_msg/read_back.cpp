@@ -1,0 +1,155 @@
+#include "ap_msg/read_back.h"
+
+#include "ap_msg/bitmap.h"
+#include "ap_msg/file_request.h"
+#include "base/bytes.h"
+#include "base/fd.h"
+#include "base/page_buffer.h"
+#include "eth_raw/frame.h"
+#include "main/log.h"
+#include "platform/platform.h"
+#include "raw_msg/send_plain.h"
+#include "raw_msg/send_read.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+namespace rvk {
+namespace {
+
+constexpr uint32_t read_command = 0xA0008, read_start = 0xA00FF, read_status = 0xA0FFD, read_window = 0xB0000; // card
+constexpr uint32_t unit_bytes = 64;   // card: what a read command counts in
+constexpr uint32_t unit_words = 8;    // card: words of 8 bytes in a unit
+constexpr uint32_t read_ticks = 3;    // ours
+constexpr size_t base_path_max = 255; // ours
+constexpr size_t image_name_max = 99; // ours: longer names are cut
+
+uint32_t units_of(size_t bytes) { return static_cast<uint32_t>((bytes + unit_bytes - 1) / unit_bytes); }
+
+// Created or emptied; nothing is emptied that is not a regular file.
+unique_fd open_output(const char* path)
+{
+    unique_fd file = open_regular(path, O_RDWR | O_CREAT);
+    if (file && ftruncate(file.get(), 0) != 0) { file.reset(); }
+    return file;
+}
+
+bool is_same_file(const unique_fd& a, const unique_fd& b)
+{
+    struct stat of_a = {};
+    struct stat of_b = {};
+    if (fstat(a.get(), &of_a) != 0 || fstat(b.get(), &of_b) != 0) { return false; }
+    return of_a.st_dev == of_b.st_dev && of_a.st_ino == of_b.st_ino;
+}
+
+void write_or_log(const unique_fd& file, std::span<const uint8_t> bytes, off_t at, const char* what, bool* failed)
+{
+    if (*failed || write_full(file, bytes, at)) { return; }
+    log_print(LOG_HERE, "%s file is incomplete: writing %zu bytes at %lld failed (%s)\n", what, bytes.size(),
+              static_cast<long long>(at), strerror(errno));
+    *failed = true;
+}
+
+void reverse_pixels(std::span<uint8_t> bytes)
+{
+    for (size_t at = 0; at + pixel_bytes <= bytes.size(); at += pixel_bytes) {
+        std::reverse(bytes.data() + at, bytes.data() + at + pixel_bytes);
+    }
+}
+
+// The first line read becomes the top one, which a bottom-up image has at its end.
+void write_image_lines(const unique_fd& image, std::span<const uint8_t> pixels, picture_size size, bool* failed)
+{
+    const size_t line = size_t{size.hor} * pixel_bytes;
+    for (uint32_t r = 0; r < size.ver; ++r) {
+        const auto at = static_cast<off_t>(bmp_head_bytes + (size.ver - 1 - r) * line);
+        write_or_log(image, pixels.subspan(r * line, line), at, "image", failed);
+    }
+}
+
+void read_card(const file_request& r, picture_size size, std::span<uint8_t> into)
+{
+    timeval start{};
+    timeval end{};
+    gettimeofday(&start, nullptr);
+    DDR2Read(r.index, r.model, r.slot, r.addr, static_cast<uint16_t>(size.hor), static_cast<uint16_t>(size.ver), into);
+    gettimeofday(&end, nullptr);
+    log_print(LOG_HERE, "\ntotal time:%d sec,%d usec\n", static_cast<int>(end.tv_sec - start.tv_sec),
+              static_cast<int>(end.tv_usec - start.tv_usec));
+}
+
+void read_into_files(const file_request& r, picture_size size, const char* base)
+{
+    char image_name[job_path_bytes + sizeof ".bmp"];
+    snprintf(image_name, sizeof image_name, "%s.bmp", base);
+    image_name[image_name_max] = '\0';
+    const unique_fd image = open_output(image_name);
+    log_print(LOG_HERE, "\n%d ddr to filename:%s\n", r.index, base);
+    const page_buffer buffer(picture_bytes(size));
+    if (!buffer) { return log_print(LOG_HERE, "\nmalloc p failed\n"); }
+    bool image_failed = false;
+    if (image) { write_or_log(image, bmp_head(size.hor, size.ver), 0, "image", &image_failed); }
+    const unique_fd raw = open_output(base);
+    if (!image || !raw || is_same_file(image, raw)) { return log_print(LOG_HERE, "\nfile open failed\n"); }
+    read_card(r, size, buffer.bytes());
+    static_cast<void>(my_system("sync")); // nothing here depends on it
+    log_print(LOG_HERE, "\nwait for bmp file generatiiiiing....\n");
+    bool raw_failed = false;
+    write_or_log(raw, buffer.bytes(), 0, "raw", &raw_failed);
+    reverse_pixels(buffer.bytes());
+    write_image_lines(image, buffer.bytes(), size, &image_failed);
+    log_print(LOG_HERE, "\n");
+}
+
+} // namespace
+
+int32_t read_file_handle(const mailbox_area&, const mailbox_area& data_head)
+{
+    const file_request r = file_request_of(data_head);
+    picture_size size{};
+    job_path path;
+    if (read_picture_job(r, base_path_max, &size, &path) == 0) { read_into_files(r, size, path.data()); }
+    return 0;
+}
+
+void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t hor, uint16_t ver,
+              std::span<uint8_t> dest)
+{
+    const size_t line = size_t{hor} * pixel_bytes;
+    const size_t stride = (line + unit_bytes - 1) / unit_bytes * unit_bytes;
+    const page_buffer work(stride * ver);
+    if (!work) { return log_print(LOG_HERE, "\nmalloc p failed\n"); } // the picture stays as it is: zero
+    const std::span<uint8_t> all = work.bytes();
+    uint32_t addr = start;
+    for (size_t at = 0; at < all.size();) {
+        const size_t n = std::min(frame_data_max, all.size() - at);
+        // A step that fails is logged by the transport and leaves zeros; the job goes on.
+        static_cast<void>(DDR2ReadProcess(index, model, slot, addr, all.subspan(at, n)));
+        addr += unit_words * units_of(n);
+        at += n;
+    }
+    for (size_t r = 0; r < ver; ++r) { memcpy(dest.data() + r * line, all.data() + r * stride, line); }
+}
+
+int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, std::span<uint8_t> dest)
+{
+    std::array<uint8_t, 7> what{};
+    store_le32(what.data(), addr);
+    store_le16(what.data() + 4, static_cast<uint16_t>(units_of(dest.size())));
+    static_cast<void>(RawSockSendMsg(index, model, slot, read_command, code_write, what));
+    static_cast<void>(RawSockSendMsg(index, model, slot, read_start, code_write, std::array<uint8_t, 1>{1}));
+    uint8_t status = 0; // not examined: the read of it is the pause that the card needs
+    uint32_t received = 0;
+    static_cast<void>(
+        RawSockSendMsgWithReadWait(index, model, slot, read_status, code_read, 1, {&status, 1}, &received, read_ticks));
+    return RawSockSendMsgWithReadWait(index, model, slot, read_window, code_read, static_cast<uint32_t>(dest.size()),
+                                      dest, &received, read_ticks);
+}
+
+} // namespace rvk

@@ -1,0 +1,171 @@
+#include "ap_msg/update.h"
+
+#include "ap_msg/demo_lock.h"
+#include "ap_msg/file_request.h"
+#include "ap_msg/firmware.h"
+#include "ap_msg/message.h"
+#include "base/bytes.h"
+#include "eth_raw/frame.h"
+#include "main/log.h"
+#include "platform/platform.h"
+#include "raw_msg/send_read.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <unistd.h>
+
+namespace rvk {
+namespace {
+
+// Update types.
+constexpr uint32_t mcu_input = 0x16, mcu_output = 0x17, mcu_vpu = 0x18;
+constexpr uint32_t fpga_input = 0x19, fpga_input_golden = 0x1C, fpga_last = 0x1E;
+
+constexpr size_t tool_line_bytes = 1024; // ours
+constexpr uint32_t generation_ticks = 6; // ours
+
+struct update_request {
+    uint32_t type;
+    uint16_t model;
+    uint8_t slot;
+    job_path path;
+};
+
+constexpr char new_generation_image[] = "/opt/upgddir/update_sources_card/fpga_bin/InputCardTop_b1.bin";
+constexpr char new_generation_marker[] = "b1.bin";
+
+// The input card's generation, as its microcontroller reports it. Result: none, and logged, when it does not.
+std::optional<uint8_t> read_generation()
+{
+    constexpr uint8_t slot = 2;
+    constexpr uint32_t addr = 0x10000015; // card
+    uint8_t generation = 0;
+    uint32_t received = 0;
+    int32_t result = 0;
+    {
+        const scoped_lock hold(demo_mutex);
+        result =
+            RawSockSendMsgWithReadWait(0, 0, slot, addr, code_read, 1, {&generation, 1}, &received, generation_ticks);
+    }
+    if (result != 0) {
+        log_print(LOG_HERE, "RawSockSendMsgWithReadWait response not ok\n");
+        return std::nullopt;
+    }
+    log_print(LOG_HERE, "RawSockSendMsgWithReadWait get ok:[%x],length:[%d]\n", generation, static_cast<int>(received));
+    return generation;
+}
+
+void set_model_low(update_request* request, uint8_t low)
+{
+    request->model = static_cast<uint16_t>((request->model & 0xFF00) | low);
+}
+
+// What a new-generation card changes: by type, and by whether the path names an image for it already.
+void adapt_to_new_generation(update_request* request)
+{
+    const bool named = strstr(request->path.data(), new_generation_marker) != nullptr;
+    if (request->type == fpga_input) {
+        if (!named) { std::copy_n(new_generation_image, sizeof new_generation_image, request->path.begin()); }
+        set_model_low(request, 0x01);
+        log_print(LOG_HERE, "SET INPUT INFO:[%#x], filename:[%s]\n", request->model, request->path.data());
+    } else if (!named) {
+        set_model_low(request, 0xFE);
+        log_print(LOG_HERE, "SET INPUT GOLDEN INFO:[%#x], filename:[%s]\n", request->model, request->path.data());
+    }
+}
+
+void check_input_card(update_request* request)
+{
+    log_print(LOG_HERE, "UPDATE input FPGA FILE [%s], need check!\n", request->path.data());
+    const std::optional<uint8_t> generation = read_generation();
+    if (!generation) { return; }
+    switch (*generation) {
+    case 0: log_print(LOG_HERE, "old input card\n"); break;
+    case 1:
+        log_print(LOG_HERE, "new input card\n");
+        adapt_to_new_generation(request);
+        break;
+    default: log_print(LOG_HERE, "mcu return input card type fail:[%#x]\n", *generation); break;
+    }
+}
+
+// The path goes into a shell command line: only what a shell takes as it stands, and no name that the tool takes for an
+// option.
+bool is_safe_for_shell(std::string_view path)
+{
+    static constexpr std::string_view others = "/._+-=,@%:";
+    const auto harmless = [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+               others.find(c) != std::string_view::npos;
+    };
+    const std::string_view name = path.substr(path.rfind('/') + 1); // npos + 1 is 0
+    return std::all_of(path.begin(), path.end(), harmless) && !name.starts_with('-');
+}
+
+int tool_line(char* line, uint32_t type, const char* path)
+{
+    switch (type) {
+    case mcu_input: return snprintf(line, tool_line_bytes, "/usr/vexo/bin/mcu_isp -B input  -C 0x31 -b %s ", path);
+    case mcu_output: return snprintf(line, tool_line_bytes, "/usr/vexo/bin/mcu_isp -B output  -C 0x31 -b %s ", path);
+    default: return snprintf(line, tool_line_bytes, "/usr/vexo/bin/mcu_isp -B vpu     -C 0x31 -b %s -r 0x00 ", path);
+    }
+}
+
+int32_t run_tool(const update_request& request)
+{
+    char line[tool_line_bytes] = "";
+    const int length = tool_line(line, request.type, request.path.data());
+    if (!is_safe_for_shell(request.path.data()) || length >= static_cast<int>(tool_line_bytes)) {
+        log_print(LOG_HERE, "image %s refused: its path is too long or not plain enough for a command line\n",
+                  request.path.data());
+        return -1;
+    }
+    log_print(LOG_HERE, "    cmdstr=%s \n\n", line);
+    return my_system(line);
+}
+
+int32_t carry_out(const update_request& request)
+{
+    log_print(LOG_HERE, "update slot:%d model:0x%x type:0x%x file:%s\n", request.slot, request.model, request.type,
+              request.path.data());
+    if (request.type >= mcu_input && request.type <= mcu_vpu) { return run_tool(request); }
+    if (request.type >= fpga_input && request.type <= fpga_last) {
+        return sys_update(request.path.data(), request.model, request.slot);
+    }
+    log_print(LOG_HERE, "    no file need to update in round 1... \n");
+    return 0;
+}
+
+int32_t handle(update_request* request)
+{
+    if (request->type == fpga_input || request->type == fpga_input_golden) { check_input_card(request); }
+    const bool found = access(request->path.data(), F_OK) == 0;
+    log_print(LOG_HERE, "%s file %s\n", request->path.data(), found ? "found" : "not found");
+    return found ? carry_out(*request) : -1;
+}
+
+} // namespace
+
+int32_t update_file_handle(const mailbox_area& message_head, const mailbox_area& data_head)
+{
+    const file_request r = file_request_of(data_head);
+    update_request request{0, r.model, r.slot, {}};
+    int32_t result = -1;
+    if (read_path(r.payload, update_job::path, request.path.size() - 1, &request.path) == 0) {
+        request.type = load_le32(r.payload.data() + update_job::type);
+        result = handle(&request);
+    }
+    update_file_resp(message_head, r.payload, result);
+    return result;
+}
+
+void update_file_resp(const mailbox_area& message_head, std::span<const uint8_t> payload, int32_t result)
+{
+    send_update_response(message_head.data(), payload, result);
+    log_print(LOG_HERE, "write file response %s\n", result == 0 ? "ok" : "not ok");
+}
+
+} // namespace rvk

@@ -1,0 +1,50 @@
+#include "base/fd.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace rvk {
+
+unique_fd open_regular(const char* path, int flags)
+{
+    unique_fd file{open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666)};
+    struct stat status = {};
+    if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        file.reset();
+        errno = EINVAL;
+    }
+    return file;
+}
+
+off_t size_of(const unique_fd& file)
+{
+    struct stat status = {};
+    return fstat(file.get(), &status) == 0 ? status.st_size : -1;
+}
+
+size_t read_full(const unique_fd& file, std::span<uint8_t> into)
+{
+    size_t done = 0;
+    while (done < into.size()) {
+        const ssize_t n = read(file.get(), into.data() + done, into.size() - done);
+        if (n < 0 && errno == EINTR) { continue; }
+        if (n <= 0) { break; }
+        done += static_cast<size_t>(n);
+    }
+    return done;
+}
+
+bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
+{
+    while (!bytes.empty()) {
+        const ssize_t n = pwrite(file.get(), bytes.data(), bytes.size(), at);
+        if (n < 0 && errno == EINTR) { continue; }
+        if (n <= 0) { return false; }
+        bytes = bytes.subspan(static_cast<size_t>(n));
+        at += n;
+    }
+    return true;
+}
+
+} // namespace rvk

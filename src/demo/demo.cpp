@@ -1,0 +1,149 @@
+#include "demo/demo.h"
+
+#include "ap_msg/demo_io.h"
+#include "base/bytes.h"
+#include "base/fd.h"
+#include "base/page_buffer.h"
+#include "base/pause.h"
+#include "main/log.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <fcntl.h>
+#include <limits>
+
+namespace rvk {
+namespace {
+
+constexpr uint16_t fpga_model = 0; // card
+constexpr uint8_t fpga_slot = 1;   // card
+
+constexpr uint32_t first_buffer = 16;              // card
+constexpr int pictures = 9;                        // ours
+constexpr int shown_interval = 5;                  // ours
+constexpr int shown_pictures = 8;                  // ours
+constexpr uint64_t settle_ms = 3000;               // card: from its readiness to the first register
+constexpr uint64_t ready_pause_ms = 500;           // ours
+constexpr int ready_reads = 20, ready_answers = 5; // ours
+
+// Playback registers.
+constexpr uint32_t timing_a = 0x00022002, timing_b = 0x0002200A; // card
+constexpr uint32_t play = 0xA0, timing_load = 0xA1, interval_register = 0xA2, number_register = 0xA6,
+                   reset = 0xA7;                // card
+constexpr uint32_t ready_register = 0x00F00009; // card
+constexpr uint8_t not_ready = 0xFF;             // card: no status yet
+
+constexpr std::array<uint8_t, 4> timing_a_bytes{0x4C, 0x04, 0xD6, 0x0B}; // card
+constexpr std::array<uint8_t, 12> timing_b_bytes{0x16, 0x00, 0x0A, 0x00, 0x60, 0x00,
+                                                 0x52, 0x00, 0x20, 0x04, 0xC2, 0x08}; // card
+
+void set(int index, uint32_t addr, std::span<const uint8_t> bytes)
+{
+    // What fails is logged by the transport; the sequence goes on.
+    static_cast<void>(DemoRawSockSendMsgWithAckWait(index, fpga_model, fpga_slot, addr, bytes));
+}
+
+void set(int index, uint32_t addr, uint8_t value) { set(index, addr, std::array{value}); }
+
+uint32_t clamped(float value)
+{
+    if (!(value > 0.0F)) { return 0; }
+    return value >= 4294967296.0F ? std::numeric_limits<uint32_t>::max() : static_cast<uint32_t>(value);
+}
+
+enum class readiness { no_answer, not_yet, answered };
+
+readiness read_readiness()
+{
+    uint8_t status = 0;
+    if (DemoRawSockSendMsgWithReadWait(0, fpga_model, fpga_slot, ready_register, {&status, 1}) != 0) {
+        return readiness::no_answer;
+    }
+    if (status == not_ready) { return readiness::not_yet; }
+    log_print(LOG_HERE, "@@@@@@@@@@@@@@vpu fpga init status = 0x%x\n", status);
+    return readiness::answered;
+}
+
+void load_picture(int index, uint32_t buffer, int number, std::span<uint8_t> picture)
+{
+    using namespace std::chrono;
+    const auto start = steady_clock::now();
+    char path[256] = "";
+    snprintf(path, sizeof path, "/usr/kup/etc/demo/demo_%d", number);
+    log_print(LOG_HERE, "write demo pic:%s\n", path);
+    std::fill(picture.begin(), picture.end(), uint8_t{0});
+    ReadDemoPictureData(path, picture);
+    static_cast<void>(write_demo_data(index, fpga_model, fpga_slot, buffer, demo_hor, demo_ver, picture));
+    const auto us = static_cast<uint32_t>(duration_cast<microseconds>(steady_clock::now() - start).count());
+    log_print(LOG_HERE, "write demo pic total time:%f sec\n", us / 1'000'000.0);
+}
+
+} // namespace
+
+void WriteDemoPictureData(int index)
+{
+    const page_buffer picture(demo_picture_bytes);
+    if (!picture) { return; }
+    CheckFpgaReady();
+    pause_ms(settle_ms);
+    DemoPlayIntervalSet(index, shown_interval);
+    DemoPlayPicNumberSet(index, shown_pictures);
+    DemoTimingReset(index);
+    for (int n = 1; n <= pictures; ++n) {
+        load_picture(index, first_buffer + static_cast<uint32_t>(n - 1), n, picture.bytes());
+        if (n > 1) { continue; }
+        DemoTimingResetRelease(index); // plays from the first picture on, while the others are still loaded
+        DemoOutTimingConfig(index);
+        DemoPlayStart(index);
+    }
+}
+
+void WriteDemoPictureDataTest(int index, uint32_t buffer, int number)
+{
+    const page_buffer picture(demo_picture_bytes);
+    if (picture) { load_picture(index, buffer, number, picture.bytes()); }
+}
+
+void CheckFpgaReady()
+{
+    int good = 0;
+    for (int attempts = 0; attempts < ready_reads; ++attempts) {
+        const readiness found = read_readiness();
+        if (found != readiness::not_yet) { pause_ms(ready_pause_ms); }
+        if (found == readiness::answered && ++good == ready_answers) { return; }
+    }
+}
+
+void ReadDemoPictureData(const char* path, std::span<uint8_t> buffer)
+{
+    const unique_fd file = open_regular(path, O_RDONLY);
+    if (file) { static_cast<void>(read_full(file, buffer)); } // a shorter file leaves the rest as it was
+}
+
+void DemoOutTimingConfig(int index)
+{
+    set(index, timing_a, timing_a_bytes);
+    set(index, timing_b, timing_b_bytes);
+    set(index, timing_load, 1);
+    set(index, play, 1);
+}
+
+void DemoPlayStart(int index) { set(index, play, 0); }
+
+void DemoTimingReset(int index) { set(index, reset, 0); }
+
+void DemoTimingResetRelease(int index) { set(index, reset, 1); }
+
+void DemoPlayIntervalSet(int index, int interval)
+{
+    const float value = static_cast<float>(interval) / 5.0F * 1'000'000'000.0F;
+    std::array<uint8_t, 4> bytes;
+    store_le32(bytes.data(), clamped(value));
+    set(index, interval_register, bytes);
+}
+
+void DemoPlayPicNumberSet(int index, int number) { set(index, number_register, static_cast<uint8_t>(number)); }
+
+} // namespace rvk

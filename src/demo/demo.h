@@ -1,0 +1,35 @@
+// The demo at start: nine pictures into the video-processing FPGA's buffers 16 to 24, played in a loop. Runs once, on
+// the main thread, while commands are already served; nothing repeats or supervises it later. The FPGA is model 0,
+// slot 1.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace rvk {
+
+inline constexpr uint16_t demo_hor = 3840, demo_ver = 2160;                   // card
+inline constexpr size_t demo_picture_bytes = size_t{demo_hor} * demo_ver * 4; // 33,177,600
+
+// The whole sequence. Returns at once, without a word, when there is no memory for a picture.
+void WriteDemoPictureData(int index);
+
+// One picture into one buffer, without touching the playback. Nothing calls it.
+void WriteDemoPictureDataTest(int index, uint32_t buffer, int number);
+
+// Waits for the FPGA on link 0: until five good answers came, or 20 reads were made.
+void CheckFpgaReady();
+
+// Reads at most a picture's bytes; a file that cannot be opened leaves the buffer unchanged.
+void ReadDemoPictureData(const char* path, std::span<uint8_t> buffer);
+
+// The playback registers; each ignores what the card says.
+void DemoOutTimingConfig(int index);
+void DemoPlayStart(int index);
+void DemoTimingReset(int index);
+void DemoTimingResetRelease(int index);
+void DemoPlayIntervalSet(int index, int interval); // in units of 5 s; what does not fit 32 bits is clamped
+void DemoPlayPicNumberSet(int index, int number);
+
+} // namespace rvk
