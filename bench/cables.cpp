@@ -37,6 +37,30 @@ simulated_cards::~simulated_cards()
     if (link.dropped() != 0) { fail("the cards could not keep up, frames were dropped"); }
 }
 
+bool simulated_cards::demo_plays() const
+{
+    const auto lines = farm.playback();
+    return std::find(lines.begin(), lines.end(), "a0 := 00") != lines.end();
+}
+
+bool simulated_cards::demo_is_over() const
+{
+    const auto lines = farm.playback();
+    return !lines.empty() && lines.back() == playback_order().back();
+}
+
+std::vector<frame_bytes> simulated_cards::arriving(size_t max, const std::function<void()>& work)
+{
+    farm.record_history(max);
+    work();
+    std::vector<frame_bytes> frames;
+    for (recorded_request& request : farm.history()) { frames.push_back(std::move(request.frame)); }
+    farm.record_history(0);
+    return frames;
+}
+
+std::vector<uint8_t> simulated_cards::picture(uint8_t buffer) const { return farm.picture({model, slot}, buffer); }
+
 frame_bytes ready_made(uint8_t code, uint32_t at, uint16_t seq, size_t data_bytes)
 {
     frame_bytes room(request_bytes_max);
@@ -62,6 +86,12 @@ void bare_link::send(const frame_bytes& frame) const
 void bare_link::receive() const
 {
     if (recvfrom(fd, received.data(), received.size(), 0, nullptr, nullptr) <= 0) { fail("a bare receive failed"); }
+}
+
+void bare_link::exchange(const frame_bytes& frame) const
+{
+    send(frame);
+    if (frame[request::code] != code_write) { receive(); }
 }
 
 void bare_link::drain() const

@@ -6,6 +6,7 @@
 #include "cardsim/link.h"
 
 #include <cstdint>
+#include <functional>
 #include <linux/if_packet.h>
 #include <span>
 #include <vector>
@@ -17,6 +18,8 @@ inline constexpr uint16_t model = 0;
 inline constexpr uint8_t slot = 1;
 inline constexpr uint32_t addr = 0x2000;
 
+using frame_bytes = std::vector<uint8_t>;
+
 // Cards on card0, with something to read at `addr`, answering at this priority.
 class simulated_cards {
 public:
@@ -25,12 +28,18 @@ public:
     simulated_cards(const simulated_cards&) = delete;
     simulated_cards& operator=(const simulated_cards&) = delete;
 
+    // A daemon's start, since the cards are there: its first picture plays; its last one is complete.
+    [[nodiscard]] bool demo_plays() const;
+    [[nodiscard]] bool demo_is_over() const;
+
+    // The frames that arrive while `work` runs, `max` at most: a bare loop then sends the very same.
+    [[nodiscard]] std::vector<frame_bytes> arriving(size_t max, const std::function<void()>& work);
+    [[nodiscard]] std::vector<uint8_t> picture(uint8_t buffer) const;
+
 private:
     card_farm farm;
     card_link link{farm};
 };
-
-using frame_bytes = std::vector<uint8_t>;
 
 // A request as the daemon would pack it. A read carries no data and asks for data_bytes.
 [[nodiscard]] frame_bytes ready_made(uint8_t code, uint32_t at, uint16_t seq, size_t data_bytes);
@@ -40,9 +49,10 @@ class bare_link {
 public:
     explicit bare_link(int socket);
     void send(const frame_bytes& frame) const;
-    void receive() const;            // one frame
-    void drain() const;              // what is left from others
-    void check_replies_come() const; // once, before anything is timed
+    void receive() const;                          // one frame
+    void exchange(const frame_bytes& frame) const; // waits for its answer where it has one
+    void drain() const;                            // what is left from others
+    void check_replies_come() const;               // once, before anything is timed
 
     void make_room_for_replies() const; // for 1,000 and more that nobody takes yet
 

@@ -52,7 +52,7 @@ double microseconds_per_second(const child& process)
 void idle_row(const settings& chosen)
 {
     const simulated_cards cards(card_priority);
-    const child daemon = start_daemon();
+    const child daemon = start_daemon(cards);
     const child bare(tick_and_sleep);
     bare.stop();
     daemon.stop();

@@ -1,24 +1,16 @@
 // The rows that talk to a card from inside the process: plain writes, waited reads, acknowledged writes.
-//
-// Both sides use one and the same packet socket, opened before the worker is forked: a second one on the interface
-// would be given a copy of every frame and burden both. The worker runs the link's real threads and is stopped while
-// the bare loop has the socket.
 #include "cables.h"
 #include "eth_raw/frame.h"
-#include "eth_raw/link.h"
 #include "harness.h"
-#include "mem/mem.h"
+#include "link_contest.h"
 #include "processes.h"
 #include "queue/queue.h"
-#include "raw_msg/link_threads.h"
 #include "raw_msg/send_ack.h"
 #include "raw_msg/send_plain.h"
 #include "raw_msg/send_read.h"
 #include "rows.h"
-#include "timer/timer.h"
 
 #include <algorithm>
-#include <csignal>
 #include <string>
 #include <vector>
 
@@ -29,62 +21,6 @@ constexpr size_t plain_bytes = 8u << 20;
 constexpr size_t exchanges = 4000;
 constexpr size_t outstanding = 1000;
 constexpr uint32_t timeout_ticks = 100;
-
-// What the daemon's start does for link 0, once the link is open.
-void start_link_threads()
-{
-    sigset_t ticks;
-    sigemptyset(&ticks);
-    sigaddset(&ticks, SIGALRM);
-    pthread_sigmask(SIG_BLOCK, &ticks, nullptr);
-    queue_init();
-    mem_init();
-    pthread_t receive{}, check{};
-    if (initTimer() != 0 || RawMsgRecvTaskCreate(0, &receive) != 0 || RawMsgRecvCheckTaskCreate(0, &check) != 0) {
-        fail("the link's threads cannot be started");
-    }
-    take_processor(sender_priority);
-}
-
-worker start_worker(double (*measure)(size_t))
-{
-    if (RawSockMsgInit(0) != 0) { fail("eth0 cannot be opened"); }
-    return {start_link_threads, measure};
-}
-
-// Measures both sides of a link row; the bare loop finds the link's socket free and empty.
-class link_contest {
-public:
-    link_contest(double (*measure)(size_t), int card)
-        : ours(start_worker(measure)), cards(card), bare(g_eth_init[0].sock_fd)
-    {
-        take_processor(sender_priority);
-        bare.make_room_for_replies();
-        static_cast<void>(ours.measure(0)); // its threads are up when it answers
-        as_bare([this] {
-            bare.check_replies_come();
-            return 0.0;
-        });
-    }
-
-    double as_ours(size_t argument) { return ours.measure(argument); }
-
-    double as_bare(const measurement& loop)
-    {
-        ours.process().stop();
-        bare.drain();
-        const double taken = loop();
-        ours.process().go_on();
-        return taken;
-    }
-
-    const bare_link& link() const { return bare; }
-
-private:
-    worker ours;
-    simulated_cards cards;
-    bare_link bare;
-};
 
 double write_plain(size_t bytes)
 {

@@ -30,6 +30,12 @@ constexpr std::array rows{
     row{"queue", queue_row},
     row{"pool", pool_row},
     row{"idle", idle_row},
+    row{"picture", picture_row},
+    row{"picture-job", picture_job_row},
+    row{"read-back", read_back_row},
+    row{"firmware", firmware_row},
+    row{"start", start_row},
+    row{"memory", memory_row},
 };
 
 constexpr unsigned row_seconds = 600; // ours: a lost reply would make a bare loop wait for ever

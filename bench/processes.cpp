@@ -64,6 +64,15 @@ void wait_for_greeting()
     while (!asker.receive(milliseconds{200}).empty()) {}
 }
 
+// At rest it also is in the pauses before the demo; that the demo is over only its cards know.
+void wait_for_demo(const simulated_cards& cards)
+{
+    for (int tries = start_seconds * 10; !cards.demo_is_over(); --tries) {
+        if (tries == 0) { fail("rvkd's demo does not come to its end"); }
+        pause_ms(100);
+    }
+}
+
 void wait_until_quiet(pid_t process)
 {
     for (int seconds = 0; seconds < start_seconds; ++seconds) {
@@ -148,16 +157,22 @@ double worker::measure(size_t argument)
     return result;
 }
 
-child start_daemon()
+child launch_daemon()
 {
     const std::string program = own_folder() + "/rvkd";
-    child daemon([&program] {
+    return child([&program] {
         if (pin_to_processor(processor) != 0) { fail("rvkd cannot be pinned"); }
         dup2(open("/dev/null", O_WRONLY), STDERR_FILENO); // its sysctl calls complain at every start
         execl(program.c_str(), program.c_str(), nullptr);
         std::_Exit(1); // shows as a daemon that does not answer
     });
+}
+
+child start_daemon(const simulated_cards& cards)
+{
+    child daemon = launch_daemon();
     wait_for_greeting();
+    wait_for_demo(cards);
     wait_until_quiet(daemon.pid());
     pin_threads(daemon.pid()); // where there are more processors, one of them has chosen another
     return daemon;
@@ -190,6 +205,22 @@ double resident_bytes(pid_t process)
     double whole = 0, resident = 0;
     std::ifstream("/proc/" + std::to_string(process) + "/statm") >> whole >> resident;
     return resident * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
+void forget_peak(pid_t process)
+{
+    std::ofstream file("/proc/" + std::to_string(process) + "/clear_refs");
+    if (!(file << "5" << std::flush)) { fail("the peak memory of a process cannot be counted anew"); }
+}
+
+double peak_bytes(pid_t process)
+{
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    for (std::string word; status >> word;) {
+        double kilobytes = 0;
+        if (word == "VmHWM:" && status >> kilobytes) { return kilobytes * 1024; }
+    }
+    fail("the kernel does not say how much memory a process had");
 }
 
 std::string run_program(const std::vector<std::string>& arguments)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "base/fd.h"
+#include "cables.h"
 
 #include <cstddef>
 #include <functional>
@@ -49,9 +50,12 @@ private:
     child body;
 };
 
-// Starts rvkd, found beside this program, without options; waits until its start is over: greeting answered, demo done.
-// Every thread of it is then on the bench's processor. Its cards must be there already.
-[[nodiscard]] child start_daemon();
+// Starts rvkd, found beside this program, without options, on the bench's processor. Waits for nothing.
+[[nodiscard]] child launch_daemon();
+
+// The same, and waits until its start is over: greeting answered, demo done, at rest. `cards` are those that it talks
+// to; every thread of it is then on the bench's processor.
+[[nodiscard]] child start_daemon(const simulated_cards& cards);
 
 // A copy of a process's packet socket, as it is bound to its link.
 [[nodiscard]] unique_fd packet_socket_of(pid_t process);
@@ -59,6 +63,10 @@ private:
 // Nanoseconds of processor time that all threads of a process have used; its resident memory in bytes.
 [[nodiscard]] double processor_time_ns(pid_t process);
 [[nodiscard]] double resident_bytes(pid_t process);
+
+// Starts the count of the most resident memory anew; that memory in bytes.
+void forget_peak(pid_t process);
+[[nodiscard]] double peak_bytes(pid_t process);
 
 // Starts a program and waits for it. Result: what it wrote to standard error.
 [[nodiscard]] std::string run_program(const std::vector<std::string>& arguments);

@@ -16,6 +16,12 @@ void acknowledged_row(const settings& chosen);
 void queue_row(const settings& chosen);
 void pool_row(const settings& chosen);
 void idle_row(const settings& chosen);
+void picture_row(const settings& chosen);
+void picture_job_row(const settings& chosen);
+void read_back_row(const settings& chosen);
+void firmware_row(const settings& chosen);
+void start_row(const settings& chosen);
+void memory_row(const settings& chosen);
 
 // The other side of instructions_row: sends frames under callgrind, `which` being "ours" or "bare".
 void count_instructions_of(const char* which);
