@@ -102,7 +102,7 @@ bool is_safe_for_shell(std::string_view path)
                others.find(c) != std::string_view::npos;
     };
     const std::string_view name = path.substr(path.rfind('/') + 1); // npos + 1 is 0
-    return std::all_of(path.begin(), path.end(), harmless) && !name.starts_with('-');
+    return std::all_of(path.begin(), path.end(), harmless) && !path.starts_with('-') && !name.starts_with('-');
 }
 
 int tool_line(char* line, uint32_t type, const char* path)
