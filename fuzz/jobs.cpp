@@ -1,0 +1,278 @@
+// Any payload of a file command, from its message through the mailbox and the job down to simulated cards, and its
+// reply. Whatever the payload, the disk, the cards and the socket do wrong: a command that has a reply gets exactly one
+// and the others none, nothing is sent and no tool run for what is refused, a picture's frames are its file's pixels or
+// black and no byte more, files read back are whole, a firmware image arrives as it was, no block is left.
+#include "job_input.h"
+#include "played_link.h"
+#include "private_files.h"
+
+#include "ap_msg/endpoint.h"
+#include "ap_msg/file_service.h"
+#include "ap_msg/mailbox.h"
+#include "ap_msg/message.h"
+#include "base/bytes.h"
+#include "eth_raw/frame.h"
+#include "files/bmp.h"
+#include "platform/platform.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <string_view>
+
+using namespace rvk;
+
+namespace {
+
+constexpr char temporary_image[] = "/home/updatebin.tmp";
+constexpr int tool_status = 0x500;
+constexpr size_t step_space = 1408, step_data = 1400; // a read-back's steps, in card memory and in the picture
+
+struct outcome {
+    uint64_t frames = 0;
+    std::vector<uint8_t> streamed; // to the data ports of pictures
+    std::vector<std::vector<uint8_t>> replies;
+    std::vector<std::string> tools;
+    unsigned syncs = 0;
+};
+outcome* seen = nullptr;
+
+void require(bool holds)
+{
+    if (!holds) { abort(); }
+}
+
+void note_frame(std::span<const uint8_t> frame)
+{
+    ++seen->frames;
+    const uint32_t addr = load_le32(&frame[request::addr]);
+    if (frame[request::code] != code_write || (addr != 0x40000 && addr != 0x60000)) { return; }
+    const auto data = frame.subspan(request::payload, load_le16(&frame[request::len]));
+    seen->streamed.insert(seen->streamed.end(), data.begin(), data.end());
+}
+
+// Result: the daemon took a job, and it has been carried out.
+bool run(const job_input& job)
+{
+    {
+        const scoped_lock hold(file_mutex);
+        file_name_data.fill(0); // no file command has this code
+    }
+    ApipcEventDeal(0, 0, job.message.data(), static_cast<int>(job.message.size()));
+    {
+        const scoped_lock hold(file_mutex);
+        if (file_name_data[message::in_data_head(message::code)] == 0) { return false; }
+    }
+    file_step();
+    return true;
+}
+
+int32_t result_of(const job_input& job)
+{
+    const bool is_update = job.code == command::update;
+    require(seen->replies.size() == 1);
+    const std::vector<uint8_t>& reply = seen->replies[0];
+    require(reply.size() == message_head_bytes + (is_update ? 4 : 0));
+    require(reply[message::code] == job.code && reply[message::module] == module_self);
+    if (is_update && job.payload.size() >= 4) { require(load_le32(&reply[message::payload]) == job.type); }
+    return static_cast<int32_t>(load_le32(&reply[message::result]));
+}
+
+// What a picture file has to show: its pixels, or black.
+std::vector<uint8_t> picture_wanted(const job_input& job, const std::optional<std::vector<uint8_t>>& file)
+{
+    const size_t wanted = size_t{job.hor} * job.ver * 4;
+    std::vector<uint8_t> black(wanted);
+    if (!file) { return black; }
+    int64_t offset = 0;
+    if (job.path->ends_with(".bmp")) {
+        if (file->size() < 14) { return black; }
+        offset = static_cast<int32_t>(load_le32(file->data() + 10));
+        if (offset <= 0) { return black; }
+    }
+    const auto size = static_cast<int64_t>(file->size());
+    if (size - offset < static_cast<int64_t>(wanted)) { return black; }
+    if (wanted != 0) { memcpy(black.data(), file->data() + offset, wanted); }
+    return black;
+}
+
+void check_picture(const job_input& job, const std::optional<std::vector<uint8_t>>& file)
+{
+    const bool to_do = job.is_picture_to_do();
+    require(result_of(job) == (to_do ? 0 : -1));
+    require(seen->tools.empty());
+    if (!to_do) { return require(seen->frames == 0); }
+    require(seen->streamed == picture_wanted(job, file));
+    if (job.is_faultless()) { require(played->farm.counts().refused() == 0); }
+}
+
+// The picture in the card's memory as the read-back's steps find it; none where its addresses run over their 32 bits.
+std::optional<std::vector<uint8_t>> picture_in_card(const job_input& job)
+{
+    const size_t line = size_t{job.hor} * 4, stride = (line + 63) / 64 * 64;
+    const size_t space = (stride * job.ver + step_data - 1) / step_data * step_space;
+    const uint64_t from = uint64_t{job.addr} * 8;
+    if (job.addr + uint64_t{space} / 8 > UINT32_MAX) { return std::nullopt; }
+    const auto memory = played->farm.read_pictures({job.model, job.slot}, from, space);
+    std::vector<uint8_t> picture(line * job.ver);
+    for (size_t at = 0; at < picture.size(); ++at) {
+        const size_t padded = at / line * stride + at % line;
+        picture[at] = memory[padded / step_data * step_space + padded % step_data];
+    }
+    return picture;
+}
+
+void check_read_back(const job_input& job, placed before)
+{
+    require(seen->replies.empty() && seen->tools.empty() && seen->streamed.empty());
+    if (!job.is_picture_to_do()) { return require(seen->frames == 0); }
+    const std::string image_name = (*job.path + ".bmp").substr(0, 99);
+    const auto raw = contents_of(*job.path);
+    const auto image = contents_of(image_name);
+    if (before == placed::folder || before == placed::fifo || job.path->empty() || image_name == *job.path) {
+        return require(seen->frames == 0 && seen->syncs == 0);
+    }
+    require(raw && image && seen->syncs == 1);
+    require(raw->size() == size_t{job.hor} * job.ver * 4);
+    require(*image == bmp_of(*raw, job.hor, job.ver, 32));
+    if (!job.is_faultless()) { return; }
+    require(played->farm.counts().refused() == 0);
+    if (const auto wanted = picture_in_card(job)) { require(*raw == *wanted); }
+}
+
+bool is_plain(std::string_view path)
+{
+    static constexpr std::string_view allowed =
+        "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ/._+-=,@%:";
+    const bool option = path.starts_with('-') || path.substr(path.rfind('/') + 1).starts_with('-');
+    return !option && path.find_first_not_of(allowed) == std::string_view::npos;
+}
+
+// One word of the tool's line is the path as it came, and none was added or split.
+void check_tool(const job_input& job, int32_t result)
+{
+    static constexpr const char* kinds[] = {"input", "output", "vpu"};
+    if (!is_plain(*job.path)) { return require(seen->tools.empty() && result == -1); }
+    if (seen->tools.empty()) { return require(job.path->size() > 900 && result == -1); }
+    require(seen->tools.size() == 1 && result == tool_status);
+    std::istringstream line(seen->tools[0]);
+    std::vector<std::string> words;
+    for (std::string word; line >> word;) { words.push_back(word); }
+    require(words.size() >= 7 && words[0] == "/usr/vexo/bin/mcu_isp" && words[2] == kinds[job.type - 0x16]);
+    require(words[5] == "-b" && words[6] == *job.path && words.size() == (job.type == 0x18 ? 9 : 7));
+}
+
+bool has_marker(const std::string& path)
+{
+    return path.find(".bin") != path.npos || path.find(".Bin") != path.npos || path.find(".BIN") != path.npos;
+}
+
+// A transfer that is called a success put head and image into the card; without faults a good file is one.
+void check_transfer(const job_input& job, const std::string& path, const std::optional<std::vector<uint8_t>>& image,
+                    int32_t result)
+{
+    const bool good_file = image && has_marker(path);
+    require(result == 0 || result == -1);
+    if (job.is_faultless()) { require(result == (good_file ? 0 : -1)); }
+    if (result != 0) { return; }
+    const auto files = played->farm.firmware({0, job.slot});
+    require(good_file && files.size() == 1);
+    require(std::ranges::equal(files[0].image(), *image));
+    require(files[0].device_type >> 8 == job.model >> 8);
+}
+
+void check_update(const job_input& job, const std::optional<std::vector<uint8_t>>& file, placed before,
+                  const std::optional<std::vector<uint8_t>>& new_image)
+{
+    const int32_t result = result_of(job);
+    if (!job.handed_over || !job.path) { return require(seen->frames == 0 && seen->tools.empty() && result == -1); }
+    const bool asks_card = job.type == 0x19 || job.type == 0x1C;
+    if (asks_card && !job.is_faultless() && seen->frames <= 1) { return; } // which file was meant is open
+    const bool is_new = job.type == 0x19 && job.generation == 1 && job.path->find("b1.bin") == std::string::npos;
+    if (is_new && !job.is_faultless()) { return; }
+    const bool found = is_new ? new_image.has_value() : before != placed::nothing;
+    if (!found) { return require(result == -1 && seen->tools.empty() && seen->frames == (asks_card ? 1u : 0u)); }
+    if (job.type >= 0x16 && job.type <= 0x18) { return check_tool(job, result); }
+    require(seen->tools.empty());
+    if (job.type < 0x19 || job.type > 0x1E) { return require(result == 0 && seen->frames == 0); }
+    if (is_new) { return check_transfer(job, new_image_path, new_image, result); }
+    check_transfer(job, *job.path, file, result);
+}
+
+void check(const job_input& job, bool carried_out, const std::optional<std::vector<uint8_t>>& file, placed before)
+{
+    require(carried_out == job.handed_over && gbUpdateProcessRunning == 0);
+    switch (job.code) {
+    case command::file_write: return check_picture(job, file);
+    case command::file_read: return check_read_back(job, before);
+    default: return check_update(job, file, before, contents_of(new_image_path));
+    }
+}
+
+} // namespace
+
+extern "C" {
+
+int apipc_init(uint32_t, int) { return 0; }
+int apipc_loop_wait(int, apipc_callback) { return -1; }
+int apcard_bit_self(void) { return 1; }
+
+int apipc_send(uint32_t destination, const void* message, uint32_t bytes)
+{
+    require(destination == job_requester && bytes >= message_head_bytes);
+    const auto* begin = static_cast<const uint8_t*>(message);
+    seen->replies.emplace_back(begin, begin + bytes);
+    return 0;
+}
+
+// No line is ever run: what the two that make the temporary file would do is done here.
+int my_system(const char* line)
+{
+    const std::string_view text = line;
+    if (text == std::string("/bin/rm -f  ") + temporary_image) {
+        remove_private_file(temporary_image);
+    } else if (text == std::string("/bin/touch ") + temporary_image) {
+        place(temporary_image, placed::file, {});
+    } else if (text == "sync") {
+        ++seen->syncs;
+    } else {
+        seen->tools.emplace_back(text);
+        return tool_status;
+    }
+    return 0;
+}
+
+int LLVMFuzzerInitialize(int*, char***)
+{
+    open_played_link();
+    open_private_files();
+    return freopen("/dev/null", "w", stdout) == nullptr; // the progress of transfers
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    const auto job = job_input_of({data, size});
+    if (!job) { return 0; }
+    place_files(*job);
+    const placed before = job->path ? what_is_at(*job->path) : placed::nothing;
+    const auto file = job->path ? contents_of(*job->path) : std::nullopt;
+    played_link link;
+    played = &link;
+    outcome here;
+    seen = &here;
+    link.on_frame = note_frame;
+    link.refuse_every = job->refuse_every;
+    set_fault(link, job->fault);
+    link.farm.set_behaviour({.generation = job->generation});
+    if (job->code == command::file_read) {
+        link.farm.write_pictures({job->model, job->slot}, uint64_t{job->addr} * 8, job->file);
+    }
+    const bool carried_out = run(*job);
+    drain();
+    require(bad_frames(link.farm.counts()) == 0);
+    check(*job, carried_out, file, before);
+    clear_private_files();
+    return 0;
+}
+}

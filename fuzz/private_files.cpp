@@ -1,0 +1,136 @@
+#include "private_files.h"
+
+#include <climits>
+#include <cstdarg>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+extern "C" {
+int __real_open64(const char* path, int flags, ...);
+int __real_access(const char* path, int mode);
+int __real_stat64(const char* path, struct stat* status);
+}
+
+namespace {
+
+constexpr size_t name_max = 200; // a file's name has at most 255 bytes; longer paths keep their start
+
+std::string* folder = nullptr; // none: paths are the machine's own, as the fuzzer itself needs them
+std::set<std::string>* used = nullptr;
+
+void remove_folder()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(*folder, ignored);
+}
+
+// An empty path names nothing here either.
+std::string private_path(const std::string& path)
+{
+    if (path.empty()) { return ""; }
+    std::string name = path;
+    for (char& c : name) {
+        if (c == '/') { c = '!'; }
+    }
+    if (name.size() > name_max) {
+        name = name.substr(0, name_max / 2) + std::to_string(std::hash<std::string>{}(path));
+    }
+    return *folder + "/f" + name;
+}
+
+std::string note_use(const std::string& path)
+{
+    std::string mapped = private_path(path);
+    if (!mapped.empty()) { used->insert(mapped); }
+    return mapped;
+}
+
+int open_private(const char* path, int flags)
+{
+    return __real_open64((flags & O_CREAT) != 0 ? note_use(path).c_str() : private_path(path).c_str(), flags, 0600);
+}
+
+} // namespace
+
+void open_private_files()
+{
+    std::string name = (std::filesystem::temp_directory_path() / "rvk-fuzz-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr) { abort(); }
+    folder = new std::string(name);
+    used = new std::set<std::string>;
+    atexit(remove_folder);
+}
+
+void clear_private_files()
+{
+    for (const std::string& path : *used) { ::remove(path.c_str()); }
+    used->clear();
+}
+
+void place(const std::string& path, placed what, std::span<const uint8_t> bytes)
+{
+    const std::string mapped = note_use(path);
+    if (mapped.empty() || what == placed::nothing) { return; }
+    if (what == placed::folder) { mkdir(mapped.c_str(), 0700); }
+    if (what == placed::fifo) { mkfifo(mapped.c_str(), 0600); }
+    if (what != placed::file) { return; }
+    const int file = __real_open64(mapped.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (file < 0 || write(file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) { abort(); }
+    close(file);
+}
+
+void make_huge(const std::string& path)
+{
+    if (truncate(private_path(path).c_str(), off_t{INT_MAX} + 1) != 0) { abort(); }
+}
+
+void remove_private_file(const std::string& path) { unlink(private_path(path).c_str()); }
+
+placed what_is_at(const std::string& path)
+{
+    struct stat status = {};
+    if (__real_stat64(private_path(path).c_str(), &status) != 0) { return placed::nothing; }
+    if (S_ISDIR(status.st_mode)) { return placed::folder; }
+    return S_ISREG(status.st_mode) ? placed::file : placed::fifo;
+}
+
+std::optional<std::vector<uint8_t>> contents_of(const std::string& path)
+{
+    if (what_is_at(path) != placed::file) { return std::nullopt; }
+    const int file = __real_open64(private_path(path).c_str(), O_RDONLY);
+    struct stat status = {};
+    if (file < 0 || fstat(file, &status) != 0) { abort(); }
+    std::vector<uint8_t> bytes(static_cast<size_t>(status.st_size));
+    if (pread(file, bytes.data(), bytes.size(), 0) != status.st_size) { abort(); }
+    close(file);
+    return bytes;
+}
+
+extern "C" {
+
+int __wrap_open64(const char* path, int flags, ...)
+{
+    va_list more;
+    va_start(more, flags);
+    const int mode = (flags & O_CREAT) != 0 ? va_arg(more, int) : 0;
+    va_end(more);
+    return folder == nullptr ? __real_open64(path, flags, mode) : open_private(path, flags);
+}
+
+int __wrap_access(const char* path, int mode)
+{
+    return __real_access(folder == nullptr ? path : private_path(path).c_str(), mode);
+}
+
+int __wrap_stat64(const char* path, struct stat* status)
+{
+    return __real_stat64(folder == nullptr ? path : private_path(path).c_str(), status);
+}
+
+void __wrap_sync() {}
+}

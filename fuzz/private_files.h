@@ -1,0 +1,26 @@
+// The files of a target whose paths come from its input: whatever path the daemon's code names, it gets a file of a
+// folder made for this run, and nothing of the machine is read, written or flushed.
+//
+// The program is linked so that open, access, stat and sync end here. A path becomes one name in the folder, so that
+// no path leads out of it; what was opened or placed is removed after each input.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+enum class placed { nothing, file, folder, fifo };
+
+// Makes the folder; it is removed at the end of the process.
+void open_private_files();
+void clear_private_files();
+
+void place(const std::string& path, placed what, std::span<const uint8_t> bytes);
+void make_huge(const std::string& path); // a file of more bytes than 31 bits count
+void remove_private_file(const std::string& path);
+
+// Result: what stands at a path, and none where no regular file does.
+[[nodiscard]] placed what_is_at(const std::string& path);
+[[nodiscard]] std::optional<std::vector<uint8_t>> contents_of(const std::string& path);
