@@ -51,10 +51,10 @@ double microseconds_per_second(const child& process)
 
 void idle_row(const settings& chosen)
 {
+    const child bare(tick_and_sleep); // before the cards, whose pictures a child would have too
+    bare.stop();
     const simulated_cards cards(card_priority);
     const child daemon = start_daemon(cards);
-    const child bare(tick_and_sleep);
-    bare.stop();
     daemon.stop();
     const auto found = compare(
         chosen.rounds, [&] { return microseconds_per_second(daemon); }, [&] { return microseconds_per_second(bare); });
