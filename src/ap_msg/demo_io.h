@@ -1,5 +1,5 @@
 // What connects the demo to the cards: the send operations and the picture write, each under demo_mutex, so that it
-// never interleaves with a command's exchange.
+// never interleaves with a command's exchange. index, model, slot: the card. Called by the main thread.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,5 @@
-// The lock that keeps the dispatch's, the update's and the demo's synchronous card exchanges apart.
+// The lock that keeps the dispatch's, the update's and the demo's synchronous card exchanges apart. Has a room of its
+// own because the three stand on different floors.
 #pragma once
 
 #include "base/mutex.h"

@@ -151,26 +151,19 @@ void write_acknowledged(const request_fields& r)
     return waited ? write_waited(r) : write_unwaited(r);
 }
 
-// Answers a file command that is not carried out, if its kind has an answer.
-void refuse_file_job(const request_fields& r)
-{
-    if (r.code == command::file_write) { send_reply(r.head, -1); }
-    if (r.code == command::update) { send_update_response(r.head, r.payload, -1); }
-}
-
 void hand_over_file_job(const request_fields& r, std::span<const uint8_t> data_head)
 {
     if (r.len > file_payload_max) {
         log_too_long(r, file_payload_max);
-        return refuse_file_job(r);
+        return refuse_file_job(r.head, r.payload);
     }
     if (is_cut(r)) {
         log_cut(r);
-        return refuse_file_job(r);
+        return refuse_file_job(r.head, r.payload);
     }
     if (mailbox_put(data_head.first(data_head_bytes + r.len), {r.head, message_head_bytes}) != 0) {
         log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: no thread serves file jobs\n", r.code, r.requester);
-        refuse_file_job(r);
+        refuse_file_job(r.head, r.payload);
     }
 }
 

@@ -1,5 +1,6 @@
 #include "ap_msg/file_service.h"
 
+#include "ap_msg/file_request.h"
 #include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
 #include "ap_msg/picture_write.h"
@@ -13,7 +14,14 @@ namespace {
 
 constexpr int file_priority = 95; // ours, SCHED_FIFO: above the IPC receive thread
 
-void run_job(const mailbox_area& message_head, const mailbox_area& data_head)
+// One that came between the start of the commands' thread and the failure to start ours.
+void refuse_left_job()
+{
+    const scoped_lock hold(file_mutex);
+    refuse_file_job(file_write_head.data(), file_request_of(file_name_data).payload);
+}
+
+void run_job(const mailbox_area& message_head, const mailbox_area& data_head) RVK_REQUIRES(file_mutex)
 {
     switch (data_head[message::in_data_head(message::code)]) {
     case command::file_write: write_file_handle(message_head, data_head); break;
@@ -33,7 +41,7 @@ int32_t WexApFileTaskCreate(int processor)
 {
     if (start_thread("rvk-file", file_priority, ApMsgFileProc, processor, nullptr) == 0) { return 0; }
     log_print(LOG_HERE, "failed to create thread \n");
-    mailbox_close();
+    if (mailbox_close()) { refuse_left_job(); }
     return -1;
 }
 

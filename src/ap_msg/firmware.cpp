@@ -14,7 +14,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <limits>
-#include <memory>
+#include <poll.h>
 #include <sys/stat.h>
 
 namespace rvk {
@@ -80,9 +80,17 @@ int32_t send_file_info(uint32_t size, uint16_t model, uint8_t slot)
     return 0;
 }
 
+// A transfer must not stop half-way because a reader of standard output does: the figure is then left out.
+bool can_print()
+{
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    return poll(&output, 1, 0) == 1 && (output.revents & POLLOUT) != 0;
+}
+
 // The figure is overwritten in place.
 void print_progress(bool first, uint32_t total, uint32_t remaining)
 {
+    if (!can_print()) { return; }
     const auto percent = static_cast<int>(uint64_t{100} * (total - remaining) / total);
     printf(first ? "now sended %2d%%" : "\b\b\b%2d%%", percent);
     fflush(stdout);
@@ -148,7 +156,10 @@ bool is_binary(const char* path)
 void run_on_file(const char* command, const char* path)
 {
     char line[command_bytes] = "";
-    snprintf(line, sizeof line, "%s%s", command, path);
+    if (snprintf(line, sizeof line, "%s%s", command, path) >= static_cast<int>(sizeof line)) {
+        log_print(LOG_HERE, "%s%s refused: more than %zu characters\n", command, path, sizeof line - 1);
+        return; // cut short it would name another file
+    }
     static_cast<void>(my_system(line));
 }
 
@@ -217,13 +228,12 @@ off_t get_file_size(const char* path)
 
 off_t get_file_size_old(const char* path)
 {
-    const std::unique_ptr<FILE, int (*)(FILE*)> file{fopen(path, "rbe"), fclose};
+    const unique_fd file = open_regular(path, O_RDONLY);
     if (!file) {
         log_print(LOG_HERE, "ERROR: Open file %s failed.\n", path);
         return 0;
     }
-    fseeko(file.get(), 0, SEEK_END);
-    return ftello(file.get());
+    return std::max<off_t>(lseek(file.get(), 0, SEEK_END), 0);
 }
 
 } // namespace rvk

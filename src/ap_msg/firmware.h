@@ -9,10 +9,10 @@
 namespace rvk {
 
 // Sends an image.
-// path   a name that contains ".BIN", ".bin" or ".Bin"
-// model  goes to the card inside the file information; every write of a transfer addresses model 0 of the slot on link
-// 0 Result 0 when every step succeeded, else -1. A failure after the file information leaves a partial image on the
-// card.
+//
+// path    a name that contains ".BIN", ".bin" or ".Bin"
+// model   goes to the card inside the file information only: every write addresses model 0 of the slot, on link 0
+// Result  0 when every step succeeded, else -1; a failure after the file information leaves the card a partial image
 int32_t sys_update(const char* path, uint16_t model, uint8_t slot);
 
 // The same with its arguments in another order; nothing calls it.
@@ -25,7 +25,8 @@ int32_t RawSockSendMsgWithAckWait_Try_nTimes(int attempts, int index, uint16_t m
                                              uint8_t code, std::span<const uint8_t> data, uint8_t* ack,
                                              uint32_t timeout_ticks);
 
-// Makes an empty file by shell commands; removes it by one (nothing calls that). Always 0.
+// Makes an empty file by shell commands; removes it by one (nothing calls that). A path that does not fit their 127
+// characters is refused and logged. Always 0.
 int32_t update_temfile_creat(const char* path);
 int32_t update_temfile_del(const char* path);
 

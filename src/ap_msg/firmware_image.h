@@ -1,4 +1,6 @@
-// The temporary copy of a firmware image, and the 256-byte head that the card finds in front of it.
+// The temporary copy of a firmware image, and the 256-byte head that the card finds in front of it. The copy is made
+// block by block, so an image is never whole in memory; it stays in place until the next transfer replaces it. Called
+// by the file-service thread only.
 #pragma once
 
 #include <cstddef>

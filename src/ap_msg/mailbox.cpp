@@ -16,7 +16,8 @@ namespace {
 // Both are ready before main starts, so before any thread can use them.
 semaphore sem_file_write{0}; // a job is in the slot
 semaphore sem_slot_free{1};
-std::atomic<bool> closed{false};
+bool closed RVK_GUARDED_BY(file_mutex);
+bool used RVK_GUARDED_BY(file_mutex); // a job was put: without its thread it is in the slot still
 
 void fill(mailbox_area* area, std::span<const uint8_t> bytes)
 {
@@ -29,12 +30,13 @@ void fill(mailbox_area* area, std::span<const uint8_t> bytes)
 int32_t mailbox_put(std::span<const uint8_t> data, std::span<const uint8_t> head)
 {
     sem_slot_free.wait();
-    if (closed) {
-        sem_slot_free.post(); // for whoever comes next
-        return -1;
-    }
     {
         const scoped_lock hold(file_mutex);
+        if (closed) {
+            sem_slot_free.post(); // for whoever comes next
+            return -1;
+        }
+        used = true;
         fill(&file_name_data, data);
         fill(&file_write_head, head);
     }
@@ -46,10 +48,12 @@ void mailbox_wait() { sem_file_write.wait(); }
 
 void mailbox_free() { sem_slot_free.post(); }
 
-void mailbox_close()
+bool mailbox_close()
 {
+    const scoped_lock hold(file_mutex);
     closed = true;
     sem_slot_free.post();
+    return used;
 }
 
 } // namespace rvk

@@ -37,7 +37,8 @@ extern std::atomic<int> gbUpdateProcessRunning;
 void mailbox_wait();
 void mailbox_free() RVK_EXCLUDES(file_mutex);
 
-// Turns away every job from now on, one that waits for the slot included: no thread will ever serve them.
-void mailbox_close();
+// For when the file-service thread could not be started: turns away every job from now on, one that waits for the slot
+// included. Result: whether a job is in the slot already; it stays there, and the caller answers it.
+bool mailbox_close() RVK_EXCLUDES(file_mutex);
 
 } // namespace rvk

@@ -94,6 +94,13 @@ void send_update_response(const uint8_t* request_head, std::span<const uint8_t> 
     static_cast<void>(ApipcDataSend(requester, response.data(), update_type_bytes));
 }
 
+void refuse_file_job(const uint8_t* request_head, std::span<const uint8_t> payload)
+{
+    const uint8_t code = request_head[message::code];
+    if (code == command::file_write) { send_reply(request_head, -1); }
+    if (code == command::update) { send_update_response(request_head, payload, -1); }
+}
+
 void make_write_report(uint8_t* head, int index, uint32_t addr, int32_t result)
 {
     memset(head, 0, message_head_bytes);

@@ -71,6 +71,9 @@ void send_reply(const uint8_t* request_head, int32_t result);
 // payload  the request's; its first four bytes are the type, what is missing of them goes back as zero
 void send_update_response(const uint8_t* request_head, std::span<const uint8_t> payload, int32_t result);
 
+// Answers a file command that is not carried out with -1, in the way of its kind; a read-back has no answer.
+void refuse_file_job(const uint8_t* request_head, std::span<const uint8_t> payload);
+
 // Fills all 40 bytes of the report of an acknowledged write that nobody waits for.
 void make_write_report(uint8_t* head, int index, uint32_t addr, int32_t result);
 

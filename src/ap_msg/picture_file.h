@@ -1,4 +1,5 @@
-// Picture files as the file service takes them: the whole file in memory, and where its pixels start.
+// Picture files as the file service takes them: the whole file in memory, and where its pixels start. The file is read
+// at once, so that whatever happens to it meanwhile no half of a picture is sent. Called by the file-service thread.
 #pragma once
 
 #include "ap_msg/file_request.h"

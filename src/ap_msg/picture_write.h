@@ -1,7 +1,8 @@
 // Pictures into card memory: the file service's job of that kind, and the write itself, which the demo uses too.
 //
 // index, model, slot: the card. A picture is hor x ver pixels of 4 bytes, sent as they stand; `buffer` is the number of
-// the card's picture buffer. A picture that cannot be had from its file is written black.
+// the card's picture buffer. hor and ver are at most 65,535 each, and below 2^29 pixels together: jobs are refused
+// otherwise. A picture that cannot be had from its file is written black.
 #pragma once
 
 #include "ap_msg/mailbox.h"
@@ -32,10 +33,12 @@ int32_t write_file_handler_excp(int index, uint16_t model, uint8_t slot, uint32_
 void write_file_resp(const mailbox_area& message_head, int32_t result);
 
 // Writes hor x ver pixels into a picture buffer: three acknowledged control writes, and between the second and the
-// third the data in plain frames of 1,400 bytes. data    at least that many bytes; null data is refused Result  0 once
-// data is given, whatever the card answered; -1 without Threads the file service's and the demo's; holds pic_mutex
-// throughout
+// third the data in plain frames of 1,400 bytes.
+//
+// data     at least hor x ver x 4 bytes; null is refused
+// Result   0 once data is given, whatever the card answered; -1 without
+// Threads  the file service's and the demo's; holds pic_mutex throughout
 int32_t DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t buffer, uint16_t hor, uint16_t ver,
-                  std::span<const uint8_t> data);
+                  std::span<const uint8_t> data) RVK_EXCLUDES(pic_mutex);
 
 } // namespace rvk

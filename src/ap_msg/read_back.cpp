@@ -32,20 +32,18 @@ constexpr size_t image_name_max = 99; // ours: longer names are cut
 
 uint32_t units_of(size_t bytes) { return static_cast<uint32_t>((bytes + unit_bytes - 1) / unit_bytes); }
 
-// Created or emptied; nothing is emptied that is not a regular file.
-unique_fd open_output(const char* path)
+void empty(unique_fd* file)
 {
-    unique_fd file = open_regular(path, O_RDWR | O_CREAT);
-    if (file && ftruncate(file.get(), 0) != 0) { file.reset(); }
-    return file;
+    if (*file && ftruncate(file->get(), 0) != 0) { file->reset(); }
 }
 
-bool is_same_file(const unique_fd& a, const unique_fd& b)
+// Whether a path leads to an open file, by name or by link.
+bool is_same_file(const unique_fd& opened, const char* path)
 {
-    struct stat of_a = {};
-    struct stat of_b = {};
-    if (fstat(a.get(), &of_a) != 0 || fstat(b.get(), &of_b) != 0) { return false; }
-    return of_a.st_dev == of_b.st_dev && of_a.st_ino == of_b.st_ino;
+    struct stat of_file = {};
+    struct stat of_path = {};
+    if (!opened || fstat(opened.get(), &of_file) != 0 || stat(path, &of_path) != 0) { return false; }
+    return of_file.st_dev == of_path.st_dev && of_file.st_ino == of_path.st_ino;
 }
 
 void write_or_log(const unique_fd& file, std::span<const uint8_t> bytes, off_t at, const char* what, bool* failed)
@@ -89,14 +87,17 @@ void read_into_files(const file_request& r, picture_size size, const char* base)
     char image_name[job_path_bytes + sizeof ".bmp"];
     snprintf(image_name, sizeof image_name, "%s.bmp", base);
     image_name[image_name_max] = '\0';
-    const unique_fd image = open_output(image_name);
+    unique_fd image = open_regular(image_name, O_RDWR | O_CREAT);
     log_print(LOG_HERE, "\n%d ddr to filename:%s\n", r.index, base);
+    if (is_same_file(image, base)) { return log_print(LOG_HERE, "\nfile open failed\n"); } // and nothing was emptied
+    empty(&image);
     const page_buffer buffer(picture_bytes(size));
-    if (!buffer) { return log_print(LOG_HERE, "\nmalloc p failed\n"); }
     bool image_failed = false;
-    if (image) { write_or_log(image, bmp_head(size.hor, size.ver), 0, "image", &image_failed); }
-    const unique_fd raw = open_output(base);
-    if (!image || !raw || is_same_file(image, raw)) { return log_print(LOG_HERE, "\nfile open failed\n"); }
+    if (image && buffer) { write_or_log(image, bmp_head(size.hor, size.ver), 0, "image", &image_failed); }
+    unique_fd raw = open_regular(base, O_RDWR | O_CREAT);
+    empty(&raw);
+    if (!buffer) { return log_print(LOG_HERE, "\nmalloc p failed\n"); } // both files are there, and short
+    if (!image || !raw) { return log_print(LOG_HERE, "\nfile open failed\n"); }
     read_card(r, size, buffer.bytes());
     static_cast<void>(my_system("sync")); // nothing here depends on it
     log_print(LOG_HERE, "\nwait for bmp file generatiiiiing....\n");
@@ -104,6 +105,7 @@ void read_into_files(const file_request& r, picture_size size, const char* base)
     write_or_log(raw, buffer.bytes(), 0, "raw", &raw_failed);
     reverse_pixels(buffer.bytes());
     write_image_lines(image, buffer.bytes(), size, &image_failed);
+    if (image_failed) { empty(&image); } // written from its end on, it would have the size of a complete one
     log_print(LOG_HERE, "\n");
 }
 
@@ -124,7 +126,7 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
     const size_t line = size_t{hor} * pixel_bytes;
     const size_t stride = (line + unit_bytes - 1) / unit_bytes * unit_bytes;
     const page_buffer work(stride * ver);
-    if (!work) { return log_print(LOG_HERE, "\nmalloc p failed\n"); } // the picture stays as it is: zero
+    if (!work) { return log_print(LOG_HERE, "\nmalloc p failed: nothing is read, the picture stays zero\n"); }
     const std::span<uint8_t> all = work.bytes();
     uint32_t addr = start;
     for (size_t at = 0; at < all.size();) {
@@ -144,7 +146,7 @@ int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, 
     store_le16(what.data() + 4, static_cast<uint16_t>(units_of(dest.size())));
     static_cast<void>(RawSockSendMsg(index, model, slot, read_command, code_write, what));
     static_cast<void>(RawSockSendMsg(index, model, slot, read_start, code_write, std::array<uint8_t, 1>{1}));
-    uint8_t status = 0; // not examined: the read of it is the pause that the card needs
+    uint8_t status = 0; // not examined
     uint32_t received = 0;
     static_cast<void>(
         RawSockSendMsgWithReadWait(index, model, slot, read_status, code_read, 1, {&status, 1}, &received, read_ticks));

@@ -1,4 +1,5 @@
-// Card memory read back into files: the file service's job of that kind.
+// Card memory read back into files: the file service's job of that kind, on its thread. index, model, slot: the card. A
+// step that a card does not answer leaves zeros; the job goes on, and the files are the only result.
 #pragma once
 
 #include "ap_msg/mailbox.h"
@@ -8,8 +9,8 @@
 
 namespace rvk {
 
-// Carries out one job: the raw picture into the file named, and the same as a bottom-up BMP beside it. Always 0;
-// nothing is answered, the files are the result. Steps that a card does not answer leave zeros.
+// Carries out one job: the raw picture into the file named, and the same as a bottom-up BMP beside it. Nothing is
+// answered. Result: always 0.
 int32_t read_file_handle(const mailbox_area& message_head, const mailbox_area& data_head);
 
 // Reads a picture's lines, each padded to a multiple of 64 bytes in card memory, into `dest` without padding.

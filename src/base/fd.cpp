@@ -8,6 +8,11 @@ namespace rvk {
 
 unique_fd open_regular(const char* path, int flags)
 {
+    struct stat named = {};
+    if (stat(path, &named) == 0 && !S_ISREG(named.st_mode)) { // some devices act when they are opened
+        errno = EINVAL;
+        return {};
+    }
     unique_fd file{open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666)};
     struct stat status = {};
     if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
@@ -40,6 +45,7 @@ bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
     while (!bytes.empty()) {
         const ssize_t n = pwrite(file.get(), bytes.data(), bytes.size(), at);
         if (n < 0 && errno == EINTR) { continue; }
+        if (n == 0) { errno = ENOSPC; }
         if (n <= 0) { return false; }
         bytes = bytes.subspan(static_cast<size_t>(n));
         at += n;

@@ -17,6 +17,7 @@
 namespace rvk {
 
 int tool_status = 0;
+bool no_file_commands = false;
 
 namespace {
 
@@ -113,5 +114,5 @@ int my_system(const char* line)
         rvk::commands.emplace_back(line);
     }
     const std::string command = line;
-    return command.starts_with("/bin/") ? std::system(line) : rvk::tool_status;
+    return command.starts_with("/bin/") && !rvk::no_file_commands ? std::system(line) : rvk::tool_status;
 }

@@ -28,10 +28,11 @@ struct file_job {
 void write_bytes(const std::filesystem::path& path, std::span<const uint8_t> bytes);
 [[nodiscard]] std::vector<uint8_t> bytes_of(const std::filesystem::path& path);
 
-// The command lines that the daemon ran since the last call. Commands that make or remove files are run, others are
-// not: they end with tool_status.
+// The command lines that the daemon ran since the last call. Commands that make or remove files are run unless
+// `no_file_commands`; others are not: they end with tool_status.
 [[nodiscard]] std::vector<std::string> take_commands();
 extern int tool_status;
+extern bool no_file_commands;
 
 // A folder of a test's own, gone at its end. `small` makes it a file system of 64 KiB.
 class test_folder {

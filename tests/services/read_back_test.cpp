@@ -91,7 +91,7 @@ TEST_F(ReadBack, AStepThatFailsLeavesZeros)
 TEST_F(ReadBack, FilesThatCannotBeMadeAreNotReadFor)
 {
     std::filesystem::create_directory(folder / "taken.bmp");
-    write_bytes(folder / "first.bmp", {});
+    write_bytes(folder / "first.bmp", pattern(1, 10));
     ASSERT_EQ(link((folder / "first.bmp").c_str(), (folder / "first").c_str()), 0);
     const std::string one_file = folder / std::string(99 - (folder / "").size(), 'x');
     for (const std::string& base : {folder / "none/at/all", folder / "taken", folder / "first", one_file}) {
@@ -100,6 +100,7 @@ TEST_F(ReadBack, FilesThatCannotBeMadeAreNotReadFor)
         EXPECT_EQ(logged("file open failed"), 1u) << log_text();
         static_cast<void>(take_log());
     }
+    EXPECT_EQ(bytes_of(folder / "first").size(), 10u); // refused before it was emptied
     get(folder / std::string(250, 'y'), 4, 4);
     EXPECT_EQ(logged("characters, at most 255"), 1u) << log_text();
     EXPECT_TRUE(farm.history().empty());
@@ -116,8 +117,10 @@ TEST_F(ReadBack, ALongNameIsCutAt99Characters)
 TEST_F(ReadBack, AFullDiskIsSaidAndTheJobEnds)
 {
     const test_folder small(true);
-    get(small / "back", 64, 256); // 64 KiB each
-    EXPECT_GE(logged("file is incomplete"), 1u) << log_text();
+    get(small / "back", 1024, 10); // 40 KiB each
+    EXPECT_GE(logged("image file is incomplete"), 1u) << log_text();
+    EXPECT_EQ(bytes_of(small / "back").size(), 40'960u);
+    EXPECT_EQ(bytes_of(small / "back.bmp").size(), 0u); // nothing that could be taken for a whole image
 }
 
 } // namespace

@@ -151,9 +151,9 @@ struct name_case {
     const char* logged;
 };
 const name_case name_cases[] = {
-    {"fw.BIN", 0, "file is *.bin! we will add 256B Head ."},
-    {"fw.Bin", 0, "file is *.bin! we will add 256B Head ."},
-    {"both.dat.bin", 0, "file is *.bin! we will add 256B Head ."},
+    {"fw.BIN", 0, "file is *.bin! we will add 256B Head .\n "},
+    {"fw.Bin", 0, "file is *.bin! we will add 256B Head .\n "},
+    {"both.dat.bin", 0, "file is *.bin! we will add 256B Head .\n "},
     {"fw.bIn", -1, "stop! file is not *.dat or *.bin !\n "},
     {"fw.DAT", -1, "file is *.dat! we cann't decrypt it. stoped!\n "},
 };
@@ -230,6 +230,19 @@ TEST_F(Update, ATemporaryFileThatCannotBeWrittenSendsNothing)
     EXPECT_EQ(sys_update(path.c_str(), model, slot), -1);
     ASSERT_EQ(std::system("umount /home"), 0);
     EXPECT_EQ(logged("/home/updatebin.tmp cannot be written"), 1u) << log_text();
+    EXPECT_TRUE(farm.history().empty());
+}
+
+TEST_F(Update, ACopyThatIsNotTheImageIsNotSent)
+{
+    write_bytes("/home/updatebin.tmp", pattern(1, 5000));
+    no_file_commands = true;
+    EXPECT_EQ(sys_update(image("fw.bin", 1000).c_str(), model, slot), -1); // an older one's tail stands behind it
+    no_file_commands = false;
+    EXPECT_EQ(logged("/home/updatebin.tmp has 5000 bytes instead of 1256"), 1u) << log_text();
+    std::filesystem::create_symlink("/home/updatebin.tmp", folder / "link.bin");
+    EXPECT_EQ(sys_update((folder / "link.bin").c_str(), model, slot), -1); // it grows while it is copied
+    EXPECT_LT(bytes_of("/home/updatebin.tmp").size(), 20'000u);
     EXPECT_TRUE(farm.history().empty());
 }
 
