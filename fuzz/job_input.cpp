@@ -121,6 +121,7 @@ std::optional<job_input> job_input_of(std::span<const uint8_t> data)
 
 void place_files(const job_input& job)
 {
+    fill_disk_after((job.flags & fills_disk) != 0 ? job.addr & 0xFF : SIZE_MAX);
     if ((job.flags & has_new_image) != 0) { place(new_image_path, placed::file, job.file); }
     if (!job.path || (job.flags & no_file) != 0) { return; }
     const placed what = (job.flags & a_folder) != 0 ? placed::folder : placed::file;

@@ -17,7 +17,9 @@ inline constexpr size_t slot = 6, model = 7, addr = 9, len = 13, payload = 15;  
 } // namespace input_at
 
 // Flags. Without len_given the message says the length that its payload has.
-inline constexpr uint8_t len_given = 1, no_file = 2, a_folder = 4, a_fifo = 8, has_new_image = 16, generation_shift = 6;
+inline constexpr uint8_t len_given = 1, no_file = 2, a_folder = 4, a_fifo = 8, has_new_image = 16;
+inline constexpr uint8_t fills_disk = 32,
+                         generation_shift = 6; // the first after as many writes as addr's low byte says
 
 inline constexpr uint32_t job_requester = 0x010A7F01;
 inline constexpr char new_image_path[] = "/opt/upgddir/update_sources_card/fpga_bin/InputCardTop_b1.bin";
@@ -32,7 +34,7 @@ struct job_input {
     bool handed_over;                // to the thread of the file jobs: not cut, not too long
     uint32_t hor, ver, type;         // 0 where the payload is too short
     std::optional<std::string> path; // none: not terminated, or too long for its command
-    [[nodiscard]] bool is_faultless() const { return fault == 0 && refuse_every == 0; }
+    [[nodiscard]] bool is_faultless() const { return fault == 0 && refuse_every == 0 && (flags & fills_disk) == 0; }
     [[nodiscard]] bool is_picture_to_do() const; // a picture job that is not refused
 };
 

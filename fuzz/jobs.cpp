@@ -123,6 +123,15 @@ std::optional<std::vector<uint8_t>> picture_in_card(const job_input& job)
     return picture;
 }
 
+// A file that could not be written whole must not have the size of one that was.
+void check_cut_files(const job_input& job, const std::vector<uint8_t>& raw, const std::vector<uint8_t>& image)
+{
+    const size_t whole = size_t{job.hor} * job.ver * 4;
+    require(raw.empty() || raw.size() == whole);
+    require(image.empty() || (raw.size() == whole && image == bmp_of(raw, job.hor, job.ver, 32)));
+    require(raw.empty() || image.empty());
+}
+
 void check_read_back(const job_input& job, placed before)
 {
     require(seen->replies.empty() && seen->tools.empty() && seen->streamed.empty());
@@ -134,6 +143,7 @@ void check_read_back(const job_input& job, placed before)
         return require(seen->frames == 0 && seen->syncs == 0);
     }
     require(raw && image && seen->syncs == 1);
+    if (was_disk_full()) { return check_cut_files(job, *raw, *image); }
     require(raw->size() == size_t{job.hor} * job.ver * 4);
     require(*image == bmp_of(*raw, job.hor, job.ver, 32));
     if (!job.is_faultless()) { return; }
@@ -174,6 +184,7 @@ void check_transfer(const job_input& job, const std::string& path, const std::op
 {
     const bool good_file = image && has_marker(path);
     require(result == 0 || result == -1);
+    if (was_disk_full()) { require(result == -1 && seen->frames <= 1); } // at most the card's generation is asked for
     if (job.is_faultless()) { require(result == (good_file ? 0 : -1)); }
     if (result != 0) { return; }
     const auto files = played->farm.firmware({0, job.slot});

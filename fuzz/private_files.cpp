@@ -1,5 +1,6 @@
 #include "private_files.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdlib>
@@ -14,6 +15,7 @@ extern "C" {
 int __real_open64(const char* path, int flags, ...);
 int __real_access(const char* path, int mode);
 int __real_stat64(const char* path, struct stat* status);
+ssize_t __real_pwrite64(int file, const void* bytes, size_t count, off_t at);
 }
 
 namespace {
@@ -22,6 +24,8 @@ constexpr size_t name_max = 200; // a file's name has at most 255 bytes; longer 
 
 std::string* folder = nullptr; // none: paths are the machine's own, as the fuzzer itself needs them
 std::set<std::string>* used = nullptr;
+size_t writes_left = SIZE_MAX;
+bool disk_full = false;
 
 void remove_folder()
 {
@@ -70,6 +74,7 @@ void clear_private_files()
 {
     for (const std::string& path : *used) { ::remove(path.c_str()); }
     used->clear();
+    fill_disk_after(SIZE_MAX);
 }
 
 void place(const std::string& path, placed what, std::span<const uint8_t> bytes)
@@ -83,6 +88,14 @@ void place(const std::string& path, placed what, std::span<const uint8_t> bytes)
     if (file < 0 || write(file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) { abort(); }
     close(file);
 }
+
+void fill_disk_after(size_t writes)
+{
+    writes_left = writes;
+    disk_full = false;
+}
+
+bool was_disk_full() { return disk_full; }
 
 void make_huge(const std::string& path)
 {
@@ -130,6 +143,17 @@ int __wrap_access(const char* path, int mode)
 int __wrap_stat64(const char* path, struct stat* status)
 {
     return __real_stat64(folder == nullptr ? path : private_path(path).c_str(), status);
+}
+
+ssize_t __wrap_pwrite64(int file, const void* bytes, size_t count, off_t at)
+{
+    if (writes_left == 0) {
+        disk_full = true;
+        errno = ENOSPC;
+        return -1;
+    }
+    --writes_left;
+    return __real_pwrite64(file, bytes, count, at);
 }
 
 void __wrap_sync() {}

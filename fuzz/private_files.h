@@ -1,8 +1,8 @@
 // The files of a target whose paths come from its input: whatever path the daemon's code names, it gets a file of a
 // folder made for this run, and nothing of the machine is read, written or flushed.
 //
-// The program is linked so that open, access, stat and sync end here. A path becomes one name in the folder, so that
-// no path leads out of it; what was opened or placed is removed after each input.
+// The program is linked so that open, access, stat, pwrite and sync end here. A path becomes one name in the folder, so
+// that no path leads out of it; what was opened or placed is removed after each input.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +18,10 @@ void open_private_files();
 void clear_private_files();
 
 void place(const std::string& path, placed what, std::span<const uint8_t> bytes);
+// From the n-th write on there is no room left, until the files are cleared.
+void fill_disk_after(size_t writes);
+[[nodiscard]] bool was_disk_full(); // a write has failed for that
+
 void make_huge(const std::string& path); // a file of more bytes than 31 bits count
 void remove_private_file(const std::string& path);
 
