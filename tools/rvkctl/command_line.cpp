@@ -126,8 +126,9 @@ void parse_command_line(int argc, char** argv, command_line& out)
         throw failure{problem::wrong_usage, std::string(error.what()) + "; see rvkctl --help"};
     }
     if (!choice.understand) {
-        throw failure{problem::wrong_usage,
-                      "no command given: one of hello, read, write, picture, update; see rvkctl --help"};
+        throw failure{
+            problem::wrong_usage,
+            "no command given: one of hello, read, write, picture put, picture get, update; see rvkctl --help"};
     }
     out.command = choice.command;
     take_settings(raw, out.used);

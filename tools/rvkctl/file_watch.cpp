@@ -13,7 +13,8 @@
 namespace rvk::ctl {
 namespace {
 
-constexpr std::chrono::seconds missing_after{1}; // the daemon opens the second file at once after the first
+constexpr std::chrono::seconds missing_after{1};      // the daemon opens the second file at once after the first
+constexpr std::chrono::seconds both_missing_after{5}; // and the first at once, but a disk may be asleep
 constexpr uint32_t wanted = IN_OPEN | IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE;
 
 } // namespace
@@ -44,6 +45,7 @@ bool file_watch::both_closed(std::chrono::milliseconds wait)
     }
     if (files[0].closed && files[1].closed) { return true; }
     check_for_a_missing_one();
+    check_for_missing_ones();
     return false;
 }
 
@@ -63,12 +65,19 @@ void file_watch::note(const char* events, size_t bytes)
     }
 }
 
-void file_watch::check_for_a_missing_one()
+void file_watch::check_for_a_missing_one() const
 {
     const auto closed = std::find_if(files.begin(), files.end(), [](const watched& f) { return f.closed; });
     const auto missing = std::find_if(files.begin(), files.end(), [](const watched& f) { return !f.opened; });
     if (closed == files.end() || missing == files.end() || clock::now() - last_event < missing_after) { return; }
     throw failure{problem::refused, "the daemon could not open \"" + missing->path + "\": see rvkd's log"};
+}
+
+void file_watch::check_for_missing_ones() const
+{
+    if (files[0].opened || files[1].opened || clock::now() - last_event < both_missing_after) { return; }
+    throw failure{problem::refused, "the daemon opened neither \"" + files[0].path + "\" nor \"" + files[1].path +
+                                        "\": can files be made there? see rvkd's log"};
 }
 
 } // namespace rvk::ctl

@@ -14,8 +14,11 @@ public:
     // From now on. The files' folders must exist; throws a failure.
     file_watch(const std::string& first, const std::string& second);
 
+    // To be called when the other process has begun.
+    void begun() { last_event = clock::now(); }
+
     // Waits for a while. Result: whether both were closed after writing. Throws a failure when one was closed and
-    // nothing has opened the other for a second: it could not be opened.
+    // nothing has opened the other for a second, or when nothing has opened either for five: it could not be opened.
     bool both_closed(std::chrono::milliseconds wait);
 
 private:
@@ -28,7 +31,8 @@ private:
     };
 
     void note(const char* events, size_t bytes);
-    void check_for_a_missing_one();
+    void check_for_a_missing_one() const;
+    void check_for_missing_ones() const;
 
     unique_fd fd;
     std::array<watched, 2> files;

@@ -70,7 +70,10 @@ void check_picture_file(const std::string& path, const picture_options& options)
         uint8_t head[bmp_offset_at + 4] = {};
         std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(head), sizeof head);
         offset = load_le32(head + bmp_offset_at);
-        if (offset == 0) { throw failure{problem::wrong_usage, "picture \"" + path + "\" is no BMP file"}; }
+        if (offset == 0) {
+            throw failure{problem::wrong_usage,
+                          "picture \"" + path + "\" is no BMP file: give one, or raw pixels under another name"};
+        }
     }
     const uint64_t wanted = offset + pixel_bytes_of(options);
     if (static_cast<uint64_t>(status.st_size) >= wanted) { return; }
@@ -89,8 +92,18 @@ void check_length(const std::string& path, uint64_t wanted)
                          static_cast<long long>(status.st_size), static_cast<unsigned long long>(wanted))};
 }
 
+// The daemon writes into regular files only.
+void check_target(const std::string& path)
+{
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) { return; } // missing: the daemon makes it
+    throw failure{problem::wrong_usage, "\"" + path + "\" is there and not a regular file: choose another BASE"};
+}
+
 void check_get_path(const std::string& raw, const std::string& image)
 {
+    check_target(raw);
+    check_target(image);
     if (raw != image) { return; }
     throw failure{problem::wrong_usage, format("BASE \"%s\": with %zu characters both files would be one; choose a "
                                                "shorter name",
@@ -147,6 +160,8 @@ void run_picture_get(const settings& used, const picture_options& options, outco
     file_watch files(raw, image);
     const auto payload = payload_of(options, raw);
     talk.tell(request_of(command::file_read, options.where, options, payload));
+    talk.greet_patiently(); // handled in their order: the job is in the daemon's hands now, or behind others no more
+    files.begun();
     talk.wait_while_alive([&](std::chrono::milliseconds wait) { return files.both_closed(wait); });
     check_length(raw, pixel_bytes_of(options));
     check_length(image, pixel_bytes_of(options) + bmp_head_bytes);

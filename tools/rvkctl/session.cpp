@@ -70,6 +70,8 @@ bool take_apart(const std::vector<uint8_t>& bytes, uint32_t daemon, answer& out)
 // The daemon's word, without being asked, that a write to a card was given up.
 bool is_failure_report(const answer& got) { return got.code == command::write_ack && got.result != 0 && got.seq == 0; }
 
+bool is_greeting(const answer& got) { return got.code == command::greeting; }
+
 bool answers(const answer& a, const request& command, uint16_t seq)
 {
     return a.seq == seq && a.code == command.code && a.addr == command.addr && a.slot == command.slot &&
@@ -172,12 +174,23 @@ std::string session::greet()
 {
     tell({.code = command::greeting});
     answer got;
-    if (!wait_for([](const answer& a) { return a.code == command::greeting; }, clock::now() + used.timeout, got)) {
-        throw no_answer();
-    }
+    if (!wait_for(is_greeting, clock::now() + used.timeout, got)) { throw no_answer(); }
     const size_t text_bytes = std::min(got.payload.size(), greeting_text_bytes);
     const auto text_end = std::find(got.payload.begin(), got.payload.begin() + static_cast<ptrdiff_t>(text_bytes), 0);
     return {got.payload.begin(), text_end};
+}
+
+void session::greet_patiently()
+{
+    clock::time_point asked{};
+    answer got;
+    wait_while_alive([&](milliseconds wait) {
+        if (const auto now = clock::now(); now - asked >= used.timeout) {
+            tell({.code = command::greeting});
+            asked = now;
+        }
+        return wait_for(is_greeting, clock::now() + wait, got);
+    });
 }
 
 answer session::ask(const request& command)

@@ -56,6 +56,10 @@ public:
     // Asks the daemon whether it handles commands. Result: its greeting's text.
     std::string greet();
 
+    // The same, as long as ask_patiently waits: what was sent before is in the daemon's hands then. Asks again and
+    // again, since a greeting that comes during an update is dropped.
+    void greet_patiently();
+
     // Sends a command and waits for the answer to it.
     answer ask(const request& command);
 

@@ -11,6 +11,7 @@ namespace {
 
 constexpr uint64_t side_max = 65'535;           // card
 constexpr uint64_t pixels_max = (1u << 29) - 1; // daemon
+constexpr uint64_t buffer_max = UINT8_MAX;      // card: what its control block has room for
 
 void add_card_options(CLI::App& command, raw_text& raw)
 {
@@ -63,12 +64,12 @@ void take_size(const std::string& text, picture_options& out)
     }
 }
 
-picture_options picture_options_of(const raw_text& raw, const char* where_name)
+picture_options picture_options_of(const raw_text& raw, const char* where_name, uint64_t where_max)
 {
     picture_options out;
     out.slot = static_cast<uint8_t>(number_in("--slot", raw.slot.empty() ? "1" : raw.slot, 0, UINT8_MAX));
     out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
-    out.where = static_cast<uint32_t>(number_in(where_name, raw.where, 0, UINT32_MAX));
+    out.where = static_cast<uint32_t>(number_in(where_name, raw.where, 0, where_max));
     take_size(raw.size, out);
     out.file = raw.file;
     return out;
@@ -125,21 +126,24 @@ void add_model(CLI::App& command, raw_text& raw)
 void add_picture(CLI::App& app, raw_text& raw, chosen& choice)
 {
     CLI::App* picture = app.add_subcommand("picture", "Move a picture between a file and a card's memory");
-    picture->require_subcommand(1);
+    picture->require_subcommand(0, 1); // as above: none is refused elsewhere
     picture->fallthrough();
     CLI::App* put = add_command(
         *picture, "put", "Write a picture file into a card's picture buffer", "picture put", choice, [&raw] {
-            return [options = picture_options_of(raw, "--buffer")](const settings& used, outcome& run) {
+            return [options = picture_options_of(raw, "--buffer", buffer_max)](const settings& used, outcome& run) {
                 run_picture_put(used, options, run);
             };
         });
     put->add_option("FILE", raw.file, "4 bytes a pixel as they stand; of a .bmp from its pixels on")
         ->required()
         ->type_name("");
-    put->add_option("--buffer", raw.where, "Number of the card's picture buffer")->required()->type_name("N");
+    put->add_option("--buffer", raw.where,
+                    "Number of the card's picture buffer, 0 to 255; those of the demo are 16 to 24")
+        ->required()
+        ->type_name("N");
     CLI::App* get =
         add_command(*picture, "get", "Read card memory into BASE and BASE.bmp", "picture get", choice, [&raw] {
-            return [options = picture_options_of(raw, "--addr")](const settings& used, outcome& run) {
+            return [options = picture_options_of(raw, "--addr", UINT32_MAX)](const settings& used, outcome& run) {
                 run_picture_get(used, options, run);
             };
         });

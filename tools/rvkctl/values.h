@@ -32,7 +32,7 @@ std::string byte_count(uint64_t bytes); // "1 byte", "2 bytes"
 std::string rate_text(uint64_t bytes, double seconds);
 
 // A path as the daemon needs it, which runs in another folder; throws a failure that names the argument when it is
-// longer than `most` characters.
+// empty or longer than `most` characters.
 std::string absolute_path(const std::string& path, const char* name, size_t most);
 
 uint64_t file_bytes(const std::string& path); // 0 when it cannot be had
