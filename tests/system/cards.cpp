@@ -70,7 +70,7 @@ void FilesTest::SetUp()
 
 void FilesTest::TearDown()
 {
-    EXPECT_EQ(d->end_by(SIGTERM, patience), 0);
+    if (d) { EXPECT_EQ(d->end_by(SIGTERM, patience), 0); } // a test that failed may have killed it
     EXPECT_EQ(farm.counts().refusals(), "none");
     cards.stop();
     EXPECT_EQ(cards.dropped(), 0u);

@@ -103,10 +103,10 @@ TEST_F(Updates, ADaemonKilledAtAnyWriteIsFollowedByOneThatSucceeds)
 {
     constexpr int tries = 10; // until the kill hits the very write
     size_t files = 0;
-    for (size_t n = 1; n <= writes; ++n) {
+    for (size_t n = 1; n <= writes && !HasFailure(); ++n) {
         SCOPED_TRACE(n);
         size_t came = 0;
-        for (int i = 0; i < tries && came != n; ++i) {
+        for (int i = 0; i < tries && came != n && !HasFailure(); ++i) {
             came = kill_at(n, file("fw.bin", content(2, image_bytes)));
             files += came == writes ? 1 : 0;
             start_daemon();
