@@ -36,7 +36,8 @@ protected:
     {
         const firmware_progress now = farm.transfer(card);
         if (now.completed == files && (now.whole || now.registers == 0)) { return 0; } // it has not begun
-        return now.registers + (now.received + firmware_piece_bytes - 1) / firmware_piece_bytes;
+        const uint64_t pieces = (now.received + firmware_piece_bytes - 1) / firmware_piece_bytes;
+        return now.registers + static_cast<size_t>(pieces);
     }
     // Starts an update and kills the daemon while the answer to write `n` is on its way. Result: how far it came.
     size_t kill_at(size_t n, const std::string& path)
