@@ -165,7 +165,7 @@ std::string rate_text(uint64_t bytes, double seconds)
 std::string absolute_path(const std::string& path, const char* name, size_t most)
 {
     if (path.empty()) { throw failure{problem::wrong_usage, std::string(name) + " \"\": give the path of a file"}; }
-    const std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
+    std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
     if (absolute.size() <= most) { return absolute; }
     throw failure{problem::wrong_usage, format("%s \"%s\" has %zu characters as an absolute path, at most %zu", name,
                                                absolute.c_str(), absolute.size(), most)};
