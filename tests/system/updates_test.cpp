@@ -36,8 +36,8 @@ protected:
     {
         const firmware_progress now = farm.transfer(card);
         if (now.completed == files && (now.whole || now.registers == 0)) { return 0; } // it has not begun
-        const uint64_t pieces = (now.received + firmware_piece_bytes - 1) / firmware_piece_bytes;
-        return now.registers + static_cast<size_t>(pieces);
+        const uint64_t taken = (now.received + firmware_piece_bytes - 1) / firmware_piece_bytes;
+        return now.registers + static_cast<size_t>(taken);
     }
     // Starts an update and kills the daemon while the answer to write `n` is on its way. Result: how far it came.
     size_t kill_at(size_t n, const std::string& path)
