@@ -55,7 +55,7 @@ Examples:
   rvkctl write 2 0x10000 "01 00 00 80"
   rvkctl write 2 0x20000 --file table.bin --model 3
   rvkctl --json --board 4 read 1 0x100 4
-  rvkctl picture put card.bmp --size 3840x2160 --buffer 16
+  rvkctl picture put card.raw --size 3840x2160 --buffer 16
   rvkctl picture get /tmp/back --size 3840x2160 --addr 0
   rvkctl update top.bin --type fpga-1a --slot 3
 )";
