@@ -55,10 +55,12 @@ std::vector<uint8_t> picture_payload(uint32_t hor, uint32_t ver, const std::stri
 
 bool demo_is_over(const card_farm& farm)
 {
-    return comes_true([&] {
-        const auto last = record_of(farm, {0, 1}, demo_last_buffer);
-        return last && last->whole;
-    });
+    return comes_true(
+        [&] {
+            const auto last = record_of(farm, {0, 1}, demo_last_buffer);
+            return last && last->whole;
+        },
+        demo_patience);
 }
 
 void FilesTest::SetUp()

@@ -27,6 +27,8 @@ namespace rvk {
 // The payload of a picture job: size and path, its end included.
 [[nodiscard]] std::vector<uint8_t> picture_payload(uint32_t hor, uint32_t ver, const std::string& path);
 
+inline constexpr milliseconds demo_patience{120'000}; // 300 MB through a sanitizer, on a machine that does other work
+
 // Waits until the daemon has written the last of its demo pictures, and with it given back its memory for pictures.
 [[nodiscard]] bool demo_is_over(const card_farm& farm);
 

@@ -30,12 +30,14 @@ protected:
     {
         conversation requester;
         int count = 0;
-        EXPECT_TRUE(comes_true([&] {
-            const int before = coming();
-            if (requester.is_greeted() && before != 0 && coming() == before) { ++count; }
-            const auto last = picture_of(fpga, last_buffer);
-            return last && last->whole;
-        }));
+        EXPECT_TRUE(comes_true(
+            [&] {
+                const int before = coming();
+                if (requester.is_greeted() && before != 0 && coming() == before) { ++count; }
+                const auto last = picture_of(fpga, last_buffer);
+                return last && last->whole;
+            },
+            demo_patience));
         return count;
     }
     ptrdiff_t readiness_reads(const std::string& answered) const
