@@ -29,7 +29,7 @@ namespace rvk {
 
 inline constexpr milliseconds demo_patience{120'000}; // 300 MB through a sanitizer, on a machine that does other work
 
-// Waits until the daemon has written the last of its demo pictures, and with it given back its memory for pictures.
+// Waits until the daemon has written the last of its demo pictures.
 [[nodiscard]] bool demo_is_over(const card_farm& farm);
 
 class FilesTest : public testing::Test {

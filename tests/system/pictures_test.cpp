@@ -30,10 +30,10 @@ protected:
                        "6", "--model", "0x203"});
     }
     int resident_kb() const { return std::stoi("0" + proc_field(std::to_string(d->pid()), "status", "VmRSS")); }
-    void expect_idle_again()
+    void expect_idle_within(milliseconds wait)
     {
         if (sanitized) { return; } // the sanitizer keeps what is freed
-        EXPECT_TRUE(comes_true([&] { return resident_kb() < idle_kb; }, milliseconds{1000})) << resident_kb() << " kB";
+        EXPECT_TRUE(comes_true([&] { return resident_kb() < idle_kb; }, wait)) << resident_kb() << " kB";
     }
 };
 
@@ -79,16 +79,17 @@ TEST_F(Pictures, AWholeOneAtFullSpeedAndItsFirstLinesBack)
 {
     constexpr uint32_t lines = 200;
     ASSERT_TRUE(demo_is_over(farm)); // its frames and its memory are not to be counted here
+    expect_idle_within(patience);
     const uint64_t before = farm.counts().plain_writes;
     const std::vector<uint8_t> bytes = content(1, whole_bytes);
     EXPECT_EQ(put(file("whole.raw", bytes), 3, "3840x2160"), 0);
-    expect_idle_again();
+    expect_idle_within(milliseconds{1000});
     EXPECT_EQ(farm.counts().plain_writes - before, whole_frames);
     EXPECT_EQ(cards.dropped(), 0u);
     EXPECT_TRUE(farm.picture(card, 3) == bytes);
 
     EXPECT_EQ(get(in_folder("back"), buffer_start(3), "3840x200"), 0);
-    expect_idle_again();
+    expect_idle_within(milliseconds{1000});
     const std::vector<uint8_t> top = part(bytes, 0, size_t{whole_hor} * lines * 4);
     EXPECT_TRUE(file_bytes(in_folder("back")) == top);
     EXPECT_TRUE(file_bytes(in_folder("back.bmp")) == bmp_of(top, whole_hor, lines, 32));

@@ -47,9 +47,10 @@ protected:
         const auto client = start_rvkctl(update_of(path));
         EXPECT_TRUE(comes_true([&] { return carried_out(files) >= n; }));
         kill_daemon();
-        EXPECT_EQ(client->end(), 3) << "the client sees that nobody will answer";
+        const int said = client->end();
         farm.set_faults({});
         const size_t came = carried_out(files);
+        EXPECT_TRUE(said == 3 || (said == 0 && came == writes)) << said << ": the client sees that nobody will answer";
         EXPECT_EQ(farm.firmware(card).size(), files + (came == writes ? 1 : 0)) << "after write " << came;
         return came;
     }
