@@ -75,6 +75,8 @@ function(rvk_program NAME)
     target_link_libraries(${NAME} PRIVATE rvk_flags)
     rvk_use(${NAME} ${P_USES})
     if(P_SINK)
-        target_link_libraries(${NAME} PRIVATE ${P_SINK}) # last: every library above may log
+        # As objects, which are there whatever order the libraries that log end up in.
+        target_sources(${NAME} PRIVATE $<TARGET_OBJECTS:${P_SINK}>)
+        target_link_libraries(${NAME} PRIVATE ${P_SINK})
     endif()
 endfunction()

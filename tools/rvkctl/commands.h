@@ -1,0 +1,36 @@
+// What rvkctl can be told to do: one record of options and one function each. A function talks to the daemon, puts what
+// it learns into the outcome as it learns it, and throws a failure when it cannot go on.
+#pragma once
+
+#include "rvkctl/outcome.h"
+#include "rvkctl/session.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace rvk::ctl {
+
+struct read_options {
+    uint8_t slot = 0;
+    uint16_t model = 0;
+    uint32_t addr = 0;
+    uint16_t len = 0;     // 1 to frame_data_max
+    std::string out_file; // empty: a dump on standard output
+};
+
+struct write_options {
+    uint8_t slot = 0;
+    uint16_t model = 0;
+    uint32_t addr = 0;
+    bool no_ack = false;
+    std::vector<uint8_t> bytes;
+};
+
+inline constexpr uint64_t command_data_max = 1400; // daemon: the most data of one read; ours: of one write command
+
+void run_hello(const settings& used, outcome& run);
+void run_read(const settings& used, const read_options& options, outcome& run);
+void run_write(const settings& used, const write_options& options, outcome& run);
+
+} // namespace rvk::ctl

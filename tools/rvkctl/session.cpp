@@ -1,0 +1,230 @@
+// See the header. The texts of everything that can keep a command from its answer stand here, one for each cause.
+#include "rvkctl/session.h"
+
+#include "ap_msg/message.h"
+#include "base/bytes.h"
+#include "rvkctl/values.h"
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+
+namespace rvk::ctl {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr uint8_t unit_of_cards = 254;
+constexpr milliseconds life_interval{1000};
+
+// A report carries no sequence number, so none of ours is 0.
+uint16_t next_seq(uint16_t seq) { return seq == UINT16_MAX ? uint16_t{1} : static_cast<uint16_t>(seq + 1); }
+
+// Anywhere: an answer that is late for an earlier client with our identity should not carry a number of ours.
+uint16_t first_seq()
+{
+    std::random_device source;
+    return static_cast<uint16_t>(source() % UINT16_MAX);
+}
+
+std::vector<uint8_t> message_of(const request& command, uint32_t own, uint16_t seq)
+{
+    std::vector<uint8_t> out(message_head_bytes + command.payload.size());
+    uint8_t* const m = out.data();
+    store_le32(m + message::aptid, own);
+    store_le32(m + message::length, static_cast<uint32_t>(command.payload.size()));
+    store_le16(m + message::msg_class, static_cast<uint16_t>(data_class));
+    store_le32(m + message::data_len, static_cast<uint32_t>(data_head_bytes + command.payload.size()));
+    m[message::module] = static_cast<uint8_t>(own >> 8);
+    m[message::id] = unit_of_cards;
+    m[message::code] = command.code;
+    m[message::slot] = command.slot;
+    store_le16(m + message::model, command.model);
+    store_le16(m + message::seq, seq);
+    store_le32(m + message::addr, command.addr);
+    store_le16(m + message::len, command.len);
+    std::copy(command.payload.begin(), command.payload.end(), m + message::payload);
+    return out;
+}
+
+// False: not a message of the daemon's.
+bool take_apart(const std::vector<uint8_t>& bytes, uint32_t daemon, answer& out)
+{
+    if (bytes.size() < message_head_bytes || load_le32(bytes.data() + message::aptid) != daemon) { return false; }
+    const uint8_t* const m = bytes.data();
+    out.result = static_cast<int32_t>(load_le32(m + message::result));
+    out.length = load_le32(m + message::length);
+    out.code = m[message::code];
+    out.id = m[message::id];
+    out.slot = m[message::slot];
+    out.model = load_le16(m + message::model);
+    out.seq = load_le16(m + message::seq);
+    out.addr = load_le32(m + message::addr);
+    out.payload.assign(bytes.begin() + message::payload, bytes.end());
+    return true;
+}
+
+// The daemon's word, without being asked, that a write to a card was given up.
+bool is_failure_report(const answer& got) { return got.code == command::write_ack && got.result != 0 && got.seq == 0; }
+
+std::string wait_text(const settings& used)
+{
+    return format("within %lld ms", static_cast<long long>(used.timeout.count()));
+}
+
+failure cannot_open(endpoint_status status, const settings& used, int error)
+{
+    const std::string directory = socket_directory();
+    switch (status) {
+    case endpoint_status::no_directory:
+        return {problem::no_directory,
+                "no directory " + directory +
+                    ": rvkd makes it when it starts; start rvkd, or set APIPC_DIR as it was for rvkd"};
+    case endpoint_status::name_too_long:
+        return {problem::wrong_usage,
+                "APIPC_DIR \"" + directory + "\" is too long for a socket address: set a shorter one, for rvkd too"};
+    case endpoint_status::no_permission:
+        return {problem::no_permission,
+                "no permission to use " + directory + ": run as a user or group that may write to it"};
+    case endpoint_status::identity_taken:
+        if (used.module == module_companion) {
+            return {problem::identity_taken,
+                    format("identity %08x is in use: one process at a time acts as the companion, try later",
+                           identity_of(used.board, used.module))};
+        }
+        return {problem::identity_taken,
+                format("all identities of board %d, module 0x%02x are in use: wait for other clients to end, or choose "
+                       "another with --as",
+                       used.board, used.module)};
+    default: return {problem::endpoint_error, "no endpoint in " + directory + ": " + strerror(error)};
+    }
+}
+
+failure cannot_send(endpoint_status status, const settings& used, const std::string& path, int error)
+{
+    switch (status) {
+    case endpoint_status::no_directory:
+        return {problem::no_directory,
+                "the directory " + socket_directory() + " is gone: was rvkd's machine cleaned up?"};
+    case endpoint_status::no_socket:
+        return {problem::no_socket,
+                format("no socket of board %d (%s): rvkd is not running for this board; start it, or "
+                       "choose the board with --board",
+                       used.board, path.c_str())};
+    case endpoint_status::nobody_listening:
+        return {
+            problem::nobody_listening,
+            format("nobody is listening for board %d (%s): rvkd has ended, start it again", used.board, path.c_str())};
+    case endpoint_status::no_permission:
+        return {problem::no_permission,
+                format("no permission to send to board %d (%s): run as a user or group that may "
+                       "write to it",
+                       used.board, path.c_str())};
+    case endpoint_status::queue_full:
+        return {problem::queue_full,
+                format("board %d did not take the command %s, its queue is full (%s): rvkd is busy or "
+                       "stopped, try later",
+                       used.board, wait_text(used).c_str(), path.c_str())};
+    default:
+        return {problem::endpoint_error, format("the command could not be sent to board %d (%s): %s", used.board,
+                                                path.c_str(), strerror(error))};
+    }
+}
+
+} // namespace
+
+nlohmann::ordered_json facts_of(const settings& used)
+{
+    const uint32_t daemon = identity_of(used.board, module_self);
+    return {{"board", used.board},
+            {"daemon_identity", daemon},
+            {"socket", socket_path(daemon)},
+            {"timeout_ms", used.timeout.count()}};
+}
+
+session::session(const settings& options)
+    : used(options), daemon(identity_of(options.board, module_self)), last_seq(first_seq())
+{
+    // The companion is known by its whole identity.
+    const endpoint_status status = used.module == module_companion ? endpoint.open(identity_of(used.board, used.module))
+                                                                   : endpoint.open_free(used.board, used.module);
+    if (status != endpoint_status::ok) { throw cannot_open(status, used, endpoint.error()); }
+}
+
+std::string session::greet()
+{
+    tell({.code = command::greeting});
+    answer got;
+    if (!wait_for([](const answer& a) { return a.code == command::greeting; }, clock::now() + used.timeout, got)) {
+        throw no_answer();
+    }
+    const size_t text_bytes = std::min(got.payload.size(), greeting_text_bytes);
+    const auto text_end = std::find(got.payload.begin(), got.payload.begin() + static_cast<ptrdiff_t>(text_bytes), 0);
+    return {got.payload.begin(), text_end};
+}
+
+answer session::ask(const request& command)
+{
+    const uint16_t seq = send(command);
+    const auto ours = [&](const answer& a) {
+        return a.seq == seq && a.code == command.code && a.addr == command.addr && a.slot == command.slot &&
+               a.model == command.model;
+    };
+    answer got;
+    if (!wait_for(ours, clock::now() + used.timeout, got)) { throw no_answer(); }
+    return got;
+}
+
+void session::tell(const request& command) { static_cast<void>(send(command)); }
+
+std::optional<uint32_t> session::reported_failure(uint32_t first, uint64_t bytes, milliseconds wait)
+{
+    const auto ours = [&](uint32_t addr) { return addr >= first && addr - first < bytes; };
+    const auto known = std::find_if(failed_writes.begin(), failed_writes.end(), ours);
+    if (known != failed_writes.end()) { return *known; }
+    answer got;
+    const auto wanted = [&](const answer& a) { return is_failure_report(a) && ours(a.addr); };
+    return wait_for(wanted, clock::now() + wait, got) ? std::optional(got.addr) : std::nullopt;
+}
+
+bool session::write_is_answered(const request& command) const
+{
+    if (command.code != command::write_ack) { return false; }
+    const bool companion = endpoint.identity() == identity_of(used.board, module_companion);
+    return companion || command.slot != 1 || command.model != 0 || (command.addr & 0xF0000000u) != 0;
+}
+
+uint16_t session::send(const request& command)
+{
+    last_seq = next_seq(last_seq);
+    const std::vector<uint8_t> message = message_of(command, endpoint.identity(), last_seq);
+    const endpoint_status status = endpoint.send(daemon, message, used.timeout);
+    if (status != endpoint_status::ok) { throw cannot_send(status, used, socket_path(daemon), endpoint.error()); }
+    return last_seq;
+}
+
+failure session::no_answer() const
+{
+    return {problem::no_answer, format("board %d did not answer %s (%s): is a firmware update running? try later",
+                                       used.board, wait_text(used).c_str(), socket_path(daemon).c_str())};
+}
+
+bool session::wait_for(const std::function<bool(const answer&)>& wanted, clock::time_point end, answer& out)
+{
+    for (;;) {
+        const auto left = std::chrono::ceil<milliseconds>(end - clock::now());
+        const std::vector<uint8_t> bytes = endpoint.receive(std::clamp(left, milliseconds{0}, life_interval));
+        life.show(doing);
+        answer got;
+        if (!bytes.empty() && take_apart(bytes, daemon, got)) {
+            if (wanted(got)) {
+                out = std::move(got);
+                return true;
+            }
+            if (is_failure_report(got)) { failed_writes.push_back(got.addr); }
+        }
+        if (clock::now() >= end) { return false; } // whatever else keeps coming
+    }
+}
+
+} // namespace rvk::ctl

@@ -1,0 +1,91 @@
+// A conversation with one board's daemon: an endpoint of our own, commands with sequence numbers, and the wait for what
+// belongs to them. Knows which answer belongs to which command; what an answer means for a command is the command's.
+#pragma once
+
+#include "requester/requester.h"
+#include "rvkctl/life_sign.h"
+#include "rvkctl/outcome.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace rvk::ctl {
+
+// Every command's options.
+struct settings {
+    uint8_t board = 1;
+    uint8_t module = module_tools;           // ours
+    std::chrono::milliseconds timeout{5000}; // for each answer
+    bool json = false;
+};
+
+// Where on a card, and what.
+struct request {
+    uint8_t code = 0;
+    uint8_t slot = 0;
+    uint16_t model = 0;
+    uint32_t addr = 0;
+    uint16_t len = 0;                   // data bytes to write, or to read
+    std::span<const uint8_t> payload{}; // empty for a read
+};
+
+// What the daemon sent, taken apart.
+struct answer {
+    int32_t result = 0;
+    uint32_t length = 0; // payload bytes of a reply; reports and greetings count otherwise
+    uint8_t code = 0, id = 0, slot = 0;
+    uint16_t model = 0, seq = 0;
+    uint32_t addr = 0;
+    std::vector<uint8_t> payload; // everything behind the head, padding included
+};
+
+// Whom a command is for, for the JSON object; known before anything is opened.
+[[nodiscard]] nlohmann::ordered_json facts_of(const settings& used);
+
+class session {
+public:
+    // Opens the endpoint. Throws a failure, as everything below.
+    explicit session(const settings& options);
+
+    // Asks the daemon whether it handles commands. Result: its greeting's text.
+    std::string greet();
+
+    // Sends a command and waits for the answer to it.
+    answer ask(const request& command);
+
+    // Sends a command that has no answer of its own.
+    void tell(const request& command);
+
+    // The address at which a write in [first, first + bytes) was given up, as the daemon reported or reports within
+    // this time.
+    std::optional<uint32_t> reported_failure(uint32_t first, uint64_t bytes, std::chrono::milliseconds wait);
+
+    // Whether a write is answered when it is done, or only reported when it fails.
+    [[nodiscard]] bool write_is_answered(const request& command) const;
+
+    [[nodiscard]] uint32_t identity() const { return endpoint.identity(); }
+
+    std::string doing; // what a long wait shows on a terminal beside the time; may be empty
+
+private:
+    using clock = std::chrono::steady_clock;
+
+    uint16_t send(const request& command);
+    // The next answer that is wanted; reports of failed writes that come meanwhile are kept. False: the time ran out.
+    bool wait_for(const std::function<bool(const answer&)>& wanted, clock::time_point end, answer& out);
+    [[nodiscard]] failure no_answer() const;
+
+    settings used;
+    uint32_t daemon;
+    requester endpoint;
+    uint16_t last_seq;
+    std::vector<uint32_t> failed_writes; // addresses, as reported
+    life_sign life;
+};
+
+} // namespace rvk::ctl

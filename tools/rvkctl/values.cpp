@@ -1,0 +1,166 @@
+// See the header.
+#include "rvkctl/values.h"
+
+#include "rvkctl/outcome.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace rvk::ctl {
+namespace {
+
+constexpr size_t dump_line_bytes = 16;
+constexpr size_t file_step_bytes = 64 * 1024;
+
+// -1: not a hex digit.
+int hex_digit(char c)
+{
+    if (c >= '0' && c <= '9') { return c - '0'; }
+    const int lower = c | 0x20;
+    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+bool parse(const std::string& text, uint64_t& out)
+{
+    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] | 0x20) == 'x';
+    const uint64_t base = hex ? 16 : 10;
+    out = 0;
+    for (const char c : text.substr(hex ? 2 : 0)) {
+        const int digit = hex_digit(c);
+        if (digit < 0 || static_cast<uint64_t>(digit) >= base || out > UINT64_MAX / base - 1) { return false; }
+        out = out * base + static_cast<uint64_t>(digit);
+    }
+    return !text.empty();
+}
+
+void append_word(const std::string& word, std::vector<uint8_t>& out)
+{
+    if (word.size() > 1 && word[0] == '0' && (word[1] | 0x20) == 'x') {
+        throw failure{problem::wrong_usage,
+                      "BYTES \"" + word + "\": give hex digits in memory order, lowest address first, without 0x"};
+    }
+    if (const auto wrong = std::find_if(word.begin(), word.end(), [](char c) { return hex_digit(c) < 0; });
+        wrong != word.end()) {
+        throw failure{problem::wrong_usage, "BYTES \"" + word + "\": '" + *wrong + "' is not a hex digit"};
+    }
+    if (word.size() % 2 != 0) {
+        throw failure{problem::wrong_usage,
+                      format("BYTES \"%s\": %zu hex digits are no whole number of bytes, give two for each",
+                             word.c_str(), word.size())};
+    }
+    for (size_t i = 0; i < word.size(); i += 2) {
+        out.push_back(static_cast<uint8_t>(hex_digit(word[i]) << 4 | hex_digit(word[i + 1])));
+    }
+}
+
+struct close_file {
+    void operator()(FILE* file) const { fclose(file); }
+};
+using owned_file = std::unique_ptr<FILE, close_file>;
+
+void append_dump_line(std::string& out, uint64_t addr, std::span<const uint8_t> bytes)
+{
+    out += format("%08" PRIx64 ":", addr);
+    std::string ascii;
+    for (size_t i = 0; i < dump_line_bytes; ++i) {
+        if (i % 2 == 0) { out += ' '; }
+        if (i >= bytes.size()) {
+            out += "  ";
+            continue;
+        }
+        out += format("%02x", bytes[i]);
+        ascii += bytes[i] >= 0x20 && bytes[i] < 0x7F ? static_cast<char>(bytes[i]) : '.';
+    }
+    out += "  " + ascii + "\n";
+}
+
+} // namespace
+
+uint64_t number_in(const char* name, const std::string& text, uint64_t least, uint64_t most)
+{
+    uint64_t value = 0;
+    if (parse(text, value) && value >= least && value <= most) { return value; }
+    throw failure{problem::wrong_usage,
+                  format("%s \"%s\": give a number from %" PRIu64 " to %" PRIu64 " (0x%" PRIx64 "), decimal or 0x…",
+                         name, text.c_str(), least, most, most)};
+}
+
+std::vector<uint8_t> bytes_of_hex(const std::vector<std::string>& words)
+{
+    std::vector<uint8_t> out;
+    for (const std::string& argument : words) {
+        for (size_t at = 0; at < argument.size();) {
+            const size_t end = std::min(argument.find_first_of(" \t\n", at), argument.size());
+            append_word(argument.substr(at, end - at), out);
+            at = end + 1;
+        }
+    }
+    if (out.empty()) { throw failure{problem::wrong_usage, "BYTES are empty: nothing to write"}; }
+    return out;
+}
+
+std::vector<uint8_t> bytes_of_file(const std::string& path, uint64_t most)
+{
+    const owned_file file{fopen(path.c_str(), "rbe")};
+    if (!file) { throw failure{problem::wrong_usage, "file \"" + path + "\" cannot be opened: " + strerror(errno)}; }
+    std::vector<uint8_t> out;
+    for (size_t got = file_step_bytes; got == file_step_bytes && out.size() <= most;) {
+        const size_t before = out.size();
+        out.resize(before + file_step_bytes);
+        got = fread(out.data() + before, 1, file_step_bytes, file.get());
+        out.resize(before + got);
+    }
+    if (ferror(file.get()) != 0) {
+        throw failure{problem::wrong_usage, "file \"" + path + "\" cannot be read: " + strerror(errno)};
+    }
+    if (out.empty()) { throw failure{problem::wrong_usage, "file \"" + path + "\" is empty: nothing to write"}; }
+    return out;
+}
+
+void write_file(const std::string& path, std::span<const uint8_t> bytes)
+{
+    owned_file file{fopen(path.c_str(), "wbe")};
+    bool written = file && fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
+    if (file) { written = fclose(file.release()) == 0 && written; }
+    if (!written) {
+        throw failure{problem::wrong_usage, "file \"" + path + "\" cannot be written: " + strerror(errno)};
+    }
+}
+
+std::string hex_text(std::span<const uint8_t> bytes)
+{
+    std::string out;
+    for (const uint8_t byte : bytes) { out += format("%02x", byte); }
+    return out;
+}
+
+std::string hex_dump(uint32_t addr, std::span<const uint8_t> bytes)
+{
+    std::string out;
+    for (size_t at = 0; at < bytes.size(); at += dump_line_bytes) {
+        append_dump_line(out, uint64_t{addr} + at, bytes.subspan(at, std::min(dump_line_bytes, bytes.size() - at)));
+    }
+    return out;
+}
+
+std::string byte_count(uint64_t bytes) { return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes"); }
+
+std::string format(const char* text, ...)
+{
+    va_list arguments, again;
+    va_start(arguments, text);
+    va_copy(again, arguments);
+    const int length = vsnprintf(nullptr, 0, text, arguments);
+    std::string out(static_cast<size_t>(std::max(length, 0)), '\0');
+    vsnprintf(out.data(), out.size() + 1, text, again);
+    va_end(again);
+    va_end(arguments);
+    return out;
+}
+
+} // namespace rvk::ctl
