@@ -22,9 +22,11 @@ bool is_data_message(std::span<const uint8_t> bytes)
 
 void print_foreign(std::span<const uint8_t> bytes)
 {
+    flockfile(stdout); // no thread's log line into the middle of it
     for (const uint8_t byte : bytes) { printf("%02x ", byte); }
     printf("\n");
     fflush(stdout);
+    funlockfile(stdout);
 }
 
 } // namespace

@@ -44,6 +44,7 @@ uint8_t GetIdByIndex(int) { return unit_id; }
 
 uint8_t* ApMsgBuffGet(unsigned n)
 {
+    if (n > message_len_max) { return nullptr; } // the sum below would wrap
     const unsigned bytes = n + static_cast<unsigned>(message_head_bytes);
     auto* block = static_cast<uint8_t*>(mem_alloc(bytes));
     if (block == nullptr) { return nullptr; }

@@ -24,11 +24,11 @@ namespace rvk {
 namespace {
 
 constexpr uint32_t read_command = 0xA0008, read_start = 0xA00FF, read_status = 0xA0FFD, read_window = 0xB0000; // card
-constexpr uint32_t unit_bytes = 64;      // card: what a read command counts in
-constexpr uint32_t unit_words = 8;       // card: words of 8 bytes in a unit
-constexpr uint32_t read_ticks = 3;       // ours
-constexpr size_t base_path_max = 255;    // ours
-constexpr size_t image_name_bytes = 100; // ours: longer names are cut
+constexpr uint32_t unit_bytes = 64;   // card: what a read command counts in
+constexpr uint32_t unit_words = 8;    // card: words of 8 bytes in a unit
+constexpr uint32_t read_ticks = 3;    // ours
+constexpr size_t base_path_max = 255; // ours
+constexpr size_t image_name_max = 99; // ours: longer names are cut
 
 uint32_t units_of(size_t bytes) { return static_cast<uint32_t>((bytes + unit_bytes - 1) / unit_bytes); }
 
@@ -86,8 +86,9 @@ void read_card(const file_request& r, picture_size size, std::span<uint8_t> into
 
 void read_into_files(const file_request& r, picture_size size, const char* base)
 {
-    char image_name[image_name_bytes];
+    char image_name[job_path_bytes + sizeof ".bmp"];
     snprintf(image_name, sizeof image_name, "%s.bmp", base);
+    image_name[image_name_max] = '\0';
     const unique_fd image = open_output(image_name);
     log_print(LOG_HERE, "\n%d ddr to filename:%s\n", r.index, base);
     const page_buffer buffer(picture_bytes(size));

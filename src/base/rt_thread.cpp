@@ -13,6 +13,8 @@ namespace {
 
 constexpr size_t signal_stack_bytes = 128 * 1024; // ours: a trace of 100 frames walks the unwind tables on it
 
+constexpr size_t stack_bytes = 8 * 1024 * 1024; // ours, whatever limit was inherited: a check pass has 512 KiB of frame
+
 struct start_record {
     const char* name;
     thread_body body;
@@ -47,7 +49,9 @@ int start_thread(const char* name, int priority, thread_body body, int argument,
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) { return -1; }
     pthread_t thread{};
-    int result = priority == 0 ? 0 : real_time_attributes(&attributes, priority);
+    int result = pthread_attr_setstacksize(&attributes, stack_bytes) == 0 ? 0 : -1;
+    if (result == 0 && priority != 0) { result = real_time_attributes(&attributes, priority); }
+    if (out == nullptr) { pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED); } // nobody could join it
     if (result == 0) { result = pthread_create(&thread, &attributes, trampoline, start.get()) == 0 ? 0 : -1; }
     pthread_attr_destroy(&attributes);
     if (result != 0) { return -1; }

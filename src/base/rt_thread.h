@@ -10,7 +10,7 @@ using thread_body = void (*)(int argument);
 // Starts a thread that runs body(argument).
 // name      at most 15 characters, as the kernel shows it
 // priority  SCHED_FIFO 1 to 99, asked for explicitly and not inherited; 0 for an ordinary thread
-// out       receives the thread's handle; may be null
+// out       receives the thread's handle; null: nobody will join it
 // Result    0, or -1 when the thread could not be created (no privilege, no memory)
 // The thread inherits the creator's signal mask. It gets an alternate signal stack, so that a handler still runs when
 // its stack is used up.

@@ -49,8 +49,9 @@ constexpr size_t padded_length(uint8_t code, size_t len)
     return code == code_read || len < frame_data_min ? frame_data_min : len;
 }
 
-// 0x5555 plus the bytes, modulo 65,536.
+// 0x5555 plus the bytes, modulo 65,536. The second is the plain loop, which says what the first computes.
 [[nodiscard]] uint16_t frame_checksum(const uint8_t* bytes, size_t count);
+[[nodiscard]] uint16_t frame_checksum_plain(const uint8_t* bytes, size_t count);
 
 // Writes header and checksum around a payload that lies in a message buffer (28 bytes of room in front of it, at least
 // padded_length + 2 from it on), and moves *payload to the frame's start. Result: the frame's length in bytes.

@@ -30,7 +30,7 @@ send_outcome send_once(const eth_init& link, const uint8_t* frame, size_t count)
 {
     const ssize_t sent =
         sendto(link.sock_fd, frame, count, 0, reinterpret_cast<const sockaddr*>(&link.sll), sizeof link.sll);
-    return {sent, errno};
+    return {sent, sent < 0 ? errno : 0}; // a send that is cut short leaves errno to the call before it
 }
 
 send_outcome transmit(eth_init& link, const uint8_t* frame, size_t count)

@@ -16,7 +16,7 @@ void ptoc()
     if (output == nullptr) { return; }
     const bool read = fgets(path, sizeof path, output) != nullptr;
     fclose(output);
-    if (!read) { return; }
+    if (!read || path[0] == '\0') { return; }
     path[strlen(path) - 1] = '\0'; // the line end
     if (access(path, F_OK) != 0) { return; }
     const unique_fd terminal{open(path, O_RDWR | O_NOCTTY | O_CLOEXEC)};

@@ -10,6 +10,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <execinfo.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace rvk {
@@ -26,7 +28,14 @@ struct stack_trace {
 stack_trace trace_of_the_dead; // written by the thread that owns the death, before it posts
 std::atomic<int> owner{0};     // its kernel thread id
 std::atomic<bool> can_hand_over{false};
+std::atomic<int> signal_thread{0}; // kernel thread id of the one that serves terminations, once it does
 semaphore death{0};
+
+// At once, whatever is locked: not by a call that a sanitizer puts a flush in front of.
+[[noreturn]] void end_now()
+{
+    for (;;) { syscall(SYS_exit_group, 0); }
+}
 
 void take_trace(stack_trace* trace) { trace->count = backtrace(trace->addresses, trace_frames_max); }
 
@@ -44,15 +53,34 @@ void log_trace(const stack_trace& trace)
 
 [[noreturn]] void bury()
 {
+    // The heap of the dead may be broken: whoever finds out waits for the end, as the dead do.
+    signal(SIGABRT, task_die);
     log_print(LOG_HERE, "task_die!!!\n");
     log_trace(trace_of_the_dead);
     mem_uinit();
     exit(0);
 }
 
+// Where no thread exists for it, whoever was hit does it, and a clock ends it if it cannot.
+[[noreturn]] void bury_yourself()
+{
+    signal(SIGALRM, [](int) { end_now(); });
+    itimerval end{};
+    end.it_value.tv_sec = static_cast<time_t>(last_words_ms / 1000);
+    end.it_value.tv_usec = static_cast<suseconds_t>(last_words_ms % 1000 * 1000);
+    setitimer(ITIMER_REAL, &end, nullptr);
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+    bury();
+}
+
 void bury_when_dead(int)
 {
-    free(malloc(1)); // an arena of its own: the dead may hold the lock of another
+    // An arena of its own: the dead may hold the lock of another. Volatile, or the compiler drops the pair.
+    void* volatile own_arena = malloc(1);
+    free(own_arena);
     death.wait();
     bury();
 }
@@ -63,14 +91,29 @@ void wait_for_termination(int)
     sigemptyset(&termination);
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM}) { sigaddset(&termination, signal); }
     pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
+    signal_thread = kernel_thread_id();
     for (;;) { pause(); }
+}
+
+// Also a SIGSEGV that somebody sends: the kernel picks any thread for it, one that is writing to the log, or the one
+// that is burying. It goes to the thread that holds no lock, and adds nothing once the process is dying.
+void fault_or_termination(int signal, siginfo_t* info, void*)
+{
+    const bool sent = info->si_code <= 0;
+    if (sent && owner != 0) { return; }
+    const int server = signal_thread;
+    if (info->si_code == SI_USER && server != 0 && server != kernel_thread_id()) {
+        tgkill(getpid(), server, signal);
+        return;
+    }
+    task_die(signal);
 }
 
 void on_signal(int signal, int flags)
 {
     struct sigaction action = {};
-    action.sa_handler = task_die;
-    action.sa_flags = SA_RESTART | SA_ONSTACK | flags;
+    action.sa_sigaction = fault_or_termination;
+    action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK | flags;
     for (const int other : {SIGINT, SIGQUIT, SIGTERM}) { sigaddset(&action.sa_mask, other); }
     sigaction(signal, &action, nullptr);
 }
@@ -82,7 +125,7 @@ void block_signals()
     sigset_t blocked;
     sigemptyset(&blocked);
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE}) { sigaddset(&blocked, signal); }
-    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    pthread_sigmask(SIG_SETMASK, &blocked, nullptr); // whatever mask we were started with
 }
 
 void signal_set()
@@ -111,13 +154,13 @@ void task_die(int)
     int first = 0;
     if (owner.compare_exchange_strong(first, self)) {
         take_trace(&trace_of_the_dead);
-        if (!can_hand_over) { bury(); }
+        if (!can_hand_over) { bury_yourself(); }
         death.post();
     } else if (first == self) {
         death.post(); // hit again while taking the trace: without it
     }
     pause_ms(last_words_ms);
-    _exit(0);
+    end_now();
 }
 
 void putstackinfo()

@@ -61,8 +61,10 @@ __attribute__((format(printf, 3, 0))) void write_line(FILE* to, const char* head
 {
     va_list copy;
     va_copy(copy, arguments);
+    flockfile(to); // standard output has other writers: a header and its text stay together
     fputs(header, to);
     vfprintf(to, format, copy);
+    funlockfile(to);
     va_end(copy);
 }
 

@@ -1,5 +1,6 @@
 // The daemon's start: options, kernel limits, signals, the shared facilities, link 0 and the threads, in a fixed order.
-// Afterwards the main thread only sleeps; the process ends by a signal.
+// Then the main thread loads and plays the demo, while commands are served; afterwards it only sleeps. The process ends
+// by a signal.
 #include "ap_msg/endpoint.h"
 #include "ap_msg/file_service.h"
 #include "base/pause.h"

@@ -3,6 +3,7 @@
 #include "main/log.h"
 
 #include <atomic>
+#include <bit>
 #include <cstdlib>
 
 #if defined(__has_feature) // clang's way to tell; g++ has a macro
@@ -27,12 +28,12 @@ namespace {
 mem_block* mem_tail[mem_classes] RVK_GUARDED_BY(mutex_mem); // last block of each list, undefined while it is empty
 std::atomic<int32_t> made[mem_classes];                     // blocks ever taken from the system
 
-int class_of(unsigned size)
+// The classes' sizes double from the first one's 64 bytes on.
+constexpr int class_of(unsigned size)
 {
-    int type = 0;
-    while (mem_type[static_cast<size_t>(type)] < size) { ++type; }
-    return type;
+    return size == 0 ? 0 : static_cast<int>(std::bit_width((size - 1) / mem_type.front()));
 }
+static_assert(class_of(64) == 0 && class_of(65) == 1 && class_of(mem_type.back()) == mem_classes - 1);
 
 mem_block* new_block(int type)
 {

@@ -80,6 +80,10 @@ int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t se
 // that is still being sent, or is over, does not count. Always 0.
 int32_t queue_check(int index, int queue, completion_handler handler);
 
+// A glance without the mutex, for passes over queues that are empty nearly always; what is filed meanwhile is the next
+// pass's.
+[[nodiscard]] bool queue_is_empty(int index, int queue);
+
 // Head of the list, null when empty.
 [[nodiscard]] QNode* queue_get(int index, int queue) RVK_REQUIRES(mtx[index][queue]);
 

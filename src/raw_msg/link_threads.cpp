@@ -51,7 +51,7 @@ void pin(const char* thread, int index)
 int32_t create(const char* name, int priority, thread_body body, int index, pthread_t* out)
 {
     log_print(LOG_HERE, "index=%d\n", index);
-    if (start_thread(name, priority, body, index, out) == 0) { return 0; }
+    if (is_link(index) && start_thread(name, priority, body, index, out) == 0) { return 0; }
     log_print(LOG_HERE, "failed to create thread \n");
     return -1;
 }

@@ -8,8 +8,10 @@
 namespace rvk {
 
 // Opens a link and starts its receive and its check thread. Nothing is done for a negative index (an absent link), and
-// no thread is started when the link cannot be opened; a link without both of its threads is closed to senders. recv,
-// check  out: thread handles, written when a thread was started Result       always 0. Main thread, at start.
+// no thread is started when the link cannot be opened; a link without both of its threads is closed to senders.
+// recv, check  out: thread handles, written when a thread was started
+// Result       always 0
+// Main thread, at start.
 int32_t RawMsgModuleInit(int index, pthread_t* recv, pthread_t* check);
 
 // Closes the link's socket; the threads are not stopped.

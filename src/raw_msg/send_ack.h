@@ -23,8 +23,8 @@ namespace rvk {
 // ack            out: the last piece's status: 0 good, 255 none came, other: the card's refusal
 // timeout_ticks  ticks of 30 ms, 1 to 65,535; a piece fails after three such periods without an answer
 // Result         of the last piece; a failure of an earlier one is only logged
-// Threads        any but a link's own two, which would wait for themselves; holds write_read_ack_wait_mtx during a
-// piece
+// Threads        any but a link's own two, which would wait for themselves
+// It holds write_read_ack_wait_mtx during each piece.
 [[nodiscard]] int32_t RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                 std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks);
 

@@ -5,34 +5,42 @@
 #include "main/log.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace rvk {
 namespace {
 
 constexpr uint16_t no_sequence = 0; // nothing answers, so nothing is told apart
 
+// What a short piece does not fill still holds the piece before it.
+void fill(uint8_t* buf, std::span<const uint8_t> piece)
+{
+    uint8_t* end = std::copy(piece.begin(), piece.end(), buf);
+    if (piece.size() < frame_data_min) { std::fill(end, buf + frame_data_min, uint8_t{0}); }
+}
+
 } // namespace
 
 int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                        std::span<const uint8_t> data)
 {
+    if (data.empty()) { return 0; }
+    // One buffer for all pieces: when its send returns, a piece is out.
+    uint8_t* buf = RawMsgBuffGet(static_cast<unsigned>(std::min(frame_data_max, data.size())));
+    if (buf == nullptr) {
+        log_print(LOG_HERE, "RawMsgBuffGet fail\n");
+        return -1;
+    }
     for (size_t at = 0; at < data.size(); at += frame_data_max) {
         const auto piece = data.subspan(at, std::min(frame_data_max, data.size() - at));
-        const auto length = static_cast<unsigned>(piece.size());
-        uint8_t* buf = RawMsgBuffGet(length);
-        if (buf == nullptr) {
-            log_print(LOG_HERE, "RawMsgBuffGet fail\n");
-            return -1;
-        }
-        memcpy(buf, piece.data(), length);
+        fill(buf, piece);
         const auto piece_addr = static_cast<uint32_t>(addr + at);
+        const auto length = static_cast<unsigned>(piece.size());
         if (RawSockMsgSend(index, model, slot, piece_addr, code, no_sequence, buf, length) < 1) {
             log_print(LOG_HERE, "#######error %s : index:%d addr:0x%x length:%d send fail\n", __func__, index, addr,
                       static_cast<int>(data.size()));
         }
-        RawMsgBuffFree(buf);
     }
+    RawMsgBuffFree(buf);
     return 0;
 }
 

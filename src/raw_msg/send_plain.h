@@ -7,9 +7,8 @@
 namespace rvk {
 
 // Writes to a card, cut into frames of 1,400 bytes and a last, shorter one; piece i goes to addr + 1,400 i.
-// Result   0, also when a frame could not be sent (logged; the next ones still go out); -1 when no message buffer could
-// be
-//          had. A length of 0 sends nothing.
+// Result   0, also when a frame could not be sent (logged; the next ones still go out), and for a length of 0;
+//          -1 when no message buffer could be had
 // Threads  any
 int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                        std::span<const uint8_t> data);

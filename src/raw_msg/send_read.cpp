@@ -11,6 +11,14 @@ namespace {
 
 constexpr uint32_t request_bytes = request::payload + frame_data_min + checksum_bytes; // of a read's frame
 
+// A request of another code would carry `len` bytes, and its buffer has room for a read's 64.
+bool is_read(uint8_t code)
+{
+    if (code == code_read) { return true; }
+    log_print(LOG_HERE, "read refused: frame code 0x%x is no read\n", code);
+    return false;
+}
+
 uint8_t* request_buffer()
 {
     uint8_t* buf = RawMsgBuffGet(frame_data_min);
@@ -54,7 +62,8 @@ int32_t exchange(uint16_t model, uint8_t slot, uint8_t code, uint32_t len, QNode
 int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
                                    std::span<uint8_t> dest, uint32_t* recv_len, uint32_t timeout_ticks)
 {
-    if (!link_exists(index)) { return -1; }
+    *recv_len = 0;
+    if (!link_exists(index) || !is_read(code)) { return -1; }
     const scoped_lock hold(write_read_ack_wait_mtx);
     uint8_t* buf = request_buffer();
     if (buf == nullptr) { return -1; }
@@ -77,7 +86,7 @@ int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint
 int32_t RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                uint32_t len, std::span<uint8_t> dest)
 {
-    if (!link_exists(index)) { return -1; }
+    if (!link_exists(index) || !is_read(code)) { return -1; }
     uint8_t* buf = request_buffer();
     if (buf == nullptr) { return -1; }
     const uint16_t seq = take_number(&read_ack);

@@ -12,10 +12,11 @@ namespace rvk {
 // len            bytes asked for, at most 1,400
 // dest           receives the data and bounds it: nothing is written past it
 // recv_len       out: bytes copied, 0 when none came (of an answer above 1,400 bytes its length, and none are copied)
-// timeout_ticks  ticks of 30 ms, 1 to 65,535; fails after three such periods without an answer; the request is sent
-// once Result         0 when data came; negative: no answer, refused by the card, no buffer left, or the frame was not
-// sent Threads        any but a link's own two, which would wait for themselves; holds write_read_ack_wait_mtx to the
-// end
+// timeout_ticks  ticks of 30 ms, 1 to 65,535; fails after three such periods without an answer
+// Result         0 when data came; negative: no answer, refused by the card, no buffer left, or the request, which is
+//                sent once, was not sent
+// Threads        any but a link's own two, which would wait for themselves
+// It holds write_read_ack_wait_mtx to the end.
 [[nodiscard]] int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                  uint32_t len, std::span<uint8_t> dest, uint32_t* recv_len,
                                                  uint32_t timeout_ticks);

@@ -22,6 +22,7 @@ void timerUpdate(int index, int queues)
     const int32_t ticks = elapsed.exchange(0);
     if (ticks <= 0) { return; }
     for (int queue = 0; queue < queues; ++queue) {
+        if (queue_is_empty(index, queue)) { continue; }
         const scoped_lock hold(mtx[index][queue]);
         for (QNode* node = queue_get(index, queue); node != nullptr; node = node->next) { age(&node->timer, ticks); }
     }

@@ -4,6 +4,7 @@
 #include "base/pause.h"
 #include "base/rt_thread.h"
 #include "cardsim/link.h"
+#include "cardsim/registers.h"
 #include "cardsim/requests.h"
 #include "eth_raw/frame.h"
 
@@ -64,13 +65,15 @@ bool soon(const std::function<bool()>& condition)
     return false;
 }
 
-// A picture of 3840 x 2160 pixels of 4 bytes in frames of 1,400 bytes, no two frames alike.
-constexpr size_t picture_frames = 23'699;
-constexpr uint32_t picture_addr = 0x80000000;
+// A picture of 3840 x 2160 pixels of 4 bytes, in frames of 1,400 bytes and a last one of 400; no two frames alike.
+constexpr uint16_t hor = 3840, ver = 2160;
+constexpr size_t picture_bytes = size_t{hor} * ver * 4;
+constexpr uint32_t plain_addr = 0x80000000; // plain memory, where the frames lie one behind the other
+constexpr uint8_t buffer = 16;
 
 bytes picture()
 {
-    bytes data(picture_frames * frame_data_max);
+    bytes data(picture_bytes);
     uint32_t x = 1;
     for (uint8_t& b : data) {
         x = x * 1664525 + 1013904223;
@@ -80,12 +83,14 @@ bytes picture()
 }
 
 // The frames are packed beforehand: nothing but the system call lies between one and the next.
-std::vector<bytes> frames_of(const bytes& data)
+// advance  from one frame's address to the next one's
+std::vector<bytes> frames_of(const bytes& data, uint32_t addr, uint32_t advance)
 {
     std::vector<bytes> frames;
     for (size_t at = 0; at < data.size(); at += frame_data_max) {
-        const auto addr = static_cast<uint32_t>(picture_addr + at);
-        frames.push_back(write_frame({.code = code_write, .addr = addr}, std::span(data).subspan(at, frame_data_max)));
+        const auto piece = std::span(data).subspan(at, std::min(frame_data_max, data.size() - at));
+        frames.push_back(write_frame({.code = code_write, .addr = addr}, piece));
+        addr += advance;
     }
     return frames;
 }
@@ -101,11 +106,8 @@ protected:
     card_link link{farm};
 };
 
-void flood(card_farm& farm, card_link& link)
+void send_all(controller& sender, const std::vector<bytes>& frames)
 {
-    const bytes data = picture();
-    const std::vector<bytes> frames = frames_of(data);
-    controller sender("eth0");
     timespec from{}, to{};
     clock_gettime(CLOCK_MONOTONIC, &from);
     for (const bytes& frame : frames) { ASSERT_TRUE(sender.send(frame)) << strerror(errno); }
@@ -113,36 +115,104 @@ void flood(card_farm& farm, card_link& link)
     const double seconds =
         static_cast<double>(to.tv_sec - from.tv_sec) + 1e-9 * static_cast<double>(to.tv_nsec - from.tv_nsec);
     std::printf("sent %zu frames at %.0f a second\n", frames.size(), static_cast<double>(frames.size()) / seconds);
+}
+
+void flood_plain_memory(card_farm& farm, card_link& link)
+{
+    const bytes data = picture();
+    const std::vector<bytes> frames = frames_of(data, plain_addr, frame_data_max);
+    controller sender("eth0");
+    send_all(sender, frames);
     EXPECT_TRUE(soon([&] { return farm.counts().received >= frames.size(); })) << farm.counts().received;
     EXPECT_EQ(link.dropped(), 0u);
     EXPECT_EQ(farm.counts().plain_writes, frames.size());
     EXPECT_EQ(farm.counts().refusals(), "none");
-    EXPECT_EQ(farm.written(card), (std::vector<extent>{{picture_addr, picture_addr + data.size()}}));
-    EXPECT_TRUE(farm.read(card, picture_addr, data.size()) == data); // not EQ: it would print 33 MB
+    EXPECT_EQ(farm.written(card), (std::vector<extent>{{plain_addr, plain_addr + data.size()}}));
+    EXPECT_TRUE(farm.read(card, plain_addr, data.size()) == data); // not EQ: it would print 33 MB
 }
 
+void acknowledged(controller& sender, uint16_t seq, const bytes& data)
+{
+    ASSERT_TRUE(sender.send(write_frame({.code = code_write_ack, .addr = demo_control, .seq = seq}, data)));
+    EXPECT_EQ(as_seen(sender.receive()), "11/0/0");
+}
+
+// As the controller puts a picture: the end is acknowledged only when every byte before it was taken.
+void put_picture(controller& sender, const std::vector<bytes>& frames)
+{
+    bytes set_up{0, 0, 0, 0, 0, buffer};
+    store_le16(&set_up[1], hor);
+    store_le16(&set_up[3], ver);
+    acknowledged(sender, 1, set_up);
+    acknowledged(sender, 2, {1});
+    send_all(sender, frames);
+    acknowledged(sender, 3, {0});
+}
+
+// Twice: into memory that was never touched, and over what is there.
+void flood_picture_memory(card_farm& farm, card_link& link)
+{
+    bytes data = picture();
+    controller sender("eth0");
+    for (size_t round = 1; round <= 2; ++round) {
+        data[round] ^= 0xFF;
+        put_picture(sender, frames_of(data, demo_data, 0));
+        EXPECT_EQ(farm.counts().refusals(), "none");
+        EXPECT_EQ(farm.pictures(card), (std::vector<picture_record>{{buffer, hor, ver, picture_bytes, true, round}}));
+        EXPECT_TRUE(farm.picture(card, buffer) == data);
+    }
+    EXPECT_EQ(link.dropped(), 0u);
+}
+
+// Runs on the processor of the cards and above them: they then get none of it while the sender has it, and all that
+// comes must wait in the receive buffer.
+class starving_sender {
+public:
+    starving_sender()
+    {
+        EXPECT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
+        EXPECT_EQ(pin_to_processor(1), 0);
+        sched_param priority{};
+        priority.sched_priority = 1;
+        EXPECT_EQ(sched_setscheduler(0, SCHED_FIFO, &priority), 0);
+    }
+    ~starving_sender()
+    {
+        const sched_param ordinary{};
+        sched_setscheduler(0, SCHED_OTHER, &ordinary);
+        sched_setaffinity(0, sizeof before, &before);
+    }
+
+private:
+    cpu_set_t before{};
+};
+
 } // namespace
+
+TEST_F(Link, TakesAsMuchAsAPictureAsFastAsItCanBeSent)
+{
+    start();
+    flood_plain_memory(farm, link);
+}
+
+TEST_F(Link, TakesAsMuchFromASenderAboveItOnTheSameProcessor)
+{
+    start({.processor = 1});
+    const starving_sender above;
+    flood_plain_memory(farm, link);
+}
 
 TEST_F(Link, TakesAPictureAsFastAsItCanBeSent)
 {
     start();
-    flood(farm, link);
+    flood_picture_memory(farm, link);
 }
 
-// The cards then get no processor while the sender has it: all that came must wait in the receive buffer.
 TEST_F(Link, TakesAPictureFromASenderAboveItOnTheSameProcessor)
 {
-    cpu_set_t before;
-    ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
     start({.processor = 1});
-    ASSERT_EQ(pin_to_processor(1), 0);
-    sched_param priority{};
-    priority.sched_priority = 1;
-    ASSERT_EQ(sched_setscheduler(0, SCHED_FIFO, &priority), 0);
-    flood(farm, link);
-    priority.sched_priority = 0;
-    sched_setscheduler(0, SCHED_OTHER, &priority);
-    sched_setaffinity(0, sizeof before, &before);
+    const starving_sender above;
+    flood_picture_memory(farm, link);
 }
 
 TEST_F(Link, AnswersEveryRequestOfABurst)

@@ -37,6 +37,9 @@ const wrong_case wrongs[] = {
     {{"--loss", "1.5"}, "--loss: '1.5'"},
     {{"--wrong-status", "256"}, "--wrong-status: Value 256"},
     {{"--oversized-len", "1400"}, "--oversized-len: Value 1400"},
+    {{"--generation", "256"}, "--generation: Value 256"},
+    {{"--refuse-register", "8"}, "--refuse-register: Value 8"},
+    {{"--status-bytes", "2001"}, "--status-bytes: Value 2001"},
     {{"--processor", "0"}, "--processor: Value 0"},
     {{"--link", "card0", "--link", "card0"}, "--link: the same interface"},
     {{"--frobnicate"}, "--frobnicate"},
@@ -73,6 +76,41 @@ TEST(Options, ReachTheRecord)
     const auto none = parsed({});
     ASSERT_TRUE(none.given);
     EXPECT_EQ(none.given->links, std::vector<std::string>{"card0"});
+}
+
+TEST(Options, OfRegistersReachTheirRecord)
+{
+    const auto manner = parsed({"--generation",
+                                "49",
+                                "--generation-bytes",
+                                "1400",
+                                "--readiness",
+                                "255",
+                                "--readiness-bytes",
+                                "2",
+                                "--readiness-silent",
+                                "--status-bytes",
+                                "3",
+                                "--refuse-register",
+                                "7",
+                                "--refuse-register-times",
+                                "2",
+                                "--refuse-piece",
+                                "5",
+                                "--refuse-piece-times",
+                                "3",
+                                "--silent-piece",
+                                "6"});
+    ASSERT_TRUE(manner.given) << manner.text;
+    const card_behaviour& b = manner.given->behaviour;
+    EXPECT_EQ(b.generation, 49); // not the character '1'
+    EXPECT_EQ(b.readiness, 0xFF);
+    EXPECT_TRUE(b.readiness_silent);
+    EXPECT_EQ((std::vector<unsigned>{b.generation_bytes, b.readiness_bytes, b.status_bytes}),
+              (std::vector<unsigned>{1400, 2, 3}));
+    EXPECT_EQ((std::vector<uint64_t>{b.refuse_register, b.refuse_register_times, b.refuse_piece, b.refuse_piece_times,
+                                     b.silent_piece}),
+              (std::vector<uint64_t>{7, 2, 5, 3, 6}));
 }
 
 TEST(Options, WrongOnesAreNamed)

@@ -1,10 +1,10 @@
 #include "cardsim/cards.h"
 
 #include "base/bytes.h"
+#include "cardsim/registers.h"
 #include "eth_raw/frame.h"
 
 #include <algorithm>
-#include <cassert>
 
 namespace rvk {
 namespace {
@@ -13,26 +13,9 @@ constexpr uint64_t reorder_wait_us = 5000; // ours: far below any timeout, far a
 constexpr uint16_t len_too_much = 100;     // ours: past the frame's end, and in most cases not past a receive buffer's
 constexpr uint16_t len_beyond_all = 60000; // ours: past every buffer
 constexpr uint8_t stranger_fill = 0xA5;
+constexpr card_id playback_card{0, playback_slot};
 
 } // namespace
-
-uint64_t farm_counts::refused() const
-{
-    uint64_t sum = 0;
-    for (size_t i = static_cast<size_t>(verdict::wrong_destination); i < verdict_count; ++i) { sum += verdicts[i]; }
-    return sum;
-}
-
-std::string farm_counts::refusals() const
-{
-    std::string text;
-    for (size_t i = static_cast<size_t>(verdict::wrong_destination); i < verdict_count; ++i) {
-        if (verdicts[i] == 0) { continue; }
-        if (!text.empty()) { text += ", "; }
-        text += std::string(name_of(static_cast<verdict>(i))) + ' ' + std::to_string(verdicts[i]);
-    }
-    return text.empty() ? "none" : text;
-}
 
 card_farm::card_farm(const card_faults& faults) { set_faults(faults); }
 
@@ -42,6 +25,13 @@ bool card_farm::happens(fault kind)
     if (yes) { ++counted.injected[static_cast<size_t>(kind)]; }
     return yes;
 }
+
+void card_farm::note_mistake(mistake m)
+{
+    if (m != mistake::none) { ++counted.mistakes[static_cast<size_t>(m)]; }
+}
+
+void card_farm::misbehave(misbehaviour m) { ++counted.misbehaved[static_cast<size_t>(m)]; }
 
 void card_farm::request(std::span<const uint8_t> frame, uint64_t now_us, std::vector<reply_frame>& out)
 {
@@ -74,58 +64,113 @@ bool card_farm::note_request(std::span<const uint8_t> frame, uint64_t now_us, re
     return good && !lost;
 }
 
-// The one place where a card acts: what belongs to particular addresses branches off here.
+// The one place where a card acts.
 void card_farm::carry_out(const request_fields& request, uint64_t now_us, std::vector<reply_frame>& out)
 {
+    uint8_t status = ack_good;
     if (request.code == code_write) {
-        store(request);
+        static_cast<void>(act_on_write(request, status)); // nobody is told
         return;
     }
     reply_frame reply;
-    if (request.code == code_read) {
-        answer_read(request, reply);
-    } else {
-        answer_write(request, reply);
-    }
+    const bool answered = request.code == code_read ? answer_read(request, reply) : answer_write(request, reply);
+    if (!answered) { return; }
     spoil(reply);
     send_strangers(now_us, out);
     deliver(reply, now_us, out);
 }
 
-void card_farm::store(const request_fields& request)
+// Result: there is an answer, of this status.
+bool card_farm::act_on_write(const request_fields& request, uint8_t& status)
 {
-    memories[{request.model, request.slot}].write(request.addr, request.data);
+    const card_id id{request.model, request.slot};
+    sim_card& card = all[id];
+    if (const auto wrong = script.on_write(request.addr, card.firmware.next_piece())) {
+        misbehave(*wrong);
+        status = script.record().refused_status;
+        return *wrong != misbehaviour::silent_piece;
+    }
+    const mistake wrong = card.write(request);
+    note_mistake(wrong);
+    if (is_refused(wrong)) {
+        status = ack_refused;
+        return true;
+    }
     counted.bytes_written += request.data.size();
+    if (id == playback_card) {
+        played.note_write(request.addr, request.data);
+        if (const auto buffer = card.demo_picture_ended(request)) { played.note_picture(*buffer); }
+    }
+    return true;
 }
 
-void card_farm::answer_write(const request_fields& request, reply_frame& reply)
+bool card_farm::answer_write(const request_fields& request, reply_frame& reply)
 {
     const bool refuse = happens(fault::wrong_ack);
-    if (!refuse) { store(request); }
+    uint8_t status = dice.record().wrong_status;
+    if (!refuse) {
+        status = ack_good;
+        if (!act_on_write(request, status)) { return false; }
+    }
     const uint8_t code = happens(fault::ack_code_short) ? code_ack_short : code_write_ack;
-    pack_reply(reply, request, refuse ? dice.record().wrong_status : ack_good, code, {});
+    pack_reply(reply, request, status, code, {});
+    return true;
 }
 
-void card_farm::answer_read(const request_fields& request, reply_frame& reply)
+// Of those that change what a read is answered with, the first that happens.
+std::optional<fault> card_farm::read_fault()
 {
-    size_t len = request.len;
-    uint8_t status = ack_good;
-    if (happens(fault::wrong_read)) {
-        status = dice.record().wrong_status;
-        len = 0;
-    } else if (happens(fault::read_says_none)) {
-        status = no_answer;
-    } else if (happens(fault::read_empty)) {
-        len = 0;
-    } else if (happens(fault::read_oversized)) {
-        len = std::min<size_t>(dice.record().oversized_len, reply_data_max);
+    for (const fault kind : {fault::wrong_read, fault::read_says_none, fault::read_empty, fault::read_oversized}) {
+        if (happens(kind)) { return kind; }
     }
+    return std::nullopt;
+}
+
+// Fills `data`, of which `len` bytes are the answer. Result: there is one, of this status.
+bool card_farm::act_on_read(const request_fields& request, std::span<uint8_t> data, uint8_t& status, size_t& len)
+{
+    const auto found = all.find({request.model, request.slot});
+    std::fill_n(data.begin(), len, uint8_t{0});
+    const mistake wrong = found == all.end() ? sim_card{}.read(request, data.first(len)) // one never written to
+                                             : found->second.read(request, data.first(len));
+    note_mistake(wrong);
+    if (is_refused(wrong)) {
+        status = ack_refused;
+        len = 0;
+        return true;
+    }
+    const answer_rule rule = script.on_read(request.model, request.slot, request.addr);
+    if (rule.silent) {
+        misbehave(misbehaviour::silent_readiness);
+        return false;
+    }
+    if (rule.value) { data[0] = *rule.value; }
+    if (rule.bytes == 0) { return true; }
+    len = std::min<size_t>(rule.bytes, data.size());
+    std::fill(data.begin() + 1, data.begin() + static_cast<std::ptrdiff_t>(len), stranger_fill);
+    if (len > request.len) { misbehave(misbehaviour::oversized_answer); }
+    return true;
+}
+
+bool card_farm::answer_read(const request_fields& request, reply_frame& reply)
+{
     std::array<uint8_t, reply_data_max> data;
-    const std::span<uint8_t> given(data.data(), len);
-    std::fill(given.begin(), given.end(), uint8_t{0});
-    const auto card = memories.find({request.model, request.slot});
-    if (card != memories.end()) { card->second.read(request.addr, given); }
-    pack_reply(reply, request, status, code_read, given);
+    uint8_t status = dice.record().wrong_status;
+    size_t len = 0;
+    bool answered = true;
+    const auto wrong = read_fault();
+    if (wrong != fault::wrong_read) {
+        status = ack_good;
+        len = wrong == fault::read_oversized ? std::max(dice.record().oversized_len, request.len) : request.len;
+        answered = act_on_read(request, data, status, len);
+        if (wrong == fault::read_says_none) { status = no_answer; }
+        if (wrong == fault::read_empty) { len = 0; }
+    }
+    if (request.addr == readiness_register && card_id{request.model, request.slot} == playback_card) {
+        played.note_readiness(answered && len > 0 ? data[0] : -1);
+    }
+    if (answered) { pack_reply(reply, request, status, code_read, std::span(data).first(len)); }
+    return answered;
 }
 
 // What goes wrong with an answer's bytes on their way.
@@ -226,85 +271,6 @@ std::optional<uint64_t> card_farm::next_due_us() const
     if (held.empty()) { return std::nullopt; }
     return std::min_element(held.begin(), held.end(), [](const auto& a, const auto& b) { return a.due_us < b.due_us; })
         ->due_us;
-}
-
-void card_farm::set_faults(const card_faults& faults)
-{
-    assert(faults.oversized_len <= reply_data_max);
-    scoped_lock hold(lock);
-    dice.load(faults);
-}
-
-farm_counts card_farm::counts() const
-{
-    scoped_lock hold(lock);
-    return counted;
-}
-
-void card_farm::write(card_id card, uint32_t addr, std::span<const uint8_t> bytes)
-{
-    scoped_lock hold(lock);
-    memories[card].write(addr, bytes);
-}
-
-std::vector<uint8_t> card_farm::read(card_id card, uint32_t addr, size_t len) const
-{
-    std::vector<uint8_t> bytes(len);
-    scoped_lock hold(lock);
-    const auto found = memories.find(card);
-    if (found != memories.end()) { found->second.read(addr, bytes); }
-    return bytes;
-}
-
-std::vector<card_id> card_farm::cards() const
-{
-    scoped_lock hold(lock);
-    std::vector<card_id> ids;
-    for (const auto& [id, memory] : memories) { ids.push_back(id); }
-    return ids;
-}
-
-std::vector<extent> card_farm::written(card_id card) const
-{
-    scoped_lock hold(lock);
-    const auto found = memories.find(card);
-    return found == memories.end() ? std::vector<extent>{} : found->second.written();
-}
-
-void card_farm::record_history(size_t max)
-{
-    scoped_lock hold(lock);
-    recorded.clear();
-    record_max = max;
-    record_overflow = 0;
-}
-
-std::vector<recorded_request> card_farm::history() const
-{
-    scoped_lock hold(lock);
-    return recorded;
-}
-
-uint64_t card_farm::history_overflow() const
-{
-    scoped_lock hold(lock);
-    return record_overflow;
-}
-
-void card_farm::keep_trail(size_t frames)
-{
-    scoped_lock hold(lock);
-    trail.keep(frames);
-}
-
-std::string card_farm::write_pcap(const std::string& path) const
-{
-    std::vector<uint8_t> file;
-    {
-        scoped_lock hold(lock);
-        file = trail.as_pcap();
-    }
-    return write_file(path, file);
 }
 
 } // namespace rvk

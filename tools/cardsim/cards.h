@@ -1,20 +1,21 @@
 // The cards at the far end of one link: a request frame in, reply frames out. No socket, no clock, no thread.
 //
-// Keeps one memory per (model, slot); every such pair is a card that is there. Checks each frame as a card would,
-// counts by name what no controller should send, and does wrong on purpose what its fault record asks for. Time is a
+// Keeps one card per (model, slot); every such pair is a card that is there. Checks each frame as a card would, counts
+// by name what no controller should send, and does wrong on purpose what its two records ask for. Time is a
 // number of microseconds that the caller brings and that never goes back. `card_link` feeds it from a socket; tests
 // with simulated time and the fuzzer call it themselves. Any thread may call anything: one lock, innermost, nothing is
 // called under it.
 #pragma once
 
 #include "base/mutex.h"
-#include "cardsim/checks.h"
+#include "cardsim/behaviour.h"
+#include "cardsim/card.h"
+#include "cardsim/counts.h"
 #include "cardsim/faults.h"
-#include "cardsim/memory.h"
 #include "cardsim/pcap.h"
+#include "cardsim/playback.h"
 #include "cardsim/replies.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -30,20 +31,6 @@ struct card_id {
     uint16_t model = 0;
     uint8_t slot = 0;
     auto operator<=>(const card_id&) const = default;
-};
-
-struct farm_counts {
-    uint64_t received = 0;                                         // frames of any kind
-    uint64_t reads = 0, plain_writes = 0, acknowledged_writes = 0; // good requests, those that a fault lost included
-    uint64_t bytes_written = 0;                                    // into the cards' memories
-    uint64_t replies = 0;                           // frames handed out, duplicates, foreign frames and runts included
-    std::array<uint64_t, verdict_count> verdicts{}; // frames by what the check said; use the functions below
-    std::array<uint64_t, fault_count> injected{};
-
-    [[nodiscard]] uint64_t of(verdict v) const { return verdicts[static_cast<size_t>(v)]; }
-    [[nodiscard]] uint64_t of(fault f) const { return injected[static_cast<size_t>(f)]; }
-    [[nodiscard]] uint64_t refused() const;     // the controller's frames that it should not have sent
-    [[nodiscard]] std::string refusals() const; // "wrong_checksum 2, len_zero 1", or "none"
 };
 
 // A frame of the controller, as it came.
@@ -69,13 +56,33 @@ public:
 
     // From the next frame on. Starts the record's chances over; replies already held back stay so.
     void set_faults(const card_faults& faults) RVK_EXCLUDES(lock);
+    // From the next frame on. What was counted down starts over.
+    void set_behaviour(const card_behaviour& behaviour) RVK_EXCLUDES(lock);
     [[nodiscard]] farm_counts counts() const RVK_EXCLUDES(lock);
 
-    // The cards' memory, for presetting and for comparing. A card comes to be with its first write.
+    // The cards' register memory, for presetting and for comparing: plain bytes, whatever their addresses mean. A card
+    // comes to be with its first write.
     void write(card_id card, uint32_t addr, std::span<const uint8_t> bytes) RVK_EXCLUDES(lock);
     [[nodiscard]] std::vector<uint8_t> read(card_id card, uint32_t addr, size_t len) const RVK_EXCLUDES(lock);
     [[nodiscard]] std::vector<card_id> cards() const RVK_EXCLUDES(lock);
     [[nodiscard]] std::vector<extent> written(card_id card) const RVK_EXCLUDES(lock);
+
+    // Pictures: what every buffer was set up as last, by buffer number, and one's bytes as they were streamed (hor x
+    // ver x 4, lines without padding; none when the buffer was never set up).
+    [[nodiscard]] std::vector<picture_record> pictures(card_id card) const RVK_EXCLUDES(lock);
+    [[nodiscard]] std::vector<uint8_t> picture(card_id card, uint8_t buffer) const RVK_EXCLUDES(lock);
+
+    // Picture memory as a read-back sees it, by byte (8 times a read command's address), for presetting and comparing.
+    void write_pictures(card_id card, uint64_t at, std::span<const uint8_t> bytes) RVK_EXCLUDES(lock);
+    [[nodiscard]] std::vector<uint8_t> read_pictures(card_id card, uint64_t at, size_t len) const RVK_EXCLUDES(lock);
+
+    // Firmware: every file that the card acknowledged to its last byte, oldest first; and how far the running one is.
+    // A transfer addresses model 0 of a slot, whatever model it names.
+    [[nodiscard]] std::vector<firmware_file> firmware(card_id card) const RVK_EXCLUDES(lock);
+    [[nodiscard]] firmware_progress transfer(card_id card) const RVK_EXCLUDES(lock);
+
+    // How the demo was started, as lines that check_playback() takes.
+    [[nodiscard]] std::vector<std::string> playback() const RVK_EXCLUDES(lock);
 
     // Keeps the controller's next `max` frames (0: none, the default) and forgets those kept before.
     void record_history(size_t max) RVK_EXCLUDES(lock);
@@ -97,9 +104,15 @@ private:
 
     bool note_request(std::span<const uint8_t> frame, uint64_t now_us, request_fields& fields) RVK_REQUIRES(lock);
     void carry_out(const request_fields& request, uint64_t now_us, std::vector<reply_frame>& out) RVK_REQUIRES(lock);
-    void store(const request_fields& request) RVK_REQUIRES(lock);
-    void answer_write(const request_fields& request, reply_frame& reply) RVK_REQUIRES(lock);
-    void answer_read(const request_fields& request, reply_frame& reply) RVK_REQUIRES(lock);
+    bool act_on_write(const request_fields& request, uint8_t& status) RVK_REQUIRES(lock);
+    bool act_on_read(const request_fields& request, std::span<uint8_t> data, uint8_t& status, size_t& len)
+        RVK_REQUIRES(lock);
+    bool answer_write(const request_fields& request, reply_frame& reply) RVK_REQUIRES(lock);
+    bool answer_read(const request_fields& request, reply_frame& reply) RVK_REQUIRES(lock);
+    std::optional<fault> read_fault() RVK_REQUIRES(lock);
+    void note_mistake(mistake m) RVK_REQUIRES(lock);
+    void misbehave(misbehaviour m) RVK_REQUIRES(lock);
+    const sim_card* find(card_id card) const RVK_REQUIRES(lock);
     void spoil(reply_frame& reply) RVK_REQUIRES(lock);
     void send_strangers(uint64_t now_us, std::vector<reply_frame>& out) RVK_REQUIRES(lock);
     void deliver(const reply_frame& reply, uint64_t now_us, std::vector<reply_frame>& out) RVK_REQUIRES(lock);
@@ -112,7 +125,9 @@ private:
     mutable mutex lock;
     fault_dice dice RVK_GUARDED_BY(lock);
     farm_counts counted RVK_GUARDED_BY(lock);
-    std::map<card_id, card_memory> memories RVK_GUARDED_BY(lock);
+    register_script script RVK_GUARDED_BY(lock);
+    std::map<card_id, sim_card> all RVK_GUARDED_BY(lock);
+    playback_log played RVK_GUARDED_BY(lock);
     std::vector<held_reply> held RVK_GUARDED_BY(lock);
     std::vector<recorded_request> recorded RVK_GUARDED_BY(lock);
     size_t record_max RVK_GUARDED_BY(lock) = 0;

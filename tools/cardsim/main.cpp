@@ -16,6 +16,7 @@ struct served_link {
     explicit served_link(const cardsim_options& options, std::string interface)
         : name(std::move(interface)), farm(options.faults), link(farm)
     {
+        farm.set_behaviour(options.behaviour);
         if (!options.pcap_folder.empty()) { farm.keep_trail(options.pcap_frames); }
     }
     std::string name;
@@ -82,7 +83,7 @@ int run(const cardsim_options& options)
     serve_until_ended(options, links, signals);
     for (served_link& l : links) {
         l.link.stop();
-        std::fputs(summary(l.farm.counts(), l.name).c_str(), stdout);
+        std::fputs(summary(l.farm, l.name).c_str(), stdout);
         std::printf("%s: %llu dropped by the kernel, %llu could not be sent\n", l.name.c_str(),
                     static_cast<unsigned long long>(l.link.dropped()),
                     static_cast<unsigned long long>(l.link.unsent()));

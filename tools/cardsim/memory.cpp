@@ -1,18 +1,13 @@
 #include "cardsim/memory.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace rvk {
-card_memory::page& card_memory::page_for_writing(uint32_t number)
-{
-    if (last_page != nullptr && last_number == number) { return *last_page; }
-    std::unique_ptr<page>& entry = pages[number];
-    if (!entry) { entry = std::make_unique<page>(); }
-    last_page = entry.get();
-    last_number = number;
-    return *last_page;
-}
+namespace {
+
+constexpr uint64_t address_end = uint64_t{1} << 32;
+
+} // namespace
 
 void card_memory::note_written(uint64_t first, uint64_t end)
 {
@@ -32,10 +27,9 @@ void card_memory::note_written(uint64_t first, uint64_t end)
 void card_memory::write(uint32_t addr, std::span<const uint8_t> bytes)
 {
     while (!bytes.empty()) {
-        const size_t offset = addr % page_bytes;
-        const size_t count = std::min(bytes.size(), page_bytes - offset);
-        std::memcpy(page_for_writing(static_cast<uint32_t>(addr / page_bytes)).data() + offset, bytes.data(), count);
-        note_written(addr, uint64_t{addr} + count); // a page never crosses the end of the address space
+        const auto count = static_cast<size_t>(std::min<uint64_t>(bytes.size(), address_end - addr));
+        pages.write(addr, bytes.first(count));
+        note_written(addr, uint64_t{addr} + count);
         addr += static_cast<uint32_t>(count);
         bytes = bytes.subspan(count);
     }
@@ -44,14 +38,8 @@ void card_memory::write(uint32_t addr, std::span<const uint8_t> bytes)
 void card_memory::read(uint32_t addr, std::span<uint8_t> out) const
 {
     while (!out.empty()) {
-        const size_t offset = addr % page_bytes;
-        const size_t count = std::min(out.size(), page_bytes - offset);
-        const auto found = pages.find(static_cast<uint32_t>(addr / page_bytes));
-        if (found == pages.end()) {
-            std::memset(out.data(), 0, count);
-        } else {
-            std::memcpy(out.data(), found->second->data() + offset, count);
-        }
+        const auto count = static_cast<size_t>(std::min<uint64_t>(out.size(), address_end - addr));
+        pages.read(addr, out.first(count));
         addr += static_cast<uint32_t>(count);
         out = out.subspan(count);
     }

@@ -1,5 +1,6 @@
 #include "cardsim/options.h"
 
+#include "cardsim/registers.h"
 #include "cardsim/replies.h"
 
 #include <CLI/CLI.hpp>
@@ -11,8 +12,22 @@ namespace {
 
 constexpr const char* description =
     "Simulates the cards at the far end of one or more card links: every (model, slot) is there, with 4 GiB of memory\n"
-    "that reads as 0 until it is written. Prints \"ready\" when its links are open, and what it saw when it ends\n"
-    "(SIGINT, SIGTERM). Run it inside scripts/in-bench, which makes the links card0, card1 and card2.";
+    "that reads as 0 until it is written, and behind certain addresses with picture memory, its read-back, and "
+    "firmware\n"
+    "memory. Prints \"ready\" when its links are open, and what it saw when it ends (SIGINT, SIGTERM). Run it inside\n"
+    "scripts/in-bench, which makes the links card0, card1 and card2.";
+
+constexpr const char* places =
+    "Where pictures lie: buffer N begins at address N x 0x1000000 of a read-back (rvkctl picture get --addr): buffer "
+    "16\n"
+    "at 0x10000000, buffer 0 at 0. Each has 128 MiB, room for 7680 x 4320; a larger picture is refused. Its lines, "
+    "the\n"
+    "first one first, are padded to 64 bytes and laid out 1400 bytes to each 1408, as read-backs take them: the "
+    "picture\n"
+    "that was put is the one got.\n"
+    "What a card would refuse (order, sizes, checksums) is answered with status 1, not carried out, and named at the "
+    "end.\n"
+    "\n";
 
 constexpr const char* fault_semantics =
     "A fault's HOW is a whole number, the next so many chances (3), or a part of all chances with a point in it\n"
@@ -24,6 +39,8 @@ constexpr const char* fault_semantics =
     "the first excludes the rest. An answer is the reply to a read or an acknowledged write; plain writes have none.\n"
     "\n"
     "Exit status: 0 ended by a signal; 1 a link could not be opened or a file not be written; 2 wrong usage.";
+
+constexpr const char* registers_group = "Registers";
 
 // A range check that adds no text of its own to the help.
 CLI::Validator between(size_t least, size_t most) { return CLI::Range(least, most).description(""); }
@@ -59,13 +76,55 @@ void add_faults(CLI::App& app, card_faults& faults)
         ->capture_default_str();
 }
 
+// A number that fits a byte; not read into the byte itself, which would take a letter.
+void add_byte(CLI::App& app, const char* name, std::optional<uint8_t>& into, const char* meaning)
+{
+    const auto take = [&into](unsigned value) { into = static_cast<uint8_t>(value); };
+    app.add_option_function<unsigned>(name, take, meaning)
+        ->type_name("BYTE")
+        ->check(between(0, 255))
+        ->group(registers_group);
+}
+
+template <typename Value>
+void add_number(CLI::App& app, const char* name, Value& into, const char* meaning, size_t least, size_t most)
+{
+    app.add_option(name, into, meaning)->type_name("N")->check(between(least, most))->group(registers_group);
+}
+
+void add_behaviour(CLI::App& app, card_behaviour& behaviour)
+{
+    constexpr size_t pieces_max = 1u << 22; // of 1,024 bytes: all that 32 bits count
+    add_byte(app, "--generation", behaviour.generation,
+             "the input card's generation (0x10000015 of slot 2): 0 old, 1 new, odd others [0]");
+    add_number(app, "--generation-bytes", behaviour.generation_bytes, "bytes that it answers with, in place of one", 1,
+               reply_data_max);
+    add_byte(app, "--readiness", behaviour.readiness,
+             "the FPGA's readiness (0x00F00009 of slot 1); 255: never ready [0]");
+    add_number(app, "--readiness-bytes", behaviour.readiness_bytes, "bytes that it answers with, in place of one", 1,
+               reply_data_max);
+    app.add_flag("--readiness-silent", behaviour.readiness_silent, "its reads are not answered")
+        ->group(registers_group);
+    add_number(app, "--status-bytes", behaviour.status_bytes,
+               "bytes that the status of a read-back (0xA0FFD) answers with, in place of one", 1, reply_data_max);
+    add_number(app, "--refuse-register", behaviour.refuse_register,
+               "refuse the N-th register of a firmware transfer's file information", 1, firmware_registers.size());
+    add_number(app, "--refuse-register-times", behaviour.refuse_register_times, "so many times [1]", 1, 1'000'000);
+    add_number(app, "--refuse-piece", behaviour.refuse_piece, "refuse the N-th piece of a firmware transfer", 1,
+               pieces_max);
+    add_number(app, "--refuse-piece-times", behaviour.refuse_piece_times, "so many times [1]", 1, 1'000'000);
+    add_number(app, "--silent-piece", behaviour.silent_piece,
+               "neither take nor answer the N-th piece of a firmware transfer", 1, pieces_max);
+}
+
 void add_options(CLI::App& app, cardsim_options& options)
 {
     app.add_option("--link", options.links, "an interface to answer on; may be repeated")
         ->type_name("IFACE")
         ->capture_default_str();
     app.add_option("--state", options.state_folder,
-                   "on SIGUSR1 and at the end, write what the cards hold below this folder: a text file per card")
+                   "on SIGUSR1 and at the end, write what the cards hold below this folder: a text file per card,\n"
+                   "pictures as BMP, firmware images as they were before their head")
         ->type_name("DIR");
     app.add_option("--pcap", options.pcap_folder, "at the end, write the last frames of each link to DIR/LINK.pcap")
         ->type_name("DIR");
@@ -78,6 +137,7 @@ void add_options(CLI::App& app, cardsim_options& options)
     app.add_option("--priority", options.priority, "run them at this real-time priority (SCHED_FIFO), 1 to 99")
         ->type_name("N")
         ->check(between(1, 99));
+    add_behaviour(app, options.behaviour);
     add_faults(app, options.faults);
 }
 
@@ -102,7 +162,7 @@ parsed_options parse_options(int argc, const char* const* argv)
 {
     cardsim_options options;
     CLI::App app{description, "rvk-cardsim"};
-    app.footer(fault_semantics);
+    app.footer(std::string(places) + fault_semantics);
     add_options(app, options);
     try {
         app.parse(argc, argv);

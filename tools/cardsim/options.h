@@ -1,6 +1,7 @@
 // The command line of the program: what it was asked for, or why it cannot be done.
 #pragma once
 
+#include "cardsim/behaviour.h"
 #include "cardsim/faults.h"
 
 #include <optional>
@@ -17,6 +18,7 @@ struct cardsim_options {
     int processor = -1;
     int priority = 0;
     card_faults faults;
+    card_behaviour behaviour;
 };
 
 struct parsed_options {

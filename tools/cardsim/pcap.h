@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <string>
 #include <vector>
 
 namespace rvk {
@@ -26,8 +25,5 @@ private:
     size_t room = 0;
     size_t oldest = 0; // index of the entry to be overwritten next, once the ring is full
 };
-
-// Creates or replaces the file. Result: empty, or one line that says what was wrong.
-[[nodiscard]] std::string write_file(const std::string& path, std::span<const uint8_t> bytes);
 
 } // namespace rvk

@@ -1,6 +1,7 @@
 #include "cardsim/state.h"
 
-#include "cardsim/pcap.h"
+#include "files/bmp.h"
+#include "files/write_file.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -19,6 +20,10 @@ std::string hex(uint64_t value, int digits)
     return text;
 }
 
+std::string number(uint64_t value) { return std::to_string(value); }
+
+std::string last_part(const std::string& path) { return std::filesystem::path(path).filename().string(); }
+
 void append_lines(std::string& text, uint64_t addr, std::span<const uint8_t> bytes)
 {
     while (!bytes.empty()) {
@@ -31,9 +36,9 @@ void append_lines(std::string& text, uint64_t addr, std::span<const uint8_t> byt
     }
 }
 
-std::string save_card(const card_farm& farm, card_id card, const std::string& base, const std::string& title)
+// Each of these adds its lines to the text. Result: as of save_state.
+std::string save_registers(const card_farm& farm, card_id card, const std::string& base, std::string& text)
 {
-    std::string text = "# " + title + ": what was written; hexadecimal, in memory order\n";
     for (const extent& e : farm.written(card)) {
         const auto bytes = farm.read(card, static_cast<uint32_t>(e.first), static_cast<size_t>(e.end - e.first));
         if (bytes.size() <= text_max) {
@@ -42,10 +47,70 @@ std::string save_card(const card_farm& farm, card_id card, const std::string& ba
         }
         const std::string path = base + '-' + hex(e.first, 8) + ".bin";
         if (std::string error = write_file(path, bytes); !error.empty()) { return error; }
-        text += hex(e.first, 8) + "  " + std::to_string(bytes.size()) + " bytes, in " +
-                std::filesystem::path(path).filename().string() + '\n';
+        text += hex(e.first, 8) + "  " + number(bytes.size()) + " bytes, in " + last_part(path) + '\n';
+    }
+    return {};
+}
+
+std::string save_pictures(const card_farm& farm, card_id card, const std::string& base, std::string& text)
+{
+    for (const picture_record& r : farm.pictures(card)) {
+        const std::string whole = base + "-buffer" + number(r.buffer) + ".bmp";
+        const std::string incomplete = base + "-buffer" + number(r.buffer) + "-incomplete.bmp";
+        const std::string& path = r.whole ? whole : incomplete;
+        auto pixels = farm.picture(card, r.buffer);
+        pixels.resize(size_t{r.hor} * r.ver * card_pixel_bytes); // the buffer may have been set up anew since
+        std::error_code ignored;                                 // there is none, as a rule
+        std::filesystem::remove(r.whole ? incomplete : whole, ignored);
+        if (std::string error = write_file(path, bmp_of(pixels, r.hor, r.ver, 32)); !error.empty()) { return error; }
+        text += "buffer " + number(r.buffer) + "  " + number(r.hor) + " x " + number(r.ver) + ", " +
+                number(r.received) + " bytes" + (r.whole ? "" : ", incomplete") + ", in " + last_part(path) + '\n';
+    }
+    return {};
+}
+
+std::string save_firmware(const card_farm& farm, card_id card, const std::string& base, std::string& text)
+{
+    uint64_t n = 0;
+    for (const firmware_file& f : farm.firmware(card)) {
+        const std::string path = base + "-firmware" + number(++n) + ".bin";
+        if (std::string error = write_file(path, f.image()); !error.empty()) { return error; }
+        text += "firmware " + number(n) + "  for model 0x" + hex(f.device_type, 4) + ", " + number(f.image().size()) +
+                " bytes, in " + last_part(path) + '\n';
+    }
+    return {};
+}
+
+std::string save_card(const card_farm& farm, card_id card, const std::string& base, const std::string& title)
+{
+    std::string text = "# " + title + ": what was written; hexadecimal, in memory order\n";
+    for (const auto save : {save_registers, save_pictures, save_firmware}) {
+        if (std::string error = save(farm, card, base, text); !error.empty()) { return error; }
     }
     return write_file(base + ".txt", {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+}
+
+std::string describe_files(const card_farm& farm, const std::string& link)
+{
+    uint64_t whole = 0, incomplete = 0, images = 0, abandoned = 0, running = 0;
+    for (const card_id card : farm.cards()) {
+        for (const picture_record& r : farm.pictures(card)) { ++(r.whole ? whole : incomplete); }
+        const firmware_progress p = farm.transfer(card);
+        images += p.completed;
+        abandoned += p.abandoned;
+        running += p.registers > 0 && !p.whole;
+    }
+    return link + ": buffers: " + number(whole) + " with a whole picture, " + number(incomplete) +
+           " with an incomplete one; firmware images: " + number(images) + " acknowledged, " + number(abandoned) +
+           " abandoned, " + number(running) + " not finished\n";
+}
+
+std::string describe_playback(const card_farm& farm, const std::string& link)
+{
+    const auto lines = farm.playback();
+    const std::string wrong = check_playback(lines);
+    if (lines.empty()) { return link + ": playback: none\n"; }
+    return link + ": playback: " + (wrong.empty() ? "in order" : wrong) + ", up to '" + lines.back() + "'\n";
 }
 
 } // namespace
@@ -56,7 +121,7 @@ std::string save_state(const card_farm& farm, const std::string& folder, const s
     std::filesystem::create_directories(folder, error);
     if (error) { return folder + ": cannot be made: " + error.message(); }
     for (const card_id card : farm.cards()) {
-        const std::string model = std::to_string(card.model), slot = std::to_string(card.slot);
+        const std::string model = number(card.model), slot = number(card.slot);
         const std::string base = folder + '/' + link + "-model" + model + "-slot" + slot;
         const std::string title = link + " model " + model + " slot " + slot;
         if (std::string wrong = save_card(farm, card, base, title); !wrong.empty()) { return wrong; }
@@ -64,20 +129,15 @@ std::string save_state(const card_farm& farm, const std::string& folder, const s
     return {};
 }
 
-std::string summary(const farm_counts& counts, const std::string& link)
+std::string summary(const card_farm& farm, const std::string& link)
 {
-    std::string injected;
-    for (const fault_row& row : fault_table()) {
-        if (counts.of(row.kind) == 0) { continue; }
-        injected += (injected.empty() ? "" : ", ") + std::string(row.name) + ' ' + std::to_string(counts.of(row.kind));
-    }
-    const auto number = [](uint64_t n) { return std::to_string(n); };
+    const farm_counts counts = farm.counts();
     return link + ": received " + number(counts.received) + " frames: " + number(counts.reads) + " reads, " +
            number(counts.plain_writes) + " plain writes, " + number(counts.acknowledged_writes) +
            " acknowledged writes, " + number(counts.refused()) + " refused, " + number(counts.of(verdict::foreign)) +
            " foreign; wrote " + number(counts.bytes_written) + " bytes; sent " + number(counts.replies) + " frames\n" +
-           link + ": refused: " + counts.refusals() + '\n' + link +
-           ": injected: " + (injected.empty() ? "none" : injected) + '\n';
+           describe_files(farm, link) + describe_playback(farm, link) + link + ": refused: " + counts.refusals() +
+           '\n' + link + ": injected: " + counts.injections() + '\n';
 }
 
 } // namespace rvk

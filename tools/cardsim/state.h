@@ -7,13 +7,17 @@
 
 namespace rvk {
 
-// Writes one text file per card, FOLDER/LINK-modelM-slotS.txt, with every stretch of addresses that was written:
-// address and up to 16 bytes a line, hexadecimal, in memory order. A stretch of more than 64 KiB goes into a file of
-// its own, FOLDER/LINK-modelM-slotS-ADDRESS.bin, which the text names. Makes the folder; replaces what is there.
+// Writes below the folder, which it makes; replaces what is there. Every name begins with BASE = LINK-modelM-slotS:
+//   BASE.txt            every stretch of register addresses that was written: address and up to 16 bytes a line,
+//                       hexadecimal, in memory order; behind them, a line each, the pictures and firmware images
+//   BASE-ADDRESS.bin    a stretch of more than 64 KiB, which the text names
+//   BASE-bufferN.bmp    a picture that is whole, 32 bits a pixel, as the daemon's read-back writes it
+//   BASE-bufferN-incomplete.bmp   what there is of one that is not
+//   BASE-firmwareN.bin  a firmware image that was acknowledged to its last byte, without its head; N counts from 1
 // Result: empty, or one line that says what was wrong.
 [[nodiscard]] std::string save_state(const card_farm& farm, const std::string& folder, const std::string& link);
 
-// What came, what was refused and what was done wrong on purpose: a few lines for a person.
-[[nodiscard]] std::string summary(const farm_counts& counts, const std::string& link);
+// What came, what was refused and what was done wrong on purpose: a few lines for a person, each beginning with LINK.
+[[nodiscard]] std::string summary(const card_farm& farm, const std::string& link);
 
 } // namespace rvk

@@ -4,13 +4,15 @@
 
 #include "ap_msg/message.h"
 #include "platform/platform.h"
+#include "rvkctl/subcommands.h"
 #include "rvkctl/values.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <exception>
 
 namespace rvk::ctl {
 namespace {
@@ -30,6 +32,11 @@ What "done" means:
          that it took the write and reported no failure within 400 ms. With --no-ack it took the write, and nothing is
          known of the card.
 
+  picture put  the daemon wrote the file's picture into the card's buffer; the card acknowledges none of its data.
+  picture get  both files are complete. What the card did not answer is zero in them.
+  update       the card took the whole image, or the programming tool ended well.
+These three wait as long as the daemon lives, unless --timeout is given, and show the time they take on a terminal.
+
 Exit status:
   0  done
   1  the daemon or the card said no
@@ -48,14 +55,10 @@ Examples:
   rvkctl write 2 0x10000 "01 00 00 80"
   rvkctl write 2 0x20000 --file table.bin --model 3
   rvkctl --json --board 4 read 1 0x100 4
+  rvkctl picture put card.bmp --size 3840x2160 --buffer 16
+  rvkctl picture get /tmp/back --size 3840x2160 --addr 0
+  rvkctl update top.bin --type fpga-1a --slot 3
 )";
-
-// What the options hold before they are understood.
-struct raw_text {
-    std::string board, module, timeout;
-    std::string slot, model = "0", addr, len, file;
-    std::vector<std::string> bytes;
-};
 
 uint8_t default_board()
 {
@@ -80,36 +83,8 @@ void take_settings(const raw_text& raw, settings& out)
     if (!raw.module.empty()) { out.module = module_in(raw.module); }
     if (!raw.timeout.empty()) {
         out.timeout = std::chrono::milliseconds{number_in("--timeout", raw.timeout, 1, longest_timeout_ms)};
+        out.timeout_given = true;
     }
-}
-
-read_options read_options_of(const raw_text& raw)
-{
-    read_options out;
-    out.slot = static_cast<uint8_t>(number_in("SLOT", raw.slot, 0, UINT8_MAX));
-    out.addr = static_cast<uint32_t>(number_in("ADDR", raw.addr, 0, UINT32_MAX));
-    out.len = static_cast<uint16_t>(number_in("LEN", raw.len, 1, command_data_max));
-    out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
-    out.out_file = raw.file;
-    return out;
-}
-
-write_options write_options_of(const raw_text& raw)
-{
-    if (raw.bytes.empty() == raw.file.empty()) {
-        throw failure{problem::wrong_usage, "write needs either BYTES or --file FILE, and not both"};
-    }
-    write_options out;
-    out.slot = static_cast<uint8_t>(number_in("SLOT", raw.slot, 0, UINT8_MAX));
-    out.addr = static_cast<uint32_t>(number_in("ADDR", raw.addr, 0, UINT32_MAX));
-    out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
-    const uint64_t most = uint64_t{UINT32_MAX} + 1 - out.addr;
-    out.bytes = raw.file.empty() ? bytes_of_hex(raw.bytes) : bytes_of_file(raw.file, most);
-    if (out.bytes.size() > most) {
-        throw failure{problem::wrong_usage, format("%zu bytes from 0x%08x on run past the last address, 0xffffffff",
-                                                   out.bytes.size(), out.addr)};
-    }
-    return out;
 }
 
 void add_global_options(CLI::App& app, raw_text& raw, bool& json)
@@ -121,13 +96,6 @@ void add_global_options(CLI::App& app, raw_text& raw, bool& json)
         ->type_name("MODULE");
     app.add_option("--timeout", raw.timeout, "Longest wait for each answer, in ms; default 5000")->type_name("MS");
     app.add_flag("--json", json, "Print one JSON object instead, errors included");
-}
-
-void add_card_options(CLI::App& command, raw_text& raw)
-{
-    command.add_option("SLOT", raw.slot, "Card slot, 0 to 255")->required()->type_name("");
-    command.add_option("ADDR", raw.addr, "Register or memory address, 32 bits")->required()->type_name("");
-    command.add_option("--model", raw.model, "Card model, 0 to 65535; default 0")->type_name("M");
 }
 
 // Whether --json stands on a command line that could not be understood as a whole.
@@ -143,23 +111,12 @@ void parse_command_line(int argc, char** argv, command_line& out)
     out.used.json = argc > 1 && names_json(argc, argv);
     CLI::App app{about, "rvkctl"};
     raw_text raw;
-    bool no_ack = false;
+    chosen choice;
     app.footer(footer);
     app.require_subcommand(0, 1); // none is refused below: CLI11 would not say which word it did not know
     app.fallthrough();
     add_global_options(app, raw, out.used.json);
-
-    CLI::App* hello = app.add_subcommand("hello", "Ask the daemon whether it is there");
-    CLI::App* read = app.add_subcommand("read", "Read from a card and show the bytes");
-    add_card_options(*read, raw);
-    read->add_option("LEN", raw.len, "Bytes to read, 1 to 1400")->required()->type_name("");
-    read->add_option("--out", raw.file, "Put the bytes into FILE instead of showing them")->type_name("FILE");
-    CLI::App* write = app.add_subcommand("write", "Write to a card");
-    add_card_options(*write, raw);
-    write->add_option("BYTES", raw.bytes, "Hex digits in memory order, blanks allowed between bytes")->type_name("");
-    write->add_option("--file", raw.file, "Write what FILE holds")->type_name("FILE");
-    write->add_flag("--no-ack", no_ack, "Do not ask the card for an acknowledgement");
-
+    add_subcommands(app, raw, choice);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -168,22 +125,32 @@ void parse_command_line(int argc, char** argv, command_line& out)
     } catch (const CLI::ParseError& error) {
         throw failure{problem::wrong_usage, std::string(error.what()) + "; see rvkctl --help"};
     }
-    if (app.get_subcommands().empty()) {
-        throw failure{problem::wrong_usage, "no command given: one of hello, read, write; see rvkctl --help"};
+    if (!choice.understand) {
+        throw failure{problem::wrong_usage,
+                      "no command given: one of hello, read, write, picture, update; see rvkctl --help"};
     }
-    out.command = app.get_subcommands().front()->get_name();
+    out.command = choice.command;
     take_settings(raw, out.used);
-    if (hello->parsed()) {
-        out.run = run_hello;
-    } else if (read->parsed()) {
-        out.run = [options = read_options_of(raw)](const settings& used, outcome& run) {
-            run_read(used, options, run);
-        };
-    } else {
-        write_options options = write_options_of(raw);
-        options.no_ack = no_ack;
-        out.run = [options = std::move(options)](const settings& used, outcome& run) { run_write(used, options, run); };
+    out.run = choice.understand();
+}
+
+int run_command_line(int argc, char** argv)
+{
+    command_line line;
+    outcome run;
+    try {
+        parse_command_line(argc, argv, line);
+        if (!line.help.empty()) { return fputs(line.help.c_str(), stdout) < 0 || fflush(stdout) != 0 ? 2 : 0; }
+        run.command = line.command;
+        line.run(line.used, run);
+    } catch (const failure& failed) {
+        run.command = line.command;
+        run.failed = failed;
+    } catch (const std::exception& error) { // no memory
+        run.command = line.command;
+        run.failed = {problem::wrong_usage, error.what()};
     }
+    return present(run, line.used.json);
 }
 
 } // namespace rvk::ctl

@@ -19,4 +19,7 @@ struct command_line {
 // Fills `out` as far as it gets; throws a failure of wrong usage.
 void parse_command_line(int argc, char** argv, command_line& out);
 
+// The whole program: understands, runs and presents a command line. Result: the exit status.
+int run_command_line(int argc, char** argv);
+
 } // namespace rvk::ctl

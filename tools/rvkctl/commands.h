@@ -5,6 +5,7 @@
 #include "rvkctl/outcome.h"
 #include "rvkctl/session.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -27,10 +28,32 @@ struct write_options {
     std::vector<uint8_t> bytes;
 };
 
-inline constexpr uint64_t command_data_max = 1400; // daemon: the most data of one read; ours: of one write command
+struct picture_options {
+    std::string file; // to write; or the base of the files to make
+    uint32_t hor = 0, ver = 0;
+    uint32_t where = 0; // buffer number of a put; card memory address of a get, in words of 8 bytes
+    uint8_t slot = 1;
+    uint16_t model = 0;
+};
+
+struct update_options {
+    std::string file;
+    uint8_t type = 0;
+    uint8_t slot = 0;
+    uint16_t model = 0;
+};
+
+// An update type by its name or number; throws a failure. All names, for the help.
+uint8_t update_type_in(const std::string& text);
+std::string update_type_names();
+
+inline constexpr size_t command_data_max = 1400; // daemon: the most data of one read; ours: of one write command
 
 void run_hello(const settings& used, outcome& run);
 void run_read(const settings& used, const read_options& options, outcome& run);
 void run_write(const settings& used, const write_options& options, outcome& run);
+void run_picture_put(const settings& used, const picture_options& options, outcome& run);
+void run_picture_get(const settings& used, const picture_options& options, outcome& run);
+void run_update(const settings& used, const update_options& options, outcome& run);
 
 } // namespace rvk::ctl

@@ -12,22 +12,22 @@ enum exit_status { exit_done = 0, exit_no = 1, exit_usage = 2, exit_no_answer = 
 
 struct problem_row {
     problem what;
-    const char* name; // for scripts, in the JSON object
     exit_status status;
+    const char* name; // for scripts, in the JSON object
 };
 constexpr problem_row problems[] = {
-    {problem::none, "none", exit_done},
-    {problem::wrong_usage, "wrong_usage", exit_usage},
-    {problem::no_directory, "no_directory", exit_no_answer},
-    {problem::no_socket, "no_socket", exit_no_answer},
-    {problem::nobody_listening, "nobody_listening", exit_no_answer},
-    {problem::no_permission, "no_permission", exit_no_answer},
-    {problem::queue_full, "queue_full", exit_no_answer},
-    {problem::no_answer, "no_answer", exit_no_answer},
-    {problem::identity_taken, "identity_taken", exit_no_answer},
-    {problem::endpoint_error, "endpoint_error", exit_no_answer},
-    {problem::refused, "refused", exit_no},
-    {problem::short_answer, "short_answer", exit_no},
+    {problem::none, exit_done, "none"},
+    {problem::wrong_usage, exit_usage, "wrong_usage"},
+    {problem::no_directory, exit_no_answer, "no_directory"},
+    {problem::no_socket, exit_no_answer, "no_socket"},
+    {problem::nobody_listening, exit_no_answer, "nobody_listening"},
+    {problem::no_permission, exit_no_answer, "no_permission"},
+    {problem::queue_full, exit_no_answer, "queue_full"},
+    {problem::no_answer, exit_no_answer, "no_answer"},
+    {problem::identity_taken, exit_no_answer, "identity_taken"},
+    {problem::endpoint_error, exit_no_answer, "endpoint_error"},
+    {problem::refused, exit_no, "refused"},
+    {problem::short_answer, exit_no, "short_answer"},
 };
 
 const problem_row& row_of(problem what)

@@ -3,11 +3,13 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "platform/local/endpoint.h"
 #include "rvkctl/values.h"
 
 #include <algorithm>
 #include <cstring>
 #include <random>
+#include <sys/stat.h>
 
 namespace rvk::ctl {
 namespace {
@@ -16,6 +18,7 @@ using std::chrono::milliseconds;
 
 constexpr uint8_t unit_of_cards = 254;
 constexpr milliseconds life_interval{1000};
+constexpr milliseconds alive_interval{250}; // how soon long work notices that the daemon has ended
 
 // A report carries no sequence number, so none of ours is 0.
 uint16_t next_seq(uint16_t seq) { return seq == UINT16_MAX ? uint16_t{1} : static_cast<uint16_t>(seq + 1); }
@@ -66,6 +69,19 @@ bool take_apart(const std::vector<uint8_t>& bytes, uint32_t daemon, answer& out)
 
 // The daemon's word, without being asked, that a write to a card was given up.
 bool is_failure_report(const answer& got) { return got.code == command::write_ack && got.result != 0 && got.seq == 0; }
+
+bool answers(const answer& a, const request& command, uint16_t seq)
+{
+    return a.seq == seq && a.code == command.code && a.addr == command.addr && a.slot == command.slot &&
+           a.model == command.model;
+}
+
+// 0 when there is no such file.
+uint64_t socket_inode(uint32_t identity)
+{
+    struct stat status = {};
+    return stat(socket_path(identity).c_str(), &status) == 0 ? status.st_ino : 0;
+}
 
 std::string wait_text(const settings& used)
 {
@@ -143,7 +159,8 @@ nlohmann::ordered_json facts_of(const settings& used)
 }
 
 session::session(const settings& options)
-    : used(options), daemon(identity_of(options.board, module_self)), last_seq(first_seq())
+    : used(options), daemon(identity_of(options.board, module_self)), daemon_socket(socket_inode(daemon)),
+      last_seq(first_seq())
 {
     // The companion is known by its whole identity.
     const endpoint_status status = used.module == module_companion ? endpoint.open(identity_of(used.board, used.module))
@@ -166,13 +183,34 @@ std::string session::greet()
 answer session::ask(const request& command)
 {
     const uint16_t seq = send(command);
-    const auto ours = [&](const answer& a) {
-        return a.seq == seq && a.code == command.code && a.addr == command.addr && a.slot == command.slot &&
-               a.model == command.model;
-    };
     answer got;
+    const auto ours = [&](const answer& a) { return answers(a, command, seq); };
     if (!wait_for(ours, clock::now() + used.timeout, got)) { throw no_answer(); }
     return got;
+}
+
+answer session::ask_patiently(const request& command)
+{
+    const uint16_t seq = send(command);
+    answer got;
+    const auto ours = [&](const answer& a) { return answers(a, command, seq); };
+    wait_while_alive([&](milliseconds wait) { return wait_for(ours, clock::now() + wait, got); });
+    return got;
+}
+
+void session::wait_while_alive(const std::function<bool(milliseconds)>& done)
+{
+    const auto end = clock::now() + used.timeout;
+    for (;;) {
+        if (done(alive_interval)) { return; }
+        life.show(doing);
+        if (used.timeout_given && clock::now() >= end) { throw no_answer(); }
+        if (!daemon_is_the_same()) {
+            throw failure{problem::nobody_listening,
+                          format("board %d's daemon ended before the work did (%s): start it and repeat the command",
+                                 used.board, socket_path(daemon).c_str())};
+        }
+    }
 }
 
 void session::tell(const request& command) { static_cast<void>(send(command)); }
@@ -201,6 +239,11 @@ uint16_t session::send(const request& command)
     const endpoint_status status = endpoint.send(daemon, message, used.timeout);
     if (status != endpoint_status::ok) { throw cannot_send(status, used, socket_path(daemon), endpoint.error()); }
     return last_seq;
+}
+
+bool session::daemon_is_the_same() const
+{
+    return local::endpoint_alive(daemon) && socket_inode(daemon) == daemon_socket;
 }
 
 failure session::no_answer() const

@@ -21,6 +21,7 @@ struct settings {
     uint8_t board = 1;
     uint8_t module = module_tools;           // ours
     std::chrono::milliseconds timeout{5000}; // for each answer
+    bool timeout_given = false;              // otherwise long work is waited for as long as the daemon lives
     bool json = false;
 };
 
@@ -58,6 +59,12 @@ public:
     // Sends a command and waits for the answer to it.
     answer ask(const request& command);
 
+    // The same for long work: waits as long as the daemon lives, or as long as a timeout that was given.
+    answer ask_patiently(const request& command);
+
+    // Calls `done` with a time to wait in, until it returns true, as long as ask_patiently waits.
+    void wait_while_alive(const std::function<bool(std::chrono::milliseconds)>& done);
+
     // Sends a command that has no answer of its own.
     void tell(const request& command);
 
@@ -79,9 +86,11 @@ private:
     // The next answer that is wanted; reports of failed writes that come meanwhile are kept. False: the time ran out.
     bool wait_for(const std::function<bool(const answer&)>& wanted, clock::time_point end, answer& out);
     [[nodiscard]] failure no_answer() const;
+    [[nodiscard]] bool daemon_is_the_same() const; // alive, and not another one started since
 
     settings used;
     uint32_t daemon;
+    uint64_t daemon_socket; // its file's inode number
     requester endpoint;
     uint16_t last_seq;
     std::vector<uint32_t> failed_writes; // addresses, as reported

@@ -8,8 +8,11 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <new>
 
 namespace rvk::ctl {
 namespace {
@@ -60,6 +63,9 @@ void append_word(const std::string& word, std::vector<uint8_t>& out)
 
 struct close_file {
     void operator()(FILE* file) const { fclose(file); }
+};
+struct free_text {
+    void operator()(char* text) const { free(text); }
 };
 using owned_file = std::unique_ptr<FILE, close_file>;
 
@@ -150,17 +156,37 @@ std::string hex_dump(uint32_t addr, std::span<const uint8_t> bytes)
 
 std::string byte_count(uint64_t bytes) { return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes"); }
 
+std::string rate_text(uint64_t bytes, double seconds)
+{
+    return format("%s in %.2f s, %.1f MB/s\n", byte_count(bytes).c_str(), seconds,
+                  seconds > 0 ? static_cast<double>(bytes) / seconds / 1e6 : 0.0);
+}
+
+std::string absolute_path(const std::string& path, const char* name, size_t most)
+{
+    const std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
+    if (absolute.size() <= most) { return absolute; }
+    throw failure{problem::wrong_usage, format("%s \"%s\" has %zu characters as an absolute path, at most %zu", name,
+                                               absolute.c_str(), absolute.size(), most)};
+}
+
+uint64_t file_bytes(const std::string& path)
+{
+    std::error_code error;
+    const uint64_t bytes = std::filesystem::file_size(path, error);
+    return error ? 0 : bytes;
+}
+
 std::string format(const char* text, ...)
 {
-    va_list arguments, again;
+    va_list arguments;
     va_start(arguments, text);
-    va_copy(again, arguments);
-    const int length = vsnprintf(nullptr, 0, text, arguments);
-    std::string out(static_cast<size_t>(std::max(length, 0)), '\0');
-    vsnprintf(out.data(), out.size() + 1, text, again);
-    va_end(again);
+    char* made = nullptr;
+    const int length = vasprintf(&made, text, arguments);
     va_end(arguments);
-    return out;
+    if (length < 0) { throw std::bad_alloc(); }
+    const std::unique_ptr<char, free_text> owned{made};
+    return {made, static_cast<size_t>(length)};
 }
 
 } // namespace rvk::ctl

@@ -1,6 +1,7 @@
 // What people type, and what they read: numbers, bytes, dumps.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -26,6 +27,27 @@ std::string hex_text(std::span<const uint8_t> bytes); // lower case, no blanks
 std::string hex_dump(uint32_t addr, std::span<const uint8_t> bytes);
 
 std::string byte_count(uint64_t bytes); // "1 byte", "2 bytes"
+
+// "33177600 bytes in 0.31 s, 107.0 MB/s" and a line end.
+std::string rate_text(uint64_t bytes, double seconds);
+
+// A path as the daemon needs it, which runs in another folder; throws a failure that names the argument when it is
+// longer than `most` characters.
+std::string absolute_path(const std::string& path, const char* name, size_t most);
+
+uint64_t file_bytes(const std::string& path); // 0 when it cannot be had
+
+// Time since it was made.
+class stop_watch {
+public:
+    [[nodiscard]] double seconds() const
+    {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    }
+
+private:
+    std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+};
 
 // printf into a string.
 std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));

@@ -42,7 +42,7 @@ public:
         for (size_t at = 0; at < all.size(); at += command_data_max) {
             talk.doing = format("%zu of %s", at, byte_count(all.size()).c_str());
             write_piece(static_cast<uint32_t>(options.addr + at),
-                        all.subspan(at, std::min<size_t>(command_data_max, all.size() - at)));
+                        all.subspan(at, std::min(command_data_max, all.size() - at)));
             ++confirmed;
         }
         if (last_reported_bytes > 0) { refuse_reported(report_wait); }

@@ -5,6 +5,7 @@
 #include "base/pause.h"
 #include "main/log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -84,7 +85,9 @@ int clear_stale(const sockaddr_un& address)
 // The identity that a sender is bound to. By its file's name alone: the folder may be spelled in many ways.
 bool identity_of_sender(const sockaddr_un& from, socklen_t length, uint32_t& out)
 {
-    const size_t path_bytes = length > offsetof(sockaddr_un, sun_path) ? length - offsetof(sockaddr_un, sun_path) : 0;
+    // The kernel counts the terminator of a path that fills sun_path, though it stands behind it.
+    const size_t known = std::min<size_t>(length, sizeof from);
+    const size_t path_bytes = known > offsetof(sockaddr_un, sun_path) ? known - offsetof(sockaddr_un, sun_path) : 0;
     const size_t path_length = strnlen(from.sun_path, path_bytes);
     if (path_length < name_length) { return false; }
     char name[name_length + 1];

@@ -46,14 +46,12 @@ void force_large_send_buffer(int fd);
 
 // Sends one message without waiting.
 // Result    0, or EAGAIN (the peer's queue is full), ENOENT (no socket file), ECONNREFUSED (nobody is bound to it),
-// EACCES,
-//           EMSGSIZE (above datagram_bytes_max), ENAMETOOLONG, or another errno value
+//           EACCES, EMSGSIZE (above datagram_bytes_max), ENAMETOOLONG, or another errno value
 [[nodiscard]] int send_datagram(int fd, uint32_t identity, std::span<const uint8_t> message);
 
 // Receives one message into the buffer; waits for it unless flags has MSG_DONTWAIT.
 // Result    its length, 4 to datagram_bytes_max; 0 when what came was dropped and logged: too long, or its first word
-// is not
-//           the identity that its sender is bound to; -1 with errno set
+//           is not the identity that its sender is bound to; -1 with errno set
 [[nodiscard]] ssize_t receive_datagram(int fd, receive_buffer& buffer, int flags);
 
 // The endpoint that apipc_init bound for this process, -1 before that; it lives as long as the process.

@@ -1,0 +1,87 @@
+// See the header.
+#include "cables.h"
+
+#include "eth_raw/frame.h"
+#include "harness.h"
+
+#include <algorithm>
+#include <array>
+#include <sys/socket.h>
+
+namespace rvk::bench {
+namespace {
+
+constexpr size_t reply_bytes_max = 1450;
+constexpr int receive_buffer_bytes = 64 << 20;
+
+std::array<uint8_t, reply_bytes_max> received; // as the daemon's: one for the process
+
+} // namespace
+
+simulated_cards::simulated_cards(int priority)
+{
+    frame_bytes pattern(frame_data_max);
+    for (size_t i = 0; i < pattern.size(); ++i) { pattern[i] = static_cast<uint8_t>(i * 7); }
+    farm.write({model, slot}, addr, pattern);
+    link_options how;
+    how.processor = processor;
+    how.priority = priority;
+    if (const std::string error = link.start(how); !error.empty()) { fail(error); }
+}
+
+simulated_cards::~simulated_cards()
+{
+    if (const farm_counts seen = farm.counts(); seen.refused() != 0) {
+        fail("cards refused frames: " + seen.refusals());
+    }
+    if (link.dropped() != 0) { fail("the cards could not keep up, frames were dropped"); }
+}
+
+frame_bytes ready_made(uint8_t code, uint32_t at, uint16_t seq, size_t data_bytes)
+{
+    frame_bytes room(request_bytes_max);
+    uint8_t* start = room.data() + request::payload;
+    for (size_t i = 0; code != code_read && i < data_bytes; ++i) { start[i] = static_cast<uint8_t>(i * 3); }
+    const unsigned length = RawMsgHeaderPack(model, slot, code, at, seq, &start, static_cast<uint16_t>(data_bytes));
+    room.resize(length);
+    return room;
+}
+
+bare_link::bare_link(int socket) : fd(socket)
+{
+    socklen_t size = sizeof to;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&to), &size) != 0) { fail("the link's socket is not bound"); }
+}
+
+void bare_link::send(const frame_bytes& frame) const
+{
+    const ssize_t sent = sendto(fd, frame.data(), frame.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    if (sent != static_cast<ssize_t>(frame.size())) { fail("a bare send failed"); }
+}
+
+void bare_link::receive() const
+{
+    if (recvfrom(fd, received.data(), received.size(), 0, nullptr, nullptr) <= 0) { fail("a bare receive failed"); }
+}
+
+void bare_link::drain() const
+{
+    while (recvfrom(fd, received.data(), received.size(), MSG_DONTWAIT, nullptr, nullptr) > 0) {}
+}
+
+void bare_link::check_replies_come() const
+{
+    drain();
+    send(ready_made(code_read, addr, 1, 16));
+    receive();
+    if (received[reply::code] != code_read || received[reply::ack] != ack_good || received[reply::payload + 1] != 7) {
+        fail("the cards do not answer as they should");
+    }
+}
+
+void bare_link::make_room_for_replies() const
+{
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer_bytes, sizeof receive_buffer_bytes);
+}
+
+} // namespace rvk::bench

@@ -1,0 +1,219 @@
+// The rows that talk to a card from inside the process: plain writes, waited reads, acknowledged writes.
+//
+// Both sides use one and the same packet socket, opened before the worker is forked: a second one on the interface
+// would be given a copy of every frame and burden both. The worker runs the link's real threads and is stopped while
+// the bare loop has the socket.
+#include "cables.h"
+#include "eth_raw/frame.h"
+#include "eth_raw/link.h"
+#include "harness.h"
+#include "mem/mem.h"
+#include "processes.h"
+#include "queue/queue.h"
+#include "raw_msg/link_threads.h"
+#include "raw_msg/send_ack.h"
+#include "raw_msg/send_plain.h"
+#include "raw_msg/send_read.h"
+#include "rows.h"
+#include "timer/timer.h"
+
+#include <algorithm>
+#include <csignal>
+#include <string>
+#include <vector>
+
+namespace rvk::bench {
+namespace {
+
+constexpr size_t plain_bytes = 8u << 20;
+constexpr size_t exchanges = 4000;
+constexpr size_t outstanding = 1000;
+constexpr uint32_t timeout_ticks = 100;
+
+// What the daemon's start does for link 0, once the link is open.
+void start_link_threads()
+{
+    sigset_t ticks;
+    sigemptyset(&ticks);
+    sigaddset(&ticks, SIGALRM);
+    pthread_sigmask(SIG_BLOCK, &ticks, nullptr);
+    queue_init();
+    mem_init();
+    pthread_t receive{}, check{};
+    if (initTimer() != 0 || RawMsgRecvTaskCreate(0, &receive) != 0 || RawMsgRecvCheckTaskCreate(0, &check) != 0) {
+        fail("the link's threads cannot be started");
+    }
+    take_processor(sender_priority);
+}
+
+worker start_worker(double (*measure)(size_t))
+{
+    if (RawSockMsgInit(0) != 0) { fail("eth0 cannot be opened"); }
+    return {start_link_threads, measure};
+}
+
+// Measures both sides of a link row; the bare loop finds the link's socket free and empty.
+class link_contest {
+public:
+    link_contest(double (*measure)(size_t), int card)
+        : ours(start_worker(measure)), cards(card), bare(g_eth_init[0].sock_fd)
+    {
+        take_processor(sender_priority);
+        bare.make_room_for_replies();
+        static_cast<void>(ours.measure(0)); // its threads are up when it answers
+        as_bare([this] {
+            bare.check_replies_come();
+            return 0.0;
+        });
+    }
+
+    double as_ours(size_t argument) { return ours.measure(argument); }
+
+    double as_bare(const measurement& loop)
+    {
+        ours.process().stop();
+        bare.drain();
+        const double taken = loop();
+        ours.process().go_on();
+        return taken;
+    }
+
+    const bare_link& link() const { return bare; }
+
+private:
+    worker ours;
+    simulated_cards cards;
+    bare_link bare;
+};
+
+double write_plain(size_t bytes)
+{
+    static const std::vector<uint8_t> data(plain_bytes, 0x5A);
+    const size_t frames = (bytes + frame_data_max - 1) / frame_data_max;
+    return time_per_unit(std::max<size_t>(frames, 1), [bytes] {
+        if (RawSockSendMsg(0, model, slot, addr, code_write, std::span(data).first(bytes)) != 0) {
+            fail("plain write failed");
+        }
+    });
+}
+
+std::vector<frame_bytes> plain_frames()
+{
+    std::vector<frame_bytes> frames;
+    for (size_t at = 0; at < plain_bytes; at += frame_data_max) {
+        const size_t piece = std::min(frame_data_max, plain_bytes - at);
+        frames.push_back(ready_made(code_write, static_cast<uint32_t>(addr + at), 0, piece));
+    }
+    return frames;
+}
+
+double read_waited(size_t bytes)
+{
+    uint8_t data[frame_data_max];
+    return time_per_unit(exchanges, [&data, bytes] {
+        for (size_t i = 0; bytes != 0 && i < exchanges; ++i) {
+            uint32_t received = 0;
+            if (RawSockSendMsgWithReadWait(0, model, slot, addr, code_read, static_cast<uint32_t>(bytes), data,
+                                           &received, timeout_ticks) != 0 ||
+                received != bytes) {
+                fail("read failed");
+            }
+        }
+    });
+}
+
+double read_bare(const bare_link& link, size_t bytes)
+{
+    const frame_bytes ask = ready_made(code_read, addr, 0, bytes);
+    return time_per_unit(exchanges, [&] {
+        for (size_t i = 0; i < exchanges; ++i) {
+            link.send(ask);
+            link.receive();
+        }
+    });
+}
+
+// A read behind the writes is answered behind them, and says so without a look at the clock.
+double write_acknowledged(size_t bytes)
+{
+    const std::vector<uint8_t> data(bytes, 0x5A);
+    return time_per_unit(outstanding, [&data] {
+        for (size_t i = 0; !data.empty() && i < outstanding; ++i) {
+            if (RawSockSendMsgWithAck(0, 0, model, slot, addr, code_write_ack, data) != 0) { fail("write failed"); }
+        }
+        uint8_t answer[frame_data_max];
+        uint32_t received = 0;
+        if (RawSockSendMsgWithReadWait(0, model, slot, addr, code_read, 16, answer, &received, timeout_ticks) != 0) {
+            fail("read failed");
+        }
+        const scoped_lock hold(mtx[0][ACK_QUEUE]);
+        if (Qcount[0][ACK_QUEUE] != 0) { fail("writes are pending behind the last answer"); }
+    });
+}
+
+double acknowledged_bare(const bare_link& link, size_t bytes)
+{
+    std::vector<frame_bytes> frames;
+    for (size_t i = 0; i < outstanding; ++i) {
+        frames.push_back(ready_made(code_write_ack, addr, static_cast<uint16_t>(i), bytes));
+    }
+    const frame_bytes last = ready_made(code_read, addr, 0, 16);
+    return time_per_unit(outstanding, [&] {
+        for (const frame_bytes& frame : frames) { link.send(frame); }
+        link.send(last);
+        for (size_t i = 0; i <= outstanding; ++i) { link.receive(); }
+    });
+}
+
+void acknowledged_lines(const settings& chosen, int card, const std::string& when)
+{
+    link_contest contest(write_acknowledged, card);
+    for (const size_t bytes : {size_t{16}, frame_data_max}) {
+        const auto found = compare(
+            chosen.rounds, [&] { return contest.as_ours(bytes); },
+            [&] { return contest.as_bare([&] { return acknowledged_bare(contest.link(), bytes); }); });
+        print_ratio("1,000 acknowledged writes of " + std::to_string(bytes) + " bytes, not waited for; cards answer " +
+                        when,
+                    "the same frames pipelined by one thread", "ns per write", found, 1.25);
+    }
+}
+
+} // namespace
+
+void plain_write_row(const settings& chosen)
+{
+    link_contest contest(write_plain, card_priority);
+    const std::vector<frame_bytes> frames = plain_frames();
+    const auto found = compare(
+        chosen.rounds, [&] { return contest.as_ours(plain_bytes); },
+        [&] {
+            return contest.as_bare([&] {
+                return time_per_unit(frames.size(), [&] {
+                    for (const frame_bytes& frame : frames) { contest.link().send(frame); }
+                });
+            });
+        });
+    print_ratio("plain write of 8 MB in 1,400-byte pieces", "`sendto` of ready-made frames", "ns per frame", found,
+                1.15);
+}
+
+void read_row(const settings& chosen)
+{
+    link_contest contest(read_waited, card_priority);
+    for (const size_t bytes : {size_t{16}, frame_data_max}) {
+        const auto found = compare(
+            chosen.rounds, [&] { return contest.as_ours(bytes); },
+            [&] { return contest.as_bare([&] { return read_bare(contest.link(), bytes); }); });
+        print_ratio("waited read of " + std::to_string(bytes) + " bytes, inside the process",
+                    "`sendto` and `recvfrom` on one thread", "ns per read", found, 1.33);
+    }
+}
+
+void acknowledged_row(const settings& chosen)
+{
+    child with_quick_cards([&] { acknowledged_lines(chosen, card_priority, "at once"); });
+    with_quick_cards.wait();
+    acknowledged_lines(chosen, slow_card_priority, "when all are out");
+}
+
+} // namespace rvk::bench

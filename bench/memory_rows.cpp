@@ -1,0 +1,141 @@
+// The rows that need no link: pending requests by the ten thousand, and the block pool beside the system allocator.
+#include "harness.h"
+#include "mem/mem.h"
+#include "queue/queue.h"
+#include "rows.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace rvk::bench {
+namespace {
+
+constexpr size_t pending_many = queue_nodes_max, pending_few = 655;
+constexpr size_t blocks_waiting = 50'000;
+constexpr size_t pairs = 100'000;
+constexpr uint32_t base_addr = 0x10000;
+constexpr unsigned pair_bytes[] = {94, sizeof(QNode), 1430}; // a short frame, a node, a full frame
+
+void file_nodes(size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        void* block = mem_alloc(sizeof(QNode));
+        if (block == nullptr) { fail("no memory"); }
+        auto* node = new (block) QNode{};
+        node->addr = base_addr + static_cast<uint32_t>(i);
+        node->seq = static_cast<uint16_t>(i);
+        if (queue_add(0, ACK_QUEUE, node) != 0) { fail("the queue is full too early"); }
+    }
+}
+
+void delete_it(QNode* node, const uint8_t*, uint32_t) { queue_del(0, ACK_QUEUE, &node); }
+
+void answer_all(const std::vector<uint32_t>& order)
+{
+    static const uint8_t data = 0;
+    for (const uint32_t i : order) {
+        queue_find(0, ACK_QUEUE, base_addr + i, 0, static_cast<uint16_t>(i), 0, delete_it, &data);
+    }
+}
+
+// Nanoseconds per answer; files the requests first, which does not count.
+double answer_pending(std::vector<uint32_t>& order, size_t times)
+{
+    double sum = 0;
+    for (size_t i = 0; i < times; ++i) {
+        file_nodes(order.size());
+        sum += time_per_unit(order.size(), [&order] { answer_all(order); });
+    }
+    const scoped_lock hold(mtx[0][ACK_QUEUE]);
+    if (Qcount[0][ACK_QUEUE] != 0) { fail("requests are left over"); }
+    return sum / static_cast<double>(times);
+}
+
+enum class arrival { in_order, reverse, shuffled };
+constexpr const char* names[] = {"in order", "in reverse", "shuffled"};
+
+std::vector<uint32_t> make_order(arrival how, size_t count)
+{
+    std::vector<uint32_t> order(count);
+    std::iota(order.begin(), order.end(), 0u);
+    if (how == arrival::reverse) { std::reverse(order.begin(), order.end()); }
+    if (how == arrival::shuffled) { std::shuffle(order.begin(), order.end(), std::mt19937(7)); }
+    return order;
+}
+
+double malloc_pairs(unsigned bytes)
+{
+    return time_per_unit(pairs, [bytes] {
+        for (size_t i = 0; i < pairs; ++i) {
+            void* volatile block = malloc(bytes); // volatile: or the pair is optimised away
+            free(block);
+        }
+    });
+}
+
+double pool_pairs(unsigned bytes)
+{
+    return time_per_unit(pairs, [bytes] {
+        for (size_t i = 0; i < pairs; ++i) {
+            void* volatile block = mem_alloc(bytes);
+            mem_free(block);
+        }
+    });
+}
+
+void fill_pool(unsigned bytes)
+{
+    std::vector<void*> blocks(blocks_waiting);
+    for (void*& block : blocks) { block = mem_alloc(bytes); }
+    for (void* block : blocks) { mem_free(block); }
+}
+
+} // namespace
+
+void queue_row(const settings& chosen)
+{
+    take_processor(sender_priority);
+    queue_init();
+    mem_init();
+    for (const arrival how : {arrival::in_order, arrival::reverse, arrival::shuffled}) {
+        auto many = make_order(how, pending_many), few = make_order(how, pending_few);
+        const auto found = compare(
+            chosen.rounds, [&many] { return answer_pending(many, 1); },
+            [&few] { return answer_pending(few, pending_many / pending_few); });
+        print_ratio(std::string("65,535 pending, answered ") + names[static_cast<size_t>(how)], "655 pending",
+                    "ns per answer", found, 2);
+    }
+}
+
+void pool_row(const settings& chosen)
+{
+    take_processor(sender_priority);
+    mem_init();
+    for (const unsigned bytes : pair_bytes) {
+        const auto found = compare(
+            chosen.rounds, [bytes] { return pool_pairs(bytes); }, [bytes] { return malloc_pairs(bytes); });
+        print_ratio("pool: allocate and release " + std::to_string(bytes) + " bytes", "`malloc` and `free`",
+                    "ns per pair", found, 1);
+    }
+    for (const unsigned bytes : pair_bytes) {
+        const auto found = compare(
+            chosen.rounds,
+            [bytes] {
+                fill_pool(bytes);
+                const double taken = pool_pairs(bytes);
+                mem_uinit();
+                return taken;
+            },
+            [bytes] { return pool_pairs(bytes); });
+        print_ratio("pool: " + std::to_string(bytes) + " bytes, 50,000 blocks waiting", "an empty pool", "ns per pair",
+                    found, 1.1);
+    }
+}
+
+} // namespace rvk::bench

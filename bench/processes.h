@@ -1,0 +1,68 @@
+// Processes beside the one that runs a row: one that measures on demand and can be stopped, so that nothing of it runs
+// while the bare loop does; the real daemon; and what the kernel says about a process.
+#pragma once
+
+#include "base/fd.h"
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <sys/types.h>
+#include <utility>
+#include <vector>
+
+namespace rvk::bench {
+
+// A child that ends with its parent.
+class child {
+public:
+    explicit child(const std::function<void()>& body); // runs in the child, which ends with it
+    child(child&& other) noexcept : process(std::exchange(other.process, -1)) {}
+    ~child();
+
+    [[nodiscard]] pid_t pid() const { return process; }
+    void stop() const; // returns when none of its threads runs any more
+    void go_on() const;
+    void wait(); // for its end
+
+private:
+    pid_t process = -1;
+};
+
+// A child that prepares itself and then measures what it is asked for.
+class worker {
+public:
+    // prepare  once, before the first measurement
+    // measure  argument as given to measure() below; result per unit of work
+    // Started before the parent has threads: only the calling thread lives on in the child.
+    worker(const std::function<void()>& prepare, const std::function<double(size_t)>& measure);
+
+    [[nodiscard]] double measure(size_t argument);
+    [[nodiscard]] const child& process() const { return body; }
+
+private:
+    struct channel {
+        channel();
+        unique_fd read_end, write_end;
+    };
+    channel questions, answers;
+    child body;
+};
+
+// Starts rvkd, found beside this program, without options; waits until its start is over: greeting answered, demo done.
+// Every thread of it is then on the bench's processor. Its cards must be there already.
+[[nodiscard]] child start_daemon();
+
+// A copy of a process's packet socket, as it is bound to its link.
+[[nodiscard]] unique_fd packet_socket_of(pid_t process);
+
+// Nanoseconds of processor time that all threads of a process have used; its resident memory in bytes.
+[[nodiscard]] double processor_time_ns(pid_t process);
+[[nodiscard]] double resident_bytes(pid_t process);
+
+// Starts a program and waits for it. Result: what it wrote to standard error.
+[[nodiscard]] std::string run_program(const std::vector<std::string>& arguments);
+
+[[nodiscard]] std::string own_folder(); // where this program lies
+
+} // namespace rvk::bench

@@ -1,0 +1,124 @@
+// Wrong usage: it is told from everything else, names what was wrong with its value, and reaches no daemon.
+#include "platform/endpoint_folder.h"
+#include "run_rvkctl.h"
+#include "rvkctl/fake_daemon.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+using namespace rvk;
+
+namespace {
+
+struct wrong_case {
+    std::vector<std::string> given;
+    const char* names;
+};
+
+const wrong_case wrongs[] = {
+    {{}, "hello, read, write"},
+    {{"frobnicate"}, "frobnicate"},
+    {{"hello", "--frobnicate"}, "--frobnicate"},
+    {{"hello", "again"}, "again"},
+    {{"read", "1", "2"}, "LEN"},
+    {{"read", "256", "0", "1"}, "SLOT \"256\": give a number from 0 to 255"},
+    {{"read", "-1", "0", "1"}, "\"-1\""},
+    {{"read", "1", "0x100000000", "1"}, "ADDR \"0x100000000\""},
+    {{"read", "1", "99999999999999999999999", "1"}, "ADDR"},
+    {{"read", "1", "10h", "1"}, "ADDR \"10h\""},
+    {{"read", "1", "0x", "1"}, "ADDR \"0x\""},
+    {{"read", "1", "", "1"}, "ADDR \"\""},
+    {{"read", "1", "0", "0"}, "LEN \"0\""},
+    {{"read", "1", "0", "1401"}, "LEN \"1401\""},
+    {{"read", "1", "0", "1", "--model", "65536"}, "--model \"65536\""},
+    {{"read", "1", "0", "1", "--no-ack"}, "--no-ack"},
+    {{"write", "2", "0"}, "BYTES or --file"},
+    {{"write", "2", "0", "aa", "--file", "x"}, "not both"},
+    {{"write", "2", "0", ""}, "empty"},
+    {{"write", "2", "0", " "}, "empty"},
+    {{"write", "2", "0", "abc"}, "BYTES \"abc\""},
+    {{"write", "2", "0", "a bc d"}, "BYTES \"a\""},
+    {{"write", "2", "0", "0xab"}, "without 0x"},
+    {{"write", "2", "0", "ag"}, "'g'"},
+    {{"write", "2", "0xffffffff", "aabb"}, "0xffffffff"},
+    {{"write", "2", "0", "--file", "/no/such/file"}, "/no/such/file"},
+    {{"write", "2", "0", "--file", "/"}, "\"/\""},
+    {{"write", "2", "0", "--file", "/dev/null"}, "is empty"},
+    {{"hello", "--board", "256"}, "--board \"256\""},
+    {{"hello", "--board", "x"}, "--board \"x\""},
+    {{"hello", "--board", "1", "--board", "2"}, "--board"},
+    {{"hello", "--as", "0x3B"}, "0x3b is the daemon itself"},
+    {{"hello", "--as", "256"}, "--as \"256\""},
+    {{"hello", "--timeout", "0"}, "--timeout \"0\""},
+    {{"hello", "--timeout", "1.5"}, "--timeout \"1.5\""},
+};
+
+} // namespace
+
+TEST(CommandLine, WrongUsageIsNamedAndSendsNothing)
+{
+    const endpoint_folder folder;
+    fake_daemon daemon;
+    for (const wrong_case& c : wrongs) {
+        SCOPED_TRACE(c.names);
+        const said plain = run_rvkctl(c.given);
+        EXPECT_EQ(plain.status, 2);
+        EXPECT_EQ(plain.out, "");
+        EXPECT_NE(plain.err.find(c.names), std::string::npos) << plain.err;
+        EXPECT_EQ(plain.err.find('\n'), plain.err.size() - 1) << "one line: " << plain.err;
+        std::vector<std::string> as_json = c.given;
+        as_json.emplace_back("--json");
+        const auto object = nlohmann::json::parse(run_rvkctl(as_json).out);
+        EXPECT_EQ(object["format_version"], 1);
+        EXPECT_EQ(object["exit_status"], 2);
+        EXPECT_EQ(object["error"]["kind"], "wrong_usage");
+        EXPECT_NE(object["error"]["text"].get<std::string>().find(c.names), std::string::npos);
+    }
+    EXPECT_TRUE(daemon.finish().empty());
+}
+
+TEST(CommandLine, ABoardFromTheEnvironmentIsCheckedToo)
+{
+    const endpoint_folder folder;
+    setenv("APCARD_SELF", "many", 1);
+    const said ran = run_rvkctl({"hello"});
+    EXPECT_EQ(ran.status, 2);
+    EXPECT_NE(ran.err.find("APCARD_SELF \"many\""), std::string::npos) << ran.err;
+}
+
+TEST(CommandLine, BytesMayHaveBlanksAndBeSeveralWords)
+{
+    const endpoint_folder folder;
+    fake_daemon daemon;
+    for (const std::vector<std::string>& bytes :
+         {std::vector<std::string>{"0aFF01"}, {"0a ff  01 "}, {"0a", "ff01"}, {"\t0A\nFF 01"}}) {
+        std::vector<std::string> given{"write", "2", "0"};
+        given.insert(given.end(), bytes.begin(), bytes.end());
+        EXPECT_EQ(run_rvkctl(given).status, 0) << bytes[0];
+    }
+    const std::vector<seen_command> seen = daemon.finish();
+    ASSERT_EQ(seen.size(), 4u);
+    for (const seen_command& c : seen) { EXPECT_EQ(c.payload, (std::vector<uint8_t>{0x0A, 0xFF, 0x01})); }
+}
+
+TEST(CommandLine, AFileThatCannotBeWrittenIsNotDone)
+{
+    const endpoint_folder folder;
+    fake_daemon daemon;
+    const said ran = run_rvkctl({"read", "2", "0", "4", "--out", folder.file("none/x")});
+    EXPECT_EQ(ran.status, 2);
+    EXPECT_NE(ran.err.find(folder.file("none/x")), std::string::npos) << ran.err;
+}
+
+TEST(CommandLine, HelpTellsAScriptWhatItNeeds)
+{
+    for (const std::vector<std::string>& given :
+         {std::vector<std::string>{"--help"}, {"read", "--help"}, {"write", "-h"}}) {
+        const said ran = run_rvkctl(given);
+        EXPECT_EQ(ran.status, 0);
+        for (const char* part : {"What \"done\" means", "Exit status", "Examples", "APIPC_DIR", "--model"}) {
+            EXPECT_NE(ran.out.find(part), std::string::npos) << part << " in " << given[0];
+        }
+    }
+}

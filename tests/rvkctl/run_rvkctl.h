@@ -1,0 +1,16 @@
+// Runs the client in this process and keeps what it said.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace rvk {
+
+struct said {
+    int status;
+    std::string out, err;
+};
+
+said run_rvkctl(std::vector<std::string> arguments);
+
+} // namespace rvk

@@ -1,0 +1,57 @@
+// What a controller can do wrong with the registers that mean something: each by a name of its own, for counting.
+//
+// A card refuses a request with a mistake: it is not carried out, and answered, when it has an answer, with a status
+// of 1 and no data. The two of is_tolerated() are carried out and answered as good ones, and only counted.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace rvk {
+
+inline constexpr uint8_t ack_refused = 1; // ours: the status of a refusal
+
+enum class mistake : uint8_t {
+    none,
+
+    // A picture's control writes (6, 1 and 1 bytes) and its data.
+    picture_control_length, // neither 6 bytes nor 1
+    picture_command,        // a set-up whose first byte is not 0, or a single byte that is neither 1 nor 0
+    picture_buffer_number,  // through 0x7080 another number than 16 to 25
+    picture_too_large,      // does not fit the room that a buffer has in card memory
+    picture_not_ended,      // a set-up while a picture is being taken; tolerated, that picture stays incomplete
+    picture_start_order,    // start without a set-up before it
+    picture_end_order,      // end without a start before it
+    picture_data_order,     // data before start or after end
+    picture_frame_size,     // data behind a frame that was not full, which only the last may be; also at its end
+    picture_data_excess,    // data beyond hor x ver x 4 bytes; also at the end of such a picture
+    picture_data_missing,   // end before hor x ver x 4 bytes came
+
+    // Reading back card memory: command, start, status, data.
+    read_command_length, // not 7 bytes
+    read_command_value,  // no units or more than 22, or a last byte that is not 0
+    read_start_value,    // not the single byte 1
+    read_start_order,    // start without a command before it
+    read_status_order,   // status read without a start before it
+    read_status_skipped, // data read without the status before it; tolerated
+    read_window_order,   // data read without a start before it
+    read_window_size,    // not the number of units that the command said
+
+    // A firmware file: seven registers of file information, then its pieces.
+    firmware_register_length,
+    firmware_register_order, // another register than the next one; the first may come at any time
+    firmware_register_value, // sizes that differ or hold no head, a number of files that is not 1, another card's slot
+    firmware_piece_order,    // a piece before the last register or behind a whole file
+    firmware_piece_size,     // not 1,024 bytes, or the rest
+    firmware_head_size,      // the last piece, when the size in the head is not that of the image
+    firmware_head_checksum,  // the last piece, when the checksum in the head is not that of the image
+    firmware_head_not_zero,  // the last piece, when the rest of the head is not zero
+};
+inline constexpr size_t mistake_count = static_cast<size_t>(mistake::firmware_head_not_zero) + 1;
+
+[[nodiscard]] const char* name_of(mistake m); // as in the enumeration, for people
+
+constexpr bool is_tolerated(mistake m) { return m == mistake::picture_not_ended || m == mistake::read_status_skipped; }
+constexpr bool is_refused(mistake m) { return m != mistake::none && !is_tolerated(m); }
+
+} // namespace rvk

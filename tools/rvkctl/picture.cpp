@@ -1,0 +1,158 @@
+// Pictures into card memory and back, through the daemon's file service. A put is answered; of a get only the two files
+// tell that it is over.
+#include "rvkctl/commands.h"
+
+#include "ap_msg/message.h"
+#include "base/bytes.h"
+#include "rvkctl/file_watch.h"
+#include "rvkctl/values.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sys/stat.h>
+
+namespace rvk::ctl {
+namespace {
+
+constexpr size_t size_bytes = 8;        // daemon: hor and ver in front of the path
+constexpr size_t put_path_max = 1001;   // daemon: what its mailbox carries
+constexpr size_t get_path_max = 255;    // daemon
+constexpr size_t image_name_max = 99;   // daemon: the image's name is cut there
+constexpr size_t bmp_offset_at = 10;    // bmp
+constexpr uint64_t bmp_head_bytes = 54; // daemon: of the images it writes
+
+std::vector<uint8_t> payload_of(const picture_options& options, const std::string& path)
+{
+    std::vector<uint8_t> out(size_bytes + path.size() + 1); // the last stays zero
+    store_le32(out.data(), options.hor);
+    store_le32(out.data() + 4, options.ver);
+    std::copy(path.begin(), path.end(), out.begin() + size_bytes);
+    return out;
+}
+
+request request_of(uint8_t code, uint32_t addr, const picture_options& options, std::span<const uint8_t> payload)
+{
+    return {.code = code,
+            .slot = options.slot,
+            .model = options.model,
+            .addr = addr,
+            .len = static_cast<uint16_t>(payload.size()),
+            .payload = payload};
+}
+
+uint64_t pixel_bytes_of(const picture_options& options) { return uint64_t{options.hor} * options.ver * 4; }
+
+void note_request(const picture_options& options, uint8_t code, const char* meaning, outcome& run)
+{
+    run.facts["code"] = code;
+    run.facts["code_meaning"] = meaning;
+    run.facts["slot"] = options.slot;
+    run.facts["model"] = options.model;
+    run.facts["hor"] = options.hor;
+    run.facts["ver"] = options.ver;
+    run.facts["data_bytes"] = pixel_bytes_of(options);
+}
+
+// The daemon answers "done" for the black picture that it writes in a bad file's place, so the file is looked at first.
+void check_picture_file(const std::string& path, const picture_options& options)
+{
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        throw failure{problem::wrong_usage, "picture \"" + path + "\" cannot be used: " + strerror(errno)};
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw failure{problem::wrong_usage, "picture \"" + path + "\" is not a regular file"};
+    }
+    uint64_t offset = 0;
+    if (path.ends_with(".bmp")) {
+        uint8_t head[bmp_offset_at + 4] = {};
+        std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(head), sizeof head);
+        offset = load_le32(head + bmp_offset_at);
+        if (offset == 0) { throw failure{problem::wrong_usage, "picture \"" + path + "\" is no BMP file"}; }
+    }
+    const uint64_t wanted = offset + pixel_bytes_of(options);
+    if (static_cast<uint64_t>(status.st_size) >= wanted) { return; }
+    throw failure{problem::wrong_usage, format("picture \"%s\" has %lld bytes, %u x %u pixels need %llu: check --size",
+                                               path.c_str(), static_cast<long long>(status.st_size), options.hor,
+                                               options.ver, static_cast<unsigned long long>(wanted))};
+}
+
+// A path that ends short: both files of a get must have their whole length.
+void check_length(const std::string& path, uint64_t wanted)
+{
+    struct stat status = {};
+    if (stat(path.c_str(), &status) == 0 && static_cast<uint64_t>(status.st_size) == wanted) { return; }
+    throw failure{problem::refused,
+                  format("\"%s\" has %lld bytes and should have %llu: is the disk full? see rvkd's log", path.c_str(),
+                         static_cast<long long>(status.st_size), static_cast<unsigned long long>(wanted))};
+}
+
+void check_get_path(const std::string& raw, const std::string& image)
+{
+    if (raw != image) { return; }
+    throw failure{problem::wrong_usage, format("BASE \"%s\": with %zu characters both files would be one; choose a "
+                                               "shorter name",
+                                               raw.c_str(), raw.size())};
+}
+
+void finish(const picture_options& options, const stop_watch& watch, const std::string& what, outcome& run)
+{
+    const double seconds = watch.seconds();
+    run.facts["elapsed_s"] = seconds;
+    run.answer = what + rate_text(pixel_bytes_of(options), seconds);
+}
+
+} // namespace
+
+void run_picture_put(const settings& used, const picture_options& options, outcome& run)
+{
+    run.facts.update(facts_of(used));
+    note_request(options, command::file_write, "picture into card memory", run);
+    run.facts["buffer"] = options.where;
+    const std::string path = absolute_path(options.file, "FILE", put_path_max);
+    run.facts["file"] = path;
+    check_picture_file(path, options);
+    session talk(used);
+    run.facts["requester_identity"] = talk.identity();
+    talk.greet();
+    const stop_watch watch;
+    const auto payload = payload_of(options, path);
+    const answer got = talk.ask_patiently(request_of(command::file_write, options.where, options, payload));
+    run.facts["result"] = got.result;
+    run.facts["result_meaning"] = result_meaning(got.result);
+    if (got.result != 0) {
+        throw failure{problem::refused,
+                      format("picture \"%s\" was not written (result %d): see rvkd's log", path.c_str(), got.result)};
+    }
+    finish(options, watch,
+           format("picture of %u x %u written into buffer %u: ", options.hor, options.ver, options.where), run);
+}
+
+void run_picture_get(const settings& used, const picture_options& options, outcome& run)
+{
+    run.facts.update(facts_of(used));
+    note_request(options, command::file_read, "card memory into files", run);
+    run.facts["addr"] = options.where;
+    const std::string raw = absolute_path(options.file, "BASE", get_path_max);
+    const std::string image = (raw + ".bmp").substr(0, image_name_max);
+    check_get_path(raw, image);
+    run.facts["raw_file"] = raw;
+    run.facts["image_file"] = image;
+    session talk(used);
+    run.facts["requester_identity"] = talk.identity();
+    talk.greet();
+    const stop_watch watch;
+    file_watch files(raw, image);
+    const auto payload = payload_of(options, raw);
+    talk.tell(request_of(command::file_read, options.where, options, payload));
+    talk.wait_while_alive([&](std::chrono::milliseconds wait) { return files.both_closed(wait); });
+    check_length(raw, pixel_bytes_of(options));
+    check_length(image, pixel_bytes_of(options) + bmp_head_bytes);
+    finish(options, watch,
+           format("picture of %u x %u read into %s and %s: ", options.hor, options.ver, raw.c_str(), image.c_str()),
+           run);
+}
+
+} // namespace rvk::ctl

@@ -1,0 +1,178 @@
+// See the header. CLI11 knows the shape; numbers and bytes are ours, so that each refusal names the value and its
+// range.
+#include "rvkctl/subcommands.h"
+
+#include "rvkctl/values.h"
+
+#include <CLI/CLI.hpp>
+
+namespace rvk::ctl {
+namespace {
+
+constexpr uint64_t side_max = 65'535;           // card
+constexpr uint64_t pixels_max = (1u << 29) - 1; // daemon
+
+void add_card_options(CLI::App& command, raw_text& raw)
+{
+    command.add_option("SLOT", raw.slot, "Card slot, 0 to 255")->required()->type_name("");
+    command.add_option("ADDR", raw.addr, "Register or memory address, 32 bits")->required()->type_name("");
+    command.add_option("--model", raw.model, "Card model, 0 to 65535; default 0")->type_name("M");
+}
+
+read_options read_options_of(const raw_text& raw)
+{
+    read_options out;
+    out.slot = static_cast<uint8_t>(number_in("SLOT", raw.slot, 0, UINT8_MAX));
+    out.addr = static_cast<uint32_t>(number_in("ADDR", raw.addr, 0, UINT32_MAX));
+    out.len = static_cast<uint16_t>(number_in("LEN", raw.len, 1, command_data_max));
+    out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
+    out.out_file = raw.file;
+    return out;
+}
+
+write_options write_options_of(const raw_text& raw)
+{
+    if (raw.bytes.empty() == raw.file.empty()) {
+        throw failure{problem::wrong_usage, "write needs either BYTES or --file FILE, and not both"};
+    }
+    write_options out;
+    out.no_ack = raw.no_ack;
+    out.slot = static_cast<uint8_t>(number_in("SLOT", raw.slot, 0, UINT8_MAX));
+    out.addr = static_cast<uint32_t>(number_in("ADDR", raw.addr, 0, UINT32_MAX));
+    out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
+    const uint64_t most = uint64_t{UINT32_MAX} + 1 - out.addr;
+    out.bytes = raw.file.empty() ? bytes_of_hex(raw.bytes) : bytes_of_file(raw.file, most);
+    if (out.bytes.size() > most) {
+        throw failure{problem::wrong_usage, format("%zu bytes from 0x%08x on run past the last address, 0xffffffff",
+                                                   out.bytes.size(), out.addr)};
+    }
+    return out;
+}
+
+// WxH in pixels.
+void take_size(const std::string& text, picture_options& out)
+{
+    const size_t by = text.find('x', text.starts_with("0x") ? 2 : 0);
+    if (by == std::string::npos) {
+        throw failure{problem::wrong_usage, "--size \"" + text + "\": give WxH, as 3840x2160"};
+    }
+    out.hor = static_cast<uint32_t>(number_in("width of --size", text.substr(0, by), 0, side_max));
+    out.ver = static_cast<uint32_t>(number_in("height of --size", text.substr(by + 1), 0, side_max));
+    if (uint64_t{out.hor} * out.ver > pixels_max) {
+        throw failure{problem::wrong_usage, "--size \"" + text + "\": a picture has at most 536870911 pixels"};
+    }
+}
+
+picture_options picture_options_of(const raw_text& raw, const char* where_name)
+{
+    picture_options out;
+    out.slot = static_cast<uint8_t>(number_in("--slot", raw.slot.empty() ? "1" : raw.slot, 0, UINT8_MAX));
+    out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
+    out.where = static_cast<uint32_t>(number_in(where_name, raw.where, 0, UINT32_MAX));
+    take_size(raw.size, out);
+    out.file = raw.file;
+    return out;
+}
+
+update_options update_options_of(const raw_text& raw)
+{
+    update_options out;
+    out.slot = static_cast<uint8_t>(number_in("--slot", raw.slot, 0, UINT8_MAX));
+    out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
+    out.type = update_type_in(raw.type);
+    out.file = raw.file;
+    return out;
+}
+
+// A command of its own, chosen when it stands on the command line.
+CLI::App* add_command(CLI::App& parent, const char* name, const char* about, const std::string& whole_name,
+                      chosen& choice, std::function<command_run()> understand)
+{
+    CLI::App* command = parent.add_subcommand(name, about);
+    command->callback([&choice, whole_name, understand = std::move(understand)] {
+        choice.command = whole_name;
+        choice.understand = understand;
+    });
+    return command;
+}
+
+void add_read(CLI::App& app, raw_text& raw, chosen& choice)
+{
+    CLI::App* read = add_command(app, "read", "Read from a card and show the bytes", "read", choice, [&raw] {
+        return [options = read_options_of(raw)](const settings& used, outcome& run) { run_read(used, options, run); };
+    });
+    add_card_options(*read, raw);
+    read->add_option("LEN", raw.len, "Bytes to read, 1 to 1400")->required()->type_name("");
+    read->add_option("--out", raw.file, "Put the bytes into FILE instead of showing them")->type_name("FILE");
+}
+
+void add_write(CLI::App& app, raw_text& raw, chosen& choice)
+{
+    CLI::App* write = add_command(app, "write", "Write to a card", "write", choice, [&raw] {
+        return [options = write_options_of(raw)](const settings& used, outcome& run) { run_write(used, options, run); };
+    });
+    add_card_options(*write, raw);
+    write->add_option("BYTES", raw.bytes, "Hex digits in memory order, blanks allowed between bytes")->type_name("");
+    write->add_option("--file", raw.file, "Write what FILE holds")->type_name("FILE");
+    write->add_flag("--no-ack", raw.no_ack, "Do not ask the card for an acknowledgement");
+}
+
+void add_model(CLI::App& command, raw_text& raw)
+{
+    command.add_option("--model", raw.model, "Card model, 0 to 65535; default 0")->type_name("M");
+}
+
+void add_picture(CLI::App& app, raw_text& raw, chosen& choice)
+{
+    CLI::App* picture = app.add_subcommand("picture", "Move a picture between a file and a card's memory");
+    picture->require_subcommand(1);
+    picture->fallthrough();
+    CLI::App* put = add_command(
+        *picture, "put", "Write a picture file into a card's picture buffer", "picture put", choice, [&raw] {
+            return [options = picture_options_of(raw, "--buffer")](const settings& used, outcome& run) {
+                run_picture_put(used, options, run);
+            };
+        });
+    put->add_option("FILE", raw.file, "4 bytes a pixel as they stand; of a .bmp from its pixels on")
+        ->required()
+        ->type_name("");
+    put->add_option("--buffer", raw.where, "Number of the card's picture buffer")->required()->type_name("N");
+    CLI::App* get =
+        add_command(*picture, "get", "Read card memory into BASE and BASE.bmp", "picture get", choice, [&raw] {
+            return [options = picture_options_of(raw, "--addr")](const settings& used, outcome& run) {
+                run_picture_get(used, options, run);
+            };
+        });
+    get->add_option("BASE", raw.file, "Raw file; the image's name is this with .bmp")->required()->type_name("");
+    get->add_option("--addr", raw.where, "Start in card memory, in words of 8 bytes")->required()->type_name("A");
+    for (CLI::App* command : {put, get}) {
+        command->add_option("--size", raw.size, "Width and height in pixels")->required()->type_name("WxH");
+        command->add_option("--slot", raw.slot, "Card slot, 0 to 255; default 1")->type_name("S");
+        add_model(*command, raw);
+    }
+}
+
+void add_update(CLI::App& app, raw_text& raw, chosen& choice)
+{
+    CLI::App* update = add_command(app, "update", "Update a card's firmware", "update", choice, [&raw] {
+        return
+            [options = update_options_of(raw)](const settings& used, outcome& run) { run_update(used, options, run); };
+    });
+    update->add_option("FILE", raw.file, "The image")->required()->type_name("");
+    update->add_option("--type", raw.type, "Kind of image: " + update_type_names())->required()->type_name("TYPE");
+    update->add_option("--slot", raw.slot, "Card slot, 0 to 255")->required()->type_name("S");
+    add_model(*update, raw);
+}
+
+} // namespace
+
+void add_subcommands(CLI::App& app, raw_text& raw, chosen& choice)
+{
+    add_command(app, "hello", "Ask the daemon whether it is there", "hello", choice, [] { return run_hello; });
+    add_read(app, raw, choice);
+    add_write(app, raw, choice);
+    add_picture(app, raw, choice);
+    add_update(app, raw, choice);
+}
+
+} // namespace rvk::ctl
