@@ -1,3 +1,6 @@
+// See the headers. Messages begin with the operation's name and the source line, also where a helper of this file logs
+// them. One packet lies on the stack at a time; data is copied once on its way out and once on its way in. Nothing is
+// resent in pieces: a block that failed is repeated whole, within the bounds that stand below.
 #include "eth_raw/bus_block.h"
 
 #include "base/bytes.h"
@@ -8,15 +11,15 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <sys/socket.h>
 
 namespace rvk {
 namespace {
 
+static_assert(bus_links == MAX_ETH);
 constexpr int write_attempts = 3, read_attempts = 10, answer_tries = 10; // ours
 constexpr int32_t read_refused = -2;
-
-#define RVK_AT __func__, __LINE__ // what the link's messages begin with
 
 int32_t check_parameters(const char* operation, const xfer* handle, uint32_t length, const void* data)
 {
@@ -36,6 +39,7 @@ int32_t check_parameters(const char* operation, const xfer* handle, uint32_t len
 }
 
 // Runs an operation under the semaphore until it succeeds. `name` is that of the operation tried.
+// Result: a failing semaphore's first, since nobody else can go on then; otherwise the last attempt's.
 template <class Operation>
 int32_t attempt(int attempts, const char* caller, const char* name, Operation operation)
 {
@@ -47,33 +51,33 @@ int32_t attempt(int attempts, const char* caller, const char* name, Operation op
     return released != 0 ? released : result;
 }
 
-int32_t take_response(std::span<const uint8_t> packet)
+int32_t take_response(const char* operation, std::span<const uint8_t> packet)
 {
     if (packet[bus::type] != bus_response) { return -1; }
     if (packet[bus::data] == 0) { return 1; }
-    log_print(LOG_HERE, "%s:%d:failed, ACK flag = %d.\n", RVK_AT, packet[bus::data]);
+    log_print(LOG_HERE, "%s:%d:failed, ACK flag = %d.\n", operation, __LINE__, packet[bus::data]);
     return -1;
 }
 
-int32_t take_read_back(std::span<const uint8_t> packet, uint32_t length, uint8_t* destination)
+// Nothing is copied unless the packet holds all that was asked for: `length` bounds what `destination` takes.
+int32_t take_read_back(const char* operation, std::span<const uint8_t> packet, uint32_t length, uint8_t* destination)
 {
     if (packet[bus::type] == bus_response) {
         if (packet[bus::data] == 0) { return 0; }
-        log_print(LOG_HERE, "%s:%d:read back failed, ACK flag = %d.\n", RVK_AT, packet[bus::data]);
+        log_print(LOG_HERE, "%s:%d:read back failed, ACK flag = %d.\n", operation, __LINE__, packet[bus::data]);
         return read_refused;
     }
     if (packet[bus::type] != bus_read_back || packet_length_judge(packet, length) != 0) { return -1; }
-    if (load_le32(packet.data() + bus::length) < length + bus_packet_overhead) {
-        return -1;
-    } // it holds less than it says
+    const uint32_t holds = load_le32(packet.data() + bus::length) - static_cast<uint32_t>(bus_packet_overhead);
+    if (holds < length) { return -1; } // less than it says
     memcpy(destination, packet.data() + bus::data, length);
     return 0;
 }
 
-int32_t read_piece(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
+int32_t read_piece(const char* operation, const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
 {
     if (const int32_t result = send_request_message_func(handle, addr, length); result != 0) {
-        log_print(LOG_HERE, "%s:%d:send_request_message_func() failed(ret = %d).\n", RVK_AT, result);
+        log_print(LOG_HERE, "%s:%d:send_request_message_func() failed(ret = %d).\n", operation, __LINE__, result);
         return result;
     }
     for (int i = 0; i < answer_tries; ++i) {
@@ -81,7 +85,7 @@ int32_t read_piece(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* 
         if (result == 0) { return 0; }
         if (result == read_refused) { return -1; }
     }
-    log_print(LOG_HERE, "%s:%d:recv_read_back_message_func() failed.\n", RVK_AT);
+    log_print(LOG_HERE, "%s:%d:recv_read_back_message_func() failed.\n", operation, __LINE__);
     return -1;
 }
 
@@ -98,7 +102,7 @@ int32_t Open_Eth_Raw(xfer* handles, int count)
         return -1;
     }
     if (const int32_t result = eth_raw_tranfser_set(g_eth_init, handles, count); result != 0) {
-        log_print(LOG_HERE, "%s:%d:eth_raw_tranfser_set() failed.\n", RVK_AT);
+        log_print(LOG_HERE, "%s:%d:eth_raw_tranfser_set() failed.\n", __func__, __LINE__);
         return result;
     }
     return open_semaphore();
@@ -127,7 +131,9 @@ int32_t Read_FPGA_Bus_Block(const xfer* handle, uint32_t addr, uint32_t length, 
 int32_t netdev_init(eth_init* links, int count)
 {
     for (int i = 0; i < count; ++i) {
-        if (const int32_t result = init_netdev(&links[i], static_cast<unsigned>(i)); result != 0) { return result; }
+        if (const int32_t result = init_netdev(&links[i], static_cast<unsigned>(i), __func__); result != 0) {
+            return result;
+        }
     }
     return 0;
 }
@@ -146,7 +152,7 @@ int32_t write_process_func(const xfer* handle, uint32_t addr, uint32_t length, c
         const uint32_t at = i * static_cast<uint32_t>(bus_data_max);
         const int32_t result = send_message_func_unit(handle, addr + at, bus_data_max, data + at, bus_write);
         if (result != 0) {
-            log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(i = %d, ret = %d).\n", RVK_AT,
+            log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(i = %d, ret = %d).\n", __func__, __LINE__,
                       static_cast<int>(i), result);
             return result;
         }
@@ -155,7 +161,9 @@ int32_t write_process_func(const xfer* handle, uint32_t addr, uint32_t length, c
     if (rest == 0) { return 0; }
     const uint32_t at = pieces * static_cast<uint32_t>(bus_data_max);
     const int32_t result = send_message_func_unit(handle, addr + at, rest, data + at, bus_write);
-    if (result != 0) { log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(ret = %d).\n", RVK_AT, result); }
+    if (result != 0) {
+        log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(ret = %d).\n", __func__, __LINE__, result);
+    }
     return result;
 }
 
@@ -163,7 +171,9 @@ int32_t read_process_func(const xfer* handle, uint32_t addr, uint32_t length, ui
 {
     for (uint32_t at = 0; at < length; at += static_cast<uint32_t>(bus_data_max)) {
         const uint32_t n = length - at < bus_data_max ? length - at : static_cast<uint32_t>(bus_data_max);
-        if (const int32_t result = read_piece(handle, addr + at, n, destination + at); result != 0) { return result; }
+        if (const int32_t result = read_piece(__func__, handle, addr + at, n, destination + at); result != 0) {
+            return result;
+        }
     }
     return 0;
 }
@@ -177,7 +187,7 @@ int32_t send_message_func_unit(const xfer* handle, uint32_t addr, uint32_t lengt
                                 reinterpret_cast<const sockaddr*>(handle->sll), sizeof *handle->sll);
     if (sent == static_cast<ssize_t>(total)) { return 0; }
     if (sent < 0 && errno == EMSGSIZE) {
-        log_print(LOG_HERE, "packet of %zu bytes is too long for the link: it needs an MTU of 9000\n", total);
+        log_print(LOG_HERE, "packet of %zu bytes is longer than the link takes: set its MTU to 9000\n", total);
     }
     return -1;
 }
@@ -198,8 +208,8 @@ int32_t recv_message_func_unit(const xfer* handle, uint32_t addr, uint32_t lengt
     const std::span<const uint8_t> packet{buffer.data(), static_cast<size_t>(received)};
     if (judge_packet(packet, addr) != 0) { return -1; }
     switch (kind) {
-    case bus_response: return take_response(packet);
-    case bus_read_back: return take_read_back(packet, length, destination);
+    case bus_response: return take_response(__func__, packet);
+    case bus_read_back: return take_read_back(__func__, packet, length, destination);
     default: return 0;
     }
 }
@@ -208,7 +218,7 @@ int32_t recv_read_back_message_func(const xfer* handle, uint32_t addr, uint32_t 
 {
     const int32_t result = recv_message_func_unit(handle, addr, length, destination, bus_read_back);
     if (result < 0 && result != read_refused) {
-        log_print(LOG_HERE, "%s:%d:recv_message_func_unit() failed(ret = %d).\n", RVK_AT, result);
+        log_print(LOG_HERE, "%s:%d:recv_message_func_unit() failed(ret = %d).\n", __func__, __LINE__, result);
     }
     return result;
 }

@@ -1,3 +1,6 @@
+// See the header. A packet is laid out in a buffer of the caller's, of which only what goes out is touched: 8,000 bytes
+// are copied and summed once, and nothing is cleared that is written anyway. An answer's own claims about its length
+// are compared with what was received before a byte behind them is looked at.
 #include "eth_raw/bus_packet.h"
 
 #include "base/bytes.h"
@@ -32,19 +35,21 @@ size_t make_bus_request(std::array<uint8_t, bus_packet_max>* packet, uint32_t ad
                         const uint8_t* data, uint8_t type)
 {
     if (type == bus_write && length > bus_data_max) { return 0; }
-    const size_t area = type == bus_write ? std::max<size_t>(length, bus_data_min) : bus_data_min;
+    const size_t carried = type == bus_write ? length : bus_data_min;
+    const size_t area = std::max(carried, bus_data_min);
     const size_t total = area + bus_packet_overhead;
     uint8_t* p = packet->data();
-    packet->fill(0);
+    std::fill_n(p, bus::data, uint8_t{0});
     std::copy(eth_raw_tx_header.begin(), eth_raw_tx_header.end(), p + bus::destination);
     store_le32(p + bus::length, static_cast<uint32_t>(total));
     p[bus::type] = type;
     std::copy(eth_raw_transfer_IP.begin(), eth_raw_transfer_IP.end(), p + bus::ethertype);
     store_le32(p + bus::addr, addr);
     store_le32(p + bus::data_len, length);
-    memcpy(p + bus::data, data, type == bus_write ? length : bus_data_min);
-    // Summed to the data length, not to the area's end: zero bytes count when a read asks for more than its area holds.
-    const size_t summed = std::min<size_t>(bus::data - bus::length + length, bus_packet_max - bus::length);
+    memcpy(p + bus::data, data, carried);
+    std::fill_n(p + bus::data + carried, area - carried, uint8_t{0});
+    // Summed to the data length, not to the area's end; what a read asks for beyond its area would be zero bytes.
+    const size_t summed = bus::data - bus::length + std::min<size_t>(length, area);
     store_le16(p + bus::data + area, sum(p + bus::length, summed));
     return total;
 }

@@ -1,7 +1,8 @@
-// The System V semaphore around whole block operations. Both of its operations are undone by the system when a process
-// dies inside one.
+// See the header. A semaphore that cannot be had does not fail the opening: the links are of use without it, to whoever
+// reads and writes single packets. What needs it fails where it is taken.
 #include "eth_raw/bus_semaphore.h"
-#include "eth_raw/bus_block.h"
+
+#include "eth_raw/rvkbus.h"
 #include "main/log.h"
 
 #include <cerrno>
@@ -34,7 +35,7 @@ int32_t change(short by)
 int32_t open_semaphore()
 {
     sem_id = semget(bus_semaphore_key, 1, IPC_CREAT | IPC_EXCL | 0666);
-    const int error = errno;
+    int error = errno;
     log_print(LOG_HERE, "sem_id = %d, errno = %d.\n", sem_id, error);
     if (sem_id >= 0) {
         if (set_semvalue() == 0) { return 0; }
@@ -43,10 +44,13 @@ int32_t open_semaphore()
     }
     if (error == EEXIST) {
         sem_id = semget(bus_semaphore_key, 1, 0);
+        error = errno;
         log_print(LOG_HERE, "sem_id(%d) already exits.\n", sem_id);
-        return 0;
     }
-    log_print(LOG_HERE, "no semaphore (%s): block operations will fail\n", strerror(error));
+    if (sem_id < 0) {
+        log_print(LOG_HERE, "no semaphore of key %d (%s): every block operation will fail\n", bus_semaphore_key,
+                  strerror(error));
+    }
     return 0;
 }
 
