@@ -1,3 +1,6 @@
+// See the header. One attempt is a function, so that a test can step it and the thread's loop has nothing else in it.
+// Attempts without an answer leave no trace: at a boot the card may take long to be there. The two shell commands run
+// through the platform, whose results there is nobody to tell.
 #include "main/lvds_test.h"
 
 #include "base/pause.h"

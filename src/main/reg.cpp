@@ -1,3 +1,6 @@
+// See the header. Exchanges run through a message buffer of the pool, which every path gives back; the receive buffer
+// of msg_recv is the process's one. What is printed is flushed at the end of each dump, so that a pipe's reader sees it
+// while the program waits for the next answer.
 #include "main/reg.h"
 
 #include "eth_raw/frame.h"
@@ -28,17 +31,19 @@ void print_bytes(const uint8_t* data, int count)
 
 } // namespace
 
-int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int length)
+int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int length, reg_answer* answer)
 {
+    reg_answer got{no_answer, 0};
+    if (answer != nullptr) { *answer = got; }
     log_print(LOG_HERE, "read reg 0x%x\n", addr);
     uint8_t* buffer = whole_buffer();
     if (buffer == nullptr) { return -1; }
-    uint32_t received = 0;
-    const int32_t result =
-        RawSockSendMsgWithReadWait(index, model, slot, addr, code_read, static_cast<uint32_t>(length),
-                                   {buffer, frame_data_max}, &received, reg_ticks);
-    process_recvbuf(buffer, addr, result == 0 ? static_cast<int>(received) : 0);
+    const int32_t result = read_and_wait(index, model, slot, addr, code_read, static_cast<uint32_t>(length),
+                                         {buffer, frame_data_max}, &got.received, &got.ack, reg_ticks);
+    if (result != 0) { got.received = 0; } // an answer that is too long says so there, and nothing of it is copied
+    process_recvbuf(buffer, addr, static_cast<int>(got.received));
     RawMsgBuffFree(buffer);
+    if (answer != nullptr) { *answer = got; }
     return result;
 }
 

@@ -1,3 +1,6 @@
+// The way of a picture: the file, read whole; the card's pixels; lines at the card's stride; pieces of 15,360 bytes.
+// This DDR2Write and its two piece writers are the loader's own, since this FPGA takes pictures otherwise than those
+// that the file service writes to. Nothing is acknowledged: what a link loses or cannot send is missing in the picture.
 #include "raw_msg/load_picture.h"
 
 #include "base/bytes.h"
@@ -18,13 +21,14 @@
 namespace rvk {
 namespace {
 
-constexpr size_t pixel_bytes = 4;      // card: 'U', red, green, blue
-constexpr uint8_t pixel_mark = 0x55;   // card
-constexpr size_t burst_bytes = 64;     // card: 512 bits
-constexpr uint32_t burst_units = 8;    // card: address units of 8 bytes in a burst
-constexpr size_t piece_bytes = 15'360; // card
-constexpr int side_max = 65'535;       // card: 16-bit sizes
-constexpr uint64_t near_pause_us = 2;  // card
+constexpr size_t pixel_bytes = 4;                  // card: 'U', red, green, blue
+constexpr uint8_t pixel_mark = 0x55;               // card
+constexpr size_t burst_bytes = 64;                 // card: 512 bits
+constexpr uint32_t burst_units = 8;                // card: address units of 8 bytes in a burst
+constexpr size_t piece_bytes = 15'360;             // card
+constexpr int side_max = 65'535;                   // card: 16-bit sizes
+constexpr uint64_t pixels_end = uint64_t{1} << 29; // ours: sizes in bytes fit 32 bits
+constexpr uint64_t near_pause_us = 2;              // card
 constexpr size_t bmp_offset_at = 10, bmp_offset_end = 14, bmp_pixel_bytes = 3; // bmp
 
 // Where a picture goes, as the selectors say it.
@@ -41,25 +45,30 @@ size_t round_up(size_t bytes, size_t to) { return (bytes + to - 1) / to * to; }
 
 uint16_t bursts_of(size_t bytes) { return static_cast<uint16_t>(round_up(bytes, burst_bytes) / burst_bytes); }
 
-void write_piece(const target& to, uint32_t data_port, uint32_t command, uint32_t addr, std::span<const uint8_t> piece)
+bool sends(const target& to) { return to.ts_sel == 'e' && (to.fpga_sel == 0 || to.fpga_sel == 1); }
+
+// Frames that fail are logged by the transport; the picture goes on.
+void write_port(const target& to, uint32_t port, std::span<const uint8_t> bytes)
 {
-    const int link = to.fpga_sel == 1 ? 1 : 2;
-    std::array<uint8_t, 7> block{};
-    store_le32(block.data(), addr);
-    store_le16(block.data() + 4, bursts_of(piece.size()));
-    block[6] = 1;
-    // Frames that fail are logged by the transport; the picture goes on.
-    static_cast<void>(RawSockSendMsg(link, 0, 0, data_port, code_write, piece));
-    static_cast<void>(RawSockSendMsg(link, 0, 0, command, code_write, block));
+    static_cast<void>(RawSockSendMsg(to.fpga_sel == 1 ? 1 : 2, 0, 0, port, code_write, bytes));
 }
 
-bool sends(const target& to) { return to.ts_sel == 'e' && (to.fpga_sel == 0 || to.fpga_sel == 1); }
+// What makes the card take the piece at its data port into its memory.
+std::array<uint8_t, 7> command_block(uint32_t addr, size_t piece_length)
+{
+    std::array<uint8_t, 7> block{};
+    store_le32(block.data(), addr);
+    store_le16(block.data() + 4, bursts_of(piece_length));
+    block[6] = 1;
+    return block;
+}
 
 // One piece to memory 0.
 void DDR2WriteProcess(const target& to, uint32_t addr, std::span<const uint8_t> piece)
 {
     if (!sends(to)) { return; }
-    write_piece(to, 0xB0000, 0xA0001, addr, piece);
+    write_port(to, 0xB0000, piece);
+    write_port(to, 0xA0001, command_block(addr, piece.size()));
     pause_us(near_pause_us);
 }
 
@@ -67,8 +76,9 @@ void DDR2WriteProcess(const target& to, uint32_t addr, std::span<const uint8_t> 
 void DDR2WriteProcess2(const target& to, uint32_t addr, std::span<const uint8_t> piece)
 {
     if (!sends(to)) { return; }
+    write_port(to, 0xF0000, piece);
     log_print(LOG_HERE, "addr = 0x%x\n", addr);
-    write_piece(to, 0xF0000, 0xE0001, addr, piece);
+    write_port(to, 0xE0001, command_block(addr, piece.size()));
 }
 
 void write_staged(const target& to, uint32_t addr, std::span<const uint8_t> staged)
@@ -100,6 +110,7 @@ void DDR2Write(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std:
 // The file's rows stand bottom up, each padded to a multiple of 4 bytes; pixels that the file has too little stay zero.
 void convert_bmp(std::span<const uint8_t> file, size_t offset, size_t hor, size_t ver, std::span<uint8_t> picture)
 {
+    if (offset > file.size()) { return; }
     const size_t row = round_up(hor * bmp_pixel_bytes, 4);
     for (size_t y = 0; y < ver; ++y) {
         uint8_t* out = picture.data() + (ver - 1 - y) * hor * pixel_bytes;
@@ -137,6 +148,17 @@ int32_t load(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, const 
     return 0;
 }
 
+bool is_size(int hor, int ver)
+{
+    if (hor < 0 || ver < 0 || hor > side_max || ver > side_max) {
+        log_print(LOG_HERE, "picture %d x %d refused: hor and ver are 0 to %d\n", hor, ver, side_max);
+        return false;
+    }
+    if (static_cast<uint64_t>(hor) * static_cast<uint64_t>(ver) < pixels_end) { return true; }
+    log_print(LOG_HERE, "picture %d x %d refused: it has 2^29 pixels or more\n", hor, ver);
+    return false;
+}
+
 double seconds_since(std::chrono::steady_clock::time_point start)
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -147,10 +169,7 @@ double seconds_since(std::chrono::steady_clock::time_point start)
 int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* name, const char* ts_sel, const char* fpga_sel)
 {
     log_print(LOG_HERE, "%s file %s\n", access(name, F_OK) == 0 ? "found" : "not found", name);
-    if (hor < 0 || ver < 0 || hor > side_max || ver > side_max) {
-        log_print(LOG_HERE, "picture %d x %d refused: hor and ver are 0 to %d\n", hor, ver, side_max);
-        return -1;
-    }
+    if (!is_size(hor, ver)) { return -1; }
     const unique_fd opened = open_regular(name, O_RDONLY);
     const off_t bytes = opened ? size_of(opened) : -1;
     if (bytes < 0) { return -1; }
