@@ -107,34 +107,34 @@ void DDR2Write(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std:
     write_staged(to, addr, staging.bytes());
 }
 
-// The file's rows stand bottom up, each padded to a multiple of 4 bytes; pixels that the file has too little stay zero.
-void convert_bmp(std::span<const uint8_t> file, size_t offset, size_t hor, size_t ver, std::span<uint8_t> picture)
+// A file's rows stand bottom up, each padded to a multiple of 4 bytes; pixels that the file has too little stay zero.
+void convert_bmp(std::span<const uint8_t> pixels, size_t hor, size_t ver, std::span<uint8_t> picture)
 {
-    if (offset > file.size()) { return; }
     const size_t row = round_up(hor * bmp_pixel_bytes, 4);
     for (size_t y = 0; y < ver; ++y) {
         uint8_t* out = picture.data() + (ver - 1 - y) * hor * pixel_bytes;
         for (size_t x = 0; x < hor; ++x, out += pixel_bytes) {
-            const size_t from = offset + y * row + x * bmp_pixel_bytes;
-            if (from + bmp_pixel_bytes > file.size()) { return; }
+            const size_t from = y * row + x * bmp_pixel_bytes;
+            if (from + bmp_pixel_bytes > pixels.size()) { return; }
             out[0] = pixel_mark;
-            out[1] = file[from + 2];
-            out[2] = file[from + 1];
-            out[3] = file[from];
+            out[1] = pixels[from + 2];
+            out[2] = pixels[from + 1];
+            out[3] = pixels[from];
         }
     }
 }
 
 int32_t load_bmp(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::span<const uint8_t> file)
 {
-    const uint32_t offset = file.size() < bmp_offset_end ? 0 : load_le32(file.data() + bmp_offset_at);
+    const bool has_head = file.size() >= bmp_offset_end;
+    const uint32_t offset = has_head ? load_le32(file.data() + bmp_offset_at) : 0;
     log_print(LOG_HERE, "offset = %d\n", static_cast<int>(offset));
     const page_buffer picture(size_t{hor} * ver * pixel_bytes);
     if (!picture) {
         log_print(LOG_HERE, "\nmalloc buffer failed\n");
         return -1;
     }
-    convert_bmp(file, offset, hor, ver, picture.bytes());
+    if (has_head && offset <= file.size()) { convert_bmp(file.subspan(offset), hor, ver, picture.bytes()); }
     DDR2Write(to, addr, hor, ver, picture.bytes());
     return 0;
 }

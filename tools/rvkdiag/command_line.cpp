@@ -26,7 +26,16 @@ constexpr char about[] =
     "Works on a card link directly, with no daemon on it: peek and poke, pictures, LVDS test, bus blocks.";
 
 constexpr char footer[] =
-    R"(Numbers of fpga are hexadecimal, those of the other commands decimal or 0x… . A link is 0, 1 or 2: eth0, eth1 or eth2.
+    R"(Commands:
+  fpga ID read|readw MODEL SLOT ADDR LEN
+  fpga ID write|writea|writeaw MODEL SLOT ADDR VALUE|FILENAME
+  picture ADDR WxH FILE TS_SEL FPGA_SEL
+  lvds --reboot
+  bus read LINK ADDR LEN FILE
+  bus write LINK ADDR FILE
+  usage
+
+Numbers of fpga are hexadecimal, those of the other commands decimal or 0x… . ID and LINK are 0, 1 or 2: eth0 to eth2.
 VALUE is hex digits in memory order, in pairs; what is not hex digits alone is a FILENAME (./cafe names a file).
 
 What "done" means:
@@ -198,7 +207,7 @@ void add_picture(CLI::App& app, raw_text& raw, understand& choice)
 void add_bus(CLI::App& app, raw_text& raw, understand& choice)
 {
     CLI::App* bus = app.add_subcommand("bus", "Move a block of up to 64 MiB between a file and card memory");
-    bus->require_subcommand(1);
+    bus->require_subcommand(0, 1); // as above
     CLI::App* read = add_command(*bus, "read", "Card memory into FILE", choice, [&raw] {
         return [options = bus_options_of(raw, true)] { return run_bus_read(options); };
     });
@@ -244,7 +253,8 @@ command_run parse(int argc, char** argv)
         throw failure{problem::wrong_usage, std::string(error.what()) + "; see rvkdiag --help"};
     }
     if (choice) { return choice(); }
-    throw failure{problem::wrong_usage, "no command given: one of fpga, picture, lvds, bus, usage; see rvkdiag --help"};
+    throw failure{problem::wrong_usage,
+                  "no command given: one of fpga, picture, lvds, bus read, bus write, usage; see rvkdiag --help"};
 }
 
 int present(const failure& failed)
