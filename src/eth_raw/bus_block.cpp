@@ -8,6 +8,7 @@
 #include "eth_raw/bus_semaphore.h"
 #include "main/log.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -20,6 +21,7 @@ namespace {
 static_assert(bus_links == MAX_ETH);
 constexpr int write_attempts = 3, read_attempts = 10, answer_tries = 10; // ours
 constexpr int32_t read_refused = -2;
+constexpr uint32_t piece_bytes = bus_data_max;
 
 int32_t check_parameters(const char* operation, const xfer* handle, uint32_t length, const void* data)
 {
@@ -147,19 +149,19 @@ int32_t eth_raw_tranfser_set(eth_init* links, xfer* handles, int count)
 
 int32_t write_process_func(const xfer* handle, uint32_t addr, uint32_t length, const uint8_t* data)
 {
-    const uint32_t pieces = length / bus_data_max;
+    const uint32_t pieces = length / piece_bytes;
     for (uint32_t i = 0; i < pieces; ++i) {
-        const uint32_t at = i * static_cast<uint32_t>(bus_data_max);
-        const int32_t result = send_message_func_unit(handle, addr + at, bus_data_max, data + at, bus_write);
+        const uint32_t at = i * piece_bytes;
+        const int32_t result = send_message_func_unit(handle, addr + at, piece_bytes, data + at, bus_write);
         if (result != 0) {
             log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(i = %d, ret = %d).\n", __func__, __LINE__,
                       static_cast<int>(i), result);
             return result;
         }
     }
-    const uint32_t rest = length % bus_data_max;
+    const uint32_t rest = length % piece_bytes;
     if (rest == 0) { return 0; }
-    const uint32_t at = pieces * static_cast<uint32_t>(bus_data_max);
+    const uint32_t at = pieces * piece_bytes;
     const int32_t result = send_message_func_unit(handle, addr + at, rest, data + at, bus_write);
     if (result != 0) {
         log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(ret = %d).\n", __func__, __LINE__, result);
@@ -169,8 +171,8 @@ int32_t write_process_func(const xfer* handle, uint32_t addr, uint32_t length, c
 
 int32_t read_process_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
 {
-    for (uint32_t at = 0; at < length; at += static_cast<uint32_t>(bus_data_max)) {
-        const uint32_t n = length - at < bus_data_max ? length - at : static_cast<uint32_t>(bus_data_max);
+    for (uint32_t at = 0; at < length; at += piece_bytes) {
+        const uint32_t n = std::min(length - at, piece_bytes);
         if (const int32_t result = read_piece(__func__, handle, addr + at, n, destination + at); result != 0) {
             return result;
         }
