@@ -36,6 +36,9 @@ constexpr std::array rows{
     row{"firmware", firmware_row},
     row{"start", start_row},
     row{"memory", memory_row},
+    row{"bus-write", bus_write_row},
+    row{"bus-read", bus_read_row},
+    row{"load-picture", load_picture_row},
 };
 
 constexpr unsigned row_seconds = 600; // ours: a lost reply would make a bare loop wait for ever

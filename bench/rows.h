@@ -22,6 +22,9 @@ void read_back_row(const settings& chosen);
 void firmware_row(const settings& chosen);
 void start_row(const settings& chosen);
 void memory_row(const settings& chosen);
+void bus_write_row(const settings& chosen);
+void bus_read_row(const settings& chosen);
+void load_picture_row(const settings& chosen);
 
 // The other side of instructions_row: sends frames under callgrind, `which` being "ours" or "bare".
 void count_instructions_of(const char* which);

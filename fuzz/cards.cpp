@@ -1,10 +1,12 @@
 // Any bytes as a run of frames to the simulated cards. Without a fault every answer is one that the daemon's own check
-// accepts, and only reads and acknowledged writes are answered; with one, nothing may be touched that is not there.
+// accepts, and only reads (also of bus blocks) and acknowledged writes are answered; with one, nothing may be touched
+// that is not there.
 //
 // Input: one byte that picks the fault (0: none), then frames, each behind a byte of what to put right (bit 0
 // addresses, type and sync, bit 1 the checksum) and a two-byte length.
 #include "cardsim/cards.h"
 #include "base/bytes.h"
+#include "eth_raw/bus_packet.h"
 #include "eth_raw/frame.h"
 
 #include <algorithm>
@@ -43,6 +45,9 @@ card_faults faults_of(uint8_t choice)
 
 bool is_accepted(const reply_frame& reply)
 {
+    if (reply.bytes[bus::type] == bus_read_back) { // of a frame, that is a byte of the source address
+        return judge_packet(reply.view(), load_le32(reply.bytes.data() + bus::addr)) == 0;
+    }
     uint8_t ack = 0, slot = 0, code = 0;
     uint16_t model = 0, seq = 0, len = 0;
     uint32_t addr = 0;
@@ -68,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     if (data[0] != 0) { return 0; }
     const farm_counts counts = farm.counts();
-    if (out.size() != counts.reads + counts.acknowledged_writes) { abort(); }
+    if (out.size() != counts.reads + counts.acknowledged_writes + counts.bus_reads) { abort(); }
     if (!std::all_of(out.begin(), out.end(), is_accepted)) { abort(); }
     return 0;
 }

@@ -41,7 +41,7 @@ void RawSockMsgUnInit(int index)
     g_eth_init[index].sock_fd = -1; // the number may be another file's soon
 }
 
-int32_t init_netdev(eth_init* record, unsigned index)
+int32_t init_netdev(eth_init* record, unsigned index, const char* operation)
 {
     if (index >= MAX_ETH) {
         log_print(LOG_HERE, "%s:%d:index(%d) MAX_ETH(%d).\n", __func__, __LINE__, static_cast<int>(index), MAX_ETH);
@@ -49,7 +49,7 @@ int32_t init_netdev(eth_init* record, unsigned index)
     }
     unique_fd fd{socket_init(g_netdev_name[index])};
     if (!fd) {
-        log_print(LOG_HERE, "%s:%d:socket_init() failed(%d).\n", __func__, __LINE__, -1);
+        log_print(LOG_HERE, "%s:%d:socket_init() failed(%d).\n", operation, __LINE__, -1);
         return -1;
     }
     memcpy(record->if_name, g_netdev_name[index], sizeof record->if_name);

@@ -34,7 +34,8 @@ void RawSockMsgUnInit(int index);
 
 // Fills one record. Result: 0; -1 for an index above 2 (the record is then not looked at) or a socket that cannot be
 // opened; the negative result of socket_bind, with the socket closed again.
-[[nodiscard]] int32_t init_netdev(eth_init* record, unsigned index);
+// operation  who reports a socket that cannot be opened
+[[nodiscard]] int32_t init_netdev(eth_init* record, unsigned index, const char* operation = "init_netdev");
 
 // Result: a raw socket that receives every frame of the interface, now promiscuous; -1 on failure.
 [[nodiscard]] int socket_init(const char* if_name);

@@ -34,7 +34,7 @@ void set_destination(QNode* node, std::span<uint8_t> dest)
 
 // The exchange of a read whose node is filed: buffer and node are gone when it returns.
 int32_t exchange(uint16_t model, uint8_t slot, uint8_t code, uint32_t len, QNode* node, uint32_t* recv_len,
-                 uint32_t timeout_ticks) RVK_REQUIRES(write_read_ack_wait_mtx)
+                 uint8_t* ack, uint32_t timeout_ticks) RVK_REQUIRES(write_read_ack_wait_mtx)
 {
     uint8_t* buf = node->buf;
     const int index = node->index;
@@ -47,7 +47,9 @@ int32_t exchange(uint16_t model, uint8_t slot, uint8_t code, uint32_t len, QNode
         return sent;
     }
     timerStart(timeout_ticks, &node->timer);
-    *recv_len = await_answer(READ_WAIT_QUEUE, node).recv_len;
+    const answer got = await_answer(READ_WAIT_QUEUE, node);
+    *recv_len = got.recv_len;
+    *ack = got.ack;
     RawMsgBuffFree(buf);
     if (*recv_len >= 1 && *recv_len <= frame_data_max) { return 0; }
     log_print(
@@ -62,7 +64,15 @@ int32_t exchange(uint16_t model, uint8_t slot, uint8_t code, uint32_t len, QNode
 int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
                                    std::span<uint8_t> dest, uint32_t* recv_len, uint32_t timeout_ticks)
 {
+    uint8_t ack = no_answer;
+    return read_and_wait(index, model, slot, addr, code, len, dest, recv_len, &ack, timeout_ticks);
+}
+
+int32_t read_and_wait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
+                      std::span<uint8_t> dest, uint32_t* recv_len, uint8_t* ack, uint32_t timeout_ticks)
+{
     *recv_len = 0;
+    *ack = no_answer;
     if (!link_exists(index) || !is_read(code)) { return -1; }
     const scoped_lock hold(write_read_ack_wait_mtx);
     uint8_t* buf = request_buffer();
@@ -75,12 +85,12 @@ int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint
         return -1;
     }
     set_destination(node, dest);
-    if (file_or_empty(READ_WAIT_QUEUE, node, __func__) != 0) {
+    if (file_or_empty(READ_WAIT_QUEUE, node, "RawSockSendMsgWithReadWait") != 0) {
         RawMsgBuffFree(buf);
         free_node(node);
         return -1;
     }
-    return exchange(model, slot, code, len, node, recv_len, timeout_ticks);
+    return exchange(model, slot, code, len, node, recv_len, ack, timeout_ticks);
 }
 
 int32_t RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,

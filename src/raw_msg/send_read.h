@@ -21,6 +21,11 @@ namespace rvk {
                                                  uint32_t len, std::span<uint8_t> dest, uint32_t* recv_len,
                                                  uint32_t timeout_ticks);
 
+// The same, for whoever wants to tell a card that refused from one that is not there.
+// ack  out: the answer's status: 0 good, 255 none came, other: the card's refusal
+[[nodiscard]] int32_t read_and_wait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
+                                    std::span<uint8_t> dest, uint32_t* recv_len, uint8_t* ack, uint32_t timeout_ticks);
+
 // Asks a card for data that is reported to `requester` when it comes, or the failure after three sends.
 // dest    the whole payload area of a message buffer; the completion handler's, and freed by it, when the result is 0
 // Result  0 when the request was sent; negative otherwise, and dest stays the caller's

@@ -1,6 +1,7 @@
 // Bad cards: each fault does what its line says and nothing else, and a seed brings the same ones again.
 #include "cardsim/cards.h"
 #include "cardsim/requests.h"
+#include "eth_raw/bus_packet.h"
 #include "eth_raw/frame.h"
 
 #include <gtest/gtest.h>
@@ -20,6 +21,13 @@ std::string seen(const std::vector<reply_frame>& frames)
 }
 
 bytes acknowledged(uint16_t seq) { return write_frame({.code = code_write_ack, .seq = seq}, bytes{0x77}); }
+bytes block_read()
+{
+    std::array<uint8_t, bus_packet_max> packet;
+    const bytes area(bus_data_min);
+    const size_t n = make_bus_request(&packet, 0x1000, 40, area.data(), bus_read);
+    return {packet.begin(), packet.begin() + static_cast<ptrdiff_t>(n)};
+}
 bytes reading(uint16_t seq) { return read_frame({.code = code_read, .seq = seq}, 40); }
 
 struct fault_case {
@@ -101,6 +109,7 @@ TEST(Faults, AreCountedUnderTheirOwnName)
         std::vector<reply_frame> out;
         farm.request(acknowledged(1), 0, out);
         farm.request(reading(2), 0, out);
+        farm.request(block_read(), 0, out);
         uint64_t all = 0;
         for (const uint64_t n : farm.counts().injected) { all += n; }
         EXPECT_GE(farm.counts().of(row.kind), 1u);

@@ -144,3 +144,24 @@ TEST(Bmp, HasTheHeadAndTheOrderOfItsKind)
     narrow.insert(narrow.end(), {9, 8, 7, 12, 11, 10, 0, 0, 3, 2, 1, 6, 5, 4, 0, 0});
     EXPECT_EQ(bmp_of(pixels, 2, 2, 24), narrow);
 }
+
+TEST_F(Files, HoldWhatTheLoaderAndBlocksPutWhereTheUserSaysHowLarge)
+{
+    card_farm farm;
+    std::vector<reply_frame> out;
+    bytes staged(128); // two lines of 3 pixels, each padded to 64 bytes
+    const bytes pixels{0x55, 1,  2,  3,  0x55, 4,  5,  6,  0x55, 7,  8,  9,
+                       0x55, 11, 12, 13, 0x55, 14, 15, 16, 0x55, 17, 18, 19};
+    std::copy_n(pixels.begin(), 12, staged.begin());
+    std::copy_n(pixels.begin() + 12, 12, staged.begin() + 64);
+    farm.request(write_frame({.code = code_write, .addr = 0xF0000, .slot = 0}, staged), 0, out);
+    farm.request(write_frame({.code = code_write, .addr = 0xE0001, .slot = 0}, bytes{0, 0x20, 0, 0, 2, 0, 1}), 0, out);
+    farm.write_bus(0x10, bytes{0xAB});
+    const loaded_picture there{1, 0x2000, 3, 2}, elsewhere{0, 0x2000, 3, 2};
+    ASSERT_EQ(save_state(farm, folder, "card1", std::array{there, elsewhere}), "");
+    EXPECT_EQ(contents(folder / "card1-model0-slot0-memory1-00002000.bin"), staged);
+    EXPECT_EQ(contents(folder / "card1-model0-slot0-memory1-00002000.bmp"), bmp_of(pixels, 3, 2, 32));
+    EXPECT_FALSE(std::filesystem::exists(folder / "card1-model0-slot0-memory0-00002000.bmp"));
+    const bytes text = contents(folder / "card1-bus.txt");
+    EXPECT_NE(std::string(text.begin(), text.end()).find("00000010  ab\n"), std::string::npos);
+}

@@ -42,6 +42,11 @@ const wrong_case wrongs[] = {
     {{"--status-bytes", "2001"}, "--status-bytes: Value 2001"},
     {{"--processor", "0"}, "--processor: Value 0"},
     {{"--link", "card0", "--link", "card0"}, "--link: the same interface"},
+    {{"--loaded", "2:0:10x10"}, "--loaded: '2:0:10x10'"},
+    {{"--loaded", "0:0x:10x10"}, "--loaded: '0:0x:10x10'"},
+    {{"--loaded", "0:0:10x0"}, "--loaded: '0:0:10x0'"},
+    {{"--loaded", "0:0:70000x1"}, "--loaded: '0:0:70000x1'"},
+    {{"--loaded", "0:0:10x10x"}, "--loaded: '0:0:10x10x'"},
     {{"--frobnicate"}, "--frobnicate"},
     {{"card0"}, "card0"},
     {{"--seed", "x"}, "--seed = x"},
@@ -76,6 +81,22 @@ TEST(Options, ReachTheRecord)
     const auto none = parsed({});
     ASSERT_TRUE(none.given);
     EXPECT_EQ(none.given->links, std::vector<std::string>{"card0"});
+}
+
+TEST(Options, OfLoadedPicturesAndBlocksReachTheirRecords)
+{
+    const auto all = parsed({"--loaded", "1:0x2000:1920x1080", "--loaded", "0:64:8x4", "--lvds-wrong-reads", "3",
+                             "--bus-responds", "--bus-data-lie", "2"});
+    ASSERT_TRUE(all.given) << all.text;
+    ASSERT_EQ(all.given->loaded.size(), 2u);
+    const loaded_picture &first = all.given->loaded[0], &second = all.given->loaded[1];
+    EXPECT_EQ((std::vector<unsigned>{first.memory, first.addr, first.hor, first.ver}),
+              (std::vector<unsigned>{1, 0x2000, 1920, 1080}));
+    EXPECT_EQ((std::vector<unsigned>{second.memory, second.addr, second.hor, second.ver}),
+              (std::vector<unsigned>{0, 64, 8, 4}));
+    EXPECT_EQ(all.given->behaviour.lvds_wrong_reads, 3u);
+    EXPECT_TRUE(all.given->behaviour.bus_responds);
+    EXPECT_EQ(all.given->faults.bus_data_lie.next, 2u);
 }
 
 TEST(Options, OfRegistersReachTheirRecord)

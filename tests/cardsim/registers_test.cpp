@@ -215,3 +215,18 @@ TEST(Registers, AStartOfTheDemoIsNoted)
     EXPECT_EQ(b.write(1, 0xA0, {1}), "11/0/0"); // out of order, which the FPGA does not mind
     EXPECT_EQ(check_playback(b.farm.playback()), "'a0 := 01' in the place of 'a7 := 01'");
 }
+
+TEST(Registers, TheLvdsStatusIsGoodBehindAsManyWrongOnesAsAsked)
+{
+    bench b;
+    EXPECT_EQ(b.read(1, lvds_register, 5), "00/0/5");
+    EXPECT_EQ(b.answer(), bytes(5)); // its memory
+    b.farm.set_behaviour({.lvds_wrong_reads = 2});
+    const bytes good(lvds_good.begin(), lvds_good.end()), wrong(lvds_wrong.begin(), lvds_wrong.end());
+    for (const bytes& expected : {wrong, wrong, good, good}) {
+        EXPECT_EQ(b.read(1, lvds_register, 5), "00/0/5");
+        EXPECT_EQ(b.answer(), expected);
+    }
+    EXPECT_EQ(b.read(2, lvds_register, 5), "00/0/5"); // of another slot
+    EXPECT_EQ(b.answer(), bytes(5));
+}

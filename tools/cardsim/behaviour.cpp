@@ -35,15 +35,16 @@ std::optional<misbehaviour> register_script::on_write(uint32_t addr, uint32_t ne
     return std::nullopt;
 }
 
-answer_rule register_script::on_read(uint16_t model, uint8_t slot, uint32_t addr) const
+answer_rule register_script::on_read(uint16_t model, uint8_t slot, uint32_t addr)
 {
-    if (addr == read_status_register) { return {{}, loaded.status_bytes, false}; }
+    if (addr == read_status_register) { return {{}, loaded.status_bytes}; }
     if (model != 0) { return {}; }
-    if (addr == generation_register && slot == generation_slot) {
-        return {loaded.generation, loaded.generation_bytes, false};
-    }
+    if (addr == generation_register && slot == generation_slot) { return {loaded.generation, loaded.generation_bytes}; }
     if (addr == readiness_register && slot == playback_slot) {
         return {loaded.readiness, loaded.readiness_bytes, loaded.readiness_silent};
+    }
+    if (addr == lvds_register && slot == lvds_slot && loaded.lvds_wrong_reads) {
+        return {.value{}, .block = use(*loaded.lvds_wrong_reads) ? lvds_wrong : lvds_good};
     }
     return {};
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <span>
 
 namespace rvk {
 
@@ -27,6 +28,12 @@ struct card_behaviour {
     uint64_t refuse_piece_times = 1;
     uint32_t silent_piece = 0;  // this piece is neither taken nor answered, however often it comes
     uint8_t refused_status = 2; // of both refusals
+
+    // Reads of the LVDS status block that are answered with a wrong one before the good one comes. Empty: what the
+    // register's memory holds.
+    std::optional<uint64_t> lvds_wrong_reads{};
+
+    bool bus_responds = false; // writes of the older block protocol are answered with a response
 };
 
 // What was done because the record says so; an odd value of a register is not counted.
@@ -40,6 +47,7 @@ struct answer_rule {
     std::optional<uint8_t> value;
     uint16_t bytes = 0; // 0: as many as were asked for
     bool silent = false;
+    std::span<const uint8_t> block{}; // the answer's first bytes
 };
 
 // Follows a record and counts down what it limits. Not thread-safe: its owner locks.
@@ -51,7 +59,7 @@ public:
     // What becomes of a write to this address in place of what it means.
     // next_piece  number of the firmware piece that the card expects, 0 when it expects none
     [[nodiscard]] std::optional<misbehaviour> on_write(uint32_t addr, uint32_t next_piece);
-    [[nodiscard]] answer_rule on_read(uint16_t model, uint8_t slot, uint32_t addr) const;
+    [[nodiscard]] answer_rule on_read(uint16_t model, uint8_t slot, uint32_t addr);
 
 private:
     card_behaviour loaded;

@@ -4,11 +4,13 @@
 
 #include "cardsim/checks.h"
 #include "cardsim/firmware.h"
+#include "cardsim/loader_port.h"
 #include "cardsim/memory.h"
 #include "cardsim/mistakes.h"
 #include "cardsim/picture_port.h"
 #include "cardsim/read_back.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -31,6 +33,7 @@ public:
     picture_memory pictures;
     picture_records buffers;
     firmware_port firmware;
+    std::array<loader_memory, loader_memories.size()> loaded;
 
     // The demo's buffer of which this write, once carried out, has ended the picture.
     [[nodiscard]] std::optional<uint8_t> demo_picture_ended(const request_fields& request) const;
@@ -40,6 +43,7 @@ private:
 
     picture_port demo_port{true}, other_port{false};
     read_back_port read_back;
+    std::array<loader_port, loader_memories.size()> loader;
 };
 
 } // namespace rvk

@@ -38,6 +38,10 @@ void card_farm::request(std::span<const uint8_t> frame, uint64_t now_us, std::ve
     scoped_lock hold(lock);
     release_due(now_us, out);
     trail.add(now_us, frame);
+    if (is_bus_packet(frame)) {
+        take_bus_packet(frame, now_us, out);
+        return;
+    }
     request_fields fields;
     if (note_request(frame, now_us, fields)) { carry_out(fields, now_us, out); }
 }
@@ -56,12 +60,17 @@ bool card_farm::note_request(std::span<const uint8_t> frame, uint64_t now_us, re
         counted.plain_writes += fields.code == code_write;
         counted.acknowledged_writes += fields.code == code_write_ack;
     }
+    record(frame, now_us, said, lost);
+    return good && !lost;
+}
+
+void card_farm::record(std::span<const uint8_t> frame, uint64_t now_us, verdict said, bool lost)
+{
     if (recorded.size() < record_max) {
         recorded.push_back({now_us, said, lost, {frame.begin(), frame.end()}});
     } else if (record_max > 0) {
         ++record_overflow;
     }
-    return good && !lost;
 }
 
 // The one place where a card acts.
@@ -145,6 +154,7 @@ bool card_farm::act_on_read(const request_fields& request, std::span<uint8_t> da
         return false;
     }
     if (rule.value) { data[0] = *rule.value; }
+    std::copy_n(rule.block.begin(), std::min(rule.block.size(), len), data.begin());
     if (rule.bytes == 0) { return true; }
     len = std::min<size_t>(rule.bytes, data.size());
     std::fill(data.begin() + 1, data.begin() + static_cast<std::ptrdiff_t>(len), stranger_fill);
@@ -186,6 +196,11 @@ void card_farm::spoil(reply_frame& reply)
         store_le16(len_field, len / 2);
     }
     close_reply(reply); // a lying card is in earnest: everything else about its frame is right
+    damage(reply);
+}
+
+void card_farm::damage(reply_frame& reply)
+{
     if (happens(fault::corrupt)) {
         const uint32_t bits = static_cast<uint32_t>(reply.length - checksummed_from) * 8;
         const uint32_t bit = dice.below(fault::corrupt, bits);

@@ -9,6 +9,7 @@
 
 #include "base/mutex.h"
 #include "cardsim/behaviour.h"
+#include "cardsim/bus_memory.h"
 #include "cardsim/card.h"
 #include "cardsim/counts.h"
 #include "cardsim/faults.h"
@@ -81,6 +82,17 @@ public:
     [[nodiscard]] std::vector<firmware_file> firmware(card_id card) const RVK_EXCLUDES(lock);
     [[nodiscard]] firmware_progress transfer(card_id card) const RVK_EXCLUDES(lock);
 
+    // What the picture loader put into memory 0 or 1 of a card: where, and the bytes there. By byte: 8 times the
+    // loader's addresses.
+    [[nodiscard]] std::vector<extent> loaded(card_id card, size_t memory) const RVK_EXCLUDES(lock);
+    [[nodiscard]] std::vector<uint8_t> read_loaded(card_id card, size_t memory, uint64_t at, size_t len) const
+        RVK_EXCLUDES(lock);
+
+    // The memory behind the older block protocol, which belongs to no card, for presetting and for comparing.
+    void write_bus(uint32_t addr, std::span<const uint8_t> bytes) RVK_EXCLUDES(lock);
+    [[nodiscard]] std::vector<uint8_t> read_bus(uint32_t addr, size_t len) const RVK_EXCLUDES(lock);
+    [[nodiscard]] std::vector<extent> written_bus() const RVK_EXCLUDES(lock);
+
     // How the demo was started, as lines that check_playback() takes.
     [[nodiscard]] std::vector<std::string> playback() const RVK_EXCLUDES(lock);
 
@@ -102,6 +114,13 @@ private:
         std::vector<uint8_t> bytes;
     };
 
+    void record(std::span<const uint8_t> frame, uint64_t now_us, verdict said, bool lost) RVK_REQUIRES(lock);
+    void take_bus_packet(std::span<const uint8_t> packet, uint64_t now_us, std::vector<reply_frame>& out)
+        RVK_REQUIRES(lock);
+    bool act_on_bus(const bus_request& request, reply_frame& answer) RVK_REQUIRES(lock);
+    void answer_bus_read(const bus_request& request, reply_frame& answer) RVK_REQUIRES(lock);
+    void spoil_bus(reply_frame& answer) RVK_REQUIRES(lock);
+    void damage(reply_frame& reply) RVK_REQUIRES(lock);
     bool note_request(std::span<const uint8_t> frame, uint64_t now_us, request_fields& fields) RVK_REQUIRES(lock);
     void carry_out(const request_fields& request, uint64_t now_us, std::vector<reply_frame>& out) RVK_REQUIRES(lock);
     bool act_on_write(const request_fields& request, uint8_t& status) RVK_REQUIRES(lock);
@@ -127,6 +146,7 @@ private:
     farm_counts counted RVK_GUARDED_BY(lock);
     register_script script RVK_GUARDED_BY(lock);
     std::map<card_id, sim_card> all RVK_GUARDED_BY(lock);
+    card_memory block_memory RVK_GUARDED_BY(lock);
     playback_log played RVK_GUARDED_BY(lock);
     std::vector<held_reply> held RVK_GUARDED_BY(lock);
     std::vector<recorded_request> recorded RVK_GUARDED_BY(lock);

@@ -110,6 +110,41 @@ firmware_progress card_farm::transfer(card_id card) const
     return found == nullptr ? firmware_progress{} : found->firmware.progress();
 }
 
+std::vector<extent> card_farm::loaded(card_id card, size_t memory) const
+{
+    scoped_lock hold(lock);
+    const sim_card* found = find(card);
+    return found == nullptr ? std::vector<extent>{} : found->loaded[memory].written.list();
+}
+
+std::vector<uint8_t> card_farm::read_loaded(card_id card, size_t memory, uint64_t at, size_t len) const
+{
+    std::vector<uint8_t> bytes(len);
+    scoped_lock hold(lock);
+    if (const sim_card* found = find(card)) { found->loaded[memory].pages.read(at, bytes); }
+    return bytes;
+}
+
+void card_farm::write_bus(uint32_t addr, std::span<const uint8_t> bytes)
+{
+    scoped_lock hold(lock);
+    block_memory.write(addr, bytes);
+}
+
+std::vector<uint8_t> card_farm::read_bus(uint32_t addr, size_t len) const
+{
+    std::vector<uint8_t> bytes(len);
+    scoped_lock hold(lock);
+    block_memory.read(addr, bytes);
+    return bytes;
+}
+
+std::vector<extent> card_farm::written_bus() const
+{
+    scoped_lock hold(lock);
+    return block_memory.written();
+}
+
 std::vector<std::string> card_farm::playback() const
 {
     scoped_lock hold(lock);

@@ -16,6 +16,7 @@ namespace rvk {
 struct farm_counts {
     uint64_t received = 0;                                         // frames of any kind
     uint64_t reads = 0, plain_writes = 0, acknowledged_writes = 0; // good requests, those that a fault lost included
+    uint64_t bus_reads = 0, bus_writes = 0;                        // good packets of the older block protocol, likewise
     uint64_t bytes_written = 0;                                    // into the cards' memories
     uint64_t replies = 0;                           // frames handed out, duplicates, foreign frames and runts included
     std::array<uint64_t, verdict_count> verdicts{}; // frames by what the check said; use the functions below

@@ -28,6 +28,22 @@ constexpr fault_row table[fault_count] = {
     {fault::delay, "delay", &card_faults::delay, "an answer arrives late"},
     {fault::reorder, "reorder", &card_faults::reorder,
      "an answer arrives behind the next one, or 5 ms late when none comes"},
+    {fault::bus_refused, "bus-refused", &card_faults::bus_refused,
+     "a bus-block read is answered with the wrong status in place of data"},
+    {fault::bus_no_data, "bus-no-data", &card_faults::bus_no_data,
+     "a bus-block read is answered as good, without data"},
+    {fault::bus_data_short, "bus-data-short", &card_faults::bus_data_short,
+     "a bus-block answer has half of the data, and says so"},
+    {fault::bus_data_lie, "bus-data-lie", &card_faults::bus_data_lie,
+     "a bus-block answer has half of the data, and says it is all"},
+    {fault::bus_length_lie, "bus-length-lie", &card_faults::bus_length_lie,
+     "a bus-block answer says that it is 100 bytes longer than it is"},
+    {fault::bus_wrong_type, "bus-wrong-type", &card_faults::bus_wrong_type,
+     "a bus-block answer is neither data nor a response"},
+    {fault::bus_wrong_addr, "bus-wrong-addr", &card_faults::bus_wrong_addr,
+     "a bus-block answer is about another address"},
+    {fault::bus_wrong_dest, "bus-wrong-dest", &card_faults::bus_wrong_dest,
+     "a bus-block answer is not sent to the controller"},
 };
 
 constexpr bool in_order()

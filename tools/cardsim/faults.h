@@ -53,6 +53,17 @@ struct card_faults {
     occurrence delay{};      // the answer arrives delay_ms late
     occurrence reorder{};    // the answer arrives behind the link's next one, or 5 ms late when none comes
 
+    // Answers to reads of the older block protocol; of the four that change what one holds, the first that happens
+    // excludes the rest. Those above that damage an answer's bytes or its arrival strike these answers too.
+    occurrence bus_refused{};    // a response with wrong_status in place of the data
+    occurrence bus_no_data{};    // a response that says it is good, in place of the data
+    occurrence bus_data_short{}; // half of the data, and says so
+    occurrence bus_data_lie{};   // half of the data, and says that it is all
+    occurrence bus_length_lie{}; // the packet says that it is 100 bytes longer than it is
+    occurrence bus_wrong_type{}; // neither data nor a response
+    occurrence bus_wrong_addr{}; // of another address
+    occurrence bus_wrong_dest{}; // sent to an address that is not the controller's
+
     uint8_t wrong_status = 2;
     uint16_t oversized_len = 1401; // at most reply_data_max
     uint32_t delay_ms = 120;       // longer than the 3 ticks of 30 ms after which a request is resent
@@ -77,8 +88,16 @@ enum class fault : uint8_t {
     duplicate,
     delay,
     reorder,
+    bus_refused,
+    bus_no_data,
+    bus_data_short,
+    bus_data_lie,
+    bus_length_lie,
+    bus_wrong_type,
+    bus_wrong_addr,
+    bus_wrong_dest,
 };
-inline constexpr size_t fault_count = static_cast<size_t>(fault::reorder) + 1;
+inline constexpr size_t fault_count = static_cast<size_t>(fault::bus_wrong_dest) + 1;
 
 // A row per fault, in the order of the enumeration: the name is that of the option and of the summary.
 struct fault_row {

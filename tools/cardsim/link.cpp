@@ -21,7 +21,7 @@ namespace rvk {
 namespace {
 
 constexpr size_t batch_frames = 64; // frames per system call
-constexpr size_t frame_room = 2048; // a longer frame is cut, and refused as longer than its len
+constexpr size_t frame_room = 8192; // a longer frame is cut, and refused as longer than it says
 constexpr int idle_ms = 50;         // how long a quiet thread sleeps before it looks whether it is to stop
 constexpr size_t links_max = 8;
 

@@ -44,7 +44,9 @@ bool save(const cardsim_options& options, std::list<served_link>& links)
 {
     if (options.state_folder.empty()) { return true; }
     bool good = true;
-    for (served_link& l : links) { good = !complained(save_state(l.farm, options.state_folder, l.name)) && good; }
+    for (served_link& l : links) {
+        good = !complained(save_state(l.farm, options.state_folder, l.name, options.loaded)) && good;
+    }
     return good;
 }
 

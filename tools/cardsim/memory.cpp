@@ -9,7 +9,7 @@ constexpr uint64_t address_end = uint64_t{1} << 32;
 
 } // namespace
 
-void card_memory::note_written(uint64_t first, uint64_t end)
+void extent_list::note(uint64_t first, uint64_t end)
 {
     auto next = extents.upper_bound(first);
     if (next != extents.begin() && std::prev(next)->second >= first) {
@@ -29,7 +29,7 @@ void card_memory::write(uint32_t addr, std::span<const uint8_t> bytes)
     while (!bytes.empty()) {
         const auto count = static_cast<size_t>(std::min<uint64_t>(bytes.size(), address_end - addr));
         pages.write(addr, bytes.first(count));
-        note_written(addr, uint64_t{addr} + count);
+        extents.note(addr, uint64_t{addr} + count);
         addr += static_cast<uint32_t>(count);
         bytes = bytes.subspan(count);
     }
@@ -45,7 +45,7 @@ void card_memory::read(uint32_t addr, std::span<uint8_t> out) const
     }
 }
 
-std::vector<extent> card_memory::written() const
+std::vector<extent> extent_list::list() const
 {
     std::vector<extent> result;
     result.reserve(extents.size());

@@ -18,19 +18,27 @@ struct extent {
     bool operator==(const extent&) const = default;
 };
 
+// Stretches that were written, ascending; neither overlapping nor touching.
+class extent_list {
+public:
+    void note(uint64_t first, uint64_t end);
+    [[nodiscard]] std::vector<extent> list() const;
+
+private:
+    std::map<uint64_t, uint64_t> extents; // first -> end
+};
+
 class card_memory {
 public:
     // Addresses run on from 0xFFFFFFFF to 0. Bytes never written read as 0.
     void write(uint32_t addr, std::span<const uint8_t> bytes);
     void read(uint32_t addr, std::span<uint8_t> out) const;
 
-    [[nodiscard]] std::vector<extent> written() const; // ascending; touching stretches are one
+    [[nodiscard]] std::vector<extent> written() const { return extents.list(); }
 
 private:
-    void note_written(uint64_t first, uint64_t end);
-
     sparse_pages<4096> pages;
-    std::map<uint64_t, uint64_t> extents; // first -> end; neither overlapping nor touching
+    extent_list extents;
 };
 
 } // namespace rvk

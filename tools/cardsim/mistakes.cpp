@@ -34,6 +34,18 @@ constexpr std::array<const char*, mistake_count> names{
     "firmware_head_size",
     "firmware_head_checksum",
     "firmware_head_not_zero",
+    "loader_data_order",
+    "loader_data_excess",
+    "loader_piece_abandoned",
+    "loader_command_length",
+    "loader_command_order",
+    "loader_command_value",
+    "bus_packet_length",
+    "bus_packet_type",
+    "bus_reserved_byte",
+    "bus_data_length",
+    "bus_checksum",
+    "bus_area_not_zero",
 };
 static_assert(names.back() != nullptr, "a name for each");
 

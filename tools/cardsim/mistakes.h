@@ -1,7 +1,7 @@
 // What a controller can do wrong with the registers that mean something: each by a name of its own, for counting.
 //
 // A card refuses a request with a mistake: it is not carried out, and answered, when it has an answer, with a status
-// of 1 and no data. The two of is_tolerated() are carried out and answered as good ones, and only counted.
+// of 1 and no data. Those of is_tolerated() are carried out and answered as good ones, and only counted.
 #pragma once
 
 #include <cstddef>
@@ -46,12 +46,31 @@ enum class mistake : uint8_t {
     firmware_head_size,      // the last piece, when the size in the head is not that of the image
     firmware_head_checksum,  // the last piece, when the checksum in the head is not that of the image
     firmware_head_not_zero,  // the last piece, when the rest of the head is not zero
+
+    // The picture loader's pieces. A wrong command drops its piece.
+    loader_data_order,      // not at the address behind the frame before, or behind a frame that was not full
+    loader_data_excess,     // more than 15,360 bytes in a piece
+    loader_piece_abandoned, // a piece begins while another has had no command; tolerated, the other is lost
+    loader_command_length,  // not 7 bytes
+    loader_command_order,   // a command without data before it
+    loader_command_value,   // not the piece's number of bursts, or a last byte that is not 1
+
+    // Packets of the older block protocol; none is answered.
+    bus_packet_length, // the length field is not the packet's length
+    bus_packet_type,   // neither a write nor a read
+    bus_reserved_byte, // not zero
+    bus_data_length,   // none, more than 8,000 bytes, or not what the data area holds
+    bus_checksum,
+    bus_area_not_zero, // behind a short write's data, or in a read's area
 };
-inline constexpr size_t mistake_count = static_cast<size_t>(mistake::firmware_head_not_zero) + 1;
+inline constexpr size_t mistake_count = static_cast<size_t>(mistake::bus_area_not_zero) + 1;
 
 [[nodiscard]] const char* name_of(mistake m); // as in the enumeration, for people
 
-constexpr bool is_tolerated(mistake m) { return m == mistake::picture_not_ended || m == mistake::read_status_skipped; }
+constexpr bool is_tolerated(mistake m)
+{
+    return m == mistake::picture_not_ended || m == mistake::read_status_skipped || m == mistake::loader_piece_abandoned;
+}
 constexpr bool is_refused(mistake m) { return m != mistake::none && !is_tolerated(m); }
 
 } // namespace rvk

@@ -25,6 +25,9 @@ constexpr const char* places =
     "first one first, are padded to 64 bytes and laid out 1400 bytes to each 1408, as read-backs take them: the "
     "picture\n"
     "that was put is the one got.\n"
+    "The picture loader's memories 0 and 1 (data ports 0xB0000 and 0xF0000) and the memory of bus blocks, one per "
+    "link,\n"
+    "lie apart from all that.\n"
     "What a card would refuse (order, sizes, checksums) is answered with status 1, not carried out, and named at the "
     "end.\n"
     "\n";
@@ -35,8 +38,10 @@ constexpr const char* fault_semantics =
     "the\n"
     "fault and the number of the chance, so the same seed brings the same faults again. Faults are decided in the "
     "order\n"
-    "listed, each on its own; of the four that change what a read is answered with, and of the three that change len,\n"
-    "the first excludes the rest. An answer is the reply to a read or an acknowledged write; plain writes have none.\n"
+    "listed, each on its own; of the four that change what a read is answered with (of either protocol), and of the "
+    "three\n"
+    "that change len, the first excludes the rest. An answer is the reply to a read or an acknowledged write; plain "
+    "writes have none.\n"
     "\n"
     "Exit status: 0 ended by a signal; 1 a link could not be opened or a file not be written; 2 wrong usage.";
 
@@ -107,6 +112,15 @@ void add_behaviour(CLI::App& app, card_behaviour& behaviour)
         ->group(registers_group);
     add_number(app, "--status-bytes", behaviour.status_bytes,
                "bytes that the status of a read-back (0xA0FFD) answers with, in place of one", 1, reply_data_max);
+    const auto take_lvds = [&behaviour](uint64_t reads) { behaviour.lvds_wrong_reads = reads; };
+    app.add_option_function<uint64_t>("--lvds-wrong-reads", take_lvds,
+                                      "reads of the LVDS status (0x30082 of slot 1) that get a wrong one, before the "
+                                      "good one [its memory]")
+        ->type_name("N")
+        ->check(between(0, 1'000'000))
+        ->group(registers_group);
+    app.add_flag("--bus-responds", behaviour.bus_responds, "answer bus-block writes with a response")
+        ->group(registers_group);
     add_number(app, "--refuse-register", behaviour.refuse_register,
                "refuse the N-th register of a firmware transfer's file information", 1, firmware_registers.size());
     add_number(app, "--refuse-register-times", behaviour.refuse_register_times, "so many times [1]", 1, 1'000'000);
@@ -126,6 +140,21 @@ void add_options(CLI::App& app, cardsim_options& options)
                    "on SIGUSR1 and at the end, write what the cards hold below this folder: a text file per card,\n"
                    "pictures as BMP, firmware images as they were before their head")
         ->type_name("DIR");
+    const auto take_loaded = [&options](const std::vector<std::string>& texts) {
+        for (const std::string& text : texts) {
+            const auto picture = parse_loaded(text);
+            if (!picture) {
+                throw CLI::ValidationError("--loaded",
+                                           "'" + text + "' is not MEMORY:ADDR:WxH, as in 1:0x2000:1920x1080");
+            }
+            options.loaded.push_back(*picture);
+        }
+    };
+    app.add_option_function<std::vector<std::string>>(
+           "--loaded", take_loaded,
+           "with --state, also write what the picture loader put into memory 0 or 1, at this address of its own,\n"
+           "as a picture of this size, which cards are not told (MEMORY:ADDR:WxH, 0:0x2000:1920x1080); may be repeated")
+        ->type_name("PICTURE");
     app.add_option("--pcap", options.pcap_folder, "at the end, write the last frames of each link to DIR/LINK.pcap")
         ->type_name("DIR");
     app.add_option("--pcap-frames", options.pcap_frames, "how many frames that is, at most 1000000")
@@ -156,6 +185,26 @@ std::optional<occurrence> parse_occurrence(const std::string& text)
     const auto [rest, error] = std::from_chars(text.data(), end, part);
     if (error != std::errc{} || rest != end || !(part >= 0 && part <= 1)) { return std::nullopt; }
     return occurrence(part);
+}
+
+std::optional<loaded_picture> parse_loaded(const std::string& text)
+{
+    loaded_picture p;
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    const auto take = [&](auto& value, int base, const char* behind) {
+        const auto [rest, error] = std::from_chars(at, end, value, base);
+        const bool ends = behind == nullptr ? rest == end : rest != end && *rest == *behind;
+        at = rest + (behind == nullptr ? 0 : 1);
+        return error == std::errc{} && ends;
+    };
+    const auto take_addr = [&] {
+        const bool hexadecimal = end - at > 2 && at[0] == '0' && (at[1] | 0x20) == 'x';
+        at += hexadecimal ? 2 : 0;
+        return take(p.addr, hexadecimal ? 16 : 10, ":");
+    };
+    if (!take(p.memory, 10, ":") || !take_addr() || !take(p.hor, 10, "x") || !take(p.ver, 10, nullptr)) { return {}; }
+    return p.memory < loader_memories.size() && p.hor > 0 && p.ver > 0 ? std::optional(p) : std::nullopt;
 }
 
 parsed_options parse_options(int argc, const char* const* argv)

@@ -3,6 +3,7 @@
 
 #include "cardsim/behaviour.h"
 #include "cardsim/faults.h"
+#include "cardsim/loader_port.h"
 
 #include <optional>
 #include <string>
@@ -13,7 +14,8 @@ namespace rvk {
 struct cardsim_options {
     std::vector<std::string> links{"card0"};
     std::string state_folder; // empty: nothing is written
-    std::string pcap_folder;  // empty: no frames are kept
+    std::vector<loaded_picture> loaded;
+    std::string pcap_folder; // empty: no frames are kept
     size_t pcap_frames = 1000;
     int processor = -1;
     int priority = 0;
@@ -30,5 +32,8 @@ struct parsed_options {
 
 // "3": the next three; "0.05" or "1.0": this part of all. Result: empty when it is neither.
 [[nodiscard]] std::optional<occurrence> parse_occurrence(const std::string& text);
+
+// "1:0x2000:1920x1080": memory, address, size. Result: empty when it is something else.
+[[nodiscard]] std::optional<loaded_picture> parse_loaded(const std::string& text);
 
 } // namespace rvk

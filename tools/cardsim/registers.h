@@ -38,4 +38,9 @@ inline constexpr uint32_t readiness_register = 0x00F00009; // of the video-proce
 inline constexpr uint8_t not_ready = 0xFF;
 inline constexpr uint8_t playback_slot = 1;
 
+inline constexpr uint32_t lvds_register = 0x30082; // status block of the LVDS link: model 0, slot 1
+inline constexpr uint8_t lvds_slot = 1;
+inline constexpr std::array<uint8_t, 5> lvds_good{0x01, 0x80, 0x07, 0x38, 0x04};
+inline constexpr std::array<uint8_t, 5> lvds_wrong{0x00, 0x80, 0x07, 0x38, 0x04};
+
 } // namespace rvk

@@ -13,7 +13,7 @@
 namespace rvk {
 
 inline constexpr size_t reply_data_max = 2000; // ours: more than any card gives, so that too much can be sent
-inline constexpr size_t reply_room = 2048;     // ours: header, the data above, checksum, trailing bytes
+inline constexpr size_t reply_room = 8192;     // ours: a packet of the older block protocol, trailing bytes
 
 // One frame on its way out. Thousands are made: nothing behind `length` is ever cleared or copied.
 struct reply_frame {

@@ -3,6 +3,7 @@
 
 #include "cardsim/cards.h"
 
+#include <span>
 #include <string>
 
 namespace rvk {
@@ -13,9 +14,14 @@ namespace rvk {
 //   BASE-ADDRESS.bin    a stretch of more than 64 KiB, which the text names
 //   BASE-bufferN.bmp    a picture that is whole, 32 bits a pixel, as the daemon's read-back writes it
 //   BASE-bufferN-incomplete.bmp   what there is of one that is not
+//   BASE-memoryM-ADDRESS.bin     a stretch of memory M that the picture loader wrote, at this address of its own
+//   BASE-memoryM-ADDRESS.bmp     the picture that lies there, of those asked for in `loaded`
 //   BASE-firmwareN.bin  a firmware image that was acknowledged to its last byte, without its head; N counts from 1
-// Result: empty, or one line that says what was wrong.
-[[nodiscard]] std::string save_state(const card_farm& farm, const std::string& folder, const std::string& link);
+// and, for the older block protocol, LINK-bus.txt and LINK-bus-ADDRESS.bin, in the manner of the registers.
+// loaded  a card that has nothing at one's place leaves it out
+// Result  empty, or one line that says what was wrong
+[[nodiscard]] std::string save_state(const card_farm& farm, const std::string& folder, const std::string& link,
+                                     std::span<const loaded_picture> loaded = {});
 
 // What came, what was refused and what was done wrong on purpose: a few lines for a person, each beginning with LINK.
 [[nodiscard]] std::string summary(const card_farm& farm, const std::string& link);

@@ -3,9 +3,9 @@
 #include "rvkctl/command_line.h"
 
 #include "ap_msg/message.h"
+#include "command/values.h"
 #include "platform/platform.h"
 #include "rvkctl/subcommands.h"
-#include "rvkctl/values.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

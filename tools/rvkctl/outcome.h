@@ -2,6 +2,8 @@
 // throw a failure; main presents the one or the other.
 #pragma once
 
+#include "command/failure.h"
+
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -9,26 +11,7 @@
 
 namespace rvk::ctl {
 
-enum class problem {
-    none,
-    wrong_usage,
-    no_directory,
-    no_socket,
-    nobody_listening,
-    no_permission,
-    queue_full,
-    no_answer,
-    identity_taken,
-    endpoint_error, // anything else that the messaging service said
-    refused,        // the daemon or the card said no
-    short_answer    // the card sent less than was asked for
-};
-
-// Thrown by whatever cannot go on; the text is one line for a person: what was wrong, with the value, and what to do.
-struct failure {
-    problem what;
-    std::string text;
-};
+using namespace tool; // failures and values are every tool's
 
 // Everything that a run has to say.
 struct outcome {

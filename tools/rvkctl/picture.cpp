@@ -4,8 +4,8 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "command/values.h"
 #include "rvkctl/file_watch.h"
-#include "rvkctl/values.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,7 +2,7 @@
 #include "rvkctl/commands.h"
 
 #include "ap_msg/message.h"
-#include "rvkctl/values.h"
+#include "command/values.h"
 
 namespace rvk::ctl {
 namespace {

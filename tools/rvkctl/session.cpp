@@ -3,8 +3,8 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "command/values.h"
 #include "platform/local/endpoint.h"
-#include "rvkctl/values.h"
 
 #include <algorithm>
 #include <cstring>

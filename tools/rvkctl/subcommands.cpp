@@ -2,16 +2,14 @@
 // range.
 #include "rvkctl/subcommands.h"
 
-#include "rvkctl/values.h"
+#include "command/values.h"
 
 #include <CLI/CLI.hpp>
 
 namespace rvk::ctl {
 namespace {
 
-constexpr uint64_t side_max = 65'535;           // card
-constexpr uint64_t pixels_max = (1u << 29) - 1; // daemon
-constexpr uint64_t buffer_max = UINT8_MAX;      // card: what its control block has room for
+constexpr uint64_t buffer_max = UINT8_MAX; // card: what its control block has room for
 
 void add_card_options(CLI::App& command, raw_text& raw)
 {
@@ -41,27 +39,9 @@ write_options write_options_of(const raw_text& raw)
     out.slot = static_cast<uint8_t>(number_in("SLOT", raw.slot, 0, UINT8_MAX));
     out.addr = static_cast<uint32_t>(number_in("ADDR", raw.addr, 0, UINT32_MAX));
     out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
-    const uint64_t most = uint64_t{UINT32_MAX} + 1 - out.addr;
-    out.bytes = raw.file.empty() ? bytes_of_hex(raw.bytes) : bytes_of_file(raw.file, most);
-    if (out.bytes.size() > most) {
-        throw failure{problem::wrong_usage, format("%zu bytes from 0x%08x on run past the last address, 0xffffffff",
-                                                   out.bytes.size(), out.addr)};
-    }
+    out.bytes = raw.file.empty() ? bytes_of_hex("BYTES", raw.bytes) : bytes_of_file(raw.file, room_from(out.addr));
+    check_room(out.addr, out.bytes.size());
     return out;
-}
-
-// WxH in pixels.
-void take_size(const std::string& text, picture_options& out)
-{
-    const size_t by = text.find('x', text.starts_with("0x") ? 2 : 0);
-    if (by == std::string::npos) {
-        throw failure{problem::wrong_usage, "--size \"" + text + "\": give WxH, as 3840x2160"};
-    }
-    out.hor = static_cast<uint32_t>(number_in("width of --size", text.substr(0, by), 0, side_max));
-    out.ver = static_cast<uint32_t>(number_in("height of --size", text.substr(by + 1), 0, side_max));
-    if (uint64_t{out.hor} * out.ver > pixels_max) {
-        throw failure{problem::wrong_usage, "--size \"" + text + "\": a picture has at most 536870911 pixels"};
-    }
 }
 
 picture_options picture_options_of(const raw_text& raw, const char* where_name, uint64_t where_max)
@@ -70,7 +50,9 @@ picture_options picture_options_of(const raw_text& raw, const char* where_name, 
     out.slot = static_cast<uint8_t>(number_in("--slot", raw.slot.empty() ? "1" : raw.slot, 0, UINT8_MAX));
     out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
     out.where = static_cast<uint32_t>(number_in(where_name, raw.where, 0, where_max));
-    take_size(raw.size, out);
+    const picture_size size = size_in("--size", raw.size, 0);
+    out.hor = size.hor;
+    out.ver = size.ver;
     out.file = raw.file;
     return out;
 }

@@ -4,7 +4,7 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
-#include "rvkctl/values.h"
+#include "command/values.h"
 
 #include <algorithm>
 #include <cerrno>

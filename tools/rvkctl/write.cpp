@@ -3,7 +3,7 @@
 #include "rvkctl/commands.h"
 
 #include "ap_msg/message.h"
-#include "rvkctl/values.h"
+#include "command/values.h"
 
 #include <algorithm>
 #include <optional>

@@ -1,7 +1,7 @@
 // See the header.
-#include "rvkctl/values.h"
+#include "command/values.h"
 
-#include "rvkctl/outcome.h"
+#include "command/failure.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,11 +14,13 @@
 #include <memory>
 #include <new>
 
-namespace rvk::ctl {
+namespace rvk::tool {
 namespace {
 
 constexpr size_t dump_line_bytes = 16;
 constexpr size_t file_step_bytes = 64 * 1024;
+constexpr uint64_t side_max = 65'535;           // card
+constexpr uint64_t pixels_max = (1u << 29) - 1; // daemon
 
 // -1: not a hex digit.
 int hex_digit(char c)
@@ -28,12 +30,15 @@ int hex_digit(char c)
     return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
-bool parse(const std::string& text, uint64_t& out)
+bool has_hex_prefix(const std::string& text) { return text.size() > 1 && text[0] == '0' && (text[1] | 0x20) == 'x'; }
+
+// base  of a number without 0x
+bool parse(const std::string& text, uint64_t base, uint64_t& out)
 {
-    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] | 0x20) == 'x';
-    const uint64_t base = hex ? 16 : 10;
+    const bool prefix = text.size() > 2 && has_hex_prefix(text);
+    if (prefix) { base = 16; }
     out = 0;
-    for (const char c : text.substr(hex ? 2 : 0)) {
+    for (const char c : text.substr(prefix ? 2 : 0)) {
         const int digit = hex_digit(c);
         if (digit < 0 || static_cast<uint64_t>(digit) >= base || out > UINT64_MAX / base - 1) { return false; }
         out = out * base + static_cast<uint64_t>(digit);
@@ -41,20 +46,20 @@ bool parse(const std::string& text, uint64_t& out)
     return !text.empty();
 }
 
-void append_word(const std::string& word, std::vector<uint8_t>& out)
+void append_word(const std::string& name, const std::string& word, std::vector<uint8_t>& out)
 {
-    if (word.size() > 1 && word[0] == '0' && (word[1] | 0x20) == 'x') {
+    const std::string named = name + " \"" + word + "\": ";
+    if (has_hex_prefix(word)) {
         throw failure{problem::wrong_usage,
-                      "BYTES \"" + word + "\": give hex digits in memory order, lowest address first, without 0x"};
+                      named + "give hex digits in memory order, lowest address first, without 0x"};
     }
     if (const auto wrong = std::find_if(word.begin(), word.end(), [](char c) { return hex_digit(c) < 0; });
         wrong != word.end()) {
-        throw failure{problem::wrong_usage, "BYTES \"" + word + "\": '" + *wrong + "' is not a hex digit"};
+        throw failure{problem::wrong_usage, named + "'" + *wrong + "' is not a hex digit"};
     }
     if (word.size() % 2 != 0) {
         throw failure{problem::wrong_usage,
-                      format("BYTES \"%s\": %zu hex digits are no whole number of bytes, give two for each",
-                             word.c_str(), word.size())};
+                      named + format("%zu hex digits are no whole number of bytes, give two for each", word.size())};
     }
     for (size_t i = 0; i < word.size(); i += 2) {
         out.push_back(static_cast<uint8_t>(hex_digit(word[i]) << 4 | hex_digit(word[i + 1])));
@@ -90,23 +95,54 @@ void append_dump_line(std::string& out, uint64_t addr, std::span<const uint8_t> 
 uint64_t number_in(const char* name, const std::string& text, uint64_t least, uint64_t most)
 {
     uint64_t value = 0;
-    if (parse(text, value) && value >= least && value <= most) { return value; }
+    if (parse(text, 10, value) && value >= least && value <= most) { return value; }
     throw failure{problem::wrong_usage,
                   format("%s \"%s\": give a number from %" PRIu64 " to %" PRIu64 " (0x%" PRIx64 "), decimal or 0x…",
                          name, text.c_str(), least, most, most)};
 }
 
-std::vector<uint8_t> bytes_of_hex(const std::vector<std::string>& words)
+uint64_t hex_number_in(const char* name, const std::string& text, uint64_t least, uint64_t most)
+{
+    uint64_t value = 0;
+    if (parse(text, 16, value) && value >= least && value <= most) { return value; }
+    throw failure{problem::wrong_usage,
+                  format("%s \"%s\": give a hexadecimal number from %" PRIx64 " to %" PRIx64 " (%" PRIu64 " decimal)",
+                         name, text.c_str(), least, most, most)};
+}
+
+picture_size size_in(const char* name, const std::string& text, uint32_t least)
+{
+    const size_t by = text.find('x', text.starts_with("0x") ? 2 : 0);
+    if (by == std::string::npos) {
+        throw failure{problem::wrong_usage, format("%s \"%s\": give WxH, as 3840x2160", name, text.c_str())};
+    }
+    const auto side = [&](const char* which, const std::string& part) {
+        return static_cast<uint32_t>(number_in(format("%s of %s", which, name).c_str(), part, least, side_max));
+    };
+    const picture_size size{side("width", text.substr(0, by)), side("height", text.substr(by + 1))};
+    if (uint64_t{size.hor} * size.ver <= pixels_max) { return size; }
+    throw failure{problem::wrong_usage,
+                  format("%s \"%s\": a picture has at most 536870911 pixels", name, text.c_str())};
+}
+
+void check_room(uint32_t addr, uint64_t bytes)
+{
+    if (bytes <= room_from(addr)) { return; }
+    throw failure{problem::wrong_usage,
+                  format("%" PRIu64 " bytes from 0x%08x on run past the last address, 0xffffffff", bytes, addr)};
+}
+
+std::vector<uint8_t> bytes_of_hex(const char* name, const std::vector<std::string>& words)
 {
     std::vector<uint8_t> out;
     for (const std::string& argument : words) {
         for (size_t at = 0; at < argument.size();) {
             const size_t end = std::min(argument.find_first_of(" \t\n", at), argument.size());
-            append_word(argument.substr(at, end - at), out);
+            append_word(name, argument.substr(at, end - at), out);
             at = end + 1;
         }
     }
-    if (out.empty()) { throw failure{problem::wrong_usage, "BYTES are empty: nothing to write"}; }
+    if (out.empty()) { throw failure{problem::wrong_usage, std::string(name) + " is empty: nothing to write"}; }
     return out;
 }
 
@@ -190,4 +226,4 @@ std::string format(const char* text, ...)
     return {made, static_cast<size_t>(length)};
 }
 
-} // namespace rvk::ctl
+} // namespace rvk::tool

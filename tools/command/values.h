@@ -1,4 +1,5 @@
-// What people type, and what they read: numbers, bytes, dumps.
+// What people type, and what they read: numbers, bytes, files, dumps. Shared by the tools that have a command line;
+// each refusal is a failure of wrong usage that names the argument, its value, and what to give instead. Any thread.
 #pragma once
 
 #include <chrono>
@@ -7,15 +8,28 @@
 #include <string>
 #include <vector>
 
-namespace rvk::ctl {
+namespace rvk::tool {
 
 // A decimal or 0x… number from least to most; throws a failure that names it, its value and the range.
 uint64_t number_in(const char* name, const std::string& text, uint64_t least, uint64_t most);
 
-// Bytes as hex digits in memory order, each word a whole number of bytes; throws a failure.
-std::vector<uint8_t> bytes_of_hex(const std::vector<std::string>& words);
+// The same of hexadecimal numbers, whose 0x may be left out.
+uint64_t hex_number_in(const char* name, const std::string& text, uint64_t least, uint64_t most);
 
-// The bytes of a file, at least one and at most `most`; throws a failure.
+// WxH in pixels, each side from least to 65,535 and less than 2^29 together; throws a failure.
+struct picture_size {
+    uint32_t hor, ver;
+};
+picture_size size_in(const char* name, const std::string& text, uint32_t least);
+
+// How many bytes there are from an address on, and a failure when it is less than these.
+constexpr uint64_t room_from(uint32_t addr) { return uint64_t{UINT32_MAX} + 1 - addr; }
+void check_room(uint32_t addr, uint64_t bytes);
+
+// Bytes as hex digits in memory order, each word a whole number of bytes; throws a failure.
+std::vector<uint8_t> bytes_of_hex(const char* name, const std::vector<std::string>& words);
+
+// The bytes of a file, at least one; of a larger one than `most` somewhat more than that. Throws a failure.
 std::vector<uint8_t> bytes_of_file(const std::string& path, uint64_t most);
 
 // Writes a file anew; throws a failure.
@@ -52,4 +66,4 @@ private:
 // printf into a string.
 std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
 
-} // namespace rvk::ctl
+} // namespace rvk::tool

@@ -1,0 +1,233 @@
+// See the headers. Messages begin with the operation's name and the source line, also where a helper of this file logs
+// them. One packet lies on the stack at a time; data is copied once on its way out and once on its way in. Nothing is
+// resent in pieces: a block that failed is repeated whole, within the bounds that stand below.
+#include "eth_raw/bus_block.h"
+
+#include "base/bytes.h"
+#include "eth_raw/bus_packet.h"
+#include "eth_raw/bus_semaphore.h"
+#include "main/log.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <span>
+#include <sys/socket.h>
+
+namespace rvk {
+namespace {
+
+static_assert(bus_links == MAX_ETH);
+constexpr int write_attempts = 3, read_attempts = 10, answer_tries = 10; // ours
+constexpr int32_t read_refused = -2;
+constexpr uint32_t piece_bytes = bus_data_max;
+
+int32_t check_parameters(const char* operation, const xfer* handle, uint32_t length, const void* data)
+{
+    if (handle == nullptr || handle->sock_fd < 1 || handle->sll == nullptr) {
+        log_print(LOG_HERE, "%s:%d:invalid parameter(xfer).\n", operation, __LINE__);
+        return -1;
+    }
+    if (data == nullptr) {
+        log_print(LOG_HERE, "%s:%d:invalid parameter(data).\n", operation, __LINE__);
+        return -1;
+    }
+    if (length > bus_block_max) {
+        log_print(LOG_HERE, "%s:%d:invalid parameter(length).\n", operation, __LINE__);
+        return -1;
+    }
+    return 0;
+}
+
+// Runs an operation under the semaphore until it succeeds. `name` is that of the operation tried.
+// Result: a failing semaphore's first, since nobody else can go on then; otherwise the last attempt's.
+template <class Operation>
+int32_t attempt(int attempts, const char* caller, const char* name, Operation operation)
+{
+    if (const int32_t result = semaphore_p(); result != 0) { return result; }
+    int32_t result = -1;
+    for (int i = 0; i < attempts && result != 0; ++i) { result = operation(); }
+    if (result != 0) { log_print(LOG_HERE, "%s:%d:%s() failed.\n", caller, __LINE__, name); }
+    const int32_t released = semaphore_v();
+    return released != 0 ? released : result;
+}
+
+int32_t take_response(const char* operation, std::span<const uint8_t> packet)
+{
+    if (packet[bus::type] != bus_response) { return -1; }
+    if (packet[bus::data] == 0) { return 1; }
+    log_print(LOG_HERE, "%s:%d:failed, ACK flag = %d.\n", operation, __LINE__, packet[bus::data]);
+    return -1;
+}
+
+// Nothing is copied unless the packet holds all that was asked for: `length` bounds what `destination` takes.
+int32_t take_read_back(const char* operation, std::span<const uint8_t> packet, uint32_t length, uint8_t* destination)
+{
+    if (packet[bus::type] == bus_response) {
+        if (packet[bus::data] == 0) { return 0; }
+        log_print(LOG_HERE, "%s:%d:read back failed, ACK flag = %d.\n", operation, __LINE__, packet[bus::data]);
+        return read_refused;
+    }
+    if (packet[bus::type] != bus_read_back || packet_length_judge(packet, length) != 0) { return -1; }
+    const uint32_t holds = load_le32(packet.data() + bus::length) - static_cast<uint32_t>(bus_packet_overhead);
+    if (holds < length) { return -1; } // less than it says
+    memcpy(destination, packet.data() + bus::data, length);
+    return 0;
+}
+
+int32_t read_piece(const char* operation, const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
+{
+    if (const int32_t result = send_request_message_func(handle, addr, length); result != 0) {
+        log_print(LOG_HERE, "%s:%d:send_request_message_func() failed(ret = %d).\n", operation, __LINE__, result);
+        return result;
+    }
+    for (int i = 0; i < answer_tries; ++i) {
+        const int32_t result = recv_read_back_message_func(handle, addr, length, destination);
+        if (result == 0) { return 0; }
+        if (result == read_refused) { return -1; }
+    }
+    log_print(LOG_HERE, "%s:%d:recv_read_back_message_func() failed.\n", operation, __LINE__);
+    return -1;
+}
+
+} // namespace
+
+int32_t Open_Eth_Raw(xfer* handles, int count)
+{
+    if (count < 0 || count > MAX_ETH) {
+        log_print(LOG_HERE, "invalid cnt(%d).\n", count);
+        return -1;
+    }
+    if (const int32_t result = netdev_init(g_eth_init, MAX_ETH); result != 0) {
+        log_print(LOG_HERE, "netdev_init() failed(%d).\n", result);
+        return -1;
+    }
+    if (const int32_t result = eth_raw_tranfser_set(g_eth_init, handles, count); result != 0) {
+        log_print(LOG_HERE, "%s:%d:eth_raw_tranfser_set() failed.\n", __func__, __LINE__);
+        return result;
+    }
+    return open_semaphore();
+}
+
+int32_t Close_Eth_Raw()
+{
+    del_semvalue();
+    return 0;
+}
+
+int32_t Write_FPGA_Bus_Block(const xfer* handle, uint32_t addr, uint32_t length, const uint8_t* data)
+{
+    if (check_parameters(__func__, handle, length, data) != 0) { return -1; }
+    return attempt(write_attempts, __func__, "write_process_func",
+                   [=] { return write_process_func(handle, addr, length, data); });
+}
+
+int32_t Read_FPGA_Bus_Block(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
+{
+    if (check_parameters(__func__, handle, length, destination) != 0) { return -1; }
+    return attempt(read_attempts, __func__, "read_process_func",
+                   [=] { return read_process_func(handle, addr, length, destination); });
+}
+
+int32_t netdev_init(eth_init* links, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        if (const int32_t result = init_netdev(&links[i], static_cast<unsigned>(i), __func__); result != 0) {
+            return result;
+        }
+    }
+    return 0;
+}
+
+int32_t eth_raw_tranfser_set(eth_init* links, xfer* handles, int count)
+{
+    if (links == nullptr || (handles == nullptr && count > 0)) { return -1; }
+    for (int i = 0; i < count; ++i) { handles[i] = {links[i].sock_fd, &links[i].sll}; }
+    return 0;
+}
+
+int32_t write_process_func(const xfer* handle, uint32_t addr, uint32_t length, const uint8_t* data)
+{
+    const uint32_t pieces = length / piece_bytes;
+    for (uint32_t i = 0; i < pieces; ++i) {
+        const uint32_t at = i * piece_bytes;
+        const int32_t result = send_message_func_unit(handle, addr + at, piece_bytes, data + at, bus_write);
+        if (result != 0) {
+            log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(i = %d, ret = %d).\n", __func__, __LINE__,
+                      static_cast<int>(i), result);
+            return result;
+        }
+    }
+    const uint32_t rest = length % piece_bytes;
+    if (rest == 0) { return 0; }
+    const uint32_t at = pieces * piece_bytes;
+    const int32_t result = send_message_func_unit(handle, addr + at, rest, data + at, bus_write);
+    if (result != 0) {
+        log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(ret = %d).\n", __func__, __LINE__, result);
+    }
+    return result;
+}
+
+int32_t read_process_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
+{
+    for (uint32_t at = 0; at < length; at += piece_bytes) {
+        const uint32_t n = std::min(length - at, piece_bytes);
+        if (const int32_t result = read_piece(__func__, handle, addr + at, n, destination + at); result != 0) {
+            return result;
+        }
+    }
+    return 0;
+}
+
+int32_t send_message_func_unit(const xfer* handle, uint32_t addr, uint32_t length, const uint8_t* data, uint8_t type)
+{
+    std::array<uint8_t, bus_packet_max> packet;
+    const size_t total = make_bus_request(&packet, addr, length, data, type);
+    if (total == 0) { return -1; }
+    const ssize_t sent = sendto(handle->sock_fd, packet.data(), total, 0,
+                                reinterpret_cast<const sockaddr*>(handle->sll), sizeof *handle->sll);
+    if (sent == static_cast<ssize_t>(total)) { return 0; }
+    if (sent < 0 && errno == EMSGSIZE) {
+        log_print(LOG_HERE, "packet of %zu bytes is longer than the link takes: set its MTU to 9000\n", total);
+    }
+    return -1;
+}
+
+int32_t send_request_message_func(const xfer* handle, uint32_t addr, uint32_t length)
+{
+    constexpr std::array<uint8_t, bus_data_min> zero{};
+    const int32_t result = send_message_func_unit(handle, addr, length, zero.data(), bus_read);
+    if (result != 0) { log_print(LOG_HERE, "send request packet failed!!!(ret : %d)\n", result); }
+    return result;
+}
+
+int32_t recv_message_func_unit(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination, uint8_t kind)
+{
+    std::array<uint8_t, bus_packet_max> buffer;
+    const ssize_t received = recvfrom(handle->sock_fd, buffer.data(), buffer.size(), 0, nullptr, nullptr);
+    if (received <= 0 || received > static_cast<ssize_t>(bus_answer_max)) { return -1; }
+    const std::span<const uint8_t> packet{buffer.data(), static_cast<size_t>(received)};
+    if (judge_packet(packet, addr) != 0) { return -1; }
+    switch (kind) {
+    case bus_response: return take_response(__func__, packet);
+    case bus_read_back: return take_read_back(__func__, packet, length, destination);
+    default: return 0;
+    }
+}
+
+int32_t recv_read_back_message_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
+{
+    const int32_t result = recv_message_func_unit(handle, addr, length, destination, bus_read_back);
+    if (result < 0 && result != read_refused) {
+        log_print(LOG_HERE, "%s:%d:recv_message_func_unit() failed(ret = %d).\n", __func__, __LINE__, result);
+    }
+    return result;
+}
+
+int32_t recv_response_message_func(const xfer* handle, uint32_t addr, uint32_t length)
+{
+    return recv_message_func_unit(handle, addr, length, nullptr, bus_response) == 1 ? 0 : -1;
+}
+
+} // namespace rvk

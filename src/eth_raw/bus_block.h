@@ -1,0 +1,32 @@
+// The older block link whole: rvkbus.h, and the steps that its block operations are made of. Owns nothing; the records
+// of the links are the link table's, the semaphore's identifier is bus_semaphore's. The steps are open for tests and
+// for the bench tool; other programs stay with rvkbus.h. None of the steps takes the semaphore.
+#pragma once
+
+#include "eth_raw/link.h"
+#include "eth_raw/rvkbus.h"
+
+#include <cstdint>
+
+namespace rvk {
+
+// Results 0 or negative unless said; parameters as in rvkbus.h, handles and pointers not null.
+int32_t netdev_init(eth_init* links, int count); // opens links 0 to count - 1, up to the first that fails
+int32_t eth_raw_tranfser_set(eth_init* links, xfer* handles, int count); // the handles keep pointers into `links`
+
+// A block in pieces of 8,000 bytes and the rest, once.
+int32_t write_process_func(const xfer* handle, uint32_t addr, uint32_t length, const uint8_t* data);
+int32_t read_process_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination);
+
+// One packet out. data: `length` bytes, at most 8,000, of a write (type 0); 64 of a read request (type 1).
+int32_t send_message_func_unit(const xfer* handle, uint32_t addr, uint32_t length, const uint8_t* data, uint8_t type);
+int32_t send_request_message_func(const xfer* handle, uint32_t addr, uint32_t length);
+
+// Waits for one packet and takes it as an answer about this address.
+// kind    2: read-back of `length` bytes, or the card's word that it is none; 3: response; another: only checked
+// Result  0; 1 for a good response; -1: not that answer; -2: the card refused the read
+int32_t recv_message_func_unit(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination, uint8_t kind);
+int32_t recv_read_back_message_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination);
+int32_t recv_response_message_func(const xfer* handle, uint32_t addr, uint32_t length); // 0 or -1
+
+} // namespace rvk

@@ -1,0 +1,208 @@
+// The way of a picture: the file, read whole; the card's pixels; lines at the card's stride; pieces of 15,360 bytes.
+// This DDR2Write and its two piece writers are the loader's own, since this FPGA takes pictures otherwise than those
+// that the file service writes to. Nothing is acknowledged: what a link loses or cannot send is missing in the picture.
+#include "raw_msg/load_picture.h"
+
+#include "base/bytes.h"
+#include "base/fd.h"
+#include "base/page_buffer.h"
+#include "base/pause.h"
+#include "eth_raw/frame.h"
+#include "main/log.h"
+#include "raw_msg/send_plain.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+
+namespace rvk {
+namespace {
+
+constexpr size_t pixel_bytes = 4;                  // card: 'U', red, green, blue
+constexpr uint8_t pixel_mark = 0x55;               // card
+constexpr size_t burst_bytes = 64;                 // card: 512 bits
+constexpr uint32_t burst_units = 8;                // card: address units of 8 bytes in a burst
+constexpr size_t piece_bytes = 15'360;             // card
+constexpr int side_max = 65'535;                   // card: 16-bit sizes
+constexpr uint64_t pixels_end = uint64_t{1} << 29; // ours: sizes in bytes fit 32 bits
+constexpr uint64_t near_pause_us = 2;              // card
+constexpr size_t bmp_offset_at = 10, bmp_offset_end = 14, bmp_pixel_bytes = 3; // bmp
+
+// Where a picture goes, as the selectors say it.
+struct target {
+    char ts_sel;
+    int fpga_sel, ddr_sel;
+};
+
+char at(const char* text, size_t position) { return strlen(text) > position ? text[position] : '\0'; }
+
+bool ends_in(const char* name, std::string_view suffix) { return std::string_view{name}.ends_with(suffix); }
+
+size_t round_up(size_t bytes, size_t to) { return (bytes + to - 1) / to * to; }
+
+uint16_t bursts_of(size_t bytes) { return static_cast<uint16_t>(round_up(bytes, burst_bytes) / burst_bytes); }
+
+bool sends(const target& to) { return to.ts_sel == 'e' && (to.fpga_sel == 0 || to.fpga_sel == 1); }
+
+// Frames that fail are logged by the transport; the picture goes on.
+void write_port(const target& to, uint32_t port, std::span<const uint8_t> bytes)
+{
+    static_cast<void>(RawSockSendMsg(to.fpga_sel == 1 ? 1 : 2, 0, 0, port, code_write, bytes));
+}
+
+// What makes the card take the piece at its data port into its memory.
+std::array<uint8_t, 7> command_block(uint32_t addr, size_t piece_length)
+{
+    std::array<uint8_t, 7> block{};
+    store_le32(block.data(), addr);
+    store_le16(block.data() + 4, bursts_of(piece_length));
+    block[6] = 1;
+    return block;
+}
+
+// One piece to memory 0.
+void DDR2WriteProcess(const target& to, uint32_t addr, std::span<const uint8_t> piece)
+{
+    if (!sends(to)) { return; }
+    write_port(to, 0xB0000, piece);
+    write_port(to, 0xA0001, command_block(addr, piece.size()));
+    pause_us(near_pause_us);
+}
+
+// One piece to memory 1.
+void DDR2WriteProcess2(const target& to, uint32_t addr, std::span<const uint8_t> piece)
+{
+    if (!sends(to)) { return; }
+    write_port(to, 0xF0000, piece);
+    log_print(LOG_HERE, "addr = 0x%x\n", addr);
+    write_port(to, 0xE0001, command_block(addr, piece.size()));
+}
+
+void write_staged(const target& to, uint32_t addr, std::span<const uint8_t> staged)
+{
+    for (size_t from = 0; from < staged.size(); from += piece_bytes) {
+        const auto piece = staged.subspan(from, std::min(piece_bytes, staged.size() - from));
+        if (to.ddr_sel == 0) { DDR2WriteProcess(to, addr, piece); }
+        if (to.ddr_sel == 1) { DDR2WriteProcess2(to, addr, piece); }
+        addr += burst_units * bursts_of(piece.size());
+    }
+}
+
+// Stages the lines at the stride that the card wants, and sends them. Lines that `picture` has too little stay zero.
+void DDR2Write(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::span<const uint8_t> picture)
+{
+    log_print(LOG_HERE, "ts_sel=%d,fpga_sel=%d,ddr_sel=%d,addr=0x%x,hor=%d,ver=%d\n", to.ts_sel,
+              static_cast<uint8_t>(to.fpga_sel), static_cast<uint8_t>(to.ddr_sel), addr, hor, ver);
+    const size_t line = size_t{hor} * pixel_bytes;
+    const size_t stride = round_up(line, burst_bytes);
+    const page_buffer staging(stride * ver);
+    if (!staging) { return; }
+    for (size_t y = 0; y < ver && y * line < picture.size(); ++y) {
+        const auto from = picture.subspan(y * line, std::min(line, picture.size() - y * line));
+        std::copy(from.begin(), from.end(), staging.bytes().begin() + static_cast<ptrdiff_t>(y * stride));
+    }
+    write_staged(to, addr, staging.bytes());
+}
+
+// A file's rows stand bottom up, each padded to a multiple of 4 bytes; pixels that the file has too little stay zero.
+void convert_bmp(std::span<const uint8_t> pixels, size_t hor, size_t ver, std::span<uint8_t> picture)
+{
+    const size_t row = round_up(hor * bmp_pixel_bytes, 4);
+    for (size_t y = 0; y < ver; ++y) {
+        uint8_t* out = picture.data() + (ver - 1 - y) * hor * pixel_bytes;
+        for (size_t x = 0; x < hor; ++x, out += pixel_bytes) {
+            const size_t from = y * row + x * bmp_pixel_bytes;
+            if (from + bmp_pixel_bytes > pixels.size()) { return; }
+            out[0] = pixel_mark;
+            out[1] = pixels[from + 2];
+            out[2] = pixels[from + 1];
+            out[3] = pixels[from];
+        }
+    }
+}
+
+int32_t load_bmp(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::span<const uint8_t> file)
+{
+    const bool has_head = file.size() >= bmp_offset_end;
+    const uint32_t offset = has_head ? load_le32(file.data() + bmp_offset_at) : 0;
+    log_print(LOG_HERE, "offset = %d\n", static_cast<int>(offset));
+    const page_buffer picture(size_t{hor} * ver * pixel_bytes);
+    if (!picture) {
+        log_print(LOG_HERE, "\nmalloc buffer failed\n");
+        return -1;
+    }
+    if (has_head && offset <= file.size()) { convert_bmp(file.subspan(offset), hor, ver, picture.bytes()); }
+    DDR2Write(to, addr, hor, ver, picture.bytes());
+    return 0;
+}
+
+int32_t load(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, const char* name,
+             std::span<const uint8_t> file)
+{
+    if (ends_in(name, ".bmp")) { return load_bmp(to, addr, hor, ver, file); }
+    DDR2Write(to, addr, hor, ver, file);
+    if (!ends_in(name, ".txt")) { log_print(LOG_HERE, "\nfile format error\n"); }
+    return 0;
+}
+
+bool is_size(int hor, int ver)
+{
+    if (hor < 0 || ver < 0 || hor > side_max || ver > side_max) {
+        log_print(LOG_HERE, "picture %d x %d refused: hor and ver are 0 to %d\n", hor, ver, side_max);
+        return false;
+    }
+    if (static_cast<uint64_t>(hor) * static_cast<uint64_t>(ver) < pixels_end) { return true; }
+    log_print(LOG_HERE, "picture %d x %d refused: it has 2^29 pixels or more\n", hor, ver);
+    return false;
+}
+
+double seconds_since(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+} // namespace
+
+int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* name, const char* ts_sel, const char* fpga_sel)
+{
+    log_print(LOG_HERE, "%s file %s\n", access(name, F_OK) == 0 ? "found" : "not found", name);
+    if (!is_size(hor, ver)) { return -1; }
+    const unique_fd opened = open_regular(name, O_RDONLY);
+    const off_t bytes = opened ? size_of(opened) : -1;
+    if (bytes < 0) { return -1; }
+    const page_buffer file(static_cast<size_t>(bytes));
+    if (!file) {
+        log_print(LOG_HERE, "\nmalloc p failed\n");
+        return -1;
+    }
+    if (read_full(opened, file.bytes()) < file.bytes().size()) {
+        log_print(LOG_HERE, "\nfread failed\n");
+        return -1;
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const target to{at(ts_sel, 1), convert_index(at(fpga_sel, 1)), convert_index(at(fpga_sel, 2))};
+    if (load(to, addr, static_cast<uint16_t>(hor), static_cast<uint16_t>(ver), name, file.bytes()) != 0) { return -1; }
+    log_print(LOG_HERE, "\ntotal time:%f sec\n", seconds_since(start));
+    log_print(LOG_HERE, "\n");
+    return 0;
+}
+
+int convert_index(char c)
+{
+    switch (c) {
+    case '0':
+    case 'B':
+    case 'b': return 0;
+    case '1':
+    case 'A':
+    case 'a': return 1;
+    default: return -1;
+    }
+}
+
+void RawMsgWriteTest() {}
+
+} // namespace rvk

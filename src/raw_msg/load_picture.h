@@ -1,0 +1,26 @@
+// The picture loader: a picture file into one of two memories of an FPGA card behind link 1 or 2, by plain writes. It
+// has a card-memory write of its own, unlike the file service's. Nothing in the daemon calls it; the bench tool does.
+//
+// Selectors are short strings read by position; one that is too short selects nothing, and nothing is sent then:
+// ts_sel    second character: 'e' sends
+// fpga_sel  second character: '1', 'A', 'a' link 1; '0', 'B', 'b' link 2. Third character: memory 1 or 0 likewise
+#pragma once
+
+#include <cstdint>
+
+namespace rvk {
+
+// Loads a picture of hor x ver pixels, 0 to 65,535 each and less than 2^29 together. A ".bmp" file has 24 bits a pixel,
+// ".txt" and any other the card's own 4 bytes; what a file has too little is zero.
+// addr    card memory address in units of 8 bytes
+// Result  0 when the file was read and the write was carried out, whatever became of its frames; -1 when the size is
+//         refused, the file could not be opened or read, or memory could not be had
+// Threads one at a time; the link is open
+int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* file, const char* ts_sel, const char* fpga_sel);
+
+// Result: 0 for '0', 'B', 'b'; 1 for '1', 'A', 'a'; -1 for anything else.
+[[nodiscard]] int convert_index(char c);
+
+void RawMsgWriteTest(); // does nothing
+
+} // namespace rvk

@@ -1,0 +1,48 @@
+// See the header. The table is all there is to say about a kind of failure.
+#include "command/failure.h"
+
+#include <cstdio>
+
+namespace rvk::tool {
+namespace {
+
+struct problem_row {
+    problem what;
+    exit_status status;
+    const char* name;
+};
+constexpr problem_row problems[] = {
+    {problem::none, exit_done, "none"},
+    {problem::wrong_usage, exit_usage, "wrong_usage"},
+    {problem::no_directory, exit_no_answer, "no_directory"},
+    {problem::no_socket, exit_no_answer, "no_socket"},
+    {problem::nobody_listening, exit_no_answer, "nobody_listening"},
+    {problem::no_permission, exit_no_answer, "no_permission"},
+    {problem::queue_full, exit_no_answer, "queue_full"},
+    {problem::no_answer, exit_no_answer, "no_answer"},
+    {problem::identity_taken, exit_no_answer, "identity_taken"},
+    {problem::endpoint_error, exit_no_answer, "endpoint_error"},
+    {problem::refused, exit_no, "refused"},
+    {problem::short_answer, exit_no, "short_answer"},
+};
+
+const problem_row& row_of(problem what)
+{
+    for (const problem_row& row : problems) {
+        if (row.what == what) { return row; }
+    }
+    return problems[0];
+}
+
+} // namespace
+
+exit_status status_of(problem what) { return row_of(what).status; }
+
+const char* name_of(problem what) { return row_of(what).name; }
+
+bool write_out(const std::string& text)
+{
+    return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+}
+
+} // namespace rvk::tool

@@ -1,0 +1,38 @@
+// Why a command did not do what it was told to, and the exit status that follows from it. Whatever cannot go on throws
+// one; the program's main presents it. The statuses are the same in every tool and are promised to scripts.
+#pragma once
+
+#include <string>
+
+namespace rvk::tool {
+
+enum class problem {
+    none,
+    wrong_usage,
+    no_directory,
+    no_socket,
+    nobody_listening,
+    no_permission,
+    queue_full,
+    no_answer,
+    identity_taken,
+    endpoint_error, // anything else that the messaging service said
+    refused,        // the daemon or the card said no
+    short_answer    // the card sent less than was asked for
+};
+
+enum exit_status { exit_done = 0, exit_no = 1, exit_usage = 2, exit_no_answer = 3 };
+
+// The text is one line for a person: what was wrong, with the value, and what to do.
+struct failure {
+    problem what;
+    std::string text;
+};
+
+[[nodiscard]] exit_status status_of(problem what);
+[[nodiscard]] const char* name_of(problem what); // for scripts, as in the enumeration
+
+// Puts the whole text on standard output. Result: false (errno tells why) when it could not be written.
+[[nodiscard]] bool write_out(const std::string& text);
+
+} // namespace rvk::tool

@@ -1,0 +1,184 @@
+// Register peek and poke. Waited-for operations ask once and wait three periods; the others are sent up to three times
+// by the link's threads, and what they report in the end is awaited here. A plain write is the one of which nothing is
+// ever known.
+#include "rvkdiag/commands.h"
+
+#include "ap_msg/message.h"
+#include "command/values.h"
+#include "eth_raw/frame.h"
+#include "main/reg.h"
+#include "platform/platform.h"
+#include "queue/queue.h"
+#include "raw_msg/send_ack.h"
+#include "raw_msg/send_plain.h"
+#include "raw_msg/send_read.h"
+#include "rvkdiag/direct_link.h"
+#include "rvkdiag/reports.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <span>
+#include <unistd.h>
+
+namespace rvk::diag {
+namespace {
+
+using namespace tool;
+
+constexpr uint32_t write_ticks = 6; // as a peek's
+constexpr uint32_t nobody = 0;      // whoever asks is this process: reports stay in it
+
+// While it lives, standard output is standard error: what the link's threads print of reports belongs to the log.
+class output_aside {
+public:
+    output_aside() : saved((fflush(stdout), dup(STDOUT_FILENO))) { dup2(STDERR_FILENO, STDOUT_FILENO); }
+    ~output_aside()
+    {
+        fflush(stdout);
+        dup2(saved, STDOUT_FILENO);
+        close(saved);
+    }
+    output_aside(const output_aside&) = delete;
+    output_aside& operator=(const output_aside&) = delete;
+
+private:
+    int saved;
+};
+
+std::vector<report> reports_of(int link, int queue)
+{
+    await_end(link, queue);
+    std::vector<report> all = take_reports();
+    if (!all.empty()) { printf("\n"); } // what was shown of one has no line end
+    return all;
+}
+
+std::string card_text(const fpga_options& o)
+{
+    return format("%s, slot %u, model 0x%x", name_of_link(o.link).c_str(), o.slot, o.model);
+}
+
+std::string what_text(const fpga_options& o, const char* verb, size_t bytes)
+{
+    return format("%s of %s at 0x%08x, %s", verb, byte_count(bytes).c_str(), o.addr, card_text(o).c_str());
+}
+
+[[noreturn]] void no_answer_to(const std::string& what)
+{
+    throw failure{problem::no_answer, what + ": no answer; check card, slot, model and address"};
+}
+
+void check_length(const fpga_options& o, size_t received)
+{
+    if (received >= o.len) { return; }
+    throw failure{problem::short_answer, format("%s: the card sent only %s; does that register block end there?",
+                                                what_text(o, "read", o.len).c_str(), byte_count(received).c_str())};
+}
+
+void peek_and_wait(const fpga_options& o)
+{
+    reg_answer got{};
+    if (read_reg(o.link, o.model, o.slot, o.addr, o.len, &got) == 0) { return check_length(o, got.received); }
+    const std::string what = what_text(o, "read", o.len);
+    if (got.ack == no_answer) { no_answer_to(what); }
+    if (got.ack == ack_good) { throw failure{problem::refused, what + ": the card answered without usable data"}; }
+    throw failure{problem::refused, format("%s: the card refused with status 0x%02x", what.c_str(), got.ack)};
+}
+
+std::vector<report> ask_for_report(const fpga_options& o)
+{
+    const output_aside aside;
+    uint8_t* buffer = ApMsgBuffGet(frame_data_max); // the completion handler's, once the request is out
+    if (buffer == nullptr) { return {}; }
+    if (RawSockSendMsgWithRead(nobody, o.link, o.model, o.slot, o.addr, code_read, o.len, {buffer, frame_data_max}) !=
+        0) {
+        ApMsgBuffFree(buffer);
+        return {};
+    }
+    return reports_of(o.link, READ_QUEUE);
+}
+
+void peek(const fpga_options& o, pthread_t receive_thread)
+{
+    const std::vector<report> reports = ask_for_report(o);
+    const std::string what = what_text(o, "read", o.len);
+    if (reports.empty()) { throw failure{problem::no_answer, what + ": not sent, the lines above say why"}; }
+    const report& end = reports.front();
+    static constexpr uint8_t nothing = 0;
+    process_recvbuf(end.data.empty() ? &nothing : end.data.data(), o.addr, static_cast<int>(end.data.size()));
+    if (end.result == 0) { return check_length(o, end.data.size()); }
+    if (!pthread_equal(end.reported_by, receive_thread)) { no_answer_to(what + ", sent three times"); }
+    throw failure{problem::refused, what + ": the card refused, or its answer was unusable; the lines above say which"};
+}
+
+std::string poke(const fpga_options& o)
+{
+    if (RawSockSendMsg(o.link, o.model, o.slot, o.addr, code_write, o.bytes) != 0) {
+        throw failure{problem::no_answer, what_text(o, "write", o.bytes.size()) + ": not sent, no buffer left"};
+    }
+    return what_text(o, "write", o.bytes.size()) + ": sent, the card is not asked\n";
+}
+
+std::string poke_and_wait(const fpga_options& o)
+{
+    const std::span<const uint8_t> all{o.bytes};
+    for (size_t at = 0; at < all.size(); at += frame_data_max) {
+        const auto piece = all.subspan(at, std::min(frame_data_max, all.size() - at));
+        const auto addr = static_cast<uint32_t>(o.addr + at);
+        uint8_t ack = no_answer;
+        // One piece at a time: of several the operation tells only how the last one ended.
+        const int32_t result =
+            RawSockSendMsgWithAckWait(o.link, o.model, o.slot, addr, code_write_ack, piece, &ack, write_ticks);
+        if (result == 0 && ack == ack_good) { continue; }
+        std::string what = what_text(o, "write", all.size());
+        if (at != 0) { what += format(", at 0x%08x", addr); }
+        if (ack == no_answer) { no_answer_to(what); }
+        throw failure{problem::refused, format("%s: the card refused with status 0x%02x", what.c_str(), ack)};
+    }
+    return what_text(o, "write", all.size()) + ": acknowledged\n";
+}
+
+std::string poke_and_await_report(const fpga_options& o, pthread_t receive_thread)
+{
+    const std::string what = what_text(o, "write", o.bytes.size());
+    std::vector<report> given_up;
+    int32_t sent = 0;
+    {
+        const output_aside aside;
+        sent = RawSockSendMsgWithAck(nobody, o.link, o.model, o.slot, o.addr, code_write_ack, o.bytes);
+        given_up = reports_of(o.link, ACK_QUEUE);
+    }
+    if (sent != 0) { throw failure{problem::no_answer, what + ": not sent whole, the lines above say why"}; }
+    if (given_up.empty()) { return what + ": acknowledged\n"; }
+    const auto lowest = std::min_element(given_up.begin(), given_up.end(),
+                                         [](const report& a, const report& b) { return a.addr < b.addr; });
+    const bool refused = std::any_of(given_up.begin(), given_up.end(), [receive_thread](const report& r) {
+        return pthread_equal(r.reported_by, receive_thread) != 0;
+    });
+    throw failure{refused ? problem::refused : problem::no_answer,
+                  format("%s: %zu of %zu frames given up, the lowest at 0x%08x: %s", what.c_str(), given_up.size(),
+                         (o.bytes.size() + frame_data_max - 1) / frame_data_max, lowest->addr,
+                         refused ? "the card refused again and again"
+                                 : "no answer to three sends; check card, slot, model and address")};
+}
+
+} // namespace
+
+std::string run_fpga(const fpga_options& o)
+{
+    if (o.kind == access::write) {
+        open_without_threads(o.link, request_bytes_max);
+        return poke(o);
+    }
+    const pthread_t receive_thread = open_with_threads(o.link, request_bytes_max);
+    switch (o.kind) {
+    case access::read: peek(o, receive_thread); return "";
+    case access::read_wait: peek_and_wait(o); return "";
+    case access::write_ack: return poke_and_await_report(o, receive_thread);
+    case access::write: // done above
+    case access::write_ack_wait: break;
+    }
+    return poke_and_wait(o);
+}
+
+} // namespace rvk::diag
