@@ -7,6 +7,8 @@
 #   system  the real programs (bin/rvkd …, beside the test itself): likewise
 # GoogleTest and its main are linked in: the main refuses a link or system test outside the bench, and a run of no test.
 # SINK defaults to log_capture (tests/support), so that a test can look at what was logged.
+add_custom_target(plain_tests) # those that need neither root nor the bench
+
 function(rvk_test NAME)
     cmake_parse_arguments(PARSE_ARGV 1 T "" "LABEL;SINK;TIMEOUT" "SOURCES;USES")
     if(NOT T_LABEL MATCHES "^(pure|sim|link|system)$")
@@ -28,6 +30,7 @@ function(rvk_test NAME)
         set_tests_properties(${NAME} PROPERTIES RUN_SERIAL ON)
     else()
         target_link_libraries(${NAME} PRIVATE test_main GTest::gtest)
+        add_dependencies(plain_tests ${NAME})
         if(RVK_TEST_RUNNER)
             add_test(NAME ${NAME} COMMAND ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>)
         else()
