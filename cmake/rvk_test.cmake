@@ -7,8 +7,6 @@
 #   system  the real programs (bin/rvkd …, beside the test itself): likewise
 # GoogleTest and its main are linked in: the main refuses a link or system test outside the bench, and a run of no test.
 # SINK defaults to log_capture (tests/support), so that a test can look at what was logged.
-add_custom_target(plain_tests) # those that need neither root nor the bench
-
 function(rvk_test NAME)
     cmake_parse_arguments(PARSE_ARGV 1 T "" "LABEL;SINK;TIMEOUT" "SOURCES;USES")
     if(NOT T_LABEL MATCHES "^(pure|sim|link|system)$")
@@ -50,3 +48,5 @@ set(RVK_TEST_RUNNER)
 if(RVK_SANITIZE STREQUAL thread)
     set(RVK_TEST_RUNNER setarch -R)
 endif()
+
+add_custom_target(plain_tests) # those that need neither root nor the bench
