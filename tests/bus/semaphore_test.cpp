@@ -6,7 +6,9 @@
 
 #include <csignal>
 #include <fstream>
+#include <linux/capability.h>
 #include <sys/sem.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -36,6 +38,16 @@ int status_of(pid_t child)
     int status = -1;
     waitpid(child, &status, 0);
     return status;
+}
+
+// Root may do anything with any semaphore; this thread not, from here on.
+void give_up_ipc_owner()
+{
+    __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2]{};
+    ASSERT_EQ(syscall(SYS_capget, &head, data), 0);
+    data[CAP_IPC_OWNER / 32].effective &= ~(1u << CAP_IPC_OWNER % 32);
+    ASSERT_EQ(syscall(SYS_capset, &head, data), 0);
 }
 
 std::string limits()
@@ -146,6 +158,21 @@ TEST_F(Semaphore, ThatIsGoneAtTheEndFailsAnOperationThatWasGood)
     EXPECT_EQ(result, -1);
     EXPECT_EQ(reported("semaphore_v", "semaphore V func failed"), 1u) << log_text();
     EXPECT_EQ(logged("read_process_func() failed"), 0u);
+}
+
+TEST_F(Semaphore, ThatMayNotBeUsedFailsEveryOperation)
+{
+    start_cards();
+    EXPECT_EQ(Close_Eth_Raw(), 0);
+    ASSERT_GE(semget(bus_semaphore_key, 1, IPC_CREAT | IPC_EXCL), 0); // of permissions 0: somebody else's mistake
+    std::thread([this] {
+        give_up_ipc_owner();
+        EXPECT_EQ(open_semaphore(), 0);
+        EXPECT_EQ(write(), -1);
+    }).join();
+    EXPECT_EQ(reported("semaphore_p", "semaphore P func failed"), 1u) << log_text();
+    EXPECT_EQ(farm.counts().received, 0u);
+    EXPECT_EQ(Close_Eth_Raw(), 0);
 }
 
 TEST_F(Semaphore, ThatCannotBeMadeIsSaidAndFailsEveryOperation)

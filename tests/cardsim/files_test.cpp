@@ -1,8 +1,11 @@
 // What is left behind for people: capture files of failing tests, and what the cards held.
 #include "base/bytes.h"
 #include "cardsim/cards.h"
+#include "cardsim/registers.h"
 #include "cardsim/requests.h"
 #include "cardsim/state.h"
+#include "cardsim/transfer.h"
+#include "eth_raw/frame.h"
 #include "files/bmp.h"
 
 #include <gtest/gtest.h>
@@ -64,6 +67,13 @@ TEST_F(Files, ACaptureHoldsTheLastFramesBothWays)
     EXPECT_EQ(load_le32(&file[at - out[1].length - 12]), 7u);
 }
 
+TEST_F(Files, AFileThatCannotBeWrittenIsNamed)
+{
+    card_farm farm;
+    const std::string error = farm.write_pcap(folder / "no folder" / "frames");
+    EXPECT_NE(error.find("no folder/frames: cannot be created: No such file"), std::string::npos) << error;
+}
+
 TEST_F(Files, StateIsTextForPeopleAndBytesForPrograms)
 {
     card_farm farm;
@@ -82,6 +92,44 @@ TEST_F(Files, StateIsTextForPeopleAndBytesForPrograms)
     EXPECT_EQ(contents(folder / "new/state/card0-model0-slot2-80000000.bin"), picture);
 }
 
+TEST_F(Files, PicturesAndImagesAreSavedForPeople)
+{
+    card_farm farm;
+    std::vector<reply_frame> out;
+    const auto send = [&](uint8_t slot, uint32_t addr, const bytes& data) {
+        farm.request(write_frame({.code = code_write_ack, .addr = addr, .slot = slot}, data), 0, out);
+    };
+    send(1, demo_control, {0, 1, 0, 2, 0, 16});
+    send(1, demo_control, {1});
+    send(1, demo_data, {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88});
+    ASSERT_EQ(save_state(farm, folder, "card0"), "");
+    EXPECT_TRUE(std::filesystem::exists(folder / "card0-model0-slot1-buffer16-incomplete.bmp"));
+    send(1, demo_control, {0});
+    const bytes image(1500, 0x42);
+    const firmware_transfer t = transfer_of(image, 0x0102, 3);
+    for (size_t i = 0; i < t.registers.size(); ++i) { send(3, firmware_registers[i].addr, t.registers[i]); }
+    for (const bytes& piece : t.pieces) { send(3, firmware_data, piece); }
+
+    ASSERT_EQ(save_state(farm, folder, "card0"), "");
+    EXPECT_FALSE(std::filesystem::exists(folder / "card0-model0-slot1-buffer16-incomplete.bmp"));
+    const bytes bmp = contents(folder / "card0-model0-slot1-buffer16.bmp");
+    ASSERT_EQ(bmp.size(), 62u);
+    EXPECT_EQ(bytes(bmp.begin() + 54, bmp.end()), (bytes{0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11}));
+    EXPECT_EQ(contents(folder / "card0-model0-slot3-firmware1.bin"), image);
+    const bytes text = contents(folder / "card0-model0-slot3.txt");
+    EXPECT_NE(std::string(text.begin(), text.end())
+                  .find("firmware 1  for model 0x0102, 1500 bytes, in card0-model0-slot3-firmware1.bin\n"),
+              std::string::npos);
+    EXPECT_EQ(summary(farm, "card0"),
+              "card0: received 13 frames: 0 reads, 0 plain writes, 13 acknowledged writes, 0 refused, 0 foreign; wrote "
+              "1794 bytes; sent 13 frames\n"
+              "card0: buffers: 1 with a whole picture, 0 with an incomplete one; firmware images: 1 acknowledged, 0 "
+              "abandoned, 0 not finished\n"
+              "card0: playback: none\n"
+              "card0: refused: none\n"
+              "card0: injected: none\n");
+}
+
 // The head, field by field, as viewers take it; and lines of 24 bits, which are padded.
 TEST(Bmp, HasTheHeadAndTheOrderOfItsKind)
 {
@@ -95,4 +143,25 @@ TEST(Bmp, HasTheHeadAndTheOrderOfItsKind)
     narrow[28] = 24;
     narrow.insert(narrow.end(), {9, 8, 7, 12, 11, 10, 0, 0, 3, 2, 1, 6, 5, 4, 0, 0});
     EXPECT_EQ(bmp_of(pixels, 2, 2, 24), narrow);
+}
+
+TEST_F(Files, HoldWhatTheLoaderAndBlocksPutWhereTheUserSaysHowLarge)
+{
+    card_farm farm;
+    std::vector<reply_frame> out;
+    bytes staged(128); // two lines of 3 pixels, each padded to 64 bytes
+    const bytes pixels{0x55, 1,  2,  3,  0x55, 4,  5,  6,  0x55, 7,  8,  9,
+                       0x55, 11, 12, 13, 0x55, 14, 15, 16, 0x55, 17, 18, 19};
+    std::copy_n(pixels.begin(), 12, staged.begin());
+    std::copy_n(pixels.begin() + 12, 12, staged.begin() + 64);
+    farm.request(write_frame({.code = code_write, .addr = 0xF0000, .slot = 0}, staged), 0, out);
+    farm.request(write_frame({.code = code_write, .addr = 0xE0001, .slot = 0}, bytes{0, 0x20, 0, 0, 2, 0, 1}), 0, out);
+    farm.write_bus(0x10, bytes{0xAB});
+    const loaded_picture there{1, 0x2000, 3, 2}, elsewhere{0, 0x2000, 3, 2};
+    ASSERT_EQ(save_state(farm, folder, "card1", std::array{there, elsewhere}), "");
+    EXPECT_EQ(contents(folder / "card1-model0-slot0-memory1-00002000.bin"), staged);
+    EXPECT_EQ(contents(folder / "card1-model0-slot0-memory1-00002000.bmp"), bmp_of(pixels, 3, 2, 32));
+    EXPECT_FALSE(std::filesystem::exists(folder / "card1-model0-slot0-memory0-00002000.bmp"));
+    const bytes text = contents(folder / "card1-bus.txt");
+    EXPECT_NE(std::string(text.begin(), text.end()).find("00000010  ab\n"), std::string::npos);
 }

@@ -104,6 +104,23 @@ TEST_F(LinkState, GoesDownUnderPendingRequests)
     EXPECT_EQ(heard_about(addr + 8, take_messages()), "");
 }
 
+TEST_F(LinkState, ThatIsNotThereRefusesAtOnce)
+{
+    pthread_t receive{}, check{};
+    run_ip("link del eth2");
+    EXPECT_EQ(RawMsgModuleInit(2, &receive, &check), 0);
+    EXPECT_EQ(logged("get inferface flag failed."), 1u);
+    EXPECT_EQ(logged("init_netdev(2) failed(-1)."), 1u);
+    EXPECT_EQ(logged("index=2"), 0u); // no thread
+    EXPECT_EQ(RawMsgModuleInit(3, &receive, &check), 0);
+    EXPECT_EQ(RawMsgModuleInit(-1, &receive, &check), 0);
+    for (const int index : {1, 2, 3, -1}) { expect_refusals(index); } // 1 was never opened
+    EXPECT_EQ(logged("(eth2) is not open"), 1u);
+    for (const int index : {1, 2, 3, -1}) { RawSockMsgUnInit(index); }
+    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);            // a record that is all zero owns no descriptor
+    EXPECT_EQ(run_request(waited_read, addr, 4).result, 0); // link 0 goes on
+}
+
 // The interface is removed under an open link, then its socket goes: each receive fails, and takes its time over it.
 TEST_F(LinkState, ThatWasRemovedDoesNotSpin)
 {

@@ -5,7 +5,7 @@
 #include "base/pause.h"
 #include "base/rt_thread.h"
 #include "link/bench_link.h"
-#include "link/overtaken.h"
+#include "link/injected_send.h"
 #include "link/requests.h"
 
 #include <map>
@@ -38,6 +38,7 @@ protected:
     uint32_t send_all(request_kind kind)
     {
         const uint64_t before = overtaken_sends;
+        plan_sends({});
         uint32_t sent = 0;
         std::thread sender([&] {
             ASSERT_EQ(pin_to_processor(link_processor), 0) << "needs two processors";

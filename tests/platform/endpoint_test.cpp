@@ -140,3 +140,11 @@ TEST(Endpoint, AFolderThatDoesNotFitIsRefusedByName)
     EXPECT_EQ(logged(too_long), 1u);
     EXPECT_NE(access(too_long.c_str(), F_OK), 0) << "a folder was made that cannot be used";
 }
+
+TEST(Endpoint, AProcessRegistersOnce)
+{
+    const endpoint_folder folder;
+    ASSERT_EQ(apipc_init(identity, 0), 0);
+    EXPECT_NE(apipc_init(identity + 1, 0), 0);
+    end_process_endpoint();
+}

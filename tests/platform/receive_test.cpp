@@ -91,6 +91,36 @@ TEST_F(Receive, WhatIsTooLongOrLiesIsDroppedAndLogged)
     EXPECT_EQ(logged("dropped"), 5u) << log_text();
 }
 
+// The longest path a socket may be bound to leaves no room for its terminator; its file's name counts all the same.
+TEST_F(Receive, ASenderWhosePathFillsItsAddressIsKnown)
+{
+    sockaddr_un from{}, to;
+    const std::string name = "/010a7f77.sock";
+    std::string path = folder.path + "/";
+    path.append(sizeof from.sun_path - path.size() - name.size(), 'x');
+    ASSERT_TRUE(std::filesystem::create_directory(path));
+    path += name;
+    from.sun_family = AF_UNIX;
+    ASSERT_EQ(path.copy(from.sun_path, sizeof from.sun_path), sizeof from.sun_path);
+    const unique_fd sender{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    ASSERT_EQ(bind(sender.get(), reinterpret_cast<const sockaddr*>(&from), sizeof from), 0);
+    ASSERT_TRUE(local::endpoint_address(own, to));
+    const auto message = message_from(0x010A7F77, 40);
+    ASSERT_EQ(sendto(sender.get(), message.data(), 40, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to), 40);
+    deliver();
+    EXPECT_EQ(delivered.size(), 1u) << log_text();
+}
+
+TEST_F(Receive, AFolderSpelledOtherwiseIsTheSameSender)
+{
+    setenv("APIPC_DIR", (folder.path + "/.").c_str(), 1);
+    requester other;
+    ASSERT_EQ(other.open(0x010A7F77), endpoint_status::ok);
+    ASSERT_EQ(other.send(own, message_from(0x010A7F77, 40)), endpoint_status::ok);
+    deliver();
+    EXPECT_EQ(delivered.size(), 1u);
+}
+
 TEST_F(Receive, AnErrorThatStaysIsSlowAndLoggedOnce)
 {
     ASSERT_EQ(client.send(own, message_from(client.identity(), 40)), endpoint_status::ok);

@@ -89,6 +89,19 @@ TEST_F(Send, AStuckPeerCostsItsPatienceOnce)
     EXPECT_GE(time_to_send(first_peer, -1), patience) << "a send succeeded: it has its patience back";
 }
 
+TEST_F(Send, APeerThatReadsWithinItsPatienceIsServed)
+{
+    requester peer;
+    ASSERT_EQ(peer.open(patient_peer), endpoint_status::ok);
+    fill(patient_peer);
+    std::thread reader([&] {
+        std::this_thread::sleep_for(milliseconds{3});
+        while (!peer.receive(milliseconds{200}).empty()) {}
+    });
+    EXPECT_EQ(apipc_send(patient_peer, message, sizeof message), 0);
+    reader.join();
+}
+
 TEST_F(Send, ManyStuckPeersKeepNoHealthyOneWaiting)
 {
     std::vector<std::unique_ptr<requester>> stuck;

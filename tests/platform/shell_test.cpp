@@ -126,3 +126,23 @@ TEST(Shell, ClosingAStreamEndsItsCommand)
     EXPECT_EQ(fclose(endless), 0) << "its pipe is gone, so it ends";
     EXPECT_TRUE(no_child_left());
 }
+
+TEST(Shell, OnlyReadableStreamsAreToBeHad)
+{
+    EXPECT_EQ(my_popen("cat > /dev/null", "w"), nullptr);
+    EXPECT_EQ(my_popen(nullptr, "r"), nullptr);
+    EXPECT_TRUE(no_child_left());
+}
+
+TEST(Shell, StreamWorksWithStandardDescriptorsClosed)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        _exit(output_of("echo here") == "here\n" ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}

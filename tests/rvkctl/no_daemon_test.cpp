@@ -7,7 +7,9 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -100,4 +102,40 @@ TEST(NoDaemon, AFolderOrASocketThatIsNotForUs)
         expect_no_answer("no_permission", "no permission to use " + folder.path);
     }
     ASSERT_EQ(chmod(folder.path.c_str(), 0700), 0);
+}
+
+TEST(NoDaemon, IdentitiesAreSharedByManyAndTheCompanionsByOne)
+{
+    const endpoint_folder folder;
+    fake_daemon daemon;
+    requester companion;
+    ASSERT_EQ(companion.open(identity_of(1, module_companion)), endpoint_status::ok);
+    const said second = run_rvkctl({"--as", "0x3C", "hello"});
+    EXPECT_EQ(second.status, 3);
+    EXPECT_NE(second.err.find("010a3c00 is in use"), std::string::npos) << second.err;
+
+    std::set<uint32_t> identities;
+    std::vector<std::unique_ptr<requester>> others;
+    for (int i = 0; i < 255; ++i) {
+        others.push_back(std::make_unique<requester>());
+        ASSERT_EQ(others.back()->open_free(1), endpoint_status::ok);
+        identities.insert(others.back()->identity());
+    }
+    EXPECT_EQ(identities.size(), 255u);
+    EXPECT_EQ(identities.count(identity_of(1, module_tools)), 0u) << "that is the module's own process";
+    EXPECT_EQ(run_rvkctl({"hello"}).status, 3);
+    EXPECT_EQ(run_rvkctl({"hello", "--as", "0x7E"}).status, 0);
+    others.pop_back();
+    EXPECT_EQ(run_rvkctl({"hello"}).status, 0);
+}
+
+TEST(NoDaemon, NothingIsLeftBehind)
+{
+    const endpoint_folder folder;
+    EXPECT_EQ(run_rvkctl({"hello"}).status, 3);
+    {
+        fake_daemon daemon;
+        EXPECT_EQ(run_rvkctl({"hello"}).status, 0);
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path));
 }

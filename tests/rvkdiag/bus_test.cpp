@@ -98,3 +98,10 @@ TEST_F(Bus, AnMtuThatIsTooSmallForThePacketsIsSaidToBe)
     set_mtu(9000);
     EXPECT_EQ(read(1, "8000").status, 0);
 }
+
+TEST_F(Bus, AFileThatCannotBeWrittenIsNotDone)
+{
+    const said ran = run({"bus", "read", "1", "0", "64", folder / "none/x"});
+    EXPECT_EQ(ran.status, 2);
+    EXPECT_NE(ran.err.find("none/x\" cannot be written"), std::string::npos) << ran.err;
+}

@@ -123,3 +123,14 @@ TEST(CommandLine, UsageIsTheSystemsOwnText)
                        "    [ fpga id write model slot addr filename ]\n"
                        "    [ fpga id writea model slot addr filename ]\n");
 }
+
+TEST(CommandLine, HelpTellsAScriptWhatItNeeds)
+{
+    for (const std::vector<std::string>& given : {std::vector<std::string>{"--help"}, {"fpga", "-h"}}) {
+        const said ran = run(given);
+        EXPECT_EQ(ran.status, 0);
+        for (const char* part : {"What \"done\" means", "Exit status", "Examples", "TS_SEL", "--reboot"}) {
+            EXPECT_NE(ran.out.find(part), std::string::npos) << part;
+        }
+    }
+}

@@ -23,6 +23,12 @@ size_t count_of(const std::string& text, const std::string& part)
 
 using Lvds = ThreeLinks;
 
+TEST_F(Lvds, WithoutTheFlagNothingStarts)
+{
+    EXPECT_EQ(run({"lvds"}).status, 2);
+    EXPECT_EQ(farms[0].counts().received, 0u);
+}
+
 TEST_F(Lvds, RecordsTheWrongAnswersBeforeTheFirstGoodOne)
 {
     farms[0].write(lvds_card, lvds_register, bad);

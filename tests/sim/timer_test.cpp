@@ -72,4 +72,24 @@ TEST(Timer, AStopKeepsWhatIsFlaggedAndAStartClearsIt)
     queue_del(0, ACK_QUEUE, &node);
 }
 
+// An expiry that nobody looked at between two runs of the timer is one, and counts once.
+TEST(Timer, AnExpiryIsAFlagAndCountsOnce)
+{
+    reset_outside();
+    QNode* node = make_node(0, 1, 1, nullptr, 94);
+    ASSERT_EQ(queue_add(0, ACK_QUEUE, node), 0);
+    timerStart(3, &node->timer);
+    for (int i = 0; i < 2; ++i) {
+        elapsed = 3;
+        timerUpdate(0, queue_numbers);
+    }
+    static int calls;
+    calls = 0;
+    const auto count = [](QNode*, const uint8_t* data, uint32_t) { calls += data == nullptr ? 1 : 100; };
+    for (int i = 0; i < 2; ++i) { queue_check(0, ACK_QUEUE, count); }
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(node->count, 1u);
+    queue_del(0, ACK_QUEUE, &node);
+}
+
 } // namespace

@@ -126,6 +126,15 @@ TEST_F(Commands, APlainWriteArrivesAndIsNotAnswered)
     EXPECT_TRUE(comes_true([&] { return farm.read({5, 4}, 0x600, data.size()) == data; }));
 }
 
+TEST_F(Commands, WhatACardRefuses)
+{
+    farm.set_faults({.wrong_ack = 1, .wrong_status = 3});
+    const command_fields write{.code = command::write_ack, .slot = 2, .addr = 0x700, .payload = {1}};
+    EXPECT_EQ(result_of(requester.ask(write)), 0) << "an answer is a success whatever its status";
+    farm.set_faults({.wrong_read = 1.0});
+    EXPECT_EQ(result_of(requester.ask({.addr = 0x700, .len = 4})), -1);
+}
+
 TEST_F(Commands, WhatNoCardAnswers)
 {
     farm.set_faults({.loss = 1.0});

@@ -69,6 +69,19 @@ TEST(Options, EachSwitchOpensItsOutput)
     }
 }
 
+TEST(Options, ARestartBeginsWithAnEmptyFile)
+{
+    for (int run = 0; run < 2; ++run) {
+        daemon_process d({"-f"});
+        ASSERT_TRUE(conversation().is_greeted());
+        EXPECT_EQ(d.end_by(SIGTERM), 0);
+    }
+    const std::string log = file_text(log_files[0]);
+    const size_t first = log.find("USE MEM_MANAGE\n");
+    ASSERT_NE(first, std::string::npos);
+    EXPECT_EQ(log.find("USE MEM_MANAGE\n", first + 1), std::string::npos);
+}
+
 TEST(Start, TheKernelsLimitsAreRaisedFirst)
 {
     unlink(sysctl_record.c_str());

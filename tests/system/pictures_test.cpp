@@ -1,6 +1,8 @@
 // Pictures from files into card memory and back, from the client's command line to the cards' memory.
 #include "system/cards.h"
 
+#include "ap_msg/message.h"
+#include "base/bytes.h"
 #include "files/bmp.h"
 
 #include <algorithm>
@@ -40,7 +42,38 @@ std::vector<uint8_t> part(const std::vector<uint8_t>& bytes, size_t from, size_t
     return {bytes.begin() + static_cast<ptrdiff_t>(from), bytes.begin() + static_cast<ptrdiff_t>(from + size)};
 }
 
+// What a read-back makes of a stretch of card memory: 1,400 of each 1,408 bytes, and no padding behind the lines.
+std::vector<uint8_t> delivered(const std::vector<uint8_t>& memory, size_t line, size_t stride, size_t lines)
+{
+    std::vector<uint8_t> out;
+    for (size_t i = 0; i < stride * lines; ++i) {
+        if (i % stride < line) { out.push_back(memory[i / step_bytes * step_room + i % step_bytes]); }
+    }
+    return out;
+}
+
 } // namespace
+
+TEST_F(Pictures, ArriveFromTheirFirstPixelOn)
+{
+    constexpr size_t pixels = size_t{70} * 11 * 4; // two whole frames and a short one
+    const struct {
+        const char* name;
+        uint8_t buffer;
+        size_t from; // of the picture in the file
+    } rows[] = {{"a.bmp", 3, 54}, {"b.bmp", 18, 1078}, {"c.txt", 3, 0}, {"d.raw", 25, 0}, {"e", 26, 0}};
+    uint32_t seed = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::vector<uint8_t> bytes = content(++seed, row.from + pixels + 9);
+        if (row.from > 0) { store_le32(bytes.data() + 10, static_cast<uint32_t>(row.from)); }
+        EXPECT_EQ(put(file(row.name, bytes), row.buffer, "70x11"), 0);
+        EXPECT_EQ(farm.picture(card, row.buffer), part(bytes, row.from, pixels));
+    }
+    EXPECT_EQ(put(in_folder("missing"), 3, "70x11"), 2);
+    EXPECT_EQ(put(in_folder("e"), 3, "71x11"), 2) << "too short, which the client sees itself";
+    EXPECT_EQ(picture_of(card, 3)->set_ups, 2u);
+}
 
 TEST_F(Pictures, AWholeOneAtFullSpeedAndItsFirstLinesBack)
 {
@@ -60,4 +93,38 @@ TEST_F(Pictures, AWholeOneAtFullSpeedAndItsFirstLinesBack)
     const std::vector<uint8_t> top = part(bytes, 0, size_t{whole_hor} * lines * 4);
     EXPECT_TRUE(file_bytes(in_folder("back")) == top);
     EXPECT_TRUE(file_bytes(in_folder("back.bmp")) == bmp_of(top, whole_hor, lines, 32));
+}
+
+TEST_F(Pictures, OfCardMemory1400OfEach1408BytesAreGot)
+{
+    constexpr uint32_t hor = 100, ver = 20;
+    constexpr size_t line = hor * 4, stride = 448;
+    constexpr uint64_t at = 0x5000000;
+    const std::vector<uint8_t> memory = content(3, stride * ver + 1408);
+    farm.write_pictures(card, at, memory);
+    EXPECT_EQ(get(in_folder("back"), at, "100x20"), 0);
+    const std::vector<uint8_t> wanted = delivered(memory, line, stride, ver);
+    EXPECT_EQ(file_bytes(in_folder("back")), wanted);
+    EXPECT_EQ(file_bytes(in_folder("back.bmp")), bmp_of(wanted, hor, ver, 32));
+}
+
+TEST_F(Pictures, AFileThatCannotBeOpenedIsABlackPicture)
+{
+    const std::vector<uint8_t> bytes = content(4, 16 * 16 * 4);
+    conversation requester; // without the client, which looks at the file first
+    for (const std::string& path : {in_folder("missing"), in_folder("")}) {
+        SCOPED_TRACE(path);
+        EXPECT_EQ(put(file("there.raw", bytes), 7, "16x16"), 0);
+        ASSERT_EQ(farm.picture(card, 7), bytes);
+        const auto answer = requester.ask({.code = command::file_write,
+                                           .slot = card.slot,
+                                           .model = card.model,
+                                           .addr = 7,
+                                           .payload = picture_payload(16, 16, path),
+                                           .seq = 9});
+        ASSERT_EQ(answer.size(), message_head_bytes);
+        EXPECT_EQ(result_of(answer), 0);
+        EXPECT_EQ(load_le16(answer.data() + message::seq), 9);
+        EXPECT_EQ(farm.picture(card, 7), std::vector<uint8_t>(bytes.size()));
+    }
 }

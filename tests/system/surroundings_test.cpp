@@ -60,6 +60,12 @@ void expect_refusals(conversation& requester)
     EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds{2000});
 }
 
+// With cards behind the link; false when none answers in time.
+bool reads(conversation& requester)
+{
+    return comes_true([&] { return result_of(requester.ask({.addr = 0x1000, .len = 16})) == 0; });
+}
+
 } // namespace
 
 TEST(Surroundings, WithoutEth0TheDaemonRunsOnAndSaysNo)
@@ -76,6 +82,40 @@ TEST(Surroundings, WithoutEth0TheDaemonRunsOnAndSaysNo)
     EXPECT_EQ(count(d.output(), "get inferface flag failed."), 1);
     EXPECT_EQ(count(d.output(), "is not open"), 1) << d.output();
     EXPECT_EQ(fault_in_last_words(d.output()), "");
+}
+
+TEST(Surroundings, ALinkThatIsDeletedUnderTheDaemonEndsNothing)
+{
+    daemon_process d({"-d"});
+    conversation requester;
+    ASSERT_TRUE(requester.is_greeted());
+    {
+        const unplugged link;
+        expect_refusals(requester);
+        pause_ms(500);
+        ASSERT_TRUE(requester.is_greeted());
+    }
+    EXPECT_EQ(d.end_by(SIGTERM), 0);
+    EXPECT_LE(count(d.output(), "receive failed"), 2) << "one line when it goes, none per try";
+}
+
+TEST(Surroundings, CommandsWorkAfterEachReturnOfTheLink)
+{
+    child cards({program("rvk-cardsim")});
+    ASSERT_TRUE(cards.shows("ready"));
+    daemon_process d({"-d"});
+    conversation requester;
+    ASSERT_TRUE(reads(requester));
+    for (int i = 0; i < 20; ++i) {
+        SCOPED_TRACE(i);
+        ASSERT_TRUE(ip("link set eth0 down"));
+        EXPECT_EQ(result_of(requester.ask({.addr = 0x1000, .len = 16})), -1);
+        ASSERT_TRUE(ip("link set eth0 up"));
+        ASSERT_TRUE(comes_true(has_carrier));
+        ASSERT_TRUE(reads(requester));
+        EXPECT_EQ(result_of(requester.ask({.code = command::write_ack, .slot = 2, .payload = {1, 2}})), 0);
+    }
+    EXPECT_EQ(d.end_by(SIGTERM), 0);
 }
 
 TEST(Surroundings, ASecondDaemonLeavesTheFirstAlone)

@@ -68,6 +68,19 @@ TEST_F(Updates, AnImageArrivesWhole)
     }
 }
 
+TEST_F(Updates, APieceThatIsRefusedTwiceEndsIt)
+{
+    const std::vector<uint8_t> image = content(2, image_bytes);
+    const std::string path = file("fw.bin", image);
+    farm.set_behaviour({.refuse_piece = 3, .refuse_piece_times = 2});
+    EXPECT_EQ(rvkctl(update_of(path)), 1);
+    EXPECT_EQ(farm.counts().of(misbehaviour::refused_piece), 2u);
+    EXPECT_TRUE(farm.firmware(card).empty());
+    EXPECT_EQ(rvkctl(update_of(in_folder("missing.bin"))), 1);
+    EXPECT_EQ(rvkctl(update_of(path)), 0);
+    expect_kept(1, image);
+}
+
 TEST_F(Updates, CommandsMeanwhileAreDropped)
 {
     constexpr uint32_t addr = 0x1000000;
