@@ -15,9 +15,9 @@ constexpr card_id card{0, 0};
 
 struct loader {
     explicit loader(size_t which) : registers(loader_memories[which]) {}
-    void write(uint32_t addr, const bytes& data)
+    void write(uint32_t addr, const bytes& data, uint8_t slot = 0)
     {
-        farm.request(write_frame({.code = code_write, .addr = addr, .slot = 0}, data), 0, out);
+        farm.request(write_frame({.code = code_write, .addr = addr, .slot = slot}, data), 0, out);
     }
     // As the controller's plain write cuts a piece.
     void frames(const bytes& piece)
@@ -123,4 +123,13 @@ TEST(LoaderPort, APieceWithoutItsCommandIsLostAndTheNextIsGood)
     l.command(0, 1);
     EXPECT_EQ(l.farm.counts().refusals(), "loader_piece_abandoned 1");
     EXPECT_EQ(l.farm.read_loaded(card, 1, 0, 64), filled(64, 7));
+}
+
+TEST(LoaderPort, IsPlainMemoryInEveryOtherCard)
+{
+    loader l(0);
+    l.write(0xB0000 + 40, filled(1400, 1), 1);
+    l.write(0xA0001, filled(7, 5), 1);
+    EXPECT_EQ(l.farm.counts().refusals(), "none");
+    EXPECT_EQ(l.farm.read({0, 1}, 0xB0000 + 40, 1400), filled(1400, 1));
 }
