@@ -39,9 +39,6 @@ constexpr std::array rows{
     row{"bus-write", bus_write_row},
     row{"bus-read", bus_read_row},
     row{"load-picture", load_picture_row},
-    row{"queue", queue_row},
-    row{"pool", pool_row},
-    row{"idle", idle_row},
 };
 
 constexpr unsigned row_seconds = 600; // ours: a lost reply would make a bare loop wait for ever

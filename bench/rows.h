@@ -25,9 +25,6 @@ void memory_row(const settings& chosen);
 void bus_write_row(const settings& chosen);
 void bus_read_row(const settings& chosen);
 void load_picture_row(const settings& chosen);
-void queue_row(const settings& chosen);
-void pool_row(const settings& chosen);
-void idle_row(const settings& chosen);
 
 // The other side of instructions_row: sends frames under callgrind, `which` being "ours" or "bare".
 void count_instructions_of(const char* which);
