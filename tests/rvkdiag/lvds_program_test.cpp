@@ -31,6 +31,7 @@ TEST_F(Lvds, WithoutTheFlagNothingStarts)
 
 TEST_F(Lvds, RecordsTheWrongAnswersBeforeTheFirstGoodOne)
 {
+    std::filesystem::remove(record);
     farms[0].write(lvds_card, lvds_register, bad);
     const auto tool = start({"lvds", "--reboot"});
     ASSERT_TRUE(tool->shows("LVDS NOT OK 01 80 07 38 05 \n")) << tool->output();

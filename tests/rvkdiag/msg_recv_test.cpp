@@ -15,7 +15,7 @@ using namespace rvk;
 
 namespace {
 
-struct {
+struct reply_taken {
     int calls = 0;
     uint32_t addr = 0;
     std::vector<uint8_t> payload;
@@ -42,6 +42,7 @@ TEST(MsgRecv, HandsOverTheFirstReplyAndNoForeignFrame)
     uint8_t* request = RawMsgBuffGet(frame_data_min);
     ASSERT_GT(RawSockMsgSend(0, 3, 2, addr, code_read, 7, request, 5), 0);
     RawMsgBuffFree(request);
+    taken = {};
     read_buffer = take;
     EXPECT_EQ(msg_recv(), 0);
     EXPECT_EQ(taken.calls, 1);

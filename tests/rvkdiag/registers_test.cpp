@@ -40,6 +40,30 @@ std::vector<seen> frames_of(const write_kind& kind, const std::vector<uint8_t>& 
     return out;
 }
 
+const struct end_case {
+    const char* kind;
+    card_faults faults;
+    int status;
+    size_t frames;
+    const char* says; // in the error, or in the answer
+} ends[] = {
+    {"readw", {.wrong_read = 1}, 1, 1, "the card refused with status 0x02"},
+    {"readw", {.read_empty = 1}, 1, 1, "without usable data"},
+    {"readw", {.read_oversized = 1}, 1, 1, "without usable data"},
+    {"readw", {.loss = always}, 3, 1, "no answer; check"},
+    {"read", {.wrong_read = 2}, 0, 3, "00010203"},
+    {"read", {.wrong_read = always}, 1, 1000, "the card refused"},
+    {"read", {.loss = 1}, 0, 2, "00010203"},
+    {"read", {.loss = always}, 3, 3, "sent three times: no answer"},
+    {"write", {.loss = always}, 0, 1, "the card is not asked"},
+    {"writea", {.wrong_ack = 2}, 0, 3, ": acknowledged"},
+    {"writea", {.wrong_ack = always}, 1, 1000, "1 of 1 frames given up, the lowest at 0x01000000: the card refused"},
+    {"writea", {.loss = 1}, 0, 2, ": acknowledged"},
+    {"writea", {.loss = always}, 3, 3, "1 of 1 frames given up, the lowest at 0x01000000: no answer to three sends"},
+    {"writeaw", {.wrong_ack = 1}, 1, 1, "the card refused with status 0x02"},
+    {"writeaw", {.loss = always}, 3, 1, "no answer; check"},
+};
+
 class Registers : public ThreeLinks {
 protected:
     said access(size_t link, const std::string& kind, const std::string& last) const
@@ -101,39 +125,8 @@ TEST_F(Registers, ReadsShowWhatTheCardHolds)
 // Every end that a card can give an operation: the exit status, the frames that it cost, and the words for it.
 TEST_F(Registers, EveryEndIsToldFromTheOthers)
 {
-    const struct {
-        const char* kind;
-        card_faults faults;
-        int status;
-        size_t frames;
-        const char* says; // in the error, or in the answer
-    } rows[] = {
-        {"readw", {.wrong_read = 1}, 1, 1, "the card refused with status 0x02"},
-        {"readw", {.read_empty = 1}, 1, 1, "without usable data"},
-        {"readw", {.read_oversized = 1}, 1, 1, "without usable data"},
-        {"readw", {.loss = always}, 3, 1, "no answer; check"},
-        {"read", {.wrong_read = 2}, 0, 3, "00010203"},
-        {"read", {.wrong_read = always}, 1, 1000, "the card refused"},
-        {"read", {.loss = 1}, 0, 2, "00010203"},
-        {"read", {.loss = always}, 3, 3, "sent three times: no answer"},
-        {"write", {.loss = always}, 0, 1, "the card is not asked"},
-        {"writea", {.wrong_ack = 2}, 0, 3, ": acknowledged"},
-        {"writea",
-         {.wrong_ack = always},
-         1,
-         1000,
-         "1 of 1 frames given up, the lowest at 0x01000000: the card refused"},
-        {"writea", {.loss = 1}, 0, 2, ": acknowledged"},
-        {"writea",
-         {.loss = always},
-         3,
-         3,
-         "1 of 1 frames given up, the lowest at 0x01000000: no answer to three sends"},
-        {"writeaw", {.wrong_ack = 1}, 1, 1, "the card refused with status 0x02"},
-        {"writeaw", {.loss = always}, 3, 1, "no answer; check"},
-    };
     farms[1].write(card, addr, numbered(4));
-    for (const auto& row : rows) {
+    for (const end_case& row : ends) {
         SCOPED_TRACE(std::string(row.kind) + ": " + row.says);
         forget();
         farms[1].set_faults(row.faults);

@@ -22,7 +22,7 @@ mistake sim_card::write(const request_fields& request)
     case firmware_data: return firmware.piece(request.data);
     default: break;
     }
-    if (const auto port = loader_data_at(request.addr)) {
+    if (const auto port = loader_data_at(request)) {
         return loader[*port].data(request.addr - loader_memories[*port].data, request.data);
     }
     const mistake wrong = write_part(request);
@@ -40,9 +40,7 @@ mistake sim_card::write_part(const request_fields& request)
     case read_start_register: return read_back.start(request.data);
     default: break;
     }
-    if (const auto port = loader_command_at(request.addr)) {
-        return loader[*port].command(request.data, loaded[*port]);
-    }
+    if (const auto port = loader_command_at(request)) { return loader[*port].command(request.data, loaded[*port]); }
     const auto index = firmware_register_at(request.addr);
     return index ? firmware.write_register(*index, request.data, request.slot) : mistake::none;
 }

@@ -8,6 +8,8 @@ namespace {
 
 constexpr size_t command_bytes = 7; // address, bursts, 1
 
+bool is_of_loader(const request_fields& request) { return request.model == 0 && request.slot == 0; }
+
 } // namespace
 
 mistake loader_port::data(size_t offset, std::span<const uint8_t> frame)
@@ -36,18 +38,20 @@ mistake loader_port::command(std::span<const uint8_t> block, loader_memory& memo
     return fits ? mistake::none : mistake::loader_command_value;
 }
 
-std::optional<size_t> loader_data_at(uint32_t addr)
+std::optional<size_t> loader_data_at(const request_fields& request)
 {
+    if (!is_of_loader(request)) { return std::nullopt; }
     for (size_t i = 0; i < loader_memories.size(); ++i) {
-        if (addr - loader_memories[i].data < loader_piece_max) { return i; }
+        if (request.addr - loader_memories[i].data < loader_piece_max) { return i; }
     }
     return std::nullopt;
 }
 
-std::optional<size_t> loader_command_at(uint32_t addr)
+std::optional<size_t> loader_command_at(const request_fields& request)
 {
+    if (!is_of_loader(request)) { return std::nullopt; }
     for (size_t i = 0; i < loader_memories.size(); ++i) {
-        if (addr == loader_memories[i].command) { return i; }
+        if (request.addr == loader_memories[i].command) { return i; }
     }
     return std::nullopt;
 }

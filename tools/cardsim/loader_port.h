@@ -6,6 +6,7 @@
 // first and stored with its command, so that one whose frames are not all there is not stored. Pure state, no lock.
 #pragma once
 
+#include "cardsim/checks.h"
 #include "cardsim/memory.h"
 #include "cardsim/mistakes.h"
 
@@ -41,9 +42,10 @@ private:
     std::vector<uint8_t> piece;
 };
 
-// Which memory's data port, or command register, an address is.
-[[nodiscard]] std::optional<size_t> loader_data_at(uint32_t addr);
-[[nodiscard]] std::optional<size_t> loader_command_at(uint32_t addr);
+// Which memory's data port, or command register, a write is to: only those of model 0, slot 0 are, where the loader
+// writes. Elsewhere these addresses are plain memory, which a longer write may run across.
+[[nodiscard]] std::optional<size_t> loader_data_at(const request_fields& request);
+[[nodiscard]] std::optional<size_t> loader_command_at(const request_fields& request);
 
 // A picture that the picture loader is to have put into memory 0 or 1: the cards are not told its size.
 struct loaded_picture {
