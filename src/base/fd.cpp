@@ -6,6 +6,13 @@
 
 namespace rvk {
 
+void fill_standard_streams(int access)
+{
+    int fd = open("/dev/null", access);
+    while (fd >= 0 && fd <= STDERR_FILENO) { fd = dup(fd); }
+    if (fd >= 0) { close(fd); }
+}
+
 unique_fd open_regular(const char* path, int flags)
 {
     struct stat named = {};

@@ -35,6 +35,11 @@ private:
     int owned = -1;
 };
 
+// Puts /dev/null in the place of standard descriptors that are closed, so that no file or socket gets their numbers. To
+// be called before anything is opened.
+// access  O_RDWR: what is printed is lost in silence; O_RDONLY: it fails
+void fill_standard_streams(int access);
+
 // Opens a file without ever blocking; it must be a regular one.
 // flags   as open(): the access mode, O_CREAT; a file that is created gets mode 0666 less the umask
 // Result  none (errno tells why; EINVAL for a FIFO, device or folder)

@@ -39,11 +39,12 @@ size_t make_bus_request(std::array<uint8_t, bus_packet_max>* packet, uint32_t ad
     const size_t area = std::max(carried, bus_data_min);
     const size_t total = area + bus_packet_overhead;
     uint8_t* p = packet->data();
-    std::fill_n(p, bus::data, uint8_t{0});
     std::copy(eth_raw_tx_header.begin(), eth_raw_tx_header.end(), p + bus::destination);
     store_le32(p + bus::length, static_cast<uint32_t>(total));
+    p[bus::rsv0] = eth_raw_transfer_rsv0;
     p[bus::type] = type;
     std::copy(eth_raw_transfer_IP.begin(), eth_raw_transfer_IP.end(), p + bus::ethertype);
+    std::copy(eth_raw_transfer_rsv1.begin(), eth_raw_transfer_rsv1.end(), p + bus::rsv1);
     store_le32(p + bus::addr, addr);
     store_le32(p + bus::data_len, length);
     memcpy(p + bus::data, data, carried);

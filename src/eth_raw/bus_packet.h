@@ -17,6 +17,9 @@ inline constexpr size_t ethertype = 12, rsv1 = 14, addr = 16, data_len = 20; // 
 inline constexpr size_t data = 24;
 } // namespace bus
 
+inline constexpr uint8_t eth_raw_transfer_rsv0 = 0;              // packet: reserved
+inline constexpr std::array<uint8_t, 2> eth_raw_transfer_rsv1{}; // packet: reserved
+
 inline constexpr uint8_t bus_write = 0, bus_read = 1;                          // card: types of requests
 inline constexpr uint8_t bus_read_back = 2, bus_response = 3;                  // card: types of answers
 inline constexpr size_t bus_data_max = 8000, bus_data_min = 64;                // card

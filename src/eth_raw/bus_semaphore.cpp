@@ -40,6 +40,7 @@ int32_t open_semaphore()
     if (sem_id >= 0) {
         if (set_semvalue() == 0) { return 0; }
         log_print(LOG_HERE, "Failed to initialize semaphore(sem_id : %d).\n", sem_id);
+        del_semvalue(); // of value 0, it would hold everybody who attaches to it for ever
         return -1;
     }
     if (error == EEXIST) {

@@ -3,6 +3,7 @@
 // by a signal.
 #include "ap_msg/endpoint.h"
 #include "ap_msg/file_service.h"
+#include "base/fd.h"
 #include "base/pause.h"
 #include "demo/demo.h"
 #include "main/crash.h"
@@ -21,14 +22,6 @@ namespace {
 
 constexpr int link_slots[] = {0, -1}; // board: eth0, and none
 constexpr int ipc_processor = 3;      // board
-
-// What opens a file later must not get a standard stream's number.
-void open_standard_streams()
-{
-    int fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) { fd = dup(fd); }
-    close(fd);
-}
 
 void parse_options(int argc, char** argv)
 {
@@ -49,7 +42,7 @@ void raise_send_buffers()
 
 int main(int argc, char** argv)
 {
-    open_standard_streams();
+    rvk::fill_standard_streams(O_RDWR);
     rvk::block_signals();
     signal(SIGCHLD, SIG_DFL); // inherited as ignored it would take the status of every command away
     parse_options(argc, argv);

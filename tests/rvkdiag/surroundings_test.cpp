@@ -52,6 +52,18 @@ TEST_F(Surroundings, LinkZeroIsADaemonsWhileItsEndpointIsAlive)
     EXPECT_EQ(run({"fpga", "0", "writeaw", "0", "1", "1000000", "aa"}).status, 0);
 }
 
+// A socket that got the number of a closed stream would send the dump to the cards.
+TEST_F(Surroundings, ClosedStreamsAreNotTheLinks)
+{
+    for (const std::string closed : {"<&-", ">&-", "2>&-", "<&- >&- 2>&-"}) {
+        SCOPED_TRACE(closed);
+        const std::string line = program("rvkdiag") + " fpga 1 readw 0 1 1000000 40 " + closed;
+        EXPECT_NE(std::system(line.c_str()), -1);
+    }
+    EXPECT_EQ(requests(1, 4).size(), 4u);
+    EXPECT_EQ(farms[1].counts().of(verdict::foreign), 0u);
+}
+
 TEST_F(Surroundings, ALinkThatIsDownIsSaidToBe)
 {
     const std::vector<std::string> poke{"fpga", "2", "write", "0", "1", "1000000", "aa"};

@@ -1,11 +1,13 @@
 // rvk-cardsim: cards for everyone who has none. Opens the interfaces it is given, serves them with a thread each, and
 // waits for signals on the main thread: SIGUSR1 saves, SIGINT and SIGTERM end it.
+#include "base/fd.h"
 #include "cardsim/link.h"
 #include "cardsim/options.h"
 #include "cardsim/state.h"
 
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <list>
 
@@ -99,6 +101,7 @@ int run(const cardsim_options& options)
 
 int main(int argc, char** argv)
 {
+    rvk::fill_standard_streams(O_RDONLY); // a link's socket with such a number would send what is printed
     const rvk::parsed_options parsed = rvk::parse_options(argc, argv);
     if (parsed.given) { return rvk::run(*parsed.given); }
     std::fputs(parsed.text.c_str(), parsed.status == 0 ? stdout : stderr);

@@ -11,7 +11,7 @@ namespace rvk::diag {
 struct report {
     uint32_t addr = 0;         // of the request
     int32_t result = 0;        // 0, or -1: given up
-    pthread_t reported_by{};   // the receive thread: at an answer; the check thread: at an expiry
+    pthread_t reported_by{};   // the check thread: at an expiry; any other: at an answer
     std::vector<uint8_t> data; // of a read
 };
 
