@@ -84,11 +84,14 @@ TEST_F(Pictures, AWholeOneAtFullSpeedAndItsFirstLinesBack)
     const std::vector<uint8_t> bytes = content(1, whole_bytes);
     EXPECT_EQ(put(file("whole.raw", bytes), 3, "3840x2160"), 0);
     expect_idle_within(milliseconds{1000});
-    EXPECT_EQ(farm.counts().plain_writes - before, whole_frames);
+    const auto streamed = [&] { return farm.counts().plain_writes - before; };
+    EXPECT_TRUE(
+        comes_true([&] { return streamed() >= whole_frames; })); // the cards may be behind with what they received
+    EXPECT_EQ(streamed(), whole_frames);
     EXPECT_EQ(cards.dropped(), 0u);
-    EXPECT_TRUE(farm.picture(card, 3) == bytes);
 
     EXPECT_EQ(get(in_folder("back"), buffer_start(3), "3840x200"), 0);
+    EXPECT_TRUE(farm.picture(card, 3) == bytes);
     expect_idle_within(milliseconds{1000});
     const std::vector<uint8_t> top = part(bytes, 0, size_t{whole_hor} * lines * 4);
     EXPECT_TRUE(file_bytes(in_folder("back")) == top);
