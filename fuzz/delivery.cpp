@@ -3,6 +3,7 @@
 //
 // Input: a byte whose bit 0 makes it a data message, a byte that picks the cards' fault (0: none), a byte n for a
 // socket that refuses every n-th frame (0: none), then the message.
+#include "answers.h"
 #include "played_link.h"
 
 #include "ap_msg/endpoint.h"
@@ -21,23 +22,9 @@ namespace {
 
 constexpr size_t input_head = 3;
 
-uint32_t requester = 0;
-uint8_t taken[message_bytes_max]; // an answer is read to its last byte, and AddressSanitizer watches
-
 } // namespace
 
 extern "C" {
-
-int apipc_init(uint32_t, int) { return 0; }
-int apipc_loop_wait(int, apipc_callback) { return -1; }
-int apcard_bit_self(void) { return 1; }
-
-int apipc_send(uint32_t destination, const void* message, uint32_t bytes)
-{
-    if (destination != requester || bytes < message_head_bytes || bytes > sizeof taken) { abort(); }
-    std::copy_n(static_cast<const uint8_t*>(message), bytes, taken);
-    return 0;
-}
 
 int LLVMFuzzerInitialize(int*, char***)
 {
@@ -61,7 +48,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             store_le16(message.get() + message::msg_type, 0);
             store_le16(message.get() + message::msg_class, static_cast<uint16_t>(data_class));
         }
-        requester = load_le32(message.get() + message::aptid);
+        answers_go_to = load_le32(message.get() + message::aptid);
     }
     ApipcEventDeal(0, 0, message.get(), static_cast<int>(length));
     drain();

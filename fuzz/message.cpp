@@ -3,9 +3,11 @@
 //
 // The first byte's bit 0 makes it a data message, which chance alone would seldom do. File jobs are turned away: their
 // mailbox is closed, as when the file service could not be started.
-#include "ap_msg/message.h"
+#include "answers.h"
+
 #include "ap_msg/endpoint.h"
 #include "ap_msg/mailbox.h"
+#include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "mem/mem.h"
 #include "platform/platform.h"
@@ -17,27 +19,7 @@
 
 using namespace rvk;
 
-namespace {
-
-uint32_t requester;
-
-// Where answers go: taking a copy reads them to their last byte, and AddressSanitizer watches.
-uint8_t taken[message_bytes_max];
-
-} // namespace
-
 extern "C" {
-
-int apipc_init(uint32_t, int) { return 0; }
-int apipc_loop_wait(int, apipc_callback) { return -1; }
-int apcard_bit_self(void) { return 1; }
-
-int apipc_send(uint32_t destination, const void* message, uint32_t bytes)
-{
-    if (destination != requester || bytes < message_head_bytes || bytes > sizeof taken) { abort(); }
-    std::copy_n(static_cast<const uint8_t*>(message), bytes, taken);
-    return 0;
-}
 
 int LLVMFuzzerInitialize(int*, char***)
 {
@@ -58,7 +40,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             store_le16(message.get() + message::msg_type, 0);
             store_le16(message.get() + message::msg_class, static_cast<uint16_t>(data_class));
         }
-        requester = load_le32(message.get() + message::aptid);
+        answers_go_to = load_le32(message.get() + message::aptid);
     }
     ApipcEventDeal(0, 0, message.get(), static_cast<int>(length));
     return 0;

@@ -3,6 +3,7 @@
 #include "ap_msg/file_request.h"
 #include "ap_msg/message.h"
 #include "ap_msg/picture_file.h"
+#include "base/elapsed.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "raw_msg/send_ack.h"
@@ -64,12 +65,6 @@ void stream(const card& to, uint32_t data_port, std::span<const uint8_t> bytes)
         const auto piece = bytes.subspan(at, std::min(frame_data_max, bytes.size() - at));
         static_cast<void>(RawSockSendMsg(to.index, to.model, to.slot, data_port, code_write, piece));
     }
-}
-
-double seconds_since(std::chrono::steady_clock::time_point start)
-{
-    using namespace std::chrono;
-    return static_cast<double>(duration_cast<microseconds>(steady_clock::now() - start).count()) / 1'000'000.0;
 }
 
 // Result: false when the picture cannot be had from the file; nothing was sent then.

@@ -4,6 +4,7 @@
 #include "raw_msg/load_picture.h"
 
 #include "base/bytes.h"
+#include "base/elapsed.h"
 #include "base/fd.h"
 #include "base/page_buffer.h"
 #include "base/pause.h"
@@ -157,11 +158,6 @@ bool is_size(int hor, int ver)
     if (static_cast<uint64_t>(hor) * static_cast<uint64_t>(ver) < pixels_end) { return true; }
     log_print(LOG_HERE, "picture %d x %d refused: it has 2^29 pixels or more\n", hor, ver);
     return false;
-}
-
-double seconds_since(std::chrono::steady_clock::time_point start)
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 } // namespace

@@ -23,6 +23,12 @@ void fill(uint8_t* buf, std::span<const uint8_t> piece)
 int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                        std::span<const uint8_t> data)
 {
+    return send_plain_counted(index, model, slot, addr, code, data) < 0 ? -1 : 0;
+}
+
+int32_t send_plain_counted(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
+                           std::span<const uint8_t> data)
+{
     if (data.empty()) { return 0; }
     // One buffer for all pieces: when its send returns, a piece is out.
     uint8_t* buf = RawMsgBuffGet(static_cast<unsigned>(std::min(frame_data_max, data.size())));
@@ -30,18 +36,20 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
         log_print(LOG_HERE, "RawMsgBuffGet fail\n");
         return -1;
     }
+    int32_t unsent = 0;
     for (size_t at = 0; at < data.size(); at += frame_data_max) {
         const auto piece = data.subspan(at, std::min(frame_data_max, data.size() - at));
         fill(buf, piece);
         const auto piece_addr = static_cast<uint32_t>(addr + at);
         const auto length = static_cast<unsigned>(piece.size());
         if (RawSockMsgSend(index, model, slot, piece_addr, code, no_sequence, buf, length) < 1) {
-            log_print(LOG_HERE, "#######error %s : index:%d addr:0x%x length:%d send fail\n", __func__, index, addr,
+            ++unsent;
+            log_print(LOG_HERE, "#######error RawSockSendMsg : index:%d addr:0x%x length:%d send fail\n", index, addr,
                       static_cast<int>(data.size()));
         }
     }
     RawMsgBuffFree(buf);
-    return 0;
+    return unsent;
 }
 
 } // namespace rvk

@@ -13,4 +13,8 @@ namespace rvk {
 int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                        std::span<const uint8_t> data);
 
+// The same for who wants to know. Result: frames that could not be sent; -1 when no message buffer could be had.
+[[nodiscard]] int32_t send_plain_counted(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
+                                         std::span<const uint8_t> data);
+
 } // namespace rvk

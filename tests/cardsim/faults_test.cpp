@@ -1,7 +1,6 @@
 // Bad cards: each fault does what its line says and nothing else, and a seed brings the same ones again.
 #include "cardsim/cards.h"
 #include "cardsim/requests.h"
-#include "eth_raw/bus_packet.h"
 #include "eth_raw/frame.h"
 
 #include <gtest/gtest.h>
@@ -21,13 +20,6 @@ std::string seen(const std::vector<reply_frame>& frames)
 }
 
 bytes acknowledged(uint16_t seq) { return write_frame({.code = code_write_ack, .seq = seq}, bytes{0x77}); }
-bytes block_read()
-{
-    std::array<uint8_t, bus_packet_max> packet;
-    const bytes area(bus_data_min);
-    const size_t n = make_bus_request(&packet, 0x1000, 40, area.data(), bus_read);
-    return {packet.begin(), packet.begin() + static_cast<ptrdiff_t>(n)};
-}
 bytes reading(uint16_t seq) { return read_frame({.code = code_read, .seq = seq}, 40); }
 
 struct fault_case {
@@ -98,45 +90,6 @@ TEST(Faults, DoWhatTheirLineSays)
     }
 }
 
-// A row of the table above that stands for the wrong fault would go unseen where two look alike.
-TEST(Faults, AreCountedUnderTheirOwnName)
-{
-    for (const fault_row& row : fault_table()) {
-        SCOPED_TRACE(row.name);
-        card_faults faults;
-        faults.*row.how_often = 1.0;
-        card_farm farm(faults);
-        std::vector<reply_frame> out;
-        farm.request(acknowledged(1), 0, out);
-        farm.request(reading(2), 0, out);
-        farm.request(block_read(), 0, out);
-        uint64_t all = 0;
-        for (const uint64_t n : farm.counts().injected) { all += n; }
-        EXPECT_GE(farm.counts().of(row.kind), 1u);
-        EXPECT_EQ(farm.counts().of(row.kind), all);
-    }
-}
-
-TEST(Faults, ACountIsUsedUp)
-{
-    card_farm farm({.wrong_ack = 2});
-    std::vector<reply_frame> out;
-    for (uint16_t i = 0; i < 4; ++i) { farm.request(acknowledged(i), i, out); }
-    EXPECT_EQ(seen(out), "11/2/0 11/2/0 11/0/0 11/0/0");
-    EXPECT_EQ(farm.counts().of(fault::wrong_ack), 2u);
-}
-
-TEST(Faults, APartIsThatPartOfAll)
-{
-    card_farm farm({.seed = 7, .loss = 0.05});
-    std::vector<reply_frame> out;
-    const bytes frame = write_frame({.code = code_write}, bytes{1});
-    for (int i = 0; i < 20'000; ++i) { farm.request(frame, 0, out); }
-    const uint64_t lost = farm.counts().of(fault::loss); // the same 1,000 or so on every run: the seed is fixed
-    EXPECT_GT(lost, 800u);
-    EXPECT_LT(lost, 1200u);
-}
-
 TEST(Faults, TheSameSeedBringsTheSameAgain)
 {
     const card_faults faults{.seed = 42,
@@ -157,31 +110,6 @@ TEST(Faults, TheSameSeedBringsTheSameAgain)
     card_faults other = faults;
     other.seed = 43;
     EXPECT_NE(first, conversation(other, 1000));
-}
-
-TEST(Faults, OneDoesNotMoveAnother)
-{
-    const auto lost = [](const card_faults& faults) {
-        card_farm farm(faults);
-        farm.record_history(500);
-        std::vector<reply_frame> out;
-        for (uint16_t i = 0; i < 500; ++i) { farm.request(acknowledged(i), i, out); }
-        std::vector<bool> which;
-        for (const recorded_request& r : farm.history()) { which.push_back(r.lost); }
-        return which;
-    };
-    EXPECT_EQ(lost({.seed = 3, .loss = 0.2}), lost({.seed = 3, .loss = 0.2, .duplicate = 0.5, .delay = 0.5}));
-}
-
-TEST(Faults, CorruptionNeverPasses)
-{
-    card_farm farm({.seed = 11, .corrupt = 1.0});
-    farm.write(card, 0x1000, bytes(40, 0xC3));
-    std::vector<reply_frame> out;
-    for (uint16_t i = 0; i < 5000; ++i) {
-        farm.request(reading(i), 0, out);
-        ASSERT_EQ(as_seen(out.back().view()), "-") << i;
-    }
 }
 
 TEST(Faults, ALateAnswerComesWhenItIsDue)

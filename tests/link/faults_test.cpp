@@ -35,42 +35,24 @@ struct async_case {
 // A resend's answer is never late enough to come before the next resend: only the first answer is delayed, by 400 ms.
 const async_case async_cases[] = {
     {"a good answer ends it silently", reported_write, {}, 1, 0, ""},
-    {"the short code of an acknowledgement is as good", reported_write, {.ack_code_short = always}, 1, 0, ""},
     {"no answer: three sends, one report", reported_write, {.loss = always}, 3, 2, "failed"},
-    {"carried out, but never acknowledged", reported_write, {.reply_loss = always}, 3, 2, "failed"},
-    {"every answer corrupt", reported_write, {.corrupt = always}, 3, 2, "failed"},
-    {"one request lost", reported_write, {.loss = 1}, 2, 1, ""},
-    {"two requests lost", reported_write, {.loss = 2}, 3, 2, ""},
     {"an acknowledgement lost", reported_write, {.reply_loss = 1}, 2, 1, ""},
     {"refused twice: resent at once, costs no try", reported_write, {.wrong_ack = 2}, 3, 0, ""},
     {"refused without end", reported_write, {.wrong_ack = always}, 1000, 0, "failed"},
-    {"a card that says 'no answer' has said nothing", reported_write, {.wrong_ack = 1, .wrong_status = 255}, 2, 1, ""},
-    {"acknowledged twice", reported_write, {.duplicate = always}, 1, 0, ""},
     {"acknowledged after the resend", reported_write, {.delay = 1, .delay_ms = 400}, 2, 1, ""},
     {"acknowledged in wrong order", reported_write, {.reorder = 1}, 1, 0, ""},
     {"a corrupt acknowledgement", reported_write, {.corrupt = 1}, 2, 1, ""},
     {"an acknowledgement with bytes behind it", reported_write, {.trailing = 1}, 2, 1, ""},
-    {"an acknowledgement that claims 100 bytes", reported_write, {.len_past_end = 1}, 2, 1, ""},
     {"an acknowledgement that claims 60,000 bytes", reported_write, {.len_huge = 1}, 2, 1, ""},
-    {"foreign frames in between", reported_write, {.foreign = always}, 1, 0, ""},
-    {"runts in between", reported_write, {.runt = always}, 1, 0, ""},
 
     {"data", reported_read, {}, 1, 0, "data"},
     {"no answer: three sends, one report", reported_read, {.loss = always}, 3, 2, "failed"},
-    {"one request lost", reported_read, {.loss = 1}, 2, 1, "data"},
     {"two answers lost", reported_read, {.reply_loss = 2}, 3, 2, "data"},
-    {"refused twice", reported_read, {.wrong_read = 2}, 3, 0, "data"},
     {"refused without end", reported_read, {.wrong_read = always}, 1000, 0, "failed"},
-    {"status 255, with data", reported_read, {.read_says_none = 1}, 2, 1, "data"},
-    {"status 0, without data", reported_read, {.read_empty = 1}, 2, 1, "data"},
-    {"never any data", reported_read, {.read_empty = always}, 3, 2, "failed"},
-    {"more than a frame carries", reported_read, {.read_oversized = 1}, 1, 0, "failed"},
     {"more than a receive buffer holds", reported_read, {.read_oversized = 1, .oversized_len = 1500}, 2, 1, "data"},
-    {"answered twice", reported_read, {.duplicate = always}, 1, 0, "data"},
     {"answered after the resend", reported_read, {.delay = 1, .delay_ms = 400}, 2, 1, "data"},
     {"a corrupt answer", reported_read, {.corrupt = 1}, 2, 1, "data"},
     {"an answer that claims half of its data", reported_read, {.len_short = 1}, 2, 1, "data"},
-    {"an answer that claims 100 bytes more", reported_read, {.len_past_end = 1}, 2, 1, "data"},
     {"an answer that claims 60,000 bytes", reported_read, {.len_huge = 1}, 2, 1, "data"},
     {"foreign frames and runts in between", reported_read, {.foreign = always, .runt = always}, 1, 0, "data"},
 };
@@ -87,29 +69,15 @@ struct waited_case {
 const waited_case waited_cases[] = {
     {"a good answer", waited_write, {}, 0, 0, false},
     {"no answer", waited_write, {.loss = always}, -1, 255, true},
-    {"carried out, but not acknowledged", waited_write, {.reply_loss = 1}, -1, 255, true},
     {"a corrupt acknowledgement", waited_write, {.corrupt = 1}, -1, 255, true},
     {"an acknowledgement that claims 60,000 bytes", waited_write, {.len_huge = 1}, -1, 255, true},
     {"refused", waited_write, {.wrong_ack = 1, .wrong_status = 5}, 0, 5, false},
-    {"a card that says 'no answer' has said nothing",
-     waited_write,
-     {.wrong_ack = 1, .wrong_status = 255},
-     -1,
-     255,
-     true},
-    {"acknowledged twice", waited_write, {.duplicate = 1}, 0, 0, false},
     {"strangers in between", waited_write, {.foreign = always, .runt = always}, 0, 0, false},
 
     {"data", waited_read, {}, 0, 0, false},
     {"no answer", waited_read, {.loss = always}, -1, 0, true},
-    {"refused", waited_read, {.wrong_read = 1}, -1, 0, false},
-    {"status 0, without data", waited_read, {.read_empty = 1}, -1, 0, false},
-    {"more than a frame carries", waited_read, {.read_oversized = 1}, -1, 0, false},
     {"more than a receive buffer holds", waited_read, {.read_oversized = 1, .oversized_len = 1500}, -1, 0, true},
-    {"status 255, with data", waited_read, {.read_says_none = 1}, -1, 0, true},
     {"a corrupt answer", waited_read, {.corrupt = 1}, -1, 0, true},
-    {"an answer that claims half of its data", waited_read, {.len_short = 1}, -1, 0, true},
-    {"answered twice", waited_read, {.duplicate = 1}, 0, 0, false},
     {"strangers in between", waited_read, {.foreign = always, .runt = always}, 0, 0, false},
 };
 
@@ -161,33 +129,6 @@ TEST_F(Faults, EndEverySynchronousRequestAfterOneFrame)
     }
 }
 
-TEST_F(Faults, PiecesFareEachOnItsOwn)
-{
-    constexpr size_t len = 2900;
-    const auto nth = [](uint32_t addr, uint32_t i) { return addr + i * 1400; };
-    for (const request_kind kind : {plain_write, reported_write, waited_write}) {
-        const uint32_t addr = 0x100000u * (1 + static_cast<uint32_t>(kind));
-        SCOPED_TRACE(name_of(kind));
-        static_cast<void>(take_messages());
-        const uint64_t lost = kind == reported_write ? 3 : 1; // all first sends, or the first piece
-        const uint64_t lost_before = farm.counts().of(fault::loss);
-        farm.set_faults({.loss = lost});
-        EXPECT_EQ(run_request(kind, addr, len, 1).result, 0);
-        ASSERT_TRUE(
-            soon([&] { return farm.counts().of(fault::loss) == lost_before + lost; })); // nobody waits for plain
-        settle_down();
-        EXPECT_EQ(stored(addr, 1400), kind == reported_write);
-        EXPECT_TRUE(stored(nth(addr, 1), 1400) && stored(nth(addr, 2), 100));
-        for (uint32_t i = 0; i < 3; ++i) {
-            const auto frames = frames_to(nth(addr, i));
-            ASSERT_EQ(frames.size(), kind == reported_write ? 2u : 1u);
-            EXPECT_EQ(frames[0].fields.len, i == 2 ? 100 : 1400);
-            EXPECT_EQ(frames[0].fields.seq, frames.back().fields.seq);
-        }
-        EXPECT_TRUE(take_messages().empty());
-    }
-}
-
 // A tick may be waiting already when a timer is armed: three ticks are 50 to 100 ms on a quiet machine.
 TEST_F(Faults, ExpiriesComeAfterThreeTicks)
 {
@@ -210,31 +151,4 @@ TEST_F(Faults, ExpiriesComeAfterThreeTicks)
     EXPECT_GE(median(waits), 3 * 60'000u);
     EXPECT_LE(median(waits), 3 * 200'000u);
     EXPECT_EQ(take_messages().size(), requests);
-}
-
-// By expiries these resends would take at least 100 times 45 ms.
-TEST_F(Faults, RefusalsAreAnsweredAtOnce)
-{
-    farm.set_faults({.wrong_ack = 100});
-    const uint64_t from = now_us();
-    ASSERT_EQ(run_request(reported_write, first_addr, 4).result, 0);
-    settle_down();
-    EXPECT_LT(now_us() - from, 3'000'000u);
-    EXPECT_EQ(frames_to(first_addr).size(), 101u);
-    EXPECT_EQ(logged("wrong ack (0x2), send msg again (1)!"), 100u); // the count does not rise
-}
-
-// Numbers are counted for each kind apart: one answer may end a request in both queues of its kind.
-TEST_F(Faults, AnswersBehindTheNextOneFindTheirRequests)
-{
-    constexpr uint32_t count = 50;
-    farm.set_faults({.duplicate = 0.3, .reorder = 0.5});
-    for (uint32_t i = 0; i < count; ++i) {
-        preset(first_addr + i * addr_step);
-        ASSERT_EQ(run_request(reported_read, first_addr + i * addr_step, 1400).result, 0);
-    }
-    settle_down();
-    const auto messages = take_messages();
-    for (uint32_t i = 0; i < count; ++i) { EXPECT_EQ(heard_about(first_addr + i * addr_step, messages), "data") << i; }
-    EXPECT_EQ(messages.size(), count);
 }

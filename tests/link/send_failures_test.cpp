@@ -1,7 +1,9 @@
 // Sends that fail, and sends whose sender gets control back only when everything has happened already.
+#include "eth_raw/frame.h"
 #include "link/bench_link.h"
 #include "link/injected_send.h"
 #include "link/requests.h"
+#include "raw_msg/send_plain.h"
 #include "support/log_capture.h"
 
 using namespace rvk;
@@ -133,4 +135,6 @@ TEST_F(SendFailures, AreLogged)
     EXPECT_EQ(logged("need send again"), 1u);
     EXPECT_EQ(logged("sendto fail:len = 100, ret_len = 129, packet_length= 130, errno = 0\n"), 1u);
     EXPECT_EQ(logged("#######error RawSockSendMsg : index:0"), 1u);
+    plan_sends({works, link_down, works});
+    EXPECT_EQ(send_plain_counted(0, 0, near_card.slot, first_addr, code_write, pattern(0, 2900)), 1);
 }

@@ -101,39 +101,3 @@ TEST(CommandLine, ABoardFromTheEnvironmentIsCheckedToo)
     EXPECT_EQ(ran.status, 2);
     EXPECT_NE(ran.err.find("APCARD_SELF \"many\""), std::string::npos) << ran.err;
 }
-
-TEST(CommandLine, BytesMayHaveBlanksAndBeSeveralWords)
-{
-    const endpoint_folder folder;
-    fake_daemon daemon;
-    for (const std::vector<std::string>& bytes :
-         {std::vector<std::string>{"0aFF01"}, {"0a ff  01 "}, {"0a", "ff01"}, {"\t0A\nFF 01"}}) {
-        std::vector<std::string> given{"write", "2", "0"};
-        given.insert(given.end(), bytes.begin(), bytes.end());
-        EXPECT_EQ(run_rvkctl(given).status, 0) << bytes[0];
-    }
-    const std::vector<seen_command> seen = daemon.finish();
-    ASSERT_EQ(seen.size(), 4u);
-    for (const seen_command& c : seen) { EXPECT_EQ(c.payload, (std::vector<uint8_t>{0x0A, 0xFF, 0x01})); }
-}
-
-TEST(CommandLine, AFileThatCannotBeWrittenIsNotDone)
-{
-    const endpoint_folder folder;
-    fake_daemon daemon;
-    const said ran = run_rvkctl({"read", "2", "0", "4", "--out", folder.file("none/x")});
-    EXPECT_EQ(ran.status, 2);
-    EXPECT_NE(ran.err.find(folder.file("none/x")), std::string::npos) << ran.err;
-}
-
-TEST(CommandLine, HelpTellsAScriptWhatItNeeds)
-{
-    for (const std::vector<std::string>& given :
-         {std::vector<std::string>{"--help"}, {"read", "--help"}, {"write", "-h"}}) {
-        const said ran = run_rvkctl(given);
-        EXPECT_EQ(ran.status, 0);
-        for (const char* part : {"What \"done\" means", "Exit status", "Examples", "APIPC_DIR", "--model"}) {
-            EXPECT_NE(ran.out.find(part), std::string::npos) << part << " in " << given[0];
-        }
-    }
-}

@@ -226,20 +226,6 @@ TEST(Conversation, AFileThatFailsInTheMiddleSaysHowFarItCame)
     EXPECT_EQ(daemon.finish().size(), 2u) << "nothing is sent behind a failure";
 }
 
-TEST(Conversation, ADumpGoesBackThroughXxd)
-{
-    const endpoint_folder folder;
-    fake_daemon daemon;
-    const std::string content = patterned(259); // every value, and a last line that is not full
-    std::ofstream(folder.file("in"), std::ios::binary) << content;
-    ASSERT_EQ(run_rvkctl({"write", "2", "0x8000fff8", "--file", folder.file("in")}).status, 0);
-    const said ran = run_rvkctl({"read", "2", "0x8000fff8", "259"});
-    std::ofstream(folder.file("dump")) << ran.out;
-    const std::string line = "xxd -r -s -0x8000fff8 " + folder.file("dump") + " > " + folder.file("back");
-    ASSERT_EQ(system(line.c_str()), 0) << "xxd is needed";
-    EXPECT_TRUE(held_by(folder.file("back")) == content) << ran.out;
-}
-
 TEST(Conversation, JsonSaysEverything)
 {
     const endpoint_folder folder;

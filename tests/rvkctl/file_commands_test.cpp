@@ -70,13 +70,3 @@ TEST(FileCommands, AGetWhoseFilesCannotBeMadeEnds)
     EXPECT_NE(ran.err.find("opened neither \"" + folder.file("back") + "\" nor"), std::string::npos) << ran.err;
     EXPECT_EQ(codes_of(daemon.finish()), (std::vector<int>{command::greeting, command::file_read, command::greeting}));
 }
-
-TEST(FileCommands, AGetBehindASilentDaemonKeepsItsTime)
-{
-    const endpoint_folder folder;
-    fake_daemon daemon({.greetings = 1});
-    const said ran =
-        run_rvkctl({"picture", "get", folder.file("back"), "--size", "2x2", "--addr", "0", "--timeout", "60"});
-    EXPECT_EQ(ran.status, 3);
-    EXPECT_NE(ran.err.find("did not answer within 60 ms"), std::string::npos) << ran.err;
-}

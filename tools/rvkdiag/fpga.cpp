@@ -115,10 +115,14 @@ void peek(const fpga_options& o, pthread_t receive_thread)
 
 std::string poke(const fpga_options& o)
 {
-    if (RawSockSendMsg(o.link, o.model, o.slot, o.addr, code_write, o.bytes) != 0) {
-        throw failure{problem::no_answer, what_text(o, "write", o.bytes.size()) + ": not sent, no buffer left"};
+    const std::string what = what_text(o, "write", o.bytes.size());
+    const int32_t unsent = send_plain_counted(o.link, o.model, o.slot, o.addr, code_write, o.bytes);
+    if (unsent < 0) { throw failure{problem::no_answer, what + ": not sent, no buffer left"}; }
+    if (unsent > 0) {
+        throw failure{problem::no_answer,
+                      format("%s: %d frames could not be sent, the lines above say why", what.c_str(), unsent)};
     }
-    return what_text(o, "write", o.bytes.size()) + ": sent, the card is not asked\n";
+    return what + ": sent, the card is not asked\n";
 }
 
 std::string poke_and_wait(const fpga_options& o)
