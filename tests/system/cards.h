@@ -55,6 +55,7 @@ protected:
     card_farm farm;
     card_link cards{farm};
     std::unique_ptr<daemon_process> d;
+    bool cards_may_refuse = false; // where the test keeps the daemon from sending all that it should
 };
 
 } // namespace rvk

@@ -1,0 +1,56 @@
+// The real daemon with planned faults: its start, its plan, and what must hold when a fault is over.
+#pragma once
+
+#include "faults/plan.h"
+#include "system/cards.h"
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+namespace rvk {
+
+// The payload of an update job: type and path, its end included.
+[[nodiscard]] std::vector<uint8_t> update_payload(uint32_t type, const std::string& path);
+
+// A plan's file, mapped, with the environment that leads a daemon to it.
+class planned_faults {
+public:
+    planned_faults();
+    ~planned_faults();
+    planned_faults(const planned_faults&) = delete;
+    planned_faults& operator=(const planned_faults&) = delete;
+
+    [[nodiscard]] child_setup setup() const;
+    void clear(); // before the next daemon
+
+    // The daemon gives back its pool's waiting blocks. Result: those that are handed out, by class; all -1 when the
+    // daemon does not look.
+    [[nodiscard]] std::array<int32_t, pool_classes> look() const;
+
+    fault_plan* plan = nullptr;
+};
+
+// Daemon, cards, and a requester; the demo at start is left out for want of memory for its picture.
+class FaultsTest : public FilesTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Says what does not work any more: a greeting, a read of what the card holds, a waited write, a picture. Empty:
+    // all works.
+    [[nodiscard]] std::string fault_in_service();
+
+    // Waits until every command before has been carried out and its last request has ended; none of this allocates.
+    // Result: the answers that came, without the fences' own.
+    [[nodiscard]] std::vector<std::vector<uint8_t>> answers_until_done();
+
+    planned_faults faults;
+    std::unique_ptr<conversation> client;
+    std::array<int32_t, pool_classes> at_rest{};
+    std::string picture; // a small one
+};
+
+inline constexpr uint32_t small_width = 64, small_height = 4;
+
+} // namespace rvk
