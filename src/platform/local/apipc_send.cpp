@@ -18,7 +18,7 @@ namespace {
 
 constexpr uint64_t patience_us = 20'000; // for a peer whose queue is full
 constexpr uint64_t retry_us = 1'000;
-constexpr size_t remembered_max = 16;
+constexpr size_t remembered_max = 256; // with one too few, each of them costs its patience in turn
 
 rvk::mutex remembered_mtx;                                          // innermost but for the log's
 uint32_t remembered[remembered_max] RVK_GUARDED_BY(remembered_mtx); // oldest first
