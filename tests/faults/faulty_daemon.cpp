@@ -38,6 +38,12 @@ std::vector<uint8_t> update_payload(uint32_t type, const std::string& path)
     return out;
 }
 
+bool wants_all_faults()
+{
+    const char* const asked = getenv("RVK_FAULTS");
+    return asked != nullptr && std::string(asked) == "all";
+}
+
 planned_faults::planned_faults()
 {
     const unique_fd file{open(plan_path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)};

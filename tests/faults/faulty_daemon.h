@@ -13,6 +13,9 @@ namespace rvk {
 // The payload of an update job: type and path, its end included.
 [[nodiscard]] std::vector<uint8_t> update_payload(uint32_t type, const std::string& path);
 
+// Whether RVK_FAULTS=all is in the environment: the whole tables and their full lengths, by hand (scripts/soak).
+[[nodiscard]] bool wants_all_faults();
+
 // A plan's file, mapped, with the environment that leads a daemon to it.
 class planned_faults {
 public:
