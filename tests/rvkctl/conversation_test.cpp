@@ -131,6 +131,37 @@ const conversation_case cases[] = {
      0,
      {greeting, plain, greeting},
      "the card is not asked"},
+
+    {"a write is read back",
+     {},
+     {"write", "2", "0x10", "aabb", "--verify"},
+     0,
+     {acked, read_code},
+     "answered, read back the same\n"},
+    {"a plain write is read back",
+     {},
+     {"write", "2", "0x10", "aabb", "--no-ack", "--verify"},
+     0,
+     {greeting, plain, greeting, read_code},
+     "the card is not asked, read back the same\n"},
+    {"another byte is read back",
+     {.spoilt = 0x11},
+     {"write", "2", "0x10", "aabb", "--verify"},
+     1,
+     {acked, read_code},
+     "differs from what was written: first at offset 1 (0x00000011), wanted bb, got ba"},
+    {"the card does not let it be read back",
+     {.result = -1, .good_answers = 1},
+     {"write", "2", "0x10", "aabb", "--verify"},
+     1,
+     {acked, read_code},
+     "could not read it back: read of 2 bytes at 0x00000010"},
+    {"no answer to reading back",
+     {.answers = false},
+     {"write", "2", "0x10", "aabb", "--no-ack", "--verify", "--timeout", "60"},
+     3,
+     {greeting, plain, greeting, read_code},
+     "could not read it back: board 1 did not answer"},
 };
 
 codes codes_of(const std::vector<seen_command>& seen)
@@ -224,6 +255,19 @@ TEST(Conversation, AFileThatFailsInTheMiddleSaysHowFarItCame)
     EXPECT_NE(ran.err.find("the 1400 bytes before are written"), std::string::npos) << ran.err;
     EXPECT_EQ(nlohmann::json::parse(ran.out)["commands_confirmed"], 1);
     EXPECT_EQ(daemon.finish().size(), 2u) << "nothing is sent behind a failure";
+}
+
+TEST(Conversation, ADifferenceBehindTheFirstPieceIsPlaced)
+{
+    const endpoint_folder folder;
+    std::ofstream(folder.file("in"), std::ios::binary) << patterned(3000);
+    fake_daemon daemon({.spoilt = 0x1000 + 2999});
+    const said ran = run_rvkctl({"write", "2", "0x1000", "--file", folder.file("in"), "--verify", "--json"});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_NE(ran.err.find("offset 2999 (0x00001bb7)"), std::string::npos) << ran.err;
+    const auto object = nlohmann::json::parse(ran.out);
+    EXPECT_EQ(object["error"]["kind"], "differs");
+    EXPECT_EQ(object["first_difference"]["offset"], 2999);
 }
 
 TEST(Conversation, JsonSaysEverything)

@@ -5,8 +5,10 @@
 #include "base/bytes.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
+#include <unistd.h>
 
 namespace rvk {
 namespace {
@@ -65,6 +67,7 @@ void fake_daemon::serve()
 
 void fake_daemon::handle(const message_bytes& request, const seen_command& asked)
 {
+    if (how.interrupts_at-- == 0) { kill(getpid(), SIGINT); }
     if (how.strays_first) { send_strays(request, asked.sender); }
     if (asked.code == command::greeting) {
         if (how.greetings-- > 0) { greet(asked.sender); }
@@ -148,6 +151,8 @@ void fake_daemon::answer_read(const message_bytes& request, const seen_command& 
     const int32_t result = next_result();
     message_bytes data(result == 0 ? asked.len - std::min<size_t>(asked.len, how.data_missing) : 0);
     for (size_t i = 0; i < data.size(); ++i) { data[i] = memory[asked.addr + static_cast<uint32_t>(i)]; }
+    const uint32_t place = how.spoilt.value_or(0) - asked.addr;
+    if (how.spoilt && how.spoilt_after-- <= 0 && place < data.size()) { data[place] ^= 1; }
     answer(request, asked.sender, result, data);
 }
 

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -25,6 +26,9 @@ struct manners {
     int reports = 0;                           // failures reported for unwaited writes
     std::chrono::milliseconds report_delay{0}; // after the greeting that follows the write; 0: before that greeting
     uint32_t report_offset = 0;                // added to a reported address
+    std::optional<uint32_t> spoilt{};          // the byte at this address is read as another one,
+    int spoilt_after = 0;                      // from this read on
+    int interrupts_at = -1;                    // the client is interrupted at its n-th command
 };
 
 struct seen_command {

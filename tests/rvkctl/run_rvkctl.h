@@ -13,4 +13,7 @@ struct said {
 
 said run_rvkctl(std::vector<std::string> arguments);
 
+// The same, with its output where the test's own goes. Result: the exit status.
+int run_uncaptured(std::vector<std::string> arguments);
+
 } // namespace rvk

@@ -111,6 +111,48 @@ TEST_F(Pictures, OfCardMemory1400OfEach1408BytesAreGot)
     EXPECT_EQ(file_bytes(in_folder("back.bmp")), bmp_of(wanted, hor, ver, 32));
 }
 
+// The picture is put into a buffer, and looked for where the test laid it out: at its place by the cards' rule, or one
+// line behind the other.
+TEST_F(Pictures, APutIsVerifiedByWhatAReadBackDelivers)
+{
+    constexpr uint32_t hor = 100, ver = 20;
+    constexpr size_t line = hor * 4, stride = 448;
+    constexpr uint64_t at = 0x5000000;
+    const std::vector<uint8_t> picture = content(9, line * ver);
+    const std::string path = file("picture.raw", picture);
+    constexpr size_t none = SIZE_MAX;
+    const struct {
+        const char* name;
+        bool spread;
+        size_t spoilt; // offset in card memory
+        int status;
+        int unanswered; // the put's three acknowledgements among them
+    } rows[] = {
+        {"whole", true, none, 0, 0},
+        {"the first step is not answered at first", true, none, 0, 5},
+        {"a byte of the sixth step", true, 5 * step_room + 3, 1, 0},
+        {"one line behind the other", false, none, 0, 0},
+        {"a byte of the tenth line", false, 9 * stride + 17, 1, 0},
+        {"a byte that is in no read-back", false, step_bytes + 4, 0, 0},
+        {"a byte of the padding", false, line + 1, 0, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::vector<uint8_t> memory(2 * stride * ver, 0x77);
+        for (size_t i = 0; i < stride * ver; ++i) {
+            if (i % stride >= line) { continue; }
+            const size_t place = row.spread ? i / step_bytes * step_room + i % step_bytes : i;
+            memory[place] = picture[i / stride * line + i % stride];
+        }
+        if (row.spoilt != none) { memory[row.spoilt] ^= 0x80; }
+        farm.write_pictures(card, at, memory);
+        farm.set_faults({.reply_loss = row.unanswered});
+        EXPECT_EQ(rvkctl({"picture", "put", path, "--buffer", "3", "--size", "100x20", "--slot", "6", "--model",
+                          "0x203", "--verify", "--addr", std::to_string(at / read_word)}),
+                  row.status);
+    }
+}
+
 TEST_F(Pictures, AFileThatCannotBeOpenedIsABlackPicture)
 {
     const std::vector<uint8_t> bytes = content(4, 16 * 16 * 4);

@@ -24,6 +24,7 @@ constexpr problem_row problems[] = {
     {problem::endpoint_error, exit_no_answer, "endpoint_error"},
     {problem::refused, exit_no, "refused"},
     {problem::short_answer, exit_no, "short_answer"},
+    {problem::differs, exit_no, "differs"},
 };
 
 const problem_row& row_of(problem what)

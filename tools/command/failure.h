@@ -18,7 +18,8 @@ enum class problem {
     identity_taken,
     endpoint_error, // anything else that the messaging service said
     refused,        // the daemon or the card said no
-    short_answer    // the card sent less than was asked for
+    short_answer,   // the card sent less than was asked for
+    differs         // what was read back is not what was written
 };
 
 enum exit_status { exit_done = 0, exit_no = 1, exit_usage = 2, exit_no_answer = 3 };

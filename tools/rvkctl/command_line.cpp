@@ -37,6 +37,13 @@ What "done" means:
   update       the card took the whole image, or the programming tool ended well.
 These three wait as long as the daemon lives, unless --timeout is given, and show the time they take on a terminal.
 
+  read --repeat         every read was good. One that fails is told and ends nothing; the exit status is the first such
+                        one's. Ctrl-C is an orderly end. With --json each line is an object.
+  write --verify        what was read back is what was written. Not for registers that change or cannot be read.
+  picture put --verify  what was read back from --addr is the picture, as far as a read-back goes: of a card that keeps
+                        lines one behind the other that is 1400 of each 1408 bytes. It goes into a folder in TMPDIR,
+                        which rvkd must reach, and is gone afterwards.
+
 Exit status:
   0  done
   1  the daemon or the card said no
@@ -46,6 +53,7 @@ Exit status:
 Environment:
   APCARD_SELF  this board's number, the default of --board (1 when unset)
   APIPC_DIR    the folder of the messaging service's sockets (/run/apipc when unset); the same as rvkd's
+  TMPDIR       where picture put --verify reads back to (/tmp when unset)
 
 Examples:
   rvkctl hello
@@ -53,9 +61,12 @@ Examples:
   rvkctl read 2 0x10000 1400 --out block.bin
   rvkctl read 2 0x10000 16 | xxd -r -s -0x10000 > block.bin
   rvkctl write 2 0x10000 "01 00 00 80"
+  rvkctl read 2 0x10000 4 --repeat 0 --interval 200
+  rvkctl write 2 0x10000 "01 00 00 80" --verify
   rvkctl write 2 0x20000 --file table.bin --model 3
   rvkctl --json --board 4 read 1 0x100 4
   rvkctl picture put card.raw --size 3840x2160 --buffer 16
+  rvkctl picture put card.raw --size 3840x2160 --buffer 16 --verify --addr 0x10000000
   rvkctl picture get /tmp/back --size 3840x2160 --addr 0
   rvkctl update top.bin --type fpga-1a --slot 3
 )";

@@ -5,19 +5,29 @@
 #include "rvkctl/outcome.h"
 #include "rvkctl/session.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace rvk::ctl {
 
+// Of a read that is repeated.
+struct repetition {
+    uint64_t times = 0;                       // 0: until a signal ends it
+    std::chrono::milliseconds interval{1000}; // from the start of one to the start of the next
+    bool all = false;                         // a line each time, not only for what is new
+};
+
 struct read_options {
     uint8_t slot = 0;
     uint16_t model = 0;
     uint32_t addr = 0;
-    uint16_t len = 0;     // 1 to frame_data_max
-    std::string out_file; // empty: a dump on standard output
+    uint16_t len = 0;       // 1 to frame_data_max
+    std::string out_file{}; // empty: a dump on standard output
+    std::optional<repetition> repeat{};
 };
 
 struct write_options {
@@ -25,6 +35,7 @@ struct write_options {
     uint16_t model = 0;
     uint32_t addr = 0;
     bool no_ack = false;
+    bool verify = false; // read it back and compare
     std::vector<uint8_t> bytes;
 };
 
@@ -34,6 +45,7 @@ struct picture_options {
     uint32_t where = 0; // buffer number of a put; card memory address of a get, in words of 8 bytes
     uint8_t slot = 1;
     uint16_t model = 0;
+    std::optional<uint32_t> verify_at{}; // of a put: where the buffer begins in card memory, to read it back from there
 };
 
 struct update_options {

@@ -31,18 +31,28 @@ std::string object_text(const outcome& run, exit_status status)
     }
     object.update(run.facts);
     // A file's name may be any bytes.
-    return object.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+    return object.dump(run.one_line ? -1 : 2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 } // namespace
 
+void say(const outcome& run, bool json)
+{
+    const bool written = run.told || write_out(json ? object_text(run, status_of(run.failed.what)) : run.answer);
+    const int error = errno;
+    if (run.failed.what != problem::none) { fprintf(stderr, "rvkctl: %s\n", run.failed.text.c_str()); }
+    if (written) { return; }
+    throw failure{problem::wrong_usage,
+                  std::string("the answer could not be written to standard output: ") + strerror(error)};
+}
+
 int present(const outcome& run, bool json)
 {
     const exit_status status = status_of(run.failed.what);
-    const bool written = write_out(json ? object_text(run, status) : run.answer);
-    if (run.failed.what != problem::none) { fprintf(stderr, "rvkctl: %s\n", run.failed.text.c_str()); }
-    if (!written) {
-        fprintf(stderr, "rvkctl: the answer could not be written to standard output: %s\n", strerror(errno));
+    try {
+        say(run, json);
+    } catch (const failure& unwritten) {
+        fprintf(stderr, "rvkctl: %s\n", unwritten.text.c_str());
         return status == exit_done ? exit_usage : status;
     }
     return status;

@@ -19,10 +19,15 @@ struct outcome {
     nlohmann::ordered_json facts = nlohmann::ordered_json::object(); // the command's own members of the JSON object
     std::string answer;                                              // for standard output without --json; whole lines
     failure failed{problem::none, {}};
+    bool one_line = false; // the JSON object, in place of an indented one
+    bool told = false;     // what belongs on standard output was said while it ran
 };
 
-// Prints an outcome: the answer or, with json, one object on standard output; a failure's line on standard error.
-// Result: the process's exit status.
+// Puts the answer or, with json, one object on standard output, and a failure's line on standard error. Throws a
+// failure of wrong usage when standard output does not take it.
+void say(const outcome& run, bool json);
+
+// Says how a run ended. Result: the process's exit status.
 int present(const outcome& run, bool json);
 
 // A result field in words.

@@ -1,11 +1,12 @@
 // Pictures into card memory and back, through the daemon's file service. A put is answered; of a get only the two files
 // tell that it is over.
-#include "rvkctl/commands.h"
+#include "rvkctl/picture.h"
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "command/values.h"
 #include "rvkctl/file_watch.h"
+#include "rvkctl/scratch_folder.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -19,7 +20,6 @@ namespace {
 constexpr size_t size_bytes = 8;        // daemon: hor and ver in front of the path
 constexpr size_t put_path_max = 1001;   // daemon: what its mailbox carries
 constexpr size_t get_path_max = 255;    // daemon
-constexpr size_t image_name_max = 99;   // daemon: the image's name is cut there
 constexpr size_t bmp_offset_at = 10;    // bmp
 constexpr uint64_t bmp_head_bytes = 54; // daemon: of the images it writes
 
@@ -42,8 +42,6 @@ request request_of(uint8_t code, uint32_t addr, const picture_options& options, 
             .payload = payload};
 }
 
-uint64_t pixel_bytes_of(const picture_options& options) { return uint64_t{options.hor} * options.ver * 4; }
-
 void note_request(const picture_options& options, uint8_t code, const char* meaning, outcome& run)
 {
     run.facts["code"] = code;
@@ -65,15 +63,10 @@ void check_picture_file(const std::string& path, const picture_options& options)
     if (!S_ISREG(status.st_mode)) {
         throw failure{problem::wrong_usage, "picture \"" + path + "\" is not a regular file"};
     }
-    uint64_t offset = 0;
-    if (path.ends_with(".bmp")) {
-        uint8_t head[bmp_offset_at + 4] = {};
-        std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(head), sizeof head);
-        offset = load_le32(head + bmp_offset_at);
-        if (offset == 0) {
-            throw failure{problem::wrong_usage,
-                          "picture \"" + path + "\" is no BMP file: give one, or raw pixels under another name"};
-        }
+    const uint64_t offset = pixels_at(path);
+    if (path.ends_with(".bmp") && offset == 0) {
+        throw failure{problem::wrong_usage,
+                      "picture \"" + path + "\" is no BMP file: give one, or raw pixels under another name"};
     }
     const uint64_t wanted = offset + pixel_bytes_of(options);
     if (static_cast<uint64_t>(status.st_size) >= wanted) { return; }
@@ -100,14 +93,14 @@ void check_target(const std::string& path)
     throw failure{problem::wrong_usage, "\"" + path + "\" is there and not a regular file: choose another BASE"};
 }
 
-void check_get_path(const std::string& raw, const std::string& image)
+void check_get_path(const picture_files& files)
 {
-    check_target(raw);
-    check_target(image);
-    if (raw != image) { return; }
+    check_target(files.raw);
+    check_target(files.image);
+    if (files.raw != files.image) { return; }
     throw failure{problem::wrong_usage, format("BASE \"%s\": with %zu characters both files would be one; choose a "
                                                "shorter name",
-                                               raw.c_str(), raw.size())};
+                                               files.raw.c_str(), files.raw.size())};
 }
 
 void finish(const picture_options& options, const stop_watch& watch, const std::string& what, outcome& run)
@@ -119,6 +112,28 @@ void finish(const picture_options& options, const stop_watch& watch, const std::
 
 } // namespace
 
+picture_files files_of(const std::string& raw) { return {raw, (raw + ".bmp").substr(0, image_name_max)}; }
+
+uint64_t pixels_at(const std::string& path)
+{
+    if (!path.ends_with(".bmp")) { return 0; }
+    uint8_t head[bmp_offset_at + 4] = {};
+    std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(head), sizeof head);
+    return load_le32(head + bmp_offset_at);
+}
+
+void read_back(session& talk, const picture_options& options, const picture_files& files)
+{
+    file_watch watch(files.raw, files.image);
+    const auto payload = payload_of(options, files.raw);
+    talk.tell(request_of(command::file_read, options.where, options, payload));
+    talk.greet_patiently(); // handled in their order: the job is in the daemon's hands now, or behind others no more
+    watch.begun();
+    talk.wait_while_alive([&](std::chrono::milliseconds wait) { return watch.both_closed(wait); });
+    check_length(files.raw, pixel_bytes_of(options));
+    check_length(files.image, pixel_bytes_of(options) + bmp_head_bytes);
+}
+
 void run_picture_put(const settings& used, const picture_options& options, outcome& run)
 {
     run.facts.update(facts_of(used));
@@ -127,6 +142,8 @@ void run_picture_put(const settings& used, const picture_options& options, outco
     const std::string path = absolute_path(options.file, "FILE", put_path_max);
     run.facts["file"] = path;
     check_picture_file(path, options);
+    std::optional<scratch_folder> scratch;
+    if (options.verify_at) { scratch.emplace(); }
     session talk(used);
     run.facts["requester_identity"] = talk.identity();
     talk.greet();
@@ -141,6 +158,7 @@ void run_picture_put(const settings& used, const picture_options& options, outco
     }
     finish(options, watch,
            format("picture of %u x %u written into buffer %u: ", options.hor, options.ver, options.where), run);
+    if (scratch) { run.answer += verify_picture(talk, options, path, *scratch, run); }
 }
 
 void run_picture_get(const settings& used, const picture_options& options, outcome& run)
@@ -148,25 +166,18 @@ void run_picture_get(const settings& used, const picture_options& options, outco
     run.facts.update(facts_of(used));
     note_request(options, command::file_read, "card memory into files", run);
     run.facts["addr"] = options.where;
-    const std::string raw = absolute_path(options.file, "BASE", get_path_max);
-    const std::string image = (raw + ".bmp").substr(0, image_name_max);
-    check_get_path(raw, image);
-    run.facts["raw_file"] = raw;
-    run.facts["image_file"] = image;
+    const picture_files files = files_of(absolute_path(options.file, "BASE", get_path_max));
+    check_get_path(files);
+    run.facts["raw_file"] = files.raw;
+    run.facts["image_file"] = files.image;
     session talk(used);
     run.facts["requester_identity"] = talk.identity();
     talk.greet();
     const stop_watch watch;
-    file_watch files(raw, image);
-    const auto payload = payload_of(options, raw);
-    talk.tell(request_of(command::file_read, options.where, options, payload));
-    talk.greet_patiently(); // handled in their order: the job is in the daemon's hands now, or behind others no more
-    files.begun();
-    talk.wait_while_alive([&](std::chrono::milliseconds wait) { return files.both_closed(wait); });
-    check_length(raw, pixel_bytes_of(options));
-    check_length(image, pixel_bytes_of(options) + bmp_head_bytes);
+    read_back(talk, options, files);
     finish(options, watch,
-           format("picture of %u x %u read into %s and %s: ", options.hor, options.ver, raw.c_str(), image.c_str()),
+           format("picture of %u x %u read into %s and %s: ", options.hor, options.ver, files.raw.c_str(),
+                  files.image.c_str()),
            run);
 }
 

@@ -5,6 +5,7 @@
 #include "base/bytes.h"
 #include "command/values.h"
 #include "platform/local/endpoint.h"
+#include "rvkctl/interrupt.h"
 
 #include <algorithm>
 #include <cstring>
@@ -17,8 +18,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr uint8_t unit_of_cards = 254;
-constexpr milliseconds life_interval{1000};
-constexpr milliseconds alive_interval{250}; // how soon long work notices that the daemon has ended
+constexpr milliseconds alive_interval{250}; // how soon a wait notices that the daemon has ended, or that it is to end
 
 // A report carries no sequence number, so none of ours is 0.
 uint16_t next_seq(uint16_t seq) { return seq == UINT16_MAX ? uint16_t{1} : static_cast<uint16_t>(seq + 1); }
@@ -88,6 +88,11 @@ uint64_t socket_inode(uint32_t identity)
 std::string wait_text(const settings& used)
 {
     return format("within %lld ms", static_cast<long long>(used.timeout.count()));
+}
+
+void check_interrupt()
+{
+    if (interrupted()) { throw failure{problem::no_answer, "interrupted while waiting for an answer"}; }
 }
 
 failure cannot_open(endpoint_status status, const settings& used, int error)
@@ -216,6 +221,7 @@ void session::wait_while_alive(const std::function<bool(milliseconds)>& done)
     const auto end = clock::now() + used.timeout;
     for (;;) {
         if (done(alive_interval)) { return; }
+        check_interrupt();
         life.show(doing);
         if (used.timeout_given && clock::now() >= end) { throw no_answer(); }
         if (!daemon_is_the_same()) {
@@ -269,7 +275,8 @@ bool session::wait_for(const std::function<bool(const answer&)>& wanted, clock::
 {
     for (;;) {
         const auto left = std::chrono::ceil<milliseconds>(end - clock::now());
-        const std::vector<uint8_t> bytes = endpoint.receive(std::clamp(left, milliseconds{0}, life_interval));
+        const std::vector<uint8_t> bytes = endpoint.receive(std::clamp(left, milliseconds{0}, alive_interval));
+        check_interrupt();
         life.show(doing);
         answer got;
         if (!bytes.empty() && take_apart(bytes, daemon, got)) {

@@ -10,12 +10,31 @@ namespace rvk::ctl {
 namespace {
 
 constexpr uint64_t buffer_max = UINT8_MAX; // card: what its control block has room for
+constexpr uint64_t longest_interval_ms = 24ull * 3600 * 1000;
 
 void add_card_options(CLI::App& command, raw_text& raw)
 {
     command.add_option("SLOT", raw.slot, "Card slot, 0 to 255")->required()->type_name("");
     command.add_option("ADDR", raw.addr, "Register or memory address, 32 bits")->required()->type_name("");
     command.add_option("--model", raw.model, "Card model, 0 to 65535; default 0")->type_name("M");
+}
+
+std::optional<repetition> repetition_of(const raw_text& raw)
+{
+    if (raw.repeat.empty()) {
+        if (raw.interval.empty() && !raw.all) { return std::nullopt; }
+        throw failure{problem::wrong_usage, std::string(raw.all ? "--all" : "--interval") +
+                                                " is for reads that are repeated: give --repeat N too"};
+    }
+    if (!raw.file.empty()) {
+        throw failure{problem::wrong_usage, "--out and --repeat: a read that is repeated is shown; leave one out"};
+    }
+    repetition out;
+    out.times = number_in("--repeat", raw.repeat, 0, UINT32_MAX);
+    out.all = raw.all;
+    if (raw.interval.empty()) { return out; }
+    out.interval = std::chrono::milliseconds{number_in("--interval", raw.interval, 1, longest_interval_ms)};
+    return out;
 }
 
 read_options read_options_of(const raw_text& raw)
@@ -26,6 +45,7 @@ read_options read_options_of(const raw_text& raw)
     out.len = static_cast<uint16_t>(number_in("LEN", raw.len, 1, command_data_max));
     out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
     out.out_file = raw.file;
+    out.repeat = repetition_of(raw);
     return out;
 }
 
@@ -36,6 +56,7 @@ write_options write_options_of(const raw_text& raw)
     }
     write_options out;
     out.no_ack = raw.no_ack;
+    out.verify = raw.verify;
     out.slot = static_cast<uint8_t>(number_in("SLOT", raw.slot, 0, UINT8_MAX));
     out.addr = static_cast<uint32_t>(number_in("ADDR", raw.addr, 0, UINT32_MAX));
     out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
@@ -54,6 +75,23 @@ picture_options picture_options_of(const raw_text& raw, const char* where_name, 
     out.hor = size.hor;
     out.ver = size.ver;
     out.file = raw.file;
+    return out;
+}
+
+picture_options put_options_of(const raw_text& raw)
+{
+    if (raw.verify && raw.addr.empty()) {
+        throw failure{problem::wrong_usage,
+                      "--verify of a put needs --addr A, where the buffer begins in card memory, in "
+                      "words of 8 bytes: no rule leads there from its number"};
+    }
+    if (!raw.verify && !raw.addr.empty()) {
+        throw failure{problem::wrong_usage,
+                      "--addr \"" + raw.addr +
+                          "\" is for --verify alone: a put goes into the buffer that --buffer names"};
+    }
+    picture_options out = picture_options_of(raw, "--buffer", buffer_max);
+    if (raw.verify) { out.verify_at = static_cast<uint32_t>(number_in("--addr", raw.addr, 0, UINT32_MAX)); }
     return out;
 }
 
@@ -87,6 +125,12 @@ void add_read(CLI::App& app, raw_text& raw, chosen& choice)
     add_card_options(*read, raw);
     read->add_option("LEN", raw.len, "Bytes to read, 1 to 1400")->required()->type_name("");
     read->add_option("--out", raw.file, "Put the bytes into FILE instead of showing them")->type_name("FILE");
+    read->add_option("--repeat", raw.repeat,
+                     "Read N times, 0: until a signal ends it, and show what is new, with its time")
+        ->type_name("N");
+    read->add_option("--interval", raw.interval, "From one repeated read to the next, in ms; default 1000")
+        ->type_name("MS");
+    read->add_flag("--all", raw.all, "Show every repeated read, not only what is new");
 }
 
 void add_write(CLI::App& app, raw_text& raw, chosen& choice)
@@ -98,6 +142,7 @@ void add_write(CLI::App& app, raw_text& raw, chosen& choice)
     write->add_option("BYTES", raw.bytes, "Hex digits in memory order, blanks allowed between bytes")->type_name("");
     write->add_option("--file", raw.file, "Write what FILE holds")->type_name("FILE");
     write->add_flag("--no-ack", raw.no_ack, "Do not ask the card for an acknowledgement");
+    write->add_flag("--verify", raw.verify, "Read it back and compare; status 1 when it differs");
 }
 
 void add_model(CLI::App& command, raw_text& raw)
@@ -110,12 +155,12 @@ void add_picture(CLI::App& app, raw_text& raw, chosen& choice)
     CLI::App* picture = app.add_subcommand("picture", "Move a picture between a file and a card's memory");
     picture->require_subcommand(0, 1); // as above: none is refused elsewhere
     picture->fallthrough();
-    CLI::App* put = add_command(
-        *picture, "put", "Write a picture file into a card's picture buffer", "picture put", choice, [&raw] {
-            return [options = picture_options_of(raw, "--buffer", buffer_max)](const settings& used, outcome& run) {
-                run_picture_put(used, options, run);
-            };
-        });
+    CLI::App* put = add_command(*picture, "put", "Write a picture file into a card's picture buffer", "picture put",
+                                choice, [&raw] {
+                                    return [options = put_options_of(raw)](const settings& used, outcome& run) {
+                                        run_picture_put(used, options, run);
+                                    };
+                                });
     put->add_option("FILE", raw.file, "4 bytes a pixel as they stand; of a .bmp from its pixels on")
         ->required()
         ->type_name("");
@@ -123,6 +168,9 @@ void add_picture(CLI::App& app, raw_text& raw, chosen& choice)
                     "Number of the card's picture buffer, 0 to 255; those of the demo are 16 to 24")
         ->required()
         ->type_name("N");
+    put->add_flag("--verify", raw.verify, "Read it back from --addr and compare; status 1 when it differs");
+    put->add_option("--addr", raw.addr, "Where the buffer begins in card memory, in words of 8 bytes, for --verify")
+        ->type_name("A");
     CLI::App* get =
         add_command(*picture, "get", "Read card memory into BASE and BASE.bmp", "picture get", choice, [&raw] {
             return [options = picture_options_of(raw, "--addr", UINT32_MAX)](const settings& used, outcome& run) {

@@ -16,9 +16,9 @@ namespace rvk::ctl {
 // What the options hold before they are understood.
 struct raw_text {
     std::string board, module, timeout;
-    std::string slot, model = "0", addr, len, file, size, where, type;
+    std::string slot, model = "0", addr, len, file, size, where, type, repeat, interval;
     std::vector<std::string> bytes;
-    bool no_ack = false;
+    bool no_ack = false, verify = false, all = false;
 };
 
 using command_run = std::function<void(const settings&, outcome&)>;

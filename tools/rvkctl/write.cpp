@@ -1,9 +1,10 @@
 // Writes to a card, through the daemon, in commands of at most 1,400 bytes, each confirmed before the next is sent.
 // Some writes have no answer of their own; since the daemon handles commands in order, its greetings confirm those.
-#include "rvkctl/commands.h"
+#include "rvkctl/reading.h"
 
 #include "ap_msg/message.h"
 #include "command/values.h"
+#include "rvkctl/verify.h"
 
 #include <algorithm>
 #include <optional>
@@ -120,12 +121,42 @@ private:
     uint64_t last_reported_bytes = 0; // from the first byte on: what a report may be about; 0 without such a piece
 };
 
+// Reads the same bytes back, in pieces as they were written.
+void verify_write(session& talk, const write_options& options, outcome& run)
+{
+    const std::span<const uint8_t> all{options.bytes};
+    try {
+        for (size_t at = 0; at < all.size(); at += command_data_max) {
+            talk.doing = format("%zu of %s read back", at, byte_count(all.size()).c_str());
+            const auto wanted = all.subspan(at, std::min(command_data_max, all.size() - at));
+            const read_options piece{.slot = options.slot,
+                                     .model = options.model,
+                                     .addr = static_cast<uint32_t>(options.addr + at),
+                                     .len = static_cast<uint16_t>(wanted.size())};
+            nlohmann::ordered_json unused;
+            const std::vector<uint8_t> got = read_card(talk, piece, unused);
+            check_length(piece, got);
+            const auto differing = std::mismatch(wanted.begin(), wanted.end(), got.begin());
+            if (differing.first == wanted.end()) { continue; }
+            const auto in_piece = static_cast<uint64_t>(differing.first - wanted.begin());
+            refuse_difference({at + in_piece, *differing.first, *differing.second},
+                              target_text(options) + format(" at 0x%08x differs from what was written", options.addr),
+                              format("0x%08x", static_cast<uint32_t>(piece.addr + in_piece)), run);
+        }
+    } catch (failure& failed) {
+        if (failed.what != problem::differs) { mark_not_read_back(failed, run); }
+        throw;
+    }
+    note_same(all.size(), run);
+}
+
 std::string done_text(const write_options& options, const writer& done)
 {
     const std::string what = format("%s written to %s at 0x%08x", byte_count(options.bytes.size()).c_str(),
                                     target_text(options).c_str(), options.addr);
-    if (options.no_ack) { return what + ": sent, the card is not asked\n"; }
-    return what + (done.confirmed_by == "reply" ? ": answered\n" : ": no failure reported\n");
+    const char* const read_back = options.verify ? ", read back the same\n" : "\n";
+    if (options.no_ack) { return what + ": sent, the card is not asked" + read_back; }
+    return what + (done.confirmed_by == "reply" ? ": answered" : ": no failure reported") + read_back;
 }
 
 // Added when no answer came: how far the write got.
@@ -160,6 +191,7 @@ void run_write(const settings& used, const write_options& options, outcome& run)
         throw;
     }
     note_progress(all, run);
+    if (options.verify) { verify_write(talk, options, run); }
     run.answer = done_text(options, all);
 }
 

@@ -1,0 +1,35 @@
+// See the header.
+#include "rvkctl/interrupt.h"
+
+namespace rvk::ctl {
+namespace {
+
+volatile sig_atomic_t signal_came = 0;
+
+void note(int signal) { signal_came = signal; }
+
+} // namespace
+
+interrupt_guard::interrupt_guard()
+{
+    signal_came = 0;
+    struct sigaction once {};
+    once.sa_handler = note;
+    once.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (size_t i = 0; i < signals.size(); ++i) {
+        sigaction(signals[i], nullptr, &before[i]);
+        if (before[i].sa_handler != SIG_IGN) { sigaction(signals[i], &once, nullptr); } // nohup's stays ignored
+    }
+}
+
+interrupt_guard::~interrupt_guard()
+{
+    for (size_t i = 0; i < signals.size(); ++i) { sigaction(signals[i], &before[i], nullptr); }
+    const int signal = signal_came;
+    signal_came = 0;
+    if (signal != 0 && !accepted) { static_cast<void>(raise(signal)); }
+}
+
+bool interrupted() { return signal_came != 0; }
+
+} // namespace rvk::ctl
