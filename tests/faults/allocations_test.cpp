@@ -7,10 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <dirent.h>
-#include <unistd.h>
-
 using namespace rvk;
 
 namespace {
@@ -63,15 +59,6 @@ void judge(const step& s, int64_t n, const results& got)
     }
 }
 
-size_t open_files(pid_t pid)
-{
-    size_t count = 0;
-    DIR* const folder = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    while (readdir(folder) != nullptr) { ++count; }
-    closedir(folder);
-    return count;
-}
-
 class Allocations : public FaultsTest {
 protected:
     Allocations() { cards_may_refuse = true; } // a step of a picture, a read-back or an update is left out
@@ -79,13 +66,7 @@ protected:
     results play(const step& s)
     {
         if (s.card_is_silent) { farm.set_faults({.loss = 1.0}); }
-        results out;
-        if (s.command.code == command::update) { // commands that come while it runs are dropped
-            out.push_back(result_of(client->ask(s.command)));
-        } else {
-            client->tell(s.command);
-        }
-        for (const auto& answer : answers_until_done()) { out.push_back(result_of(answer)); }
+        results out = results_of(s.command);
         if (s.card_is_silent) { farm.set_faults({}); }
         return out;
     }
@@ -95,24 +76,10 @@ protected:
     {
         kill_daemon(); // that of the test's beginning
         faults.clear();
-        faults.plan->short_pauses = 1;
         faults.plan->fail_at = n;
-        unlink(log_files[0].c_str());
-        d = std::make_unique<daemon_process>(std::vector<std::string>{"-f"}, faults.setup());
-        EXPECT_TRUE(comes_true([&] {
-            const bool loaded = file_text(log_files[0]).find("write demo pic total") != std::string::npos;
-            return loaded || faults.plan->failed != 0;
-        }));
+        start_with_log(faults.setup());
+        EXPECT_TRUE(comes_true([&] { return faults.plan->failed != 0 || log_says("", "write demo pic total"); }));
         return faults.plan->failed != 0;
-    }
-
-    void judge_service(bool link, bool files)
-    {
-        conversation other;
-        EXPECT_TRUE(other.is_greeted());
-        EXPECT_EQ(result_of(other.ask({.code = command::read, .len = 4})), link ? 0 : -1);
-        const auto put = picture_payload(small_width, small_height, picture);
-        EXPECT_EQ(result_of(other.ask({.code = command::file_write, .payload = put})), files ? 0 : -1);
     }
 
     // Result: whether there was an nth allocation.
@@ -138,16 +105,7 @@ TEST_F(Allocations, OfTheStartFailOneByOne)
     int64_t n = 1;
     for (; start_without(n) && !HasFatalFailure(); ++n) {
         SCOPED_TRACE("allocation " + std::to_string(n));
-        const auto says = [](const char* text) { return file_text(log_files[0]).find(text) != std::string::npos; };
-        ASSERT_TRUE(comes_true([&] { return says("create apipc wex succeed") || says("WexApRecvTaskCreate"); }));
-        ASSERT_TRUE(comes_true([&] { return says("file write  thread id") || says("WexApFileTaskCreate"); }));
-        const bool commands = !says("WexApRecvTaskCreate"), link = !says("  create/   55 ]:: failed");
-        const bool files = !says("WexApFileTaskCreate"), signals = !says("are not served");
-        ASSERT_EQ(d->end(milliseconds{0}), still_running);
-        if (commands) { judge_service(link, files); }
-        faults.plan->fail_at = 0;
-        ASSERT_EQ(d->end_by(signals ? SIGTERM : SIGKILL), signals ? 0 : 1000 + SIGKILL);
-        d.reset();
+        judge_start();
     }
     EXPECT_GT(n, 10) << "a start makes more allocations";
     kill_daemon();
@@ -159,7 +117,6 @@ TEST_F(Allocations, OfEveryCommandFailOneByOneAndTogether)
     const std::string image = file("small.bin", content(3, 3000));
     const std::vector<step> all = steps(picture, image, in_folder("copy"));
     for (const step& s : all) { EXPECT_EQ(play(s), s.results) << s.name; } // and what is allocated but once is there
-    const size_t files = open_files(d->pid());
     for (const step& s : all) {
         for (const bool all_behind : {false, true}) {
             int64_t n = 1;
@@ -169,7 +126,6 @@ TEST_F(Allocations, OfEveryCommandFailOneByOneAndTogether)
                 ASSERT_EQ(fault_in_service(), "");
             }
             EXPECT_GT(n, 1) << s.name << " allocates nothing";
-            EXPECT_EQ(open_files(d->pid()), files) << s.name;
             if (!all_behind) { std::printf("%s: %lld allocations\n", s.name, static_cast<long long>(n - 1)); }
         }
     }

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
+#include <sstream>
 #include <sys/mman.h>
 
 namespace rvk {
@@ -18,17 +20,39 @@ constexpr uint64_t no_demo_picture = 16 << 20; // bytes; less than one takes
 constexpr uint32_t held_addr = 0x20000100;
 constexpr uint8_t held_slot = 2;
 constexpr uint16_t fence_seq = 0xFFFF;
-constexpr uint32_t no_update_type = 0; // nothing is done, and that is answered
+constexpr uint32_t no_update_type = 0;
+constexpr milliseconds update_end{300}; // from an update's answer to the moment when commands are taken again
 
-const command_fields command_fence{.code = command::read, .len = frame_data_max + 1, .seq = fence_seq}; // refused
+// Commands that do nothing and are answered: a read that is refused, an update of a type that is none.
+command_fields command_fence() { return {.code = command::read, .len = frame_data_max + 1, .seq = fence_seq}; }
 
-bool is_fence(const std::vector<uint8_t>& answer, uint8_t code)
+command_fields job_fence(const std::string& any_file)
 {
-    return answer.size() >= message_head_bytes && answer[message::code] == code &&
-           load_le16(answer.data() + message::seq) == fence_seq;
+    return {.code = command::update, .payload = update_payload(no_update_type, any_file), .seq = fence_seq};
+}
+
+size_t open_files(pid_t process)
+{
+    const std::filesystem::directory_iterator folder("/proc/" + std::to_string(process) + "/fd");
+    return static_cast<size_t>(std::distance(begin(folder), end(folder)));
+}
+
+bool is_fence(const std::vector<uint8_t>& answer)
+{
+    return answer.size() >= message_head_bytes && load_le16(answer.data() + message::seq) == fence_seq;
 }
 
 } // namespace
+
+bool log_says(const std::string& function, const std::string& text)
+{
+    std::istringstream log(file_text(log_files[0]));
+    for (std::string line; std::getline(log, line);) {
+        const log_line parsed = parse_log_line(line);
+        if ((function.empty() || parsed.function == function) && parsed.text.rfind(text, 0) == 0) { return true; }
+    }
+    return false;
+}
 
 std::vector<uint8_t> update_payload(uint32_t type, const std::string& path)
 {
@@ -51,6 +75,7 @@ planned_faults::planned_faults()
     void* const shared = mmap(nullptr, sizeof(fault_plan), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     if (shared == MAP_FAILED) { abort(); }
     plan = static_cast<fault_plan*>(shared);
+    plan->short_pauses = 1;
 }
 
 planned_faults::~planned_faults() { munmap(plan, sizeof *plan); }
@@ -60,6 +85,7 @@ child_setup planned_faults::setup() const
     child_setup setup = daemon_setup();
     setup.environment.push_back("LD_PRELOAD=" + program("librvk_fault_preload.so"));
     setup.environment.push_back(std::string(fault_plan_variable) + "=" + plan_path);
+    setup.before_exec = [] { dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO); }; // a line per failed send
     return setup;
 }
 
@@ -68,7 +94,6 @@ void planned_faults::clear()
     plan->fail_at = 0;
     plan->room = 0;
     plan->all_behind = 0;
-    plan->short_pauses = 0;
     plan->seen = 0;
     plan->failed = 0;
     plan->looks_asked = 0;
@@ -89,22 +114,23 @@ void FaultsTest::SetUp()
 {
     FilesTest::SetUp();
     kill_daemon();
-    faults.plan->short_pauses = 1;
     faults.plan->room = no_demo_picture;
-    start_daemon(faults.setup());
+    start_daemon(faults.setup(), arguments);
     ASSERT_TRUE(comes_true([&] { return faults.plan->failed == 1; })) << "the demo found memory";
     farm.write({0, held_slot}, held_addr, content(1, 64));
     picture = file("small", content(2, small_width * small_height * 4));
     client = std::make_unique<conversation>();
     ASSERT_EQ(fault_in_service(), "");
     at_rest = faults.look();
+    files_at_rest = open_files(d->pid());
 }
 
 void FaultsTest::TearDown()
 {
-    if (d) {
+    if (d && d->end(milliseconds{0}) == still_running) {
         EXPECT_EQ(fault_in_service(), "");
         EXPECT_EQ(faults.look(), at_rest);
+        EXPECT_EQ(open_files(d->pid()), files_at_rest);
     }
     FilesTest::TearDown();
 }
@@ -126,25 +152,62 @@ std::string FaultsTest::fault_in_service()
     return "";
 }
 
-std::vector<std::vector<uint8_t>> FaultsTest::answers_until_done()
+std::vector<int32_t> FaultsTest::results_of(const command_fields& command)
 {
-    std::vector<std::vector<uint8_t>> answers;
-    const auto collect_to = [&](uint8_t code) {
-        for (;;) {
-            std::vector<uint8_t> answer = client->receive(patience);
-            if (answer.empty() || is_fence(answer, code)) { return !answer.empty(); }
-            answers.push_back(std::move(answer));
+    std::vector<int32_t> results;
+    const bool is_update = command.code == command::update;
+    if (is_update) { // what comes while it runs is dropped
+        results.push_back(result_of(client->ask(command)));
+    } else {
+        client->tell(command);
+    }
+    const bool on_file_thread = is_update || command.code == command::file_write || command.code == command::file_read;
+    const command_fields fence = on_file_thread ? job_fence(picture) : command_fence();
+    client->tell(fence);
+    for (;;) {
+        const std::vector<uint8_t> answer = client->receive(is_update ? update_end : patience);
+        if (is_fence(answer)) { break; }
+        if (!answer.empty()) {
+            results.push_back(result_of(answer));
+        } else if (is_update) { // dropped too: the update is answered before it is over
+            client->tell(fence);
+        } else {
+            ADD_FAILURE() << "the command behind it is not answered";
+            break;
         }
-    };
-    client->tell(command_fence);
-    client->tell({.code = command::update, .payload = update_payload(no_update_type, picture), .seq = fence_seq});
-    if (!collect_to(command::read) || !collect_to(command::update)) { ADD_FAILURE() << "a fence is not answered"; }
+    }
     EXPECT_TRUE(comes_true([&] { return faults.look() == at_rest; })) << "blocks are not given back";
     for (;;) {
-        std::vector<uint8_t> answer = client->receive(milliseconds{0});
-        if (answer.empty()) { return answers; }
-        answers.push_back(std::move(answer));
+        const std::vector<uint8_t> late = client->receive(milliseconds{0});
+        if (late.empty()) { return results; }
+        results.push_back(result_of(late));
     }
+}
+
+void FaultsTest::start_with_log(const child_setup& setup, const std::vector<std::string>& in_front)
+{
+    unlink(log_files[0].c_str());
+    d = std::make_unique<daemon_process>(std::vector<std::string>{"-f"}, setup, in_front);
+}
+
+void FaultsTest::judge_start()
+{
+    ASSERT_TRUE(comes_true([] { return log_says("", "create apipc wex") || log_says("WexApRecvTaskCreate", ""); }));
+    ASSERT_TRUE(comes_true([] { return log_says("ApMsgFileProc", "file w") || log_says("WexApFileTaskCreate", ""); }));
+    const bool commands = log_says("", "create apipc wex succeed");
+    const bool link = !log_says("create", "failed to create thread") && !log_says("", "init_netdev(0) failed");
+    const bool files = !log_says("WexApFileTaskCreate", ""), signals = !log_says("start_crash_threads", "failed");
+    ASSERT_EQ(d->end(milliseconds{0}), still_running);
+    if (commands) {
+        conversation other;
+        EXPECT_TRUE(other.is_greeted());
+        EXPECT_EQ(result_of(other.ask({.code = command::read, .len = 4})), link ? 0 : -1);
+        const auto put = picture_payload(small_width, small_height, picture);
+        EXPECT_EQ(result_of(other.ask({.code = command::file_write, .payload = put})), files ? 0 : -1);
+    }
+    faults.plan->fail_at = 0;
+    ASSERT_EQ(d->end_by(signals ? SIGTERM : SIGKILL), signals ? 0 : 1000 + SIGKILL);
+    d.reset();
 }
 
 } // namespace rvk

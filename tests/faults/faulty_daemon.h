@@ -10,6 +10,9 @@
 
 namespace rvk {
 
+// Whether the log's first file has a line of the function (empty: of any) that begins with the text.
+[[nodiscard]] bool log_says(const std::string& function, const std::string& text);
+
 // The payload of an update job: type and path, its end included.
 [[nodiscard]] std::vector<uint8_t> update_payload(uint32_t type, const std::string& path);
 
@@ -25,7 +28,7 @@ public:
     planned_faults& operator=(const planned_faults&) = delete;
 
     [[nodiscard]] child_setup setup() const;
-    void clear(); // before the next daemon
+    void clear(); // all but the short pauses; before the next daemon
 
     // The daemon gives back its pool's waiting blocks. Result: those that are handed out, by class; all -1 when the
     // daemon does not look.
@@ -44,14 +47,23 @@ protected:
     // all works.
     [[nodiscard]] std::string fault_in_service();
 
-    // Waits until every command before has been carried out and its last request has ended; none of this allocates.
-    // Result: the answers that came, without the fences' own.
-    [[nodiscard]] std::vector<std::vector<uint8_t>> answers_until_done();
+    // Sends a command and waits until it has been carried out and its last request has ended. The waiting allocates
+    // nothing, and sends nothing but an answer on the thread that carried out the command.
+    // Result: what its answers say
+    [[nodiscard]] std::vector<int32_t> results_of(const command_fields& command);
+
+    // Starts a daemon with its log in a file that is empty.
+    void start_with_log(const child_setup& setup, const std::vector<std::string>& in_front = {});
+
+    // Ends a daemon that was so started. It must serve all but what its log says could not be started.
+    void judge_start();
 
     planned_faults faults;
     std::unique_ptr<conversation> client;
     std::array<int32_t, pool_classes> at_rest{};
-    std::string picture; // a small one
+    size_t files_at_rest = 0;           // open ones
+    std::vector<std::string> arguments; // the daemon's, set before SetUp
+    std::string picture;                // a small one
 };
 
 inline constexpr uint32_t small_width = 64, small_height = 4;

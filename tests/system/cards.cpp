@@ -79,10 +79,10 @@ void FilesTest::TearDown()
     std::filesystem::remove_all(folder);
 }
 
-void FilesTest::start_daemon(const child_setup& setup)
+void FilesTest::start_daemon(const child_setup& setup, const std::vector<std::string>& arguments)
 {
     kill_daemon();
-    d = std::make_unique<daemon_process>(std::vector<std::string>{}, setup);
+    d = std::make_unique<daemon_process>(arguments, setup);
     ASSERT_TRUE(conversation().is_greeted());
 }
 

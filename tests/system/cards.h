@@ -38,7 +38,7 @@ protected:
     void TearDown() override;
 
     // Starts a daemon that answers when it returns; one that runs is killed before.
-    void start_daemon(const child_setup& setup = daemon_setup());
+    void start_daemon(const child_setup& setup = daemon_setup(), const std::vector<std::string>& arguments = {});
     void kill_daemon();
 
     // Writes a file into the test's folder. Result: its path.
