@@ -16,24 +16,24 @@
 namespace rvk::ctl {
 namespace {
 
-constexpr uint64_t step_bytes = 1400, step_room = 1408; // daemon: of a step, and from one to the next in card memory
-constexpr uint64_t line_unit = 64;                      // card: lines begin at multiples of it
+constexpr size_t step_bytes = 1400, step_room = 1408; // daemon: of a step, and from one to the next in card memory
+constexpr size_t line_unit = 64;                      // card: lines begin at multiples of it
 
 enum class layout { spread, dense }; // as above: the whole picture, or without 8 of each 1,408 bytes
 
 struct shape {
-    uint64_t line, stride, lines;
+    size_t line, stride, lines;
 
-    [[nodiscard]] uint64_t stored() const { return stride * lines; }
+    [[nodiscard]] size_t stored() const { return stride * lines; }
 };
 
 struct comparison {
-    uint64_t compared = 0, differing = 0;
+    size_t compared = 0, differing = 0;
     std::optional<difference> first;
-    uint64_t first_in_back = 0; // where that byte is in what was read back
+    size_t first_in_back = 0; // where that byte is in what was read back
 };
 
-std::vector<uint8_t> bytes_from(const std::string& path, uint64_t at, uint64_t bytes)
+std::vector<uint8_t> bytes_from(const std::string& path, uint64_t at, size_t bytes)
 {
     std::vector<uint8_t> out(bytes);
     std::ifstream file(path, std::ios::binary);
@@ -49,13 +49,13 @@ std::vector<uint8_t> bytes_from(const std::string& path, uint64_t at, uint64_t b
 template <typename Visit>
 void for_runs(const shape& s, layout how, Visit visit)
 {
-    for (uint64_t read = 0; read < s.stored();) {
-        const uint64_t in_step = read % step_bytes;
-        const uint64_t stored = how == layout::spread ? read : read / step_bytes * step_room + in_step;
+    for (size_t read = 0; read < s.stored();) {
+        const size_t in_step = read % step_bytes;
+        const size_t stored = how == layout::spread ? read : read / step_bytes * step_room + in_step;
         if (stored >= s.stored()) { return; } // behind the picture
-        const uint64_t read_in_line = read % s.stride, stored_in_line = stored % s.stride;
-        const uint64_t n = std::min({step_bytes - in_step, s.stride - read_in_line, s.stride - stored_in_line});
-        const uint64_t padding_at = std::max(read_in_line, stored_in_line);
+        const size_t read_in_line = read % s.stride, stored_in_line = stored % s.stride;
+        const size_t n = std::min({step_bytes - in_step, s.stride - read_in_line, s.stride - stored_in_line});
+        const size_t padding_at = std::max(read_in_line, stored_in_line);
         if (padding_at < s.line) {
             visit(stored / s.stride * s.line + stored_in_line, read / s.stride * s.line + read_in_line,
                   std::min(n, s.line - padding_at));
@@ -67,9 +67,9 @@ void for_runs(const shape& s, layout how, Visit visit)
 comparison compare(const shape& s, layout how, const std::vector<uint8_t>& picture, const std::vector<uint8_t>& back)
 {
     comparison out;
-    for_runs(s, how, [&](uint64_t in_picture, uint64_t in_back, uint64_t n) {
+    for_runs(s, how, [&](size_t in_picture, size_t in_back, size_t n) {
         out.compared += n;
-        for (uint64_t i = 0; i < n; ++i) {
+        for (size_t i = 0; i < n; ++i) {
             const uint8_t wanted = picture[in_picture + i], got = back[in_back + i];
             if (wanted == got) { continue; }
             if (out.differing++ > 0) { continue; }
@@ -92,11 +92,11 @@ bool is_zero(std::span<const uint8_t> bytes)
 }
 
 // Whether the step that brought a byte brought nothing but zeros, as one does that was not answered.
-bool is_silent_step(const shape& s, uint64_t in_back, const std::vector<uint8_t>& back)
+bool is_silent_step(const shape& s, size_t in_back, const std::vector<uint8_t>& back)
 {
-    const uint64_t read = in_back / s.line * s.stride + in_back % s.line;
-    const uint64_t begin = read / step_bytes * step_bytes, end = std::min(begin + step_bytes, s.stored());
-    const auto unpadded = [&](uint64_t at) { return at / s.stride * s.line + std::min(at % s.stride, s.line); };
+    const size_t read = in_back / s.line * s.stride + in_back % s.line;
+    const size_t begin = read / step_bytes * step_bytes, end = std::min(begin + step_bytes, s.stored());
+    const auto unpadded = [&](size_t at) { return at / s.stride * s.line + std::min(at % s.stride, s.line); };
     return is_zero(std::span(back).subspan(unpadded(begin), unpadded(end) - unpadded(begin)));
 }
 
@@ -108,10 +108,8 @@ bool is_silent_step(const shape& s, uint64_t in_back, const std::vector<uint8_t>
     run.facts["differing_bytes"] = found.differing;
     try {
         refuse_difference(*found.first,
-                          format("picture in buffer %u, read back from 0x%x, differs from \"%s\" in %llu of %llu bytes",
-                                 options.where, *options.verify_at, path.c_str(),
-                                 static_cast<unsigned long long>(found.differing),
-                                 static_cast<unsigned long long>(found.compared)),
+                          format("picture in buffer %u, read back from 0x%x, differs from \"%s\" in %zu of %zu bytes",
+                                 options.where, *options.verify_at, path.c_str(), found.differing, found.compared),
                           format("line %llu, pixel %llu", static_cast<unsigned long long>(pixel / options.hor),
                                  static_cast<unsigned long long>(pixel % options.hor)),
                           run);
@@ -130,7 +128,8 @@ std::string verify_picture(session& talk, const picture_options& options, const 
 {
     picture_options back_options = options;
     back_options.where = *options.verify_at;
-    const uint64_t line = uint64_t{options.hor} * 4;
+    const size_t line = size_t{options.hor} * 4;
+    const auto all = static_cast<size_t>(pixel_bytes_of(options));
     const shape s{line, (line + line_unit - 1) / line_unit * line_unit, options.ver};
     talk.doing = "reading back";
     comparison found;
@@ -140,8 +139,8 @@ std::string verify_picture(session& talk, const picture_options& options, const 
         try {
             const picture_files files = files_of(scratch.file());
             read_back(talk, back_options, files);
-            picture = bytes_from(path, pixels_at(path), pixel_bytes_of(options));
-            back = bytes_from(files.raw, 0, pixel_bytes_of(options));
+            picture = bytes_from(path, pixels_at(path), all);
+            back = bytes_from(files.raw, 0, all);
         } catch (failure& failed) {
             mark_not_read_back(failed, run);
             if (failed.what == problem::refused) { failed.text += "; TMPDIR must be a folder that rvkd can reach"; }
@@ -154,10 +153,8 @@ std::string verify_picture(session& talk, const picture_options& options, const 
     } while (again);
     if (found.first) { refuse(options, path, found, all_zero, run); }
     note_same(found.compared, run);
-    const uint64_t all = pixel_bytes_of(options);
     if (found.compared == all) { return "read back the same\n"; }
-    return format("read back the same: %llu of %llu bytes, the others are in no read-back\n",
-                  static_cast<unsigned long long>(found.compared), static_cast<unsigned long long>(all));
+    return format("read back the same: %zu of %zu bytes, the others are in no read-back\n", found.compared, all);
 }
 
 } // namespace rvk::ctl

@@ -2,14 +2,13 @@
 // watches a register wants to see it come back.
 #include "rvkctl/reading.h"
 
+#include "base/pause.h"
 #include "command/values.h"
 #include "rvkctl/interrupt.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <ctime>
-#include <time.h>
 
 namespace rvk::ctl {
 namespace {
@@ -43,8 +42,7 @@ void pause_until(std::chrono::steady_clock::time_point end)
     for (auto now = std::chrono::steady_clock::now(); now < end && !interrupted();
          now = std::chrono::steady_clock::now()) {
         const auto left = std::chrono::ceil<milliseconds>(end - now);
-        const timespec wait{0, std::min(left, pause_step).count() * 1'000'000};
-        nanosleep(&wait, nullptr);
+        pause_ms(static_cast<uint64_t>(std::min(left, pause_step).count()));
     }
 }
 
