@@ -259,7 +259,7 @@ TEST_F(Dissector, NoFrameIsTooMuch)
             const size_t at = told.err.find(fault);
             EXPECT_EQ(at, std::string::npos) << told.err.substr(at == std::string::npos ? 0 : at, 300);
         }
-        EXPECT_EQ(count(told.out, " bytes on wire ("), spoilt);
+        EXPECT_EQ(count(told.out, "\n    Frame Length: "), spoilt);
         EXPECT_EQ(count(told.out, "\nRequest to the cards") + count(told.out, "\nReply of a card"), ours);
     }
 }
