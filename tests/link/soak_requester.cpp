@@ -67,6 +67,7 @@ void soak_requester::start(soak_kind kind, size_t len)
     const uint8_t code = is_write(kind) ? command::write_ack : command::read;
     const command_fields fields{
         .code = code, .slot = soak_slot_of(kind), .addr = first, .len = static_cast<uint16_t>(len)};
+    ++sent;
     if (!send_command(endpoint, fields, payload)) { wrong.push_back("a command could not be sent"); }
 }
 
@@ -100,10 +101,10 @@ void soak_requester::book(const std::vector<uint8_t>& answer)
     piece.data_right = std::equal(data.begin(), data.end(), answer.begin() + message::payload);
 }
 
-void soak_requester::run(uint64_t end_us)
+void soak_requester::run(const soak_limits& limits)
 {
     const auto up_to = [&](size_t max) { return static_cast<size_t>(1 + dice() % max); };
-    while (now_us() < end_us && wrong.empty()) {
+    while (now_us() < limits.end_us && sent < limits.commands && wrong.empty()) {
         switch (dice() % 5) {
         case 0:
             start(soak_kind::read, up_to(frame_data_max));
@@ -114,7 +115,7 @@ void soak_requester::run(uint64_t end_us)
             await_answer();
             break;
         default:
-            for (size_t burst = up_to(20); burst > 0; --burst) {
+            for (size_t burst = up_to(20); burst > 0 && sent < limits.commands; --burst) {
                 start(soak_kind::unwaited_write, up_to(dice() % 8 == 0 ? 3 * frame_data_max : 100));
             }
             break;

@@ -24,6 +24,12 @@ struct soak_piece {
     bool data_right = false; // reads
 };
 
+// A run ends at the time or with the number of commands, whichever comes first.
+struct soak_limits {
+    uint64_t end_us = UINT64_MAX;
+    size_t commands = SIZE_MAX;
+};
+
 inline constexpr uint8_t soak_slot_of(soak_kind kind) { return kind == soak_kind::waited_write ? 2 : 1; }
 
 // Where the reads of all requesters lie, all of it pattern().
@@ -35,10 +41,11 @@ public:
     soak_requester(uint32_t number, uint64_t seed); // numbers 0 to 7
 
     void open() { open_requester(endpoint); }
-    void run(uint64_t end_us); // the caller's thread's work; ends behind an answered read
-    void drain();              // books what still lies there
+    void run(const soak_limits& limits); // the caller's thread's work; ends behind an answered read
+    void drain();                        // books what still lies there
 
     [[nodiscard]] const std::vector<soak_piece>& pieces() const { return booked; }
+    [[nodiscard]] size_t commands() const { return sent; }
     [[nodiscard]] const std::vector<std::string>& surprises() const { return wrong; } // messages that answer nothing
 
 private:
@@ -49,6 +56,7 @@ private:
 
     requester endpoint;
     std::mt19937_64 dice;
+    size_t sent = 0;
     uint32_t next_addr[3];              // by kind
     std::vector<soak_piece> booked;     // in the order of sending
     std::map<uint32_t, size_t> by_addr; // the address that an answer names

@@ -1,12 +1,16 @@
-// The daemon under eight requesters and a bad link, for RVK_SOAK_SECONDS (default 10, and 30 under ThreadSanitizer).
-// Afterwards the whole history is compared: what was asked, what was answered, every frame the cards received, and what
-// they hold.
+// The daemon under eight requesters and a bad link, for RVK_SOAK_SECONDS (default 10, and 30 under ThreadSanitizer) or
+// RVK_SOAK_COMMANDS. Afterwards the whole history is compared: what was asked, what was answered, every frame the cards
+// received, and what they hold. `scripts/soak` repeats it.
 #include "base/pause.h"
 #include "link/soak_requester.h"
 #include "support/log_capture.h"
 
+#include <atomic>
 #include <cstdlib>
+#include <fstream>
+#include <malloc.h>
 #include <memory>
+#include <numeric>
 #include <thread>
 
 #if defined(__has_feature)
@@ -33,10 +37,39 @@ struct tally {
 
 enum class held { nothing, right, wrong };
 
-uint64_t soak_us()
+// A number from the environment, the default where it is not set.
+uint64_t number(const char* name, uint64_t otherwise)
 {
-    const char* const seconds = std::getenv("RVK_SOAK_SECONDS");
-    return (seconds != nullptr ? std::strtoull(seconds, nullptr, 10) : default_seconds) * 1'000'000;
+    const char* const text = std::getenv(name);
+    return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
+}
+
+uint64_t soak_us() { return number("RVK_SOAK_SECONDS", default_seconds) * 1'000'000; }
+
+soak_limits limits_of_each()
+{
+    const uint64_t commands = number("RVK_SOAK_COMMANDS", 0);
+    return commands == 0 ? soak_limits{.end_us = now_us() + soak_us()} : soak_limits{.commands = commands / requesters};
+}
+
+// A lost answer costs everybody a tenth of a second and more: the long form loses less, to get through its commands.
+double how_bad() { return number("RVK_SOAK_COMMANDS", 0) == 0 ? 1 : 0.25; }
+
+// Of all rounds of this process so far.
+struct totals {
+    size_t rounds = 0, commands = 0, answered = 0, failed = 0, reported = 0, frames = 0;
+    std::string resident; // before the second round: the first one's memory is what later ones take again
+};
+totals all_rounds;
+
+std::string resident()
+{
+    malloc_trim(0);
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) { return line.substr(line.find_first_of("0123456789")); }
+    }
+    return "?";
 }
 
 // Every answer stands for exactly one frame; only the piece that decides is answered, and only what was seen is good.
@@ -75,6 +108,8 @@ protected:
     void SetUp() override
     {
         DaemonTest::SetUp();
+        if (++all_rounds.rounds <= 2) { all_rounds.resident = resident(); }
+        resident_now = resident();
         farm.write({0, soak_slot_of(soak_kind::read)}, soak_read_addr, pattern(soak_read_addr, soak_read_bytes));
         farm.record_history(history_frames);
         for (uint32_t i = 0; i < requesters; ++i) {
@@ -83,7 +118,8 @@ protected:
         }
     }
     void run();
-    void play_faults(uint64_t end_us);
+    void play_faults(const std::atomic<size_t>& running);
+    void print_totals() const;
     void check_all();
     void count_frames();
     held held_of(const soak_piece& piece);
@@ -92,30 +128,36 @@ protected:
     std::vector<std::unique_ptr<soak_requester>> clients;
     std::map<uint32_t, tally> sent; // by address: each is used once
     size_t log_assertions = 0;
+    std::string resident_now;
 };
 
 void Soak::run()
 {
-    const uint64_t end_us = now_us() + soak_us();
+    const soak_limits limits = limits_of_each();
+    std::atomic<size_t> running = clients.size();
     std::vector<std::thread> threads;
     for (auto& client : clients) {
-        threads.emplace_back([&client, end_us] { client->run(end_us); });
+        threads.emplace_back([&client, &limits, &running] {
+            client->run(limits);
+            --running;
+        });
     }
-    play_faults(end_us);
+    play_faults(running);
     for (std::thread& thread : threads) { thread.join(); }
     settle_down();
     for (auto& client : clients) { client->drain(); }
 }
 
 // A bad link, and in between cards that are off until some unwaited writes have been given up.
-void Soak::play_faults(uint64_t end_us)
+void Soak::play_faults(const std::atomic<size_t>& running)
 {
     constexpr size_t enough = 20;
     const uint64_t off_us = now_us() + soak_us() / 4;
-    card_faults faults{.seed = seed, .loss = 0.05, .corrupt = 0.01, .duplicate = 0.02, .delay = 0.01};
+    const double loss = 0.05 * how_bad(), rare = 0.01 * how_bad();
+    card_faults faults{.seed = seed, .loss = loss, .corrupt = rare, .duplicate = 0.02, .delay = rare};
     farm.set_faults(faults);
     size_t given_up = 0;
-    while (now_us() < end_us) {
+    while (running > 0) {
         pause_ms(50);
         for (const log_entry& entry : take_log()) { // a line per command: not kept
             const auto says = [&](const char* part) { return entry.text.find(part) != std::string::npos; };
@@ -124,7 +166,7 @@ void Soak::play_faults(uint64_t end_us)
         }
         const bool off = now_us() > off_us && given_up < enough;
         if (off == (faults.loss.part > 0.5)) { continue; }
-        faults.loss = off ? 1.0 : 0.05;
+        faults.loss = off ? 1.0 : loss;
         ++faults.seed;
         farm.set_faults(faults);
     }
@@ -151,8 +193,9 @@ held Soak::held_of(const soak_piece& piece)
 void Soak::check_all()
 {
     count_frames();
-    size_t pieces = 0, failed = 0, reported = 0, wrong = 0;
+    size_t pieces = 0, answered = 0, failed = 0, reported = 0, wrong = 0;
     for (const auto& client : clients) {
+        all_rounds.commands += client->commands();
         for (const std::string& surprise : client->surprises()) { ADD_FAILURE() << surprise; }
         for (const soak_piece& piece : client->pieces()) {
             const bool unwaited = piece.kind == soak_kind::unwaited_write;
@@ -164,6 +207,7 @@ void Soak::check_all()
                               << piece.answers << ", result " << piece.result;
             }
             ++pieces;
+            answered += !unwaited && piece.answers > 0 ? 1 : 0;
             (unwaited ? reported : failed) += piece.result != 0 ? 1 : 0;
         }
     }
@@ -178,6 +222,22 @@ void Soak::check_all()
     std::printf("\nseed %llu: %zu pieces in %llu frames; %zu reads and waited writes failed, %zu unwaited reported\n",
                 static_cast<unsigned long long>(seed), pieces, static_cast<unsigned long long>(counts.received), failed,
                 reported);
+    all_rounds.answered += answered;
+    all_rounds.failed += failed;
+    all_rounds.reported += reported;
+    all_rounds.frames += counts.received;
+    print_totals();
+}
+
+void Soak::print_totals() const
+{
+    const std::array<int32_t, mem_classes> blocks = blocks_in_use();
+    std::printf("rounds %zu: commands %zu, frames %zu; reads and waited writes answered %zu, %zu of them -1; unwaited "
+                "writes reported %zu; resident %s before, %s now; pool blocks in use %d\n",
+                all_rounds.rounds, all_rounds.commands, all_rounds.frames, all_rounds.answered, all_rounds.failed,
+                all_rounds.reported, all_rounds.resident.c_str(), resident_now.c_str(),
+                std::accumulate(blocks.begin(), blocks.end(), 0));
+    std::fflush(stdout);
 }
 
 } // namespace
