@@ -12,6 +12,10 @@ namespace {
 
 constexpr auto patience = std::chrono::seconds(60); // everybody's commands stand before ours, each up to 1.6 s
 constexpr uint32_t gap = 16;                        // between two writes: what is written too far shows there
+// Of all requesters' unwaited writes: above the registers by which a card takes pictures and is played, below those for
+// which the daemon waits.
+constexpr uint32_t unwaited_addr = 0x1000000, unwaited_bytes = 0x1E00000;
+static_assert(unwaited_addr + 8 * unwaited_bytes <= 0x10000000);
 
 bool is_write(soak_kind kind) { return kind != soak_kind::read; }
 
@@ -40,7 +44,8 @@ bool fits(const soak_piece& piece, const std::vector<uint8_t>& m)
 } // namespace
 
 soak_requester::soak_requester(uint32_t number, uint64_t seed)
-    : dice(seed), next_addr{soak_read_addr + number * 0x40000, 0x20000000 + number * 0x2000000, number * 0x2000000}
+    : dice(seed), next_addr{soak_read_addr + number * 0x40000, 0x20000000 + number * 0x2000000,
+                            unwaited_addr + number * unwaited_bytes}
 {
 }
 

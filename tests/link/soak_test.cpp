@@ -124,7 +124,7 @@ protected:
     void count_frames();
     held held_of(const soak_piece& piece);
 
-    const uint64_t seed = now_us();
+    const uint64_t seed = number("RVK_SOAK_SEED", now_us()); // of what is asked, and in which order
     std::vector<std::unique_ptr<soak_requester>> clients;
     std::map<uint32_t, tally> sent; // by address: each is used once
     size_t log_assertions = 0;
