@@ -61,7 +61,11 @@ void judge(const step& s, int64_t n, const results& got)
 
 class Allocations : public FaultsTest {
 protected:
-    Allocations() { cards_may_refuse = true; } // a step of a picture, a read-back or an update is left out
+    Allocations()
+    {
+        arguments = {"-f"};
+        cards_may_refuse = true; // a step of a picture, a read-back or an update is left out
+    }
 
     results play(const step& s)
     {

@@ -132,6 +132,9 @@ void FaultsTest::TearDown()
         EXPECT_EQ(faults.look(), at_rest);
         EXPECT_EQ(open_files(d->pid()), files_at_rest);
     }
+    const std::string log = arguments.empty() ? "" : file_text(log_files[0]);
+    EXPECT_EQ(log.find("second release"), std::string::npos);
+    EXPECT_EQ(log.find("assert"), std::string::npos);
     FilesTest::TearDown();
 }
 

@@ -62,7 +62,7 @@ protected:
     std::unique_ptr<conversation> client;
     std::array<int32_t, pool_classes> at_rest{};
     size_t files_at_rest = 0;           // open ones
-    std::vector<std::string> arguments; // the daemon's, set before SetUp
+    std::vector<std::string> arguments; // the daemon's, none or -f, set before SetUp
     std::string picture;                // a small one
 };
 
