@@ -53,6 +53,12 @@ bool is_up(int fd, const std::string& interface)
     return ioctl(fd, SIOCGIFFLAGS, &wanted) == 0 && (wanted.ifr_flags & IFF_UP) != 0;
 }
 
+// Options of packet sockets are unknown to user-mode emulators, and some to old kernels.
+bool set_where_known(int fd, int option, const auto& value)
+{
+    return set(fd, SOL_PACKET, option, value) || errno == ENOPROTOOPT;
+}
+
 std::string configure(int fd, int index, const link_options& options)
 {
     packet_mreq promiscuous{}; // counted by the kernel and given back with the socket, unlike the interface's flag
@@ -64,8 +70,10 @@ std::string configure(int fd, int index, const link_options& options)
         return failed(name, "no large receive buffer (needs root, as inside scripts/in-bench)");
     }
     if (!set(fd, SOL_SOCKET, SO_RCVTIMEO, idle)) { return failed(name, "no receive timeout"); }
-    if (!set(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, 1)) { return failed(name, "cannot leave out sent frames"); }
-    if (!set(fd, SOL_PACKET, PACKET_ADD_MEMBERSHIP, promiscuous)) { return failed(name, "not promiscuous"); }
+    // Without it what we sent comes back, and is_our_own() tells.
+    if (!set_where_known(fd, PACKET_IGNORE_OUTGOING, 1)) { return failed(name, "cannot leave out sent frames"); }
+    // Without it a real interface would keep most frames from us, a veth none.
+    if (!set_where_known(fd, PACKET_ADD_MEMBERSHIP, promiscuous)) { return failed(name, "not promiscuous"); }
     return {};
 }
 
@@ -105,6 +113,7 @@ int take_slot(card_link* link)
 struct receive_batch {
     std::array<std::array<uint8_t, frame_room>, batch_frames> frames;
     std::array<iovec, batch_frames> parts;
+    std::array<sockaddr_ll, batch_frames> senders;
     std::array<mmsghdr, batch_frames> headers{};
     receive_batch()
     {
@@ -112,8 +121,11 @@ struct receive_batch {
             parts[i] = {frames[i].data(), frame_room};
             headers[i].msg_hdr.msg_iov = &parts[i];
             headers[i].msg_hdr.msg_iovlen = 1;
+            headers[i].msg_hdr.msg_name = &senders[i];
+            headers[i].msg_hdr.msg_namelen = sizeof senders[i]; // a packet socket's are all as long
         }
     }
+    bool is_our_own(size_t i) const { return senders[i].sll_pkttype == PACKET_OUTGOING; }
 };
 
 } // namespace
@@ -174,9 +186,11 @@ uint64_t card_link::dropped()
 int card_link::receive(mmsghdr* batch)
 {
     int flags = MSG_WAITFORONE;
-    if (const auto due = farm.next_due_us()) {
+    const auto due = farm.next_due_us();
+    if (due || !waits_for_one) {
         const uint64_t now = now_us();
-        const uint64_t wait_us = *due > now ? std::min<uint64_t>(*due - now, idle_ms * 1000) : 0;
+        const uint64_t until_us = due.value_or(UINT64_MAX);
+        const uint64_t wait_us = until_us > now ? std::min<uint64_t>(until_us - now, idle_ms * 1000) : 0;
         const timespec wait{.tv_sec = 0, .tv_nsec = static_cast<long>(wait_us * 1000)};
         pollfd readable{.fd = socket_fd.get(), .events = POLLIN, .revents = 0};
         if (ppoll(&readable, 1, &wait, nullptr) <= 0) { return 0; }
@@ -184,6 +198,10 @@ int card_link::receive(mmsghdr* batch)
     }
     const int count = recvmmsg(socket_fd.get(), batch, batch_frames, flags, nullptr);
     if (count >= 0) { return count; }
+    if (errno == EINVAL && flags == MSG_WAITFORONE) {
+        waits_for_one = false; // a user-mode emulator hands that flag on to a call that does not know it
+        return 0;
+    }
     if (errno != EAGAIN && errno != EINTR) { pause_ms(10); } // the link is down; it may come back
     return 0;
 }
@@ -197,6 +215,7 @@ void card_link::serve()
         const uint64_t now = now_us();
         farm.due(now, replies);
         for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
+            if (batch->is_our_own(i)) { continue; }
             farm.request({batch->frames[i].data(), batch->headers[i].msg_len}, now, replies);
         }
         send_all(replies);

@@ -57,7 +57,8 @@ private:
     int registered = -1; // the slot in the table from which the thread takes its link
     pthread_t thread{};
     semaphore ready{0};
-    bool pinned = false; // written by the thread before it posts `ready`
+    bool waits_for_one = true; // recvmmsg can; the thread's
+    bool pinned = false;       // written by the thread before it posts `ready`
     std::atomic<bool> stopping = false;
     uint64_t kernel_drops = 0;
     std::atomic<uint64_t> send_failures = 0;
