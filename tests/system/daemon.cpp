@@ -4,6 +4,7 @@
 #include "base/bytes.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -24,6 +25,23 @@ void write_recorder()
     std::filesystem::permissions(path, std::filesystem::perms::owner_all);
 }
 
+// A script that runs a program of another processor under the emulator; the emulator by a link with the program's name,
+// since that is what the main thread is called then.
+std::string launcher(const std::string& name, const std::string& path, const std::string& emulator)
+{
+    const std::filesystem::path folder = "/run/rvk-bench/emulated";
+    const std::string script = folder / name;
+    if (std::filesystem::exists(script)) { return script; }
+    std::filesystem::create_directories(folder / "by");
+    const size_t word = std::min(emulator.find(' '), emulator.size());
+    std::filesystem::create_symlink("/usr/bin/" + emulator.substr(0, word), folder / "by" / name);
+    std::ofstream(script) << "#!/bin/sh\nexec " << (folder / "by" / name).string() << emulator.substr(word) << " '"
+                          << path << "' \"$@\"\n";
+    std::filesystem::permissions(script, std::filesystem::perms::all ^ std::filesystem::perms::group_write ^
+                                             std::filesystem::perms::others_write);
+    return script;
+}
+
 std::vector<std::string> command_line(std::vector<std::string> in_front, const std::vector<std::string>& arguments)
 {
     in_front.push_back(program("rvkd"));
@@ -33,9 +51,23 @@ std::vector<std::string> command_line(std::vector<std::string> in_front, const s
 
 } // namespace
 
+bool is_emulated()
+{
+    const char* const emulator = getenv("RVK_EMULATOR");
+    return emulator != nullptr && *emulator != '\0';
+}
+
+std::vector<int> deadly_signals()
+{
+    std::vector<int> all{SIGTERM, SIGINT, SIGQUIT};
+    if (!is_emulated()) { all.push_back(SIGSEGV); }
+    return all;
+}
+
 std::string program(const std::string& name)
 {
-    return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / name).string();
+    const std::string path = (std::filesystem::read_symlink("/proc/self/exe").parent_path() / name).string();
+    return is_emulated() ? launcher(name, path, getenv("RVK_EMULATOR")) : path;
 }
 
 child_setup daemon_setup()
@@ -83,7 +115,9 @@ std::string fault_in_last_words(const std::string& log)
         if (std::regex_match(parsed.text, number, count)) { claimed = std::stoi(number[1]); }
         if (std::regex_match(parsed.text, frame)) { frames += claimed >= 0 ? 1 : 1000; } // a frame before the count
     }
-    if (claimed < 2) { return "a count of " + std::to_string(claimed); }
+    if (claimed < 3) { // the handler's own, and whose it is
+        return "a count of " + std::to_string(claimed);
+    }
     if (frames == claimed) { return ""; }
     return std::to_string(frames) + " frames where " + std::to_string(claimed) + " were announced";
 }

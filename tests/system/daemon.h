@@ -28,7 +28,14 @@ inline constexpr bool sanitized = false;
 
 inline constexpr milliseconds last_words{sanitized ? 10'000 : 3'000}; // a dying process is gone within 2 s, and room
 
-// A program of ours, beside the test itself.
+// Programs run under what RVK_EMULATOR says ("qemu-arm -L /usr/…").
+[[nodiscard]] bool is_emulated();
+
+// Those that end the daemon with its last words. Without SIGSEGV under the emulator, which dies itself now and then of
+// one that another process sends; a fault of one's own is safe there.
+[[nodiscard]] std::vector<int> deadly_signals();
+
+// What starts a program of ours, beside the test itself, or a script that starts it under the emulator.
 [[nodiscard]] std::string program(const std::string& name);
 
 // ThreadSanitizer sleeps a second at each end, and has an opinion on what a handler does when no thread is there for

@@ -66,10 +66,10 @@ void begin(time_t at)
 
 } // namespace
 
-extern "C" int __real_clock_gettime(clockid_t clock, timespec* out);
-extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* out)
+extern "C" int REAL_CLOCK(clockid_t clock, timespec* out);
+extern "C" int TEST_CLOCK(clockid_t clock, timespec* out)
 {
-    const int result = __real_clock_gettime(clock, out);
+    const int result = REAL_CLOCK(clock, out);
     if (clock == CLOCK_REALTIME && today != 0) { *out = {today, 123'999'999}; }
     return result;
 }

@@ -14,7 +14,7 @@ using namespace rvk;
 namespace {
 
 constexpr int repetitions = sanitized ? 4 : 12; // of each signal in each situation
-const int deadly[] = {SIGTERM, SIGINT, SIGQUIT, SIGSEGV};
+const std::vector<int> deadly = deadly_signals();
 
 // Commands of all kinds that need no card, and some that would; as many as the daemon's queue takes.
 void flood(conversation& requester, int commands)
@@ -64,6 +64,31 @@ bool is_up(const daemon_process& d, conversation& requester)
     return !thread_sanitized || comes_true([&] { return receivers(d.pid()) == expected_receivers; });
 }
 
+void expect_one_death(int first, int second)
+{
+    SCOPED_TRACE(std::string(strsignal(first)) + ", then " + strsignal(second));
+    conversation requester;
+    daemon_process d({"-d"});
+    ASSERT_TRUE(is_up(d, requester));
+    d.signal(first);
+    ASSERT_EQ(d.end_by(second, last_words), 0);
+    ASSERT_EQ(fault_in_last_words(d.output()), "") << d.output();
+}
+
+void expect_death_at_start(int number)
+{
+    SCOPED_TRACE(strsignal(number));
+    std::mt19937 dice(static_cast<unsigned>(number));
+    for (int i = 0; i < 2 * repetitions; ++i) {
+        daemon_process d({"-d"});
+        ASSERT_TRUE(comes_true([&] { return takes_over(d.pid(), number); }));
+        pause_us(dice() % 4000);
+        ASSERT_EQ(d.end_by(number, last_words), 0);
+        // A fault may hit a thread that is writing to the log; a termination never does.
+        if (number != SIGSEGV) { ASSERT_EQ(fault_in_last_words(d.output()), "") << d.output(); }
+    }
+}
+
 } // namespace
 
 TEST(Signals, EachDeadlyOneEndsAnIdleDaemonWithItsLastWords)
@@ -98,34 +123,18 @@ TEST(Signals, WhileCommandsAreRunning)
 
 TEST(Signals, TwoAreOneDeath)
 {
-    conversation requester;
-    for (const int second : deadly) {
-        SCOPED_TRACE(strsignal(second));
-        for (int i = 0; i < repetitions; ++i) {
-            daemon_process d({"-d"});
-            ASSERT_TRUE(is_up(d, requester));
-            d.signal(deadly[i % 4]);
-            ASSERT_EQ(d.end_by(second, last_words), 0);
-            ASSERT_EQ(fault_in_last_words(d.output()), "") << d.output();
-        }
+    for (int i = 0; i < 4 * repetitions; ++i) {
+        const auto n = static_cast<size_t>(i);
+        expect_one_death(deadly[n % deadly.size()], deadly[n / deadly.size() % deadly.size()]);
     }
 }
 
 // From the moment on at which the daemon takes them into its own hands.
 TEST(Signals, DuringTheStart)
 {
-    std::mt19937 dice(1);
     for (const int number : deadly) {
         if (thread_sanitized && number == SIGSEGV) { continue; } // see is_up
-        SCOPED_TRACE(strsignal(number));
-        for (int i = 0; i < 2 * repetitions; ++i) {
-            daemon_process d({"-d"});
-            ASSERT_TRUE(comes_true([&] { return takes_over(d.pid(), number); }));
-            pause_us(dice() % 4000);
-            ASSERT_EQ(d.end_by(number, last_words), 0);
-            // A fault may hit a thread that is writing to the log; a termination never does.
-            if (number != SIGSEGV) { ASSERT_EQ(fault_in_last_words(d.output()), "") << d.output(); }
-        }
+        expect_death_at_start(number);
     }
 }
 

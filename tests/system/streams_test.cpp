@@ -25,7 +25,7 @@ TEST(Streams, AReaderThatGoesAwayEndsNothing)
 
 TEST(Streams, AReaderThatStallsDoesNotKeepTheProcessFromItsEnd)
 {
-    for (const int number : {SIGTERM, SIGSEGV}) {
+    for (const int number : deadly_signals()) {
         SCOPED_TRACE(number);
         daemon_process d({"-d"});
         d.shrink_pipe();
@@ -77,7 +77,7 @@ TEST(Streams, InheritedDispositionsDoNotMatter)
         sigfillset(&every);
         sigprocmask(SIG_SETMASK, &every, nullptr);
     };
-    for (const int number : {SIGTERM, SIGSEGV}) {
+    for (const int number : deadly_signals()) {
         SCOPED_TRACE(number);
         daemon_process d({"-d"}, setup);
         ASSERT_TRUE(conversation().is_greeted());
