@@ -1,9 +1,10 @@
 # Tests that a cross build leaves out, since they run under qemu-user there: each by name, with its reason.
 #
 # rvk_left_out(PROGRAM OUT) sets OUT to the argument of PROGRAM that leaves them out, empty in a build for this machine.
-# Beside these, process_test sends no SIGSEGV (the emulator dies of one from outside now and then; faults of the daemon's
-# own are crash_test's), files_test does not look at the daemon's memory, which is mostly the emulator's, and
-# random_delivery_test plays fewer of its games.
+# Beside these, faults_test is not built (what it loads into the daemon would get into the emulator), process_test sends
+# no SIGSEGV (the emulator dies of one from outside now and then; faults of the daemon's own are crash_test's),
+# files_test does not look at the daemon's memory, which is mostly the emulator's, and random_delivery_test plays fewer
+# of its games.
 set(RVK_NOT_EMULATED)
 
 macro(rvk_not_emulated PROGRAM TEST REASON)
@@ -12,6 +13,7 @@ endmacro()
 
 rvk_not_emulated(process_test Threads.AnIdleDaemonIsSmallAndQuiet
     "measures memory and processor time, which are the emulator's")
+
 function(rvk_left_out PROGRAM OUT)
     set(left_out ${RVK_NOT_EMULATED})
     list(FILTER left_out INCLUDE REGEX "^${PROGRAM}/")
