@@ -4,6 +4,7 @@
 #include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "base/counters.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
@@ -61,26 +62,29 @@ bool is_waited_for(const request_fields& r)
     return r.slot != 1 || r.model != 0 || (r.addr & 0xF0000000u) != 0;
 }
 
-void log_cut(const request_fields& r)
+void refuse_cut(const request_fields& r)
 {
+    daemon_count.refused[refusal::cut].add();
     log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: len %u, but its message holds %zu bytes of it\n", r.code,
               r.requester, r.len, r.payload.size());
 }
 
-void log_too_long(const request_fields& r, size_t limit)
+void refuse_too_long(const request_fields& r, size_t limit)
 {
+    daemon_count.refused[refusal::too_long].add();
     log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: len %u, at most %zu\n", r.code, r.requester, r.len, limit);
 }
 
 int32_t read_card(const request_fields& r)
 {
     if (r.len > frame_data_max) {
-        log_too_long(r, frame_data_max);
+        refuse_too_long(r, frame_data_max);
         send_reply(r.head, -1);
         return 0;
     }
     uint8_t* buffer = ApMsgBuffGet(frame_data_max);
     if (buffer == nullptr) {
+        daemon_count.refused[refusal::no_memory].add();
         log_print(LOG_HERE, "RawMsgBuffGet fail\n");
         return -1;
     }
@@ -107,7 +111,7 @@ int32_t read_card(const request_fields& r)
 
 void write_plain(const request_fields& r)
 {
-    if (is_cut(r)) { return log_cut(r); }
+    if (is_cut(r)) { return refuse_cut(r); }
     if (RawSockSendMsg(r.index, r.model, r.slot, r.addr, code_write, r.payload) != 0) {
         log_print(LOG_HERE, "ApipcDataProc RawSockSendMsg fail\n");
     }
@@ -145,7 +149,7 @@ void write_acknowledged(const request_fields& r)
 {
     const bool waited = is_waited_for(r);
     if (is_cut(r)) {
-        log_cut(r);
+        refuse_cut(r);
         return waited ? send_reply(r.head, -1) : report_failed_write(r);
     }
     return waited ? write_waited(r) : write_unwaited(r);
@@ -154,14 +158,15 @@ void write_acknowledged(const request_fields& r)
 void hand_over_file_job(const request_fields& r, std::span<const uint8_t> data_head)
 {
     if (r.len > file_payload_max) {
-        log_too_long(r, file_payload_max);
+        refuse_too_long(r, file_payload_max);
         return refuse_file_job(r.head, r.payload);
     }
     if (is_cut(r)) {
-        log_cut(r);
+        refuse_cut(r);
         return refuse_file_job(r.head, r.payload);
     }
     if (mailbox_put(data_head.first(data_head_bytes + r.len), {r.head, message_head_bytes}) != 0) {
+        daemon_count.refused[refusal::no_thread].add();
         log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: no thread serves file jobs\n", r.code, r.requester);
         refuse_file_job(r.head, r.payload);
     }
@@ -173,6 +178,20 @@ void log_text(const request_fields& r)
               reinterpret_cast<const char*>(r.payload.data()));
 }
 
+command_kind kind_of_command(uint8_t code)
+{
+    switch (code) {
+    case command::read: return command_kind::read;
+    case command::write: return command_kind::write;
+    case command::write_ack: return command_kind::write_ack;
+    case command::file_write: return command_kind::file_write;
+    case command::file_read: return command_kind::file_read;
+    case command::update: return command_kind::update;
+    case command::greeting: return command_kind::greeting;
+    default: return command_kind::other;
+    }
+}
+
 } // namespace
 
 int32_t ApipcDataProc(std::span<const uint8_t> message, std::span<const uint8_t> data_head)
@@ -180,11 +199,14 @@ int32_t ApipcDataProc(std::span<const uint8_t> message, std::span<const uint8_t>
     const request_fields r = fields_of(message);
     log_print(LOG_HERE, "aptid:0x%x index:%d slot:%x model:%x seq:%d code:%x addr:0x%x len:%d\n", r.requester, r.index,
               r.slot, r.model, r.seq, r.code, r.addr, r.len);
+    daemon_count.commands[kind_of_command(r.code)].add();
     if (gbUpdateProcessRunning != 0) {
+        daemon_count.dropped_in_update.add();
         log_print(LOG_HERE, "file proc running, ignored\n");
         return 0;
     }
     if (r.index == broadcast_index) {
+        daemon_count.refused[refusal::broadcast].add();
         log_print(LOG_HERE, "broadcast not support\n");
         return 0;
     }

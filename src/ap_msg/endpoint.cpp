@@ -3,6 +3,7 @@
 #include "ap_msg/dispatch.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "base/counters.h"
 #include "base/rt_thread.h"
 #include "main/log.h"
 #include "platform/platform.h"
@@ -59,6 +60,7 @@ int ApipcEventDeal(int, int, const void* message, int length)
     if (message == nullptr || length < 0) { return -1; }
     const std::span bytes{static_cast<const uint8_t*>(message), static_cast<size_t>(length)};
     if (is_data_message(bytes)) { return ApipcDataProc(bytes, bytes.subspan(message::data_head)); }
+    daemon_count.refused[refusal::wrong_type].add();
     log_print(LOG_HERE, "msg type wrong\n");
     print_foreign(bytes);
     return 0;

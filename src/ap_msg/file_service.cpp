@@ -6,6 +6,7 @@
 #include "ap_msg/picture_write.h"
 #include "ap_msg/read_back.h"
 #include "ap_msg/update.h"
+#include "base/counters.h"
 #include "base/rt_thread.h"
 #include "main/log.h"
 
@@ -24,11 +25,11 @@ void refuse_left_job()
 void run_job(const mailbox_area& message_head, const mailbox_area& data_head) RVK_REQUIRES(file_mutex)
 {
     switch (data_head[message::in_data_head(message::code)]) {
-    case command::file_write: write_file_handle(message_head, data_head); break;
+    case command::file_write: count_job(job::picture_write, write_file_handle(message_head, data_head) == 0); break;
     case command::file_read: read_file_handle(message_head, data_head); break;
     case command::update:
         gbUpdateProcessRunning = 1;
-        update_file_handle(message_head, data_head);
+        count_job(job::update, update_file_handle(message_head, data_head) == 0);
         gbUpdateProcessRunning = 0;
         break;
     default: break; // the dispatch hands over nothing else

@@ -2,6 +2,7 @@
 
 #include "ap_msg/firmware_image.h"
 #include "base/bytes.h"
+#include "base/counters.h"
 #include "base/fd.h"
 #include "base/pause.h"
 #include "eth_raw/frame.h"
@@ -99,6 +100,7 @@ void print_progress(bool first, uint32_t total, uint32_t remaining)
 int32_t send_pieces(const unique_fd& file, uint32_t total, uint8_t slot)
 {
     std::array<uint8_t, piece_bytes> piece;
+    counted_transfer progress(transfer::firmware, total);
     for (uint32_t remaining = total; remaining != 0;) {
         const auto n = static_cast<uint32_t>(std::min<size_t>(piece_bytes, remaining));
         if (read_full(file, {piece.data(), n}) < n) {
@@ -114,6 +116,7 @@ int32_t send_pieces(const unique_fd& file, uint32_t total, uint8_t slot)
             log_print(LOG_HERE, "err! ack = 0X%02X\r\n ", ack);
             return -1;
         }
+        progress.reached(total - remaining);
         print_progress(first, total, remaining);
     }
     return 0;

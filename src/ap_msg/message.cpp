@@ -1,6 +1,7 @@
 #include "ap_msg/message.h"
 
 #include "base/bytes.h"
+#include "base/counters.h"
 #include "mem/mem.h"
 #include "platform/platform.h"
 
@@ -61,7 +62,9 @@ void ApMsgBuffFree(uint8_t* handle)
 
 int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n)
 {
-    return apipc_send(destination, message, n + static_cast<uint32_t>(message_head_bytes));
+    const int result = apipc_send(destination, message, n + static_cast<uint32_t>(message_head_bytes));
+    if (result < 0) { daemon_count.messages_dropped.add(); }
+    return result;
 }
 
 int ApipcDataSendAck(uint32_t destination, const uint8_t* message) { return ApipcDataSend(destination, message, 0); }

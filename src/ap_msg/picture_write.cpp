@@ -3,6 +3,7 @@
 #include "ap_msg/file_request.h"
 #include "ap_msg/message.h"
 #include "ap_msg/picture_file.h"
+#include "base/counters.h"
 #include "base/elapsed.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
@@ -59,11 +60,13 @@ void write_control(const card& to, uint32_t control, std::span<const uint8_t> by
 }
 
 // Every frame goes to the same address: the card takes them as a stream.
-void stream(const card& to, uint32_t data_port, std::span<const uint8_t> bytes)
+void stream(const card& to, uint32_t data_port, std::span<const uint8_t> bytes) RVK_REQUIRES(pic_mutex)
 {
+    counted_transfer progress(transfer::picture, bytes.size());
     for (size_t at = 0; at < bytes.size(); at += frame_data_max) {
         const auto piece = bytes.subspan(at, std::min(frame_data_max, bytes.size() - at));
         static_cast<void>(RawSockSendMsg(to.index, to.model, to.slot, data_port, code_write, piece));
+        progress.reached(at + piece.size());
     }
 }
 

@@ -3,6 +3,7 @@
 #include "ap_msg/bitmap.h"
 #include "ap_msg/file_request.h"
 #include "base/bytes.h"
+#include "base/counters.h"
 #include "base/fd.h"
 #include "base/page_buffer.h"
 #include "eth_raw/frame.h"
@@ -82,22 +83,32 @@ void read_card(const file_request& r, picture_size size, std::span<uint8_t> into
               static_cast<int>(end.tv_usec - start.tv_usec));
 }
 
-void read_into_files(const file_request& r, picture_size size, const char* base)
+// Result: whether both files are whole.
+bool read_into_files(const file_request& r, picture_size size, const char* base)
 {
     char image_name[job_path_bytes + sizeof ".bmp"];
     snprintf(image_name, sizeof image_name, "%s.bmp", base);
     image_name[image_name_max] = '\0';
     unique_fd image = open_regular(image_name, O_RDWR | O_CREAT);
     log_print(LOG_HERE, "\n%d ddr to filename:%s\n", r.index, base);
-    if (is_same_file(image, base)) { return log_print(LOG_HERE, "\nfile open failed\n"); } // and nothing was emptied
+    if (is_same_file(image, base)) { // and nothing was emptied
+        log_print(LOG_HERE, "\nfile open failed\n");
+        return false;
+    }
     empty(&image);
     const page_buffer buffer(picture_bytes(size));
     bool image_failed = false;
     if (image && buffer) { write_or_log(image, bmp_head(size.hor, size.ver), 0, "image", &image_failed); }
     unique_fd raw = open_regular(base, O_RDWR | O_CREAT);
     empty(&raw);
-    if (!buffer) { return log_print(LOG_HERE, "\nmalloc p failed\n"); } // both files are there, and short
-    if (!image || !raw) { return log_print(LOG_HERE, "\nfile open failed\n"); }
+    if (!buffer) { // both files are there, and short
+        log_print(LOG_HERE, "\nmalloc p failed\n");
+        return false;
+    }
+    if (!image || !raw) {
+        log_print(LOG_HERE, "\nfile open failed\n");
+        return false;
+    }
     read_card(r, size, buffer.bytes());
     static_cast<void>(my_system("sync")); // nothing here depends on it
     log_print(LOG_HERE, "\nwait for bmp file generatiiiiing....\n");
@@ -107,6 +118,7 @@ void read_into_files(const file_request& r, picture_size size, const char* base)
     write_image_lines(image, buffer.bytes(), size, &image_failed);
     if (image_failed) { empty(&image); } // written from its end on, it would have the size of a complete one
     log_print(LOG_HERE, "\n");
+    return !raw_failed && !image_failed;
 }
 
 } // namespace
@@ -116,7 +128,8 @@ int32_t read_file_handle(const mailbox_area&, const mailbox_area& data_head)
     const file_request r = file_request_of(data_head);
     picture_size size{};
     job_path path;
-    if (read_picture_job(r, base_path_max, &size, &path) == 0) { read_into_files(r, size, path.data()); }
+    const bool done = read_picture_job(r, base_path_max, &size, &path) == 0 && read_into_files(r, size, path.data());
+    count_job(job::read_back, done);
     return 0;
 }
 
@@ -128,6 +141,7 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
     const page_buffer work(stride * ver);
     if (!work) { return log_print(LOG_HERE, "\nmalloc p failed: nothing is read, the picture stays zero\n"); }
     const std::span<uint8_t> all = work.bytes();
+    counted_transfer progress(transfer::read_back, all.size());
     uint32_t addr = start;
     for (size_t at = 0; at < all.size();) {
         const size_t n = std::min(frame_data_max, all.size() - at);
@@ -135,6 +149,7 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
         static_cast<void>(DDR2ReadProcess(index, model, slot, addr, all.subspan(at, n)));
         addr += unit_words * units_of(n);
         at += n;
+        progress.reached(at);
     }
     for (size_t r = 0; r < ver; ++r) { memcpy(dest.data() + r * line, all.data() + r * stride, line); }
 }

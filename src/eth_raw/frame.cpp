@@ -15,6 +15,18 @@ bool is_reply(const uint8_t* frame)
            frame[reply::sync] == sync_high && frame[reply::sync + 1] == sync_low;
 }
 
+size_t claimed_bytes(const uint8_t* frame) { return reply::payload + load_le16(frame + reply::len) + checksum_bytes; }
+
+uint16_t computed_checksum(const uint8_t* frame)
+{
+    return frame_checksum(frame + checksummed_from, reply::payload + load_le16(frame + reply::len) - checksummed_from);
+}
+
+uint16_t carried_checksum(const uint8_t* frame, size_t received)
+{
+    return load_le16(frame + received - checksum_bytes);
+}
+
 } // namespace
 
 unsigned RawMsgHeaderPack(uint16_t model, uint8_t slot, uint8_t code, uint32_t addr, uint16_t seq, uint8_t** payload,
@@ -38,10 +50,18 @@ unsigned RawMsgHeaderPack(uint16_t model, uint8_t slot, uint8_t code, uint32_t a
     return static_cast<unsigned>(end + checksum_bytes);
 }
 
+reply_fault fault_of(const uint8_t* frame, size_t received)
+{
+    if (received < reply::payload || !is_reply(frame)) { return reply_fault::foreign; }
+    if (claimed_bytes(frame) > received) { return reply_fault::length; }
+    return carried_checksum(frame, received) == computed_checksum(frame) ? reply_fault::none : reply_fault::checksum;
+}
+
 const uint8_t* RawMsgHeaderUnpack(const uint8_t* frame, size_t received, uint8_t* ack, uint16_t* model, uint8_t* slot,
                                   uint8_t* code, uint32_t* addr, uint16_t* seq, uint16_t* len)
 {
-    if (received < reply::payload || !is_reply(frame)) { return nullptr; }
+    const reply_fault fault = fault_of(frame, received);
+    if (fault == reply_fault::foreign) { return nullptr; }
     *model = load_le16(frame + reply::model);
     *slot = frame[reply::slot];
     *code = frame[reply::code];
@@ -49,18 +69,15 @@ const uint8_t* RawMsgHeaderUnpack(const uint8_t* frame, size_t received, uint8_t
     *len = load_le16(frame + reply::len);
     *ack = frame[reply::ack];
     *seq = load_le16(frame + reply::seq);
-    const size_t claimed = reply::payload + *len + checksum_bytes;
-    if (claimed > received) {
-        log_print(LOG_HERE, "reply of %zu bytes dropped: its len of %u needs %zu\n", received, *len, claimed);
-        return nullptr;
+    if (fault == reply_fault::none) { return frame + reply::payload; }
+    if (fault == reply_fault::length) {
+        log_print(LOG_HERE, "reply of %zu bytes dropped: its len of %u needs %zu\n", received, *len,
+                  claimed_bytes(frame));
+    } else {
+        log_print(LOG_HERE, "recv packet crc error:0x%x, should be: 0x%x\n", carried_checksum(frame, received),
+                  computed_checksum(frame));
     }
-    const uint16_t computed = frame_checksum(frame + checksummed_from, reply::payload + *len - checksummed_from);
-    const uint16_t carried = load_le16(frame + received - checksum_bytes);
-    if (carried != computed) {
-        log_print(LOG_HERE, "recv packet crc error:0x%x, should be: 0x%x\n", carried, computed);
-        return nullptr;
-    }
-    return frame + reply::payload;
+    return nullptr;
 }
 
 } // namespace rvk

@@ -58,6 +58,10 @@ constexpr size_t padded_length(uint8_t code, size_t len)
 [[nodiscard]] unsigned RawMsgHeaderPack(uint16_t model, uint8_t slot, uint8_t code, uint32_t addr, uint16_t seq,
                                         uint8_t** payload, uint16_t len);
 
+// What makes a received frame no valid reply. The one place that decides it.
+enum class reply_fault : uint8_t { none, foreign, length, checksum };
+[[nodiscard]] reply_fault fault_of(const uint8_t* frame, size_t received);
+
 // Checks a received frame. Result: its payload when it is a valid reply, null otherwise; foreign frames and runts are
 // dropped silently, a wrong checksum or a `len` that runs past what was received is logged. The out-parameters are
 // written once the addresses, the sync bytes and the length of the header are right, also when the rest then is not.

@@ -41,6 +41,15 @@ void RawSockMsgUnInit(int index)
     g_eth_init[index].sock_fd = -1; // the number may be another file's soon
 }
 
+uint32_t take_kernel_drops(int index)
+{
+    tpacket_stats seen{};
+    socklen_t length = sizeof seen;
+    const eth_init& link = g_eth_init[index];
+    if (link.active == 0 || getsockopt(link.sock_fd, SOL_PACKET, PACKET_STATISTICS, &seen, &length) != 0) { return 0; }
+    return seen.tp_drops; // asking starts the kernel's count anew
+}
+
 int32_t init_netdev(eth_init* record, unsigned index, const char* operation)
 {
     if (index >= MAX_ETH) {

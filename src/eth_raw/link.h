@@ -32,6 +32,9 @@ extern eth_init g_eth_init[MAX_ETH]; // zero until a link is opened
 // Closes a link's socket; the record keeps the rest. Only when no thread uses the link any more.
 void RawSockMsgUnInit(int index);
 
+// Frames that the link's socket had no room for, since this was asked last; 0 when it cannot be said. Any thread.
+[[nodiscard]] uint32_t take_kernel_drops(int index);
+
 // Fills one record. Result: 0; -1 for an index above 2 (the record is then not looked at) or a socket that cannot be
 // opened; the negative result of socket_bind, with the socket closed again.
 // operation  who reports a socket that cannot be opened

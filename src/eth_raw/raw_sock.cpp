@@ -1,5 +1,6 @@
 #include "eth_raw/raw_sock.h"
 
+#include "base/counters.h"
 #include "base/pause.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
@@ -33,15 +34,44 @@ send_outcome send_once(const eth_init& link, const uint8_t* frame, size_t count)
     return {sent, sent < 0 ? errno : 0}; // a send that is cut short leaves errno to the call before it
 }
 
-send_outcome transmit(eth_init& link, const uint8_t* frame, size_t count)
+send_outcome send_patiently(int index, const uint8_t* frame, size_t count)
 {
+    eth_init& link = g_eth_init[index];
     const scoped_lock hold(link.send_mutex);
     print_msg(frame, count);
     send_outcome outcome = send_once(link, frame, count);
     if (outcome.sent < 0 && outcome.error == EAGAIN) {
         log_print(LOG_HERE, "need send again\n");
+        link_count[index].send_failed[send_failure::would_block].add();
         pause_us(would_block_us);
         outcome = send_once(link, frame, count);
+    }
+    return outcome;
+}
+
+send_failure failure_of(const send_outcome& outcome)
+{
+    if (outcome.sent >= 0) { return send_failure::cut_short; }
+    switch (outcome.error) {
+    case EAGAIN: return send_failure::would_block;
+    case ENETDOWN: return send_failure::link_down;
+    case ENOBUFS:
+    case ENOMEM: return send_failure::no_buffers;
+    case ENXIO:
+    case ENODEV: return send_failure::no_device;
+    default: return send_failure::other;
+    }
+}
+
+send_outcome transmit(int index, const uint8_t* frame, size_t count)
+{
+    const send_outcome outcome = send_patiently(index, frame, count);
+    link_counters& figures = link_count[index];
+    if (outcome.sent == static_cast<ssize_t>(count)) {
+        figures.frames_sent.add();
+        figures.bytes_sent.add(count);
+    } else {
+        figures.send_failed[failure_of(outcome)].add();
     }
     return outcome;
 }
@@ -58,6 +88,7 @@ bool is_open(int index)
     static std::atomic<bool> said[MAX_ETH];
     const eth_init& link = g_eth_init[index];
     if (link.active != 0 && link.sock_fd >= 0) { return true; }
+    link_count[index].send_failed[send_failure::not_open].add();
     if (!said[index].exchange(true)) {
         log_print(LOG_HERE, "link %d (%s) is not open: nothing is sent to its cards\n", index, g_netdev_name[index]);
     }
@@ -75,6 +106,25 @@ void note_receive(int index, bool failed, int error)
     if (!failed && down[index]) { log_print(LOG_HERE, "link %d (%s): receives again\n", index, g_netdev_name[index]); }
     down[index] = failed;
     if (failed) { pause_ms(receive_retry_ms); }
+}
+
+drop cause_of(reply_fault fault)
+{
+    switch (fault) {
+    case reply_fault::length: return drop::length;
+    case reply_fault::checksum: return drop::checksum;
+    case reply_fault::foreign:
+    case reply_fault::none: break; // the second is not asked about
+    }
+    return drop::foreign;
+}
+
+void count_received(int index, size_t received, bool valid)
+{
+    link_counters& figures = link_count[index];
+    figures.frames_received.add();
+    figures.bytes_received.add(received);
+    if (!valid) { figures.dropped[cause_of(fault_of(gRecvBuffer, received))].add(); }
 }
 
 } // namespace
@@ -112,7 +162,7 @@ int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, u
     if (!is_open(index)) { return -1; }
     uint8_t* frame = payload;
     const unsigned count = RawMsgHeaderPack(model, slot, code, addr, seq, &frame, static_cast<uint16_t>(len));
-    const send_outcome outcome = transmit(g_eth_init[index], frame, count);
+    const send_outcome outcome = transmit(index, frame, count);
     if (outcome.sent == static_cast<ssize_t>(count)) { return static_cast<int32_t>(count); }
     print_send_error(outcome.error);
     log_print(LOG_HERE, "sendto fail:len = %d, ret_len = %d, packet_length= %d, errno = %d\n", static_cast<int>(len),
@@ -123,7 +173,7 @@ int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, u
 int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes)
 {
     if (!is_link(index) || payload == nullptr || !is_open(index)) { return -1; }
-    const send_outcome outcome = transmit(g_eth_init[index], RawMsgBuffHeadGet(payload), frame_bytes);
+    const send_outcome outcome = transmit(index, RawMsgBuffHeadGet(payload), frame_bytes);
     if (outcome.sent == static_cast<ssize_t>(frame_bytes)) { return static_cast<int32_t>(frame_bytes); }
     print_send_error(outcome.error);
     return -1;
@@ -137,8 +187,11 @@ const uint8_t* RawSockMsgRecv(int index, uint8_t* ack, uint16_t* model, uint8_t*
     if (received < 0 && errno == EINTR) { return nullptr; }
     note_receive(index, received < 0, errno);
     if (received <= 0) { return nullptr; }
-    print_msg(gRecvBuffer, static_cast<size_t>(received));
-    return RawMsgHeaderUnpack(gRecvBuffer, static_cast<size_t>(received), ack, model, slot, code, addr, seq, len);
+    const auto count = static_cast<size_t>(received);
+    print_msg(gRecvBuffer, count);
+    const uint8_t* payload = RawMsgHeaderUnpack(gRecvBuffer, count, ack, model, slot, code, addr, seq, len);
+    count_received(index, count, payload != nullptr);
+    return payload;
 }
 
 void print_msg(const uint8_t* frame, size_t count)

@@ -8,6 +8,7 @@
 #include "demo/demo.h"
 #include "main/crash.h"
 #include "main/log.h"
+#include "main/status.h"
 #include "mem/mem.h"
 #include "platform/platform.h"
 #include "queue/queue.h"
@@ -59,6 +60,7 @@ int main(int argc, char** argv)
     }
     static_cast<void>(rvk::WexApRecvTaskCreate(ipc_processor)); // each logs its own failure; the daemon runs on
     static_cast<void>(rvk::WexApFileTaskCreate(ipc_processor));
+    static_cast<void>(rvk::start_status_thread());
     rvk::WriteDemoPictureData(link_slots[0]);
     for (;;) { rvk::pause_ms(1000); }
 }

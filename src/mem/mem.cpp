@@ -26,7 +26,8 @@ mem_block* mem_list[mem_classes] RVK_GUARDED_BY(mutex_mem);
 namespace {
 
 mem_block* mem_tail[mem_classes] RVK_GUARDED_BY(mutex_mem); // last block of each list, undefined while it is empty
-std::atomic<int32_t> made[mem_classes];                     // blocks ever taken from the system
+std::atomic<int32_t> made[mem_classes];                     // blocks the pool has, waiting or handed out
+std::atomic<int32_t> waiting[mem_classes];                  // blocks in each list; written under mutex_mem
 
 // The classes' sizes double from the first one's 64 bytes on.
 constexpr int class_of(unsigned size)
@@ -34,6 +35,11 @@ constexpr int class_of(unsigned size)
     return size == 0 ? 0 : static_cast<int>(std::bit_width((size - 1) / mem_type.front()));
 }
 static_assert(class_of(64) == 0 && class_of(65) == 1 && class_of(mem_type.back()) == mem_classes - 1);
+
+void change_waiting(int type, int32_t by) RVK_REQUIRES(mutex_mem)
+{
+    waiting[type].store(waiting[type].load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
+}
 
 mem_block* new_block(int type)
 {
@@ -50,6 +56,7 @@ void mem_init()
     const scoped_lock hold(mutex_mem);
     for (mem_block*& head : mem_list) { head = nullptr; }
     for (std::atomic<int32_t>& count : made) { count = 0; }
+    for (std::atomic<int32_t>& count : waiting) { count = 0; }
 }
 
 void mem_uinit()
@@ -61,6 +68,7 @@ void mem_uinit()
             free(mem_list[type]);
             mem_list[type] = next;
             --made[type];
+            change_waiting(static_cast<int>(type), -1);
         }
     }
 }
@@ -102,6 +110,7 @@ void mem_push(int type, mem_block* block)
             block->next = nullptr;
             (mem_list[type] == nullptr ? mem_list[type] : mem_tail[type]->next) = block;
             mem_tail[type] = block;
+            change_waiting(type, 1);
         }
     }
     if (again) { log_print(LOG_HERE, "second release of block %p of %u bytes refused\n", block->data, block->size); }
@@ -111,16 +120,14 @@ mem_block* mem_pop(int type)
 {
     const scoped_lock hold(mutex_mem);
     mem_block* block = mem_list[type];
-    if (block != nullptr) { mem_list[type] = block->next; }
+    if (block == nullptr) { return nullptr; }
+    mem_list[type] = block->next;
+    change_waiting(type, -1);
     return block;
 }
 
-int32_t mem_in_use(int type)
-{
-    const scoped_lock hold(mutex_mem);
-    int32_t waiting = 0;
-    for (const mem_block* block = mem_list[type]; block != nullptr; block = block->next) { ++waiting; }
-    return made[type] - waiting;
-}
+int32_t mem_in_use(int type) { return made[type] - waiting[type]; }
+
+int32_t mem_made(int type) { return made[type]; }
 
 } // namespace rvk

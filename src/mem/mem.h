@@ -48,7 +48,9 @@ void mem_push(int type, mem_block* block);
 // Takes the oldest block of a class. Result: null when none waits.
 [[nodiscard]] mem_block* mem_pop(int type);
 
-// Blocks of a class that are handed out now; for whoever checks that nothing is left over.
+// Blocks of a class that are handed out now, and all that the pool has of it, at a glance without the mutex: for
+// reports, and for whoever checks that nothing is left over.
 [[nodiscard]] int32_t mem_in_use(int type);
+[[nodiscard]] int32_t mem_made(int type);
 
 } // namespace rvk

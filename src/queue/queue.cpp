@@ -1,5 +1,7 @@
 #include "queue/queue.h"
 
+#include "base/counters.h"
+#include "base/elapsed.h"
 #include "main/log.h"
 #include "mem/mem.h"
 
@@ -57,6 +59,14 @@ void set_head(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue])
     std::atomic_ref(Qlist[index][queue]).store(node, std::memory_order_relaxed);
 }
 
+// The count is written so for queue_length().
+int32_t change_count(int index, int queue, int32_t by) RVK_REQUIRES(mtx[index][queue])
+{
+    const int32_t count = Qcount[index][queue] + by;
+    std::atomic_ref(Qcount[index][queue]).store(count, std::memory_order_relaxed);
+    return count;
+}
+
 void set_behind(int index, int queue, QNode* before, QNode* node) RVK_REQUIRES(mtx[index][queue])
 {
     if (before == nullptr) { return set_head(index, queue, node); }
@@ -100,7 +110,7 @@ QNode* detach_all(int index, int queue)
     QNode* head = Qlist[index][queue];
     for (const QNode* node = head; node != nullptr; node = node->next) {
         youngest[index][queue][node->seq] = nullptr;
-        if (--Qcount[index][queue] < 0) { log_print(LOG_HERE, "assert : empty queue error \n"); }
+        if (change_count(index, queue, -1) < 0) { log_print(LOG_HERE, "assert : empty queue error \n"); }
     }
     set_head(index, queue, nullptr);
     Qtail[index][queue] = nullptr;
@@ -143,7 +153,7 @@ void queue_init()
             }
             set_head(index, queue, nullptr);
             Qtail[index][queue] = nullptr;
-            Qcount[index][queue] = 0;
+            change_count(index, queue, -Qcount[index][queue]);
         }
     }
 }
@@ -155,8 +165,9 @@ int32_t queue_add(int index, int queue, QNode* node)
         log_print(LOG_HERE, "queue is full\n");
         return -1;
     }
+    node->asked_us = static_cast<uint32_t>(monotonic_us());
     link_tail(index, queue, node);
-    ++Qcount[index][queue];
+    change_count(index, queue, 1);
     return 0;
 }
 
@@ -169,6 +180,7 @@ int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t se
         node = oldest_match(index, queue, addr, seq);
     }
     if (node == nullptr) { return 0; }
+    link_count[index].count_answer(static_cast<uint32_t>(monotonic_us()) - node->asked_us);
     const scoped_lock hold(mutex_find);
     node->ack = ack;
     node->recv_len = recv_len;
@@ -187,6 +199,11 @@ bool queue_is_empty(int index, int queue)
     return std::atomic_ref(Qlist[index][queue]).load(std::memory_order_relaxed) == nullptr;
 }
 
+int32_t queue_length(int index, int queue)
+{
+    return std::atomic_ref(Qcount[index][queue]).load(std::memory_order_relaxed);
+}
+
 QNode* queue_get(int index, int queue) { return Qlist[index][queue]; }
 
 int32_t queue_del(int index, int queue, QNode** handle)
@@ -196,7 +213,7 @@ int32_t queue_del(int index, int queue, QNode** handle)
     {
         const scoped_lock hold(mtx[index][queue]);
         filed = unlink(index, queue, *handle);
-        count = --Qcount[index][queue];
+        count = change_count(index, queue, -1);
     }
     if (filed) { mem_free(*handle); }
     if (count >= 0) { return 0; }

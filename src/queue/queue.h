@@ -53,6 +53,7 @@ struct QNode {
     QNode* prev;        // older neighbour, null at the head
     QNode* same_seq;    // next younger of the same sequence number; the youngest points at the oldest
     uint32_t dest_size; // bytes that dest can take
+    uint32_t asked_us;  // when it was filed, or asked again after a refusal; low bits of the monotonic clock
     uint16_t refusals;  // wrong answers seen
     phase state;
 };
@@ -83,6 +84,9 @@ int32_t queue_check(int index, int queue, completion_handler handler);
 // A glance without the mutex, for passes over queues that are empty nearly always; what is filed meanwhile is the next
 // pass's.
 [[nodiscard]] bool queue_is_empty(int index, int queue);
+
+// Nodes filed, at a glance without the mutex: for reports, not for decisions.
+[[nodiscard]] int32_t queue_length(int index, int queue);
 
 // Head of the list, null when empty.
 [[nodiscard]] QNode* queue_get(int index, int queue) RVK_REQUIRES(mtx[index][queue]);

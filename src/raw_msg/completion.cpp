@@ -1,5 +1,7 @@
 #include "raw_msg/completion.h"
 
+#include "base/counters.h"
+#include "base/elapsed.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/raw_sock.h"
 #include "main/log.h"
@@ -53,6 +55,14 @@ outcome judge_read_wait(const QNode& node, bool answered)
     return node.recv_len == 0 && node.count >= give_up_count_wait ? outcome::given_up : outcome::nothing;
 }
 
+// What is decided twice, since the request was still being sent, is counted when its sender settles it.
+outcome counted(const QNode& node, outcome means)
+{
+    if (means == outcome::refused) { link_count[node.index].wrong_acks.add(); }
+    if (means == outcome::given_up) { link_count[node.index].given_up.add(); }
+    return means;
+}
+
 void forget_answer(QNode* node)
 {
     node->ack = no_answer;
@@ -80,6 +90,7 @@ void note_answer(QNode* node, outcome means, const uint8_t* data)
 void resend(QNode* node)
 {
     forget_answer(node);
+    link_count[node->index].resends.add();
     // A resend that fails is logged below; the timer runs, so the next expiry tries again or gives up.
     static_cast<void>(RawSockMsgSendAgain(node->index, node->buf, node->send_len));
     timerStart(retry_ticks, &node->timer);
@@ -89,6 +100,7 @@ void resend_refused(QNode* node)
 {
     log_print(LOG_HERE, "wrong ack (0x%x), send msg again (%d)!\n", static_cast<unsigned>(node->ack),
               static_cast<int>(node->count));
+    node->asked_us = static_cast<uint32_t>(monotonic_us());
     resend(node);
 }
 
@@ -100,7 +112,12 @@ void resend_late(QNode* node)
 }
 
 // Result: true when this refusal was one too many.
-bool refused_for_good(QNode* node) { return ++node->refusals >= refusals_max; }
+bool refused_for_good(QNode* node)
+{
+    if (++node->refusals < refusals_max) { return false; }
+    link_count[node->index].given_up.add();
+    return true;
+}
 
 void finish(int queue, QNode* node)
 {
@@ -147,7 +164,7 @@ void AckCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 {
     const outcome means = judge_ack(*node, data != nullptr);
     if (node->state == phase::sending) { return note_answer(node, means, data); }
-    switch (means) {
+    switch (counted(*node, means)) {
     case outcome::done: stop(node); return finish(ACK_QUEUE, node);
     case outcome::refused: return refused_for_good(node) ? give_up_write(node) : resend_refused(node);
     case outcome::late: return resend_late(node);
@@ -159,7 +176,7 @@ void AckCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 
 void AckWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 {
-    switch (judge_ack_wait(*node, data != nullptr)) {
+    switch (counted(*node, judge_ack_wait(*node, data != nullptr))) {
     case outcome::done: return wake(node);
     case outcome::refused:
         log_print(LOG_HERE, "wrong ack (0x%x)!\n", static_cast<unsigned>(node->ack));
@@ -177,7 +194,7 @@ void ReadCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 {
     const outcome means = judge_read(*node, data != nullptr);
     if (node->state == phase::sending) { return note_answer(node, means, data); }
-    switch (means) {
+    switch (counted(*node, means)) {
     case outcome::done: take_data(node, data); return finish_read(node, 0);
     case outcome::failed: return finish_read(node, -1);
     case outcome::refused: return refused_for_good(node) ? finish_read(node, -1) : resend_refused(node);
@@ -189,7 +206,7 @@ void ReadCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 
 void ReadWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 {
-    switch (judge_read_wait(*node, data != nullptr)) {
+    switch (counted(*node, judge_read_wait(*node, data != nullptr))) {
     case outcome::done: take_data(node, data); return wake(node);
     case outcome::failed: log_print(LOG_HERE, "wrong msg and  recv_len, Read error!\n"); return wake(node);
     case outcome::refused:

@@ -1,5 +1,7 @@
 #include "raw_msg/link_threads.h"
 
+#include "base/counters.h"
+#include "base/elapsed.h"
 #include "base/pause.h"
 #include "base/rt_thread.h"
 #include "eth_raw/frame.h"
@@ -27,6 +29,8 @@ struct received_answer {
 // One answer may end one request in each of the two queues of its kind: their sequence numbers are counted separately.
 void offer(int index, const received_answer& a)
 {
+    link_counters& figures = link_count[index];
+    const uint64_t answers_before = figures.answers.get();
     switch (a.code) {
     case code_write_ack:
     case code_ack_short:
@@ -37,8 +41,23 @@ void offer(int index, const received_answer& a)
         ReadRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
         ReadWaitRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
         break;
-    default: break; // no other reply answers a request of ours
+    default: // no other reply answers a request of ours
+        figures.dropped[drop::code].add();
+        return;
     }
+    if (figures.answers.get() == answers_before) { figures.dropped[drop::no_request].add(); }
+}
+
+// A pass that comes late delays every resend; one link's check thread alone keeps its `last`.
+void note_check_pass(int index)
+{
+    static uint64_t last[MAX_ETH];
+    const uint64_t now = monotonic_us();
+    if (last[index] != 0) {
+        link_count[index].check_gap_us.raise_to(now - last[index]);
+        link_count[index].check_gap_most_us.raise_to(now - last[index]);
+    }
+    last[index] = now;
 }
 
 void pin(const char* thread, int index)
@@ -92,6 +111,7 @@ void RawMsgAckReadCheck(int index)
     log_print(LOG_HERE, "thread1 id : %d index = %d\n", kernel_thread_id(), index);
     receive_ticks_here();
     for (;;) {
+        note_check_pass(index);
         check_step(index);
         pause_ms(check_period_ms);
     }

@@ -1,0 +1,20 @@
+// The status files: once a second the daemon's figures, for whoever wants to see how it is doing without asking it.
+//
+// status.json and status.prom in /run/rvkd, or in the folder that RVK_STATUS_DIR names; readable by everybody, always
+// whole (written beside and renamed). A thread of ordinary priority writes them; it takes no lock that the road of
+// commands takes, so they go on during an update and while a card or a requester stands still. What stays behind at the
+// daemon's end grows old.
+#pragma once
+
+#include <cstdint>
+
+namespace rvk {
+
+// Starts the thread. Result: 0, or -1 (logged); the daemon runs on without.
+int32_t start_status_thread();
+
+// What the thread does each second: takes the figures and writes both files. Result: false when one could not be
+// written; said in the log once, until it works again.
+bool status_step();
+
+} // namespace rvk
