@@ -7,6 +7,7 @@
 
 #include "base/card_links.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -77,13 +78,13 @@ static_assert(transfer_names.size() == static_cast<size_t>(transfer::count));
 inline constexpr size_t answer_time_bounds = 16;
 constexpr uint64_t answer_time_bound_us(size_t i) { return uint64_t{16} << i; }
 
-constexpr size_t answer_time_entry(uint64_t us)
+constexpr size_t answer_time_entry(uint32_t us)
 {
-    if (us <= answer_time_bound_us(0)) { return 0; }
-    const auto entry = static_cast<size_t>(std::bit_width((us - 1) / answer_time_bound_us(0)));
-    return entry < answer_time_bounds ? entry : answer_time_bounds;
+    const uint32_t whole = us - (us != 0 ? 1 : 0);
+    return std::min(static_cast<size_t>(std::bit_width(whole / 16)), answer_time_bounds);
 }
-static_assert(answer_time_entry(16) == 0 && answer_time_entry(17) == 1 && answer_time_entry(32) == 1);
+static_assert(answer_time_entry(0) == 0 && answer_time_entry(16) == 0 && answer_time_entry(17) == 1 &&
+              answer_time_entry(32) == 1);
 static_assert(answer_time_entry(524'288) == 15 && answer_time_entry(524'289) == answer_time_bounds);
 
 struct link_counters {

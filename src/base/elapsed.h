@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 
 namespace rvk {
 
@@ -13,11 +14,12 @@ inline double seconds_since(std::chrono::steady_clock::time_point start)
     return static_cast<double>(duration_cast<microseconds>(steady_clock::now() - start).count()) / 1'000'000.0;
 }
 
-// Microseconds of the monotonic clock; their low 32 bits are enough for a difference of up to 71 minutes.
-inline uint64_t monotonic_us()
+// Microseconds of the monotonic clock modulo 2^32: for differences of up to 71 minutes.
+inline uint32_t monotonic_us()
 {
-    using namespace std::chrono;
-    return static_cast<uint64_t>(duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count());
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint32_t>(now.tv_sec) * 1'000'000u + static_cast<uint32_t>(now.tv_nsec) / 1000u;
 }
 
 } // namespace rvk

@@ -30,9 +30,9 @@ struct moment {
 };
 
 // The local time. The broken-down form is computed once a second: most calls with neither switch set need only the day.
-moment local_moment() RVK_REQUIRES(log_mtx)
+const moment& local_moment() RVK_REQUIRES(log_mtx)
 {
-    static moment last{};
+    static moment last{}; // as good as guarded: whoever gets it holds the lock
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     if (now.tv_sec != last.now.tv_sec || last.local.tm_mday == 0) { localtime_r(&now.tv_sec, &last.local); }
@@ -81,7 +81,7 @@ void roll_over(const tm& local) RVK_REQUIRES(log_mtx)
 void log_print(const char* module, const char* function, int line, const char* format, ...)
 {
     const scoped_lock hold(log_mtx);
-    const moment at = local_moment();
+    const moment& at = local_moment();
     if (log_fp == nullptr) { open_file(at.local); }
     const bool to_file = log_fp != nullptr && log_d != 0;
     if (to_file || log_debug != 0) {
@@ -94,7 +94,7 @@ void log_print(const char* module, const char* function, int line, const char* f
         va_end(arguments);
         if (log_debug != 0) { fflush(stdout); }
     }
-    fflush(log_fp); // without a file: all open output streams
+    if (to_file || log_fp == nullptr) { fflush(log_fp); } // without a file: all open output streams
     if (log_fp != nullptr) { roll_over(at.local); }
 }
 

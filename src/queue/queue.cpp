@@ -165,7 +165,7 @@ int32_t queue_add(int index, int queue, QNode* node)
         log_print(LOG_HERE, "queue is full\n");
         return -1;
     }
-    node->asked_us = static_cast<uint32_t>(monotonic_us());
+    node->asked_us = monotonic_us();
     link_tail(index, queue, node);
     change_count(index, queue, 1);
     return 0;
@@ -180,7 +180,7 @@ int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t se
         node = oldest_match(index, queue, addr, seq);
     }
     if (node == nullptr) { return 0; }
-    link_count[index].count_answer(static_cast<uint32_t>(monotonic_us()) - node->asked_us);
+    link_count[index].count_answer(monotonic_us() - node->asked_us);
     const scoped_lock hold(mutex_find);
     node->ack = ack;
     node->recv_len = recv_len;

@@ -100,7 +100,7 @@ void resend_refused(QNode* node)
 {
     log_print(LOG_HERE, "wrong ack (0x%x), send msg again (%d)!\n", static_cast<unsigned>(node->ack),
               static_cast<int>(node->count));
-    node->asked_us = static_cast<uint32_t>(monotonic_us());
+    node->asked_us = monotonic_us();
     resend(node);
 }
 

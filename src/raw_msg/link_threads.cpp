@@ -51,8 +51,8 @@ void offer(int index, const received_answer& a)
 // A pass that comes late delays every resend; one link's check thread alone keeps its `last`.
 void note_check_pass(int index)
 {
-    static uint64_t last[MAX_ETH];
-    const uint64_t now = monotonic_us();
+    static uint32_t last[MAX_ETH];
+    const uint32_t now = monotonic_us();
     if (last[index] != 0) {
         link_count[index].check_gap_us.raise_to(now - last[index]);
         link_count[index].check_gap_most_us.raise_to(now - last[index]);
