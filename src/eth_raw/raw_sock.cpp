@@ -96,8 +96,10 @@ bool is_open(int index)
 }
 
 // A receive that fails must not spin its real-time thread: one line, and a pause each time until it works again.
-void note_receive(int index, bool failed, int error)
+// error  0 when it worked
+void note_receive(int index, int error)
 {
+    const bool failed = error != 0;
     static bool down[MAX_ETH]; // each only by its link's receive thread
     if (failed && !down[index]) {
         log_print(LOG_HERE, "link %d (%s): receive failed (%s), trying on every %d ms\n", index, g_netdev_name[index],
@@ -185,7 +187,7 @@ const uint8_t* RawSockMsgRecv(int index, uint8_t* ack, uint16_t* model, uint8_t*
     if (!is_link(index)) { return nullptr; }
     const ssize_t received = recvfrom(g_eth_init[index].sock_fd, gRecvBuffer, sizeof gRecvBuffer, 0, nullptr, nullptr);
     if (received < 0 && errno == EINTR) { return nullptr; }
-    note_receive(index, received < 0, errno);
+    note_receive(index, received < 0 ? errno : 0);
     if (received <= 0) { return nullptr; }
     const auto count = static_cast<size_t>(received);
     print_msg(gRecvBuffer, count);

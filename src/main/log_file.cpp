@@ -32,10 +32,10 @@ struct moment {
 // The local time. The broken-down form is computed once a second: most calls with neither switch set need only the day.
 const moment& local_moment() RVK_REQUIRES(log_mtx)
 {
-    static moment last{}; // as good as guarded: whoever gets it holds the lock
+    static moment last{{-1, 0}, {}}; // as good as guarded: whoever gets it holds the lock
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec != last.now.tv_sec || last.local.tm_mday == 0) { localtime_r(&now.tv_sec, &last.local); }
+    if (now.tv_sec != last.now.tv_sec) { localtime_r(&now.tv_sec, &last.local); }
     last.now = now;
     return last;
 }
