@@ -47,6 +47,10 @@ bool replace(const char* name, const status_text& text)
 {
     char path[path_bytes];
     char beside[path_bytes];
+    if (!text.whole) {
+        errno = EMSGSIZE;
+        return false;
+    }
     if (!path_of(path, name, "") || !path_of(beside, name, ".new")) { return false; }
     const unique_fd file = open_regular(beside, O_WRONLY | O_CREAT | O_TRUNC);
     if (!file || fchmod(file.get(), file_mode) != 0) { return false; }

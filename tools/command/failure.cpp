@@ -20,6 +20,8 @@ constexpr problem_row problems[] = {
     {problem::no_permission, exit_no_answer, "no_permission"},
     {problem::queue_full, exit_no_answer, "queue_full"},
     {problem::no_answer, exit_no_answer, "no_answer"},
+    {problem::no_status, exit_no_answer, "no_status"},
+    {problem::old_status, exit_no_answer, "old_status"},
     {problem::identity_taken, exit_no_answer, "identity_taken"},
     {problem::endpoint_error, exit_no_answer, "endpoint_error"},
     {problem::refused, exit_no, "refused"},

@@ -15,6 +15,8 @@ enum class problem {
     no_permission,
     queue_full,
     no_answer,
+    no_status,  // the daemon left no figures
+    old_status, // or they say nothing of now
     identity_taken,
     endpoint_error, // anything else that the messaging service said
     refused,        // the daemon or the card said no

@@ -37,6 +37,8 @@ What "done" means:
   update       the card took the whole image, or the programming tool ended well.
 These three wait as long as the daemon lives, unless --timeout is given, and show the time they take on a terminal.
 
+  status  figures that rvkd wrote within the last 3 s. It is not asked, so it need not answer, and no privilege is needed.
+
   read --repeat         every read was good. One that fails is told and ends nothing; the exit status is the first such
                         one's. Ctrl-C is an orderly end. With --json each line is an object.
   write --verify        what was read back is what was written. Not for registers that change or cannot be read.
@@ -49,10 +51,12 @@ Exit status:
   1  the daemon or the card said no
   2  wrong usage, or a file of yours that cannot be used
   3  no answer: no daemon, no permission, or the time ran out. During a firmware update the daemon answers nobody.
+     Of status: there are no figures, or they are older than 3 s.
 
 Environment:
   APCARD_SELF  this board's number, the default of --board (1 when unset)
   APIPC_DIR    the folder of the messaging service's sockets (/run/apipc when unset); the same as rvkd's
+  RVK_STATUS_DIR  the folder of the daemon's figures (/run/rvkd when unset); the same as rvkd's
   TMPDIR       where picture put --verify reads back to (/tmp when unset)
 
 Examples:
@@ -69,6 +73,7 @@ Examples:
   rvkctl picture put card.raw --size 3840x2160 --buffer 16 --verify --addr 0x10000000
   rvkctl picture get /tmp/back --size 3840x2160 --addr 0
   rvkctl update top.bin --type fpga-1a --slot 3
+  rvkctl status --watch
 )";
 
 uint8_t default_board()
@@ -139,7 +144,7 @@ void parse_command_line(int argc, char** argv, command_line& out)
     if (!choice.understand) {
         throw failure{
             problem::wrong_usage,
-            "no command given: one of hello, read, write, picture put, picture get, update; see rvkctl --help"};
+            "no command given: one of hello, read, write, picture put, picture get, update, status; see rvkctl --help"};
     }
     out.command = choice.command;
     take_settings(raw, out.used);

@@ -55,6 +55,10 @@ struct update_options {
     uint16_t model = 0;
 };
 
+struct status_options {
+    bool watch = false; // each second, until a signal ends it
+};
+
 // An update type by its name or number; throws a failure. All names, for the help.
 uint8_t update_type_in(const std::string& text);
 std::string update_type_names();
@@ -67,5 +71,6 @@ void run_write(const settings& used, const write_options& options, outcome& run)
 void run_picture_put(const settings& used, const picture_options& options, outcome& run);
 void run_picture_get(const settings& used, const picture_options& options, outcome& run);
 void run_update(const settings& used, const update_options& options, outcome& run);
+void run_status(const settings& used, const status_options& options, outcome& run);
 
 } // namespace rvk::ctl

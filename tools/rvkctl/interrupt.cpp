@@ -1,8 +1,14 @@
 // See the header.
 #include "rvkctl/interrupt.h"
 
+#include "base/pause.h"
+
+#include <algorithm>
+
 namespace rvk::ctl {
 namespace {
+
+constexpr std::chrono::milliseconds pause_step{250};
 
 volatile sig_atomic_t signal_came = 0;
 
@@ -31,5 +37,14 @@ interrupt_guard::~interrupt_guard()
 }
 
 bool interrupted() { return signal_came != 0; }
+
+void pause_until(std::chrono::steady_clock::time_point end)
+{
+    for (auto now = std::chrono::steady_clock::now(); now < end && !interrupted();
+         now = std::chrono::steady_clock::now()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now);
+        pause_ms(static_cast<uint64_t>(std::min(left, pause_step).count()));
+    }
+}
 
 } // namespace rvk::ctl

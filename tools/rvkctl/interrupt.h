@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <csignal>
 
 namespace rvk::ctl {
@@ -29,5 +30,8 @@ private:
 
 // Whether a signal came since a guard was made.
 [[nodiscard]] bool interrupted();
+
+// Pauses until then, or until a signal came, which it notices within a quarter of a second.
+void pause_until(std::chrono::steady_clock::time_point end);
 
 } // namespace rvk::ctl

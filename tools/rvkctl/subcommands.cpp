@@ -198,6 +198,17 @@ void add_update(CLI::App& app, raw_text& raw, chosen& choice)
     add_model(*update, raw);
 }
 
+void add_status(CLI::App& app, raw_text& raw, chosen& choice)
+{
+    CLI::App* status =
+        add_command(app, "status", "Show how the daemon is doing, without asking it", "status", choice, [&raw] {
+            return [options = status_options{raw.watch}](const settings& used, outcome& run) {
+                run_status(used, options, run);
+            };
+        });
+    status->add_flag("--watch", raw.watch, "Each second, with rates, until a signal ends it");
+}
+
 } // namespace
 
 void add_subcommands(CLI::App& app, raw_text& raw, chosen& choice)
@@ -207,6 +218,7 @@ void add_subcommands(CLI::App& app, raw_text& raw, chosen& choice)
     add_write(app, raw, choice);
     add_picture(app, raw, choice);
     add_update(app, raw, choice);
+    add_status(app, raw, choice);
 }
 
 } // namespace rvk::ctl

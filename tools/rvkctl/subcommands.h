@@ -18,7 +18,7 @@ struct raw_text {
     std::string board, module, timeout;
     std::string slot, model = "0", addr, len, file, size, where, type, repeat, interval;
     std::vector<std::string> bytes;
-    bool no_ack = false, verify = false, all = false;
+    bool no_ack = false, verify = false, all = false, watch = false;
 };
 
 using command_run = std::function<void(const settings&, outcome&)>;

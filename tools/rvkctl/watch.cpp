@@ -2,20 +2,14 @@
 // watches a register wants to see it come back.
 #include "rvkctl/reading.h"
 
-#include "base/pause.h"
 #include "command/values.h"
 #include "rvkctl/interrupt.h"
 
-#include <algorithm>
 #include <chrono>
 #include <ctime>
 
 namespace rvk::ctl {
 namespace {
-
-using std::chrono::milliseconds;
-
-constexpr milliseconds pause_step{250}; // how soon a pause notices that the program is to end
 
 // Now, in local time: for a person, or with json as ISO 8601 has it.
 std::string time_text(bool json)
@@ -35,15 +29,6 @@ std::string pairs_text(std::span<const uint8_t> bytes)
     std::string out;
     for (size_t i = 0; i < bytes.size(); ++i) { out += format(i > 0 && i % 2 == 0 ? " %02x" : "%02x", bytes[i]); }
     return out;
-}
-
-void pause_until(std::chrono::steady_clock::time_point end)
-{
-    for (auto now = std::chrono::steady_clock::now(); now < end && !interrupted();
-         now = std::chrono::steady_clock::now()) {
-        const auto left = std::chrono::ceil<milliseconds>(end - now);
-        pause_ms(static_cast<uint64_t>(std::min(left, pause_step).count()));
-    }
 }
 
 class watcher {
