@@ -151,7 +151,7 @@ TEST_F(SystemCalls, ThatFailOnceAreSurvivedAndAnswered)
         for (const char* const fault : r.faults) {
             SCOPED_TRACE(std::string(r.job) + ": " + r.call + " " + r.when + " " + fault);
             play(r, fault);
-            if (HasFatalFailure()) { return; }
+            if (HasFailure()) { return; }
             ++cases;
         }
     }
@@ -190,7 +190,7 @@ TEST_F(SystemCalls, ThatFailAtTheStartAreSurvived)
                 const std::string fault = call + ":error=" + error + ":when=" + std::to_string(n);
                 start_with_log(faults.setup(), injection_at_start(call, fault));
                 judge_start();
-                if (HasFatalFailure()) { return; }
+                if (HasFailure()) { return; }
                 if (!was_injected()) { break; }
                 ++cases;
             }
