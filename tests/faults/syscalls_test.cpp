@@ -16,7 +16,7 @@ namespace {
 constexpr uint64_t most_ticks = 30;         // of the daemon's processor time in a case, 10 ms each
 constexpr milliseconds most_time{5'000};    // for a case, strace's start not counted
 constexpr uint64_t lasting_ms = 700;        // how long a fault stays that does not go away
-constexpr uint64_t most_lasting_ticks = 20; // meanwhile
+constexpr uint64_t most_lasting_ticks = 40; // meanwhile
 
 constexpr int most_calls = 100; // of a kind that a start makes
 
