@@ -15,6 +15,7 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     target_compile_definitions(rvk_flags INTERFACE _TIME_BITS=64)
     target_compile_options(rvk_flags INTERFACE -Wno-psabi)
 endif()
+include(hardening)
 if(RVK_SANITIZE)
     # Instrumented code hides from g++ 12 what is set where; it then warns of its own library (std::regex).
     target_compile_options(rvk_flags INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
