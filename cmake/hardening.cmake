@@ -5,8 +5,10 @@
 if(RVK_SANITIZE)
     return()
 endif()
-target_compile_options(rvk_flags INTERFACE -fPIE -fstack-protector-strong -fstack-clash-protection)
-target_link_options(rvk_flags INTERFACE -pie LINKER:-z,relro,-z,now)
+set(in_library $<IN_LIST:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY$<SEMICOLON>MODULE_LIBRARY>)
+target_compile_options(rvk_flags INTERFACE
+    $<$<NOT:${in_library}>:-fPIE> -fstack-protector-strong -fstack-clash-protection)
+target_link_options(rvk_flags INTERFACE $<$<NOT:${in_library}>:-pie> LINKER:-z,relro,-z,now)
 if(CMAKE_CXX_FLAGS MATCHES "-O[123s]") # it needs to know objects' sizes, and warns where nothing tells them
     target_compile_options(rvk_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
