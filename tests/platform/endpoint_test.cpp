@@ -42,10 +42,10 @@ racer start_racer(int start)
     const pid_t pid = fork();
     if (pid == 0) {
         char byte = 0;
-        static_cast<void>(read(start, &byte, 1));
+        if (read(start, &byte, 1) < 0) { _exit(1); }
         unique_fd fd;
         const int error = local::bind_endpoint(identity, fd);
-        static_cast<void>(write(ends[1], &error, sizeof error));
+        if (write(ends[1], &error, sizeof error) < 0) { _exit(1); }
         pause();
         _exit(0);
     }
