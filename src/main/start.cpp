@@ -53,6 +53,7 @@ int main(int argc, char** argv)
     rvk::queue_init();
     rvk::mem_init();
     static_cast<void>(rvk::initTimer());
+    static_cast<void>(rvk::start_status_thread()); // it logs its own failure; the daemon runs on
     for (const int index : link_slots) {
         pthread_t receive_thread{};
         pthread_t check_thread{};
@@ -60,7 +61,6 @@ int main(int argc, char** argv)
     }
     static_cast<void>(rvk::WexApRecvTaskCreate(ipc_processor)); // each logs its own failure; the daemon runs on
     static_cast<void>(rvk::WexApFileTaskCreate(ipc_processor));
-    static_cast<void>(rvk::start_status_thread());
     rvk::WriteDemoPictureData(link_slots[0]);
     for (;;) { rvk::pause_ms(1000); }
 }

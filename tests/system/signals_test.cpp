@@ -41,7 +41,7 @@ bool takes_over(pid_t process, int number)
 
 // Which of the signals that matter each thread lets through, thread by thread.
 const std::string expected_receivers = "rvk-check: 11 14\nrvk-death: 11\nrvk-file: 11\nrvk-ipc: 11\nrvk-recv: 11\n"
-                                       "rvk-signal: 2 3 11 15\nrvkd: 11\n";
+                                       "rvk-signal: 2 3 11 15\nrvk-status: 11\nrvkd: 11\n";
 std::string receivers(pid_t process)
 {
     std::set<std::string> lines;

@@ -19,9 +19,9 @@ struct expected_thread {
 };
 const std::map<std::string, expected_thread> expected_threads = {
     {"rvkd", {SCHED_OTHER, 0, false}},       {"rvk-death", {SCHED_OTHER, 0, false}},
-    {"rvk-signal", {SCHED_OTHER, 0, false}}, {"rvk-recv", {SCHED_FIFO, 90, true}},
-    {"rvk-check", {SCHED_FIFO, 89, true}},   {"rvk-ipc", {SCHED_FIFO, 88, false}},
-    {"rvk-file", {SCHED_FIFO, 95, false}},
+    {"rvk-signal", {SCHED_OTHER, 0, false}}, {"rvk-status", {SCHED_OTHER, 0, false}},
+    {"rvk-recv", {SCHED_FIFO, 90, true}},    {"rvk-check", {SCHED_FIFO, 89, true}},
+    {"rvk-ipc", {SCHED_FIFO, 88, false}},    {"rvk-file", {SCHED_FIFO, 95, false}},
 };
 
 uint64_t processor_ticks(pid_t pid)
