@@ -48,7 +48,7 @@ uint64_t soak_us() { return number("RVK_SOAK_SECONDS", default_seconds) * 1'000'
 
 soak_limits limits_of_each()
 {
-    const uint64_t commands = number("RVK_SOAK_COMMANDS", 0);
+    const auto commands = static_cast<size_t>(number("RVK_SOAK_COMMANDS", 0));
     return commands == 0 ? soak_limits{.end_us = now_us() + soak_us()} : soak_limits{.commands = commands / requesters};
 }
 
@@ -57,7 +57,8 @@ double how_bad() { return number("RVK_SOAK_COMMANDS", 0) == 0 ? 1 : 0.25; }
 
 // Of all rounds of this process so far.
 struct totals {
-    size_t rounds = 0, commands = 0, answered = 0, failed = 0, reported = 0, frames = 0;
+    size_t rounds = 0, commands = 0, answered = 0, failed = 0, reported = 0;
+    uint64_t frames = 0;
     std::string resident; // before the second round: the first one's memory is what later ones take again
 };
 totals all_rounds;
@@ -232,11 +233,11 @@ void Soak::check_all()
 void Soak::print_totals() const
 {
     const std::array<int32_t, mem_classes> blocks = blocks_in_use();
-    std::printf("rounds %zu: commands %zu, frames %zu; reads and waited writes answered %zu, %zu of them -1; unwaited "
+    std::printf("rounds %zu: commands %zu, frames %llu; reads and waited writes answered %zu, %zu of them -1; unwaited "
                 "writes reported %zu; resident %s before, %s now; pool blocks in use %d\n",
-                all_rounds.rounds, all_rounds.commands, all_rounds.frames, all_rounds.answered, all_rounds.failed,
-                all_rounds.reported, all_rounds.resident.c_str(), resident_now.c_str(),
-                std::accumulate(blocks.begin(), blocks.end(), 0));
+                all_rounds.rounds, all_rounds.commands, static_cast<unsigned long long>(all_rounds.frames),
+                all_rounds.answered, all_rounds.failed, all_rounds.reported, all_rounds.resident.c_str(),
+                resident_now.c_str(), std::accumulate(blocks.begin(), blocks.end(), 0));
     std::fflush(stdout);
 }
 
