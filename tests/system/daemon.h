@@ -31,8 +31,8 @@ inline constexpr milliseconds last_words{sanitized ? 10'000 : 3'000}; // a dying
 // Programs run under what RVK_EMULATOR says ("qemu-arm -L /usr/…").
 [[nodiscard]] bool is_emulated();
 
-// Those that end the daemon with its last words. Without SIGSEGV under the emulator, which dies itself of one in 40 that
-// another process sends while threads are being started; a fault of one's own is safe there.
+// Those that end the daemon with its last words. Without SIGSEGV under the emulator, which dies itself of one in 40
+// that another process sends while threads are being started; a fault of one's own is safe there.
 [[nodiscard]] std::vector<int> deadly_signals();
 
 // What starts a program of ours, beside the test itself, or a script that starts it under the emulator.
