@@ -92,7 +92,9 @@ TEST(Crash, TheTraceIsThatOfTheThreadThatWasHit)
         if (std::string(name) == "thread") { continue; }
         EXPECT_NE(output.find("(main+0x"), std::string::npos) << "its callers too\n" << output;
     }
+#if !defined(__arm__) // its unwind tables do not cover the probe of the stack at a function's entry
     EXPECT_NE(output_of("overflow-thread").find("backtrace() returned 100 addresses\n"), std::string::npos);
+#endif
 #if !defined(__SANITIZE_THREAD__)
     EXPECT_NE(output_of("in-trace").find("backtrace() returned 0 addresses\n"), std::string::npos);
 #endif
