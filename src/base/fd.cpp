@@ -1,7 +1,10 @@
 #include "base/fd.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 namespace rvk {
@@ -27,6 +30,14 @@ unique_fd open_regular(const char* path, int flags)
         errno = EINVAL;
     }
     return file;
+}
+
+// By poll, since where time has 64 bits and 32-bit processors run it, glibc 2.36 binds a fortified ppoll to the one
+// that takes 32-bit times: it would not wait at all.
+bool wait_readable(int fd, uint64_t at_most_ms)
+{
+    pollfd entry{fd, POLLIN, 0};
+    return poll(&entry, 1, static_cast<int>(std::min<uint64_t>(at_most_ms, INT_MAX))) > 0;
 }
 
 off_t size_of(const unique_fd& file)

@@ -45,6 +45,9 @@ void fill_standard_streams(int access);
 // Result  none (errno tells why; EINVAL for a FIFO, device or folder)
 [[nodiscard]] unique_fd open_regular(const char* path, int flags);
 
+// Waits until a descriptor can be read, in milliseconds. Result: false when the time ran out or a signal came (EINTR).
+[[nodiscard]] bool wait_readable(int fd, uint64_t at_most_ms);
+
 // Size of an open file in bytes, -1 when it cannot be had.
 [[nodiscard]] off_t size_of(const unique_fd& file);
 

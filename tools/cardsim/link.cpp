@@ -13,7 +13,6 @@
 #include <memory>
 #include <net/ethernet.h>
 #include <net/if.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -191,9 +190,7 @@ int card_link::receive(mmsghdr* batch)
         const uint64_t now = now_us();
         const uint64_t until_us = due.value_or(UINT64_MAX);
         const uint64_t wait_us = until_us > now ? std::min<uint64_t>(until_us - now, idle_ms * 1000) : 0;
-        const timespec wait{.tv_sec = 0, .tv_nsec = static_cast<long>(wait_us * 1000)};
-        pollfd readable{.fd = socket_fd.get(), .events = POLLIN, .revents = 0};
-        if (ppoll(&readable, 1, &wait, nullptr) <= 0) { return 0; }
+        if (!wait_readable(socket_fd.get(), (wait_us + 999) / 1000)) { return 0; }
         flags = MSG_DONTWAIT;
     }
     const int count = recvmmsg(socket_fd.get(), batch, batch_frames, flags, nullptr);

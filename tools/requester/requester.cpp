@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -42,15 +41,12 @@ endpoint_status status_of(int error)
 }
 
 // Waits for a message. False when the time ran out.
-bool wait_readable(int fd, clock::time_point end)
+bool wait_readable_until(int fd, clock::time_point end)
 {
     for (;;) {
-        const auto left = std::max(end - clock::now(), clock::duration{0});
-        const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
-        const timespec wait{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
-        pollfd entry{fd, POLLIN, 0};
-        const int ready = ::ppoll(&entry, 1, &wait, nullptr);
-        if (ready >= 0 || errno != EINTR) { return ready > 0; }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - clock::now()).count();
+        if (wait_readable(fd, left > 0 ? static_cast<uint64_t>(left) : 0)) { return true; }
+        if (left <= 0) { return false; } // before that, it was a signal or the clock's last millisecond
     }
 }
 
@@ -112,7 +108,7 @@ endpoint_status requester::send(uint32_t destination, std::span<const uint8_t> m
 std::vector<uint8_t> requester::receive(milliseconds timeout)
 {
     const auto end = clock::now() + timeout;
-    while (wait_readable(fd.get(), end)) {
+    while (wait_readable_until(fd.get(), end)) {
         const ssize_t received = local::receive_datagram(fd.get(), *incoming, MSG_DONTWAIT);
         if (received > 0) { return {incoming->bytes, incoming->bytes + received}; }
         if (received < 0 && errno != EAGAIN && errno != EINTR) {
