@@ -1,6 +1,6 @@
 """Instructions that the daemon executes for one command, counted by callgrind: what a change to the road of commands costs.
 
-    scripts/in-bench python3 bench/command_instructions.py FOLDER_OF_THE_PROGRAMS
+    scripts/in-bench python3 bench/command_instructions.py FOLDER_OF_THE_PROGRAMS [-f]      -f: the daemon logs to its file
 
 Counts what the thread of commands and the receiving thread do with 1,000 commands of each kind, answers of a simulated card
 included; the kernel's part, the check thread's and the status thread's are not in it. The same again within 0.2 %, since the
@@ -60,7 +60,7 @@ quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
 cards = subprocess.Popen([f"{programs}/rvk-cardsim", "--link", "card0"], **quiet)
 daemon = subprocess.Popen(["valgrind", "--tool=callgrind", "--callgrind-out-file=counted", "--collect-atstart=no",
                            "--toggle-collect=rvk::ApipcEventDeal*", "--toggle-collect=rvk::receive_step*",
-                           f"{programs}/rvkd"], **quiet)
+                           f"{programs}/rvkd", *sys.argv[2:]], **quiet)
 while subprocess.run([f"{programs}/rvkctl", "hello"], check=False, **quiet).returncode != 0:
     time.sleep(0.2)
 time.sleep(30)  # the pictures at start, which use the same threads

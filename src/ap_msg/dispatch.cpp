@@ -231,6 +231,7 @@ void apipc_first(uint32_t requester)
     constexpr char text[greeting_text_bytes] = "Hello, I am rvk module!";
     uint8_t* buffer = ApMsgBuffGet(frame_data_max);
     if (buffer == nullptr) {
+        daemon_count.refused[refusal::no_memory].add();
         log_print(LOG_HERE, "RawMsgBuffGet fail\n");
         return;
     }

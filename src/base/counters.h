@@ -43,8 +43,9 @@ struct counters_by {
 };
 
 // Why a received frame was dropped.
-enum class drop : uint8_t { foreign, length, checksum, code, no_request, count };
-inline constexpr std::array drop_names{"not_ours", "length", "checksum", "not_an_answer", "no_such_request"};
+enum class drop : uint8_t { foreign, length, checksum, code, no_request, unusable, count };
+inline constexpr std::array drop_names{"not_ours",      "length",          "checksum",
+                                       "not_an_answer", "no_such_request", "unusable"};
 
 // Why a frame was not sent, or not at once.
 enum class send_failure : uint8_t { not_open, would_block, link_down, no_buffers, no_device, cut_short, other, count };
@@ -56,8 +57,9 @@ inline constexpr std::array command_names{"read",      "write",  "write_ack", "f
                                           "file_read", "update", "greeting",  "other"};
 
 // Why a command was not carried out.
-enum class refusal : uint8_t { wrong_type, broadcast, too_long, cut, no_thread, no_memory, count };
-inline constexpr std::array refusal_names{"wrong_type", "broadcast", "too_long", "cut", "no_thread", "no_memory"};
+enum class refusal : uint8_t { wrong_sender, wrong_type, broadcast, too_long, cut, no_thread, no_memory, count };
+inline constexpr std::array refusal_names{"wrong_sender", "wrong_type", "broadcast", "too_long",
+                                          "cut",          "no_thread",  "no_memory"};
 
 enum class job : uint8_t { picture_write, read_back, update, count };
 inline constexpr std::array job_names{"picture_write", "read_back", "update"};
@@ -96,9 +98,11 @@ struct link_counters {
     counter resends, given_up, wrong_acks;
     counter answers; // that met a request: the sum of the entries below
     std::array<counter, answer_time_bounds + 1> answer_time;
-    counter answer_time_us;    // their sum
-    counter check_gap_us;      // longest time between two check passes since it was taken
-    counter check_gap_most_us; // and since the start
+    counter answer_time_us;              // their sum
+    std::atomic<uint32_t> last_check_us; // when the check thread last began a pass, by the clock of elapsed.h; 0: never
+    counter check_gap_us;                // longest time between two of its passes since the status thread took it
+    counter check_gap_shown_us;          // what that thread took, or a time that still runs
+    counter check_gap_most_us;           // the longest of those since the start
 
     void count_answer(uint32_t us)
     {
@@ -111,8 +115,8 @@ struct link_counters {
 struct daemon_counters {
     counters_by<command_kind> commands; // refused and dropped ones included
     counters_by<refusal> refused;
-    counter dropped_in_update; // commands that came while a firmware update ran
-    counters_by<job> jobs_done, jobs_failed;
+    counter dropped_in_update;                           // commands that came while a firmware update ran
+    counters_by<job> jobs_done, jobs_failed;             // as their requesters are told
     counters_by<transfer> transfer_total, transfer_done; // bytes of the running one; 0 while none runs
     counter messages_dropped;                            // to requesters that are gone or do not read
 };

@@ -1,16 +1,19 @@
 #include "main/status.h"
 
 #include "base/counters.h"
+#include "base/elapsed.h"
 #include "base/fd.h"
 #include "base/pause.h"
 #include "base/rt_thread.h"
+#include "base/status_place.h"
 #include "eth_raw/link.h"
 #include "main/log.h"
 #include "main/status_text.h"
+#include "platform/platform.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -23,63 +26,62 @@ constexpr uint64_t period_ms = 1000; // ours
 constexpr mode_t file_mode = 0644, folder_mode = 0755;
 constexpr size_t path_bytes = 4096; // the system's limit
 
-uint64_t boot_ms()
+// process  0 for the file itself; of two daemons in one folder none writes into the other's half-written file
+bool path_of(char (&out)[path_bytes], const char* name, int process)
 {
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+    const int length = process == 0 ? snprintf(out, sizeof out, "%s/%s", status_folder(), name)
+                                    : snprintf(out, sizeof out, "%s/%s.%d", status_folder(), name, process);
+    return length < static_cast<int>(sizeof out);
 }
 
-const char* folder()
-{
-    const char* named = getenv("RVK_STATUS_DIR");
-    return named != nullptr && *named != '\0' ? named : "/run/rvkd";
-}
-
-bool path_of(char (&out)[path_bytes], const char* name, const char* suffix)
-{
-    if (snprintf(out, sizeof out, "%s/%s%s", folder(), name, suffix) < static_cast<int>(sizeof out)) { return true; }
-    errno = ENAMETOOLONG;
-    return false;
-}
-
-bool replace(const char* name, const status_text& text)
+// Writes a file beside and moves it into place; a link that somebody laid there is not followed. Result: 0, or errno.
+int replace(const char* name, const status_text& text)
 {
     char path[path_bytes];
     char beside[path_bytes];
-    if (!text.whole) {
-        errno = EMSGSIZE;
-        return false;
-    }
-    if (!path_of(path, name, "") || !path_of(beside, name, ".new")) { return false; }
-    const unique_fd file = open_regular(beside, O_WRONLY | O_CREAT | O_TRUNC);
-    if (!file || fchmod(file.get(), file_mode) != 0) { return false; }
-    if (!write_full(file, {reinterpret_cast<const uint8_t*>(text.bytes), text.used}, 0)) { return false; }
-    return rename(beside, path) == 0;
+    if (!text.whole) { return EMSGSIZE; }
+    if (!path_of(path, name, 0) || !path_of(beside, name, getpid())) { return ENAMETOOLONG; }
+    unlink(beside);
+    const unique_fd file = open_regular(beside, O_WRONLY | O_CREAT | O_EXCL);
+    if (!file || fchmod(file.get(), file_mode) != 0) { return errno; }
+    if (!write_full(file, {reinterpret_cast<const uint8_t*>(text.bytes), text.used}, 0)) { return errno; }
+    return rename(beside, path) == 0 ? 0 : errno;
 }
 
 // Whatever mask we were started with; a folder that cannot be made makes the next step fail, which says so.
 void make_folder()
 {
-    if (mkdir(folder(), folder_mode) == 0) { static_cast<void>(chmod(folder(), folder_mode)); }
+    if (mkdir(status_folder(), folder_mode) == 0) { static_cast<void>(chmod(status_folder(), folder_mode)); }
+}
+
+// A check thread that is held up shows before its next pass, too.
+void take_check_gap(link_counters* figures)
+{
+    uint64_t gap = figures->check_gap_us.take();
+    if (const uint32_t last = figures->last_check_us; last != 0) {
+        const auto running = static_cast<int32_t>(monotonic_us() - last); // negative: a pass began meanwhile
+        gap = std::max(gap, static_cast<uint64_t>(std::max(running, 0)));
+    }
+    figures->check_gap_shown_us.set(gap);
+    figures->check_gap_most_us.raise_to(gap);
 }
 
 void take_figures()
 {
-    for (int link = 0; link < MAX_ETH; ++link) { link_count[link].kernel_dropped.add(take_kernel_drops(link)); }
+    for (int link = 0; link < MAX_ETH; ++link) {
+        link_count[link].kernel_dropped.add(take_kernel_drops(link));
+        take_check_gap(&link_count[link]);
+    }
 }
 
-void forget_gaps()
-{
-    for (link_counters& figures : link_count) { figures.check_gap_us.take(); }
-}
-
-void note(bool written, int error)
+void note(int error)
 {
     static bool failed; // the status thread's own
-    if (!written && !failed) { log_print(LOG_HERE, "no status in %s: %s; trying on\n", folder(), strerror(error)); }
-    if (written && failed) { log_print(LOG_HERE, "status in %s is written again\n", folder()); }
-    failed = !written;
+    if (error != 0 && !failed) {
+        log_print(LOG_HERE, "no status in %s: %s; trying on\n", status_folder(), strerror(error));
+    }
+    if (error == 0 && failed) { log_print(LOG_HERE, "status in %s is written again\n", status_folder()); }
+    failed = error != 0;
 }
 
 void write_for_ever(int)
@@ -103,16 +105,15 @@ bool status_step()
 {
     static status_text text; // the status thread's own
     static const uint64_t started_ms = boot_ms();
-    const status_moment now{getpid(), static_cast<uint64_t>(time(nullptr)), boot_ms(), started_ms};
+    const status_moment now{apcard_bit_self(), getpid(), static_cast<uint64_t>(time(nullptr)), boot_ms(), started_ms};
     take_figures();
     make_folder();
     write_json(&text, now);
-    bool written = replace("status.json", text);
+    const int error = replace(status_json_name, text);
     write_prometheus(&text, now);
-    written = replace("status.prom", text) && written;
-    note(written, errno);
-    forget_gaps();
-    return written;
+    const int other_error = replace(status_prometheus_name, text);
+    note(error != 0 ? error : other_error);
+    return error == 0 && other_error == 0;
 }
 
 } // namespace rvk

@@ -2,8 +2,8 @@
 //
 // status.json and status.prom in /run/rvkd, or in the folder that RVK_STATUS_DIR names; readable by everybody, always
 // whole (written beside and renamed). A thread of ordinary priority writes them; it takes no lock that the road of
-// commands takes, so they go on during an update and while a card or a requester stands still. What stays behind at the
-// daemon's end grows old.
+// commands takes, but for the log's when writing begins to fail or works again. So they go on during an update, and
+// while a card or a requester stands still. What stays behind at the daemon's end grows old.
 #pragma once
 
 #include <cstdint>

@@ -5,6 +5,7 @@
 #include "mem/mem.h"
 #include "queue/queue.h"
 
+#include <algorithm>
 #include <array>
 #include <cinttypes>
 #include <cstdarg>
@@ -57,10 +58,12 @@ constexpr family link_families[] = {
     {"wrong_acks", "rvkd_wrong_acknowledgements_total", "Answers by which a card refused.", nullptr, one_key,
      [](int link, size_t) { return link_count[link].wrong_acks.get(); }},
     {"queued", "rvkd_requests_pending", "Requests that wait for their answer.", "queue", queue_names,
-     [](int link, size_t key) { return static_cast<uint64_t>(queue_length(link, static_cast<int>(key))); }},
+     [](int link, size_t key) {
+         return static_cast<uint64_t>(std::max(queue_length(link, static_cast<int>(key)), 0));
+     }},
     {"check_gap_us", "rvkd_check_gap_seconds",
      "Longest time between two check passes in the last second; 0.01 is usual.", nullptr, one_key,
-     [](int link, size_t) { return link_count[link].check_gap_us.get(); }, unit::microseconds},
+     [](int link, size_t) { return link_count[link].check_gap_shown_us.get(); }, unit::microseconds},
     {"check_gap_most_us", "rvkd_check_gap_most_seconds", "Longest time between two check passes since the start.",
      nullptr, one_key, [](int link, size_t) { return link_count[link].check_gap_most_us.get(); }, unit::microseconds},
 };
@@ -72,10 +75,10 @@ constexpr family daemon_families[] = {
      [](int, size_t key) { return daemon_count.refused.all[key].get(); }},
     {"dropped_in_update", "rvkd_commands_dropped_in_update_total", "Commands that came while firmware was updated.",
      nullptr, one_key, [](int, size_t) { return daemon_count.dropped_in_update.get(); }},
-    {"jobs_done", "rvkd_file_jobs_done_total", "File commands carried out.", "job", job_names,
+    {"jobs_done", "rvkd_file_jobs_done_total", "File commands whose requester was told so.", "job", job_names,
      [](int, size_t key) { return daemon_count.jobs_done.all[key].get(); }},
-    {"jobs_failed", "rvkd_file_jobs_failed_total", "File commands that failed.", "job", job_names,
-     [](int, size_t key) { return daemon_count.jobs_failed.all[key].get(); }},
+    {"jobs_failed", "rvkd_file_jobs_failed_total", "File commands that failed, as their requester was told.", "job",
+     job_names, [](int, size_t key) { return daemon_count.jobs_failed.all[key].get(); }},
     {"transfer_bytes", "rvkd_transfer_bytes", "Bytes moved of the transfer that runs.", "transfer", transfer_names,
      [](int, size_t key) { return daemon_count.transfer_done.all[key].get(); }},
     {"transfer_total_bytes", "rvkd_transfer_size_bytes", "Bytes of the transfer that runs, 0 while none does.",
@@ -183,8 +186,8 @@ void prometheus_answer_times(status_text* out, int link)
 void write_json(status_text* out, const status_moment& now)
 {
     begin(out);
-    print(out, "{\"pid\":%d,\"time\":%" PRIu64 ",\"boot_ms\":%" PRIu64 ",\"up_ms\":%" PRIu64, now.process, now.time_s,
-          now.boot_ms, now.boot_ms - now.started_ms);
+    print(out, "{\"board\":%d,\"pid\":%d,\"time\":%" PRIu64 ",\"boot_ms\":%" PRIu64 ",\"up_ms\":%" PRIu64, now.board,
+          now.process, now.time_s, now.boot_ms, now.boot_ms - now.started_ms);
     for (const family& f : daemon_families) { json_family(out, f, -1); }
     print(out, ",\"links\":[");
     for (int link = 0; link < MAX_ETH; ++link) {

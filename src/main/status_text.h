@@ -18,7 +18,8 @@ struct status_text {
 
 // What the figures are of, and when they were taken.
 struct status_moment {
-    int process;         // its id
+    int board;           // its number
+    int process;         // the daemon's id
     uint64_t time_s;     // now, seconds since 1970
     uint64_t boot_ms;    // now, by a clock that nobody sets: milliseconds since the machine's start
     uint64_t started_ms; // the daemon's start by the same clock

@@ -2,6 +2,7 @@
 
 #include "main/log.h"
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cstdlib>
@@ -126,7 +127,11 @@ mem_block* mem_pop(int type)
     return block;
 }
 
-int32_t mem_in_use(int type) { return made[type] - waiting[type]; }
+int32_t mem_in_use(int type)
+{
+    const int32_t still_waiting = waiting[type]; // first: what is made and released meanwhile must not count as less
+    return std::max(made[type] - still_waiting, 0);
+}
 
 int32_t mem_made(int type) { return made[type]; }
 

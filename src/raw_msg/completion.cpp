@@ -56,10 +56,13 @@ outcome judge_read_wait(const QNode& node, bool answered)
 }
 
 // What is decided twice, since the request was still being sent, is counted when its sender settles it.
-outcome counted(const QNode& node, outcome means)
+outcome counted(const QNode& node, outcome means, bool answered)
 {
-    if (means == outcome::refused) { link_count[node.index].wrong_acks.add(); }
-    if (means == outcome::given_up) { link_count[node.index].given_up.add(); }
+    if (means == outcome::done) { return means; }
+    link_counters& figures = link_count[node.index];
+    if (means == outcome::refused) { figures.wrong_acks.add(); }
+    if (means == outcome::given_up) { figures.given_up.add(); }
+    if (answered && means != outcome::refused) { figures.dropped[drop::unusable].add(); }
     return means;
 }
 
@@ -81,7 +84,10 @@ void take_data(QNode* node, const uint8_t* data)
 // by staying in `ack`; a later good answer still replaces it.
 void note_answer(QNode* node, outcome means, const uint8_t* data)
 {
-    if (means == outcome::nothing) { forget_answer(node); }
+    if (means == outcome::nothing) {
+        link_count[node->index].dropped[drop::unusable].add();
+        forget_answer(node);
+    }
     if (means != outcome::done && means != outcome::failed) { return; }
     if (node->dest != nullptr) { take_data(node, data); }
     node->state = phase::answered;
@@ -164,7 +170,7 @@ void AckCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 {
     const outcome means = judge_ack(*node, data != nullptr);
     if (node->state == phase::sending) { return note_answer(node, means, data); }
-    switch (counted(*node, means)) {
+    switch (counted(*node, means, data != nullptr)) {
     case outcome::done: stop(node); return finish(ACK_QUEUE, node);
     case outcome::refused: return refused_for_good(node) ? give_up_write(node) : resend_refused(node);
     case outcome::late: return resend_late(node);
@@ -176,7 +182,7 @@ void AckCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 
 void AckWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 {
-    switch (counted(*node, judge_ack_wait(*node, data != nullptr))) {
+    switch (counted(*node, judge_ack_wait(*node, data != nullptr), data != nullptr)) {
     case outcome::done: return wake(node);
     case outcome::refused:
         log_print(LOG_HERE, "wrong ack (0x%x)!\n", static_cast<unsigned>(node->ack));
@@ -194,7 +200,7 @@ void ReadCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 {
     const outcome means = judge_read(*node, data != nullptr);
     if (node->state == phase::sending) { return note_answer(node, means, data); }
-    switch (counted(*node, means)) {
+    switch (counted(*node, means, data != nullptr)) {
     case outcome::done: take_data(node, data); return finish_read(node, 0);
     case outcome::failed: return finish_read(node, -1);
     case outcome::refused: return refused_for_good(node) ? finish_read(node, -1) : resend_refused(node);
@@ -206,7 +212,7 @@ void ReadCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 
 void ReadWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
 {
-    switch (counted(*node, judge_read_wait(*node, data != nullptr))) {
+    switch (counted(*node, judge_read_wait(*node, data != nullptr), data != nullptr)) {
     case outcome::done: take_data(node, data); return wake(node);
     case outcome::failed: log_print(LOG_HERE, "wrong msg and  recv_len, Read error!\n"); return wake(node);
     case outcome::refused:

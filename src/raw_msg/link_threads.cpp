@@ -48,16 +48,13 @@ void offer(int index, const received_answer& a)
     if (figures.answers.get() == answers_before) { figures.dropped[drop::no_request].add(); }
 }
 
-// A pass that comes late delays every resend; one link's check thread alone keeps its `last`.
+// A pass that comes late delays every resend. Only the link's check thread writes these two.
 void note_check_pass(int index)
 {
-    static uint32_t last[MAX_ETH];
+    link_counters& figures = link_count[index];
     const uint32_t now = monotonic_us();
-    if (last[index] != 0) {
-        link_count[index].check_gap_us.raise_to(now - last[index]);
-        link_count[index].check_gap_most_us.raise_to(now - last[index]);
-    }
-    last[index] = now;
+    const uint32_t before = figures.last_check_us.exchange(now, std::memory_order_relaxed);
+    if (before != 0) { figures.check_gap_us.raise_to(now - before); }
 }
 
 void pin(const char* thread, int index)

@@ -12,7 +12,7 @@ using enum request_kind;
 constexpr double always = 1.0;
 
 struct figures {
-    uint64_t sent, resends, given_up, refused, answers, checksum, length, foreign, unasked;
+    uint64_t sent, resends, given_up, refused, answers, checksum, length, foreign, unasked, unusable;
     bool operator==(const figures&) const = default;
 };
 
@@ -27,7 +27,8 @@ figures figures_now()
             c.dropped[drop::checksum].get(),
             c.dropped[drop::length].get(),
             c.dropped[drop::foreign].get(),
-            c.dropped[drop::no_request].get()};
+            c.dropped[drop::no_request].get(),
+            c.dropped[drop::unusable].get()};
 }
 
 std::string difference(const figures& after, const figures& before)
@@ -39,7 +40,7 @@ std::string difference(const figures& after, const figures& before)
            text("given up", after.given_up, before.given_up) + text("refused", after.refused, before.refused) +
            text("answers", after.answers, before.answers) + text("checksum", after.checksum, before.checksum) +
            text("length", after.length, before.length) + text("foreign", after.foreign, before.foreign) +
-           text("unasked", after.unasked, before.unasked);
+           text("unasked", after.unasked, before.unasked) + text("unusable", after.unusable, before.unusable);
 }
 
 const struct {
@@ -57,6 +58,8 @@ const struct {
      "sent 1000 resends 999 given up 1 refused 1000 answers 1000 "},
     {"a corrupt answer", reported_read, {.corrupt = 1}, "sent 2 resends 1 answers 1 checksum 1 "},
     {"an answer that claims too much", reported_read, {.len_huge = 1}, "sent 2 resends 1 answers 1 length 1 "},
+    {"an answer that says nothing", reported_read, {.read_says_none = 1}, "sent 2 resends 1 answers 2 unusable 1 "},
+    {"no data, and waited for", waited_read, {.read_empty = 1}, "sent 1 answers 1 unusable 1 "},
     {"answered twice", waited_write, {.duplicate = 1}, "sent 1 answers 1 unasked 1 "},
     {"strangers in between", waited_read, {.foreign = 1, .runt = 1}, "sent 1 answers 1 foreign 2 "},
     {"refused, and waited for", waited_write, {.wrong_ack = 1}, "sent 1 refused 1 answers 1 "},

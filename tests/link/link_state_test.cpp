@@ -1,4 +1,5 @@
 // Links that are down, gone, or were never there: nobody waits, nothing spins, and what comes back works.
+#include "base/counters.h"
 #include "base/pause.h"
 #include "eth_raw/link.h"
 #include "eth_raw/raw_sock.h"
@@ -71,9 +72,11 @@ TEST_F(LinkState, ComesBackAfterItWasDown)
         const uint64_t used = cpu_time_us(receive_thread());
         run_ip("link set eth0 down");
         EXPECT_TRUE(soon([&] { return logged("receive failed") == round; })) << log_text();
+        const uint64_t failed = link_count[0].send_failed[send_failure::link_down].get();
         const auto r = run_request(waited_read, addr, 4, 1000);
         EXPECT_EQ(r.result, -1);
         EXPECT_LT(r.took_us, 5'000'000u);
+        EXPECT_EQ(link_count[0].send_failed[send_failure::link_down].get(), failed + 1);
         EXPECT_EQ(run_request(reported_write, addr, 4).result, -1);
         pause_us(down_us);
         EXPECT_LT(cpu_time_us(receive_thread()) - used, enough_us);

@@ -57,10 +57,14 @@ def objects_in(output):
 
 
 def run(status, count, line):
-    ended = subprocess.run([f"{programs}/rvkctl", "--json", *line.split()], capture_output=True, text=True, check=False)
-    if ended.returncode != status:
-        fail(line, f"status {ended.returncode}, not {status}: {ended.stderr}")
-    objects = list(objects_in(ended.stdout))
+    ended = subprocess.run([f"{programs}/rvkctl", "--json", *line.split()], stdout=subprocess.PIPE, text=True, check=False)
+    check(line, status, count, ended.returncode, ended.stdout)
+
+
+def check(line, status, count, returned, output):
+    if returned != status:
+        fail(line, f"status {returned}, not {status}")
+    objects = list(objects_in(output))
     if len(objects) != count:
         fail(line, f"{len(objects)} objects, not {count}")
     for printed in objects:
@@ -90,9 +94,13 @@ with subprocess.Popen([f"{programs}/rvk-cardsim", "--link", "card0"], stdout=sub
     wait_for("its status", lambda: os.path.exists("/run/rvkd/status.json"))
     for row in RUNS:
         run(*row)
+    with subprocess.Popen([f"{programs}/rvkctl", "--json", "status", "--watch"], stdout=subprocess.PIPE, text=True) as watch:
+        time.sleep(2.5)
+        watch.send_signal(signal.SIGINT)
+        check("status --watch", 0, 3, watch.wait(), watch.stdout.read())
     daemon.send_signal(signal.SIGKILL)
     time.sleep(4)  # its figures are too old to be worth anything after 3 s
     run(3, 1, "status")
     cards.terminate()
-print("failed" if failures else f"{len(RUNS) + 1} commands printed what the schema says")
+print("failed" if failures else f"{len(RUNS) + 2} commands printed what the schema says")
 sys.exit(1 if failures else 0)

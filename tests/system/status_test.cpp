@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
+#include <fstream>
 #include <sys/stat.h>
 
 using namespace rvk;
@@ -58,7 +59,11 @@ TEST_F(Status, GrowsOldWithItsDaemon)
         child client({program("rvkctl"), "status"});
         return client.end() == 3;
     }));
-    EXPECT_EQ(status_now(3)["error"]["kind"], "old_status");
+    nlohmann::json old = status_now(3);
+    EXPECT_EQ(old["error"]["kind"], "old_status");
+    old["status"]["boot_ms"] = uint64_t{1} << 50;
+    std::ofstream(status_folder + std::string("/status.json")) << old["status"];
+    EXPECT_EQ(status_now(3)["error"]["kind"], "old_status") << "of the machine's run before this";
     std::filesystem::remove_all(status_folder);
     EXPECT_EQ(status_now(3)["error"]["kind"], "no_status");
 }

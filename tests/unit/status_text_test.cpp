@@ -15,7 +15,7 @@ using namespace rvk;
 namespace {
 
 status_text text;
-constexpr status_moment moment{77, 1'700'000'000, 90'500, 30'000};
+constexpr status_moment moment{1, 77, 1'700'000'000, 90'500, 30'000};
 
 nlohmann::json json_now()
 {
@@ -57,7 +57,7 @@ void set_all(uint64_t first, uint64_t step)
     for (link_counters& c : link_count) {
         for (counter* one :
              {&c.frames_sent, &c.frames_received, &c.bytes_sent, &c.bytes_received, &c.kernel_dropped, &c.resends,
-              &c.given_up, &c.wrong_acks, &c.answer_time_us, &c.check_gap_us, &c.check_gap_most_us}) {
+              &c.given_up, &c.wrong_acks, &c.answer_time_us, &c.check_gap_shown_us, &c.check_gap_most_us}) {
             set(*one);
         }
         for (counter& one : c.dropped.all) { set(one); }
@@ -104,7 +104,7 @@ TEST_F(StatusText, BothSayTheSame)
         ASSERT_TRUE(samples.contains(row.in_prometheus)) << row.in_prometheus;
         EXPECT_EQ(std::to_string(json.at(row.in_json).get<uint64_t>()), samples.at(row.in_prometheus));
     }
-    EXPECT_EQ(json["links"][0]["check_gap_us"], link_count[0].check_gap_us.get());
+    EXPECT_EQ(json["links"][0]["check_gap_us"], link_count[0].check_gap_shown_us.get());
     EXPECT_EQ(samples.at("rvkd_check_gap_seconds{link=\"0\"}"), "0.001009");
     EXPECT_EQ(json["up_ms"], 60'500);
     EXPECT_EQ(samples.at("rvkd_up_seconds"), "60.500000");

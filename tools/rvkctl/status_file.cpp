@@ -2,13 +2,12 @@
 #include "rvkctl/status_view.h"
 
 #include "base/fd.h"
+#include "base/status_place.h"
 #include "command/values.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <vector>
 
@@ -17,35 +16,25 @@ namespace {
 
 constexpr off_t file_bytes_max = 1 << 20; // ours: far above what the daemon writes
 
-[[noreturn]] void not_there(const std::string& path, const char* why)
+[[noreturn]] void not_there(const std::string& path, int error)
 {
-    throw failure{problem::no_status, "no status in " + path + " (" + why +
-                                          "): does rvkd run, and does RVK_STATUS_DIR name the folder that it has?"};
+    throw failure{error == EACCES ? problem::no_permission : problem::no_status,
+                  "no status in " + path + " (" + strerror(error) +
+                      "): does rvkd run, and does RVK_STATUS_DIR name the folder that it has?"};
 }
 
 std::string text_of(const std::string& path)
 {
     const unique_fd file = open_regular(path.c_str(), O_RDONLY);
-    if (!file) { not_there(path, strerror(errno)); }
+    if (!file) { not_there(path, errno); }
     std::vector<uint8_t> bytes(static_cast<size_t>(std::clamp<off_t>(size_of(file), 0, file_bytes_max)));
     const size_t count = read_full(file, bytes);
     return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count)};
 }
 
-double boot_ms()
-{
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
-}
-
 } // namespace
 
-std::string status_path()
-{
-    const char* named = getenv("RVK_STATUS_DIR");
-    return std::string(named != nullptr && *named != '\0' ? named : "/run/rvkd") + "/status.json";
-}
+std::string status_path() { return std::string(status_folder()) + "/" + status_json_name; }
 
 status_view read_status()
 {
@@ -55,12 +44,16 @@ status_view read_status()
         !figures.value("links", nlohmann::ordered_json()).is_array()) {
         throw failure{problem::no_status, path + " is not a status of this program's version: which rvkd wrote it?"};
     }
-    const double age_ms = boot_ms() - figures.at("boot_ms").get<double>();
-    return {std::move(figures), std::max(age_ms, 0.0) / 1e3};
+    const double age_ms = static_cast<double>(boot_ms()) - figures.at("boot_ms").get<double>();
+    return {std::move(figures), age_ms / 1e3};
 }
 
 failure judge_age(const status_view& now)
 {
+    if (now.age_s < 0) {
+        return {problem::old_status, "the figures in " + status_path() +
+                                         " are from before the machine's last start: rvkd has not run since"};
+    }
     if (now.age_s <= status_age_max_s) { return {problem::none, {}}; }
     return {problem::old_status,
             format("the figures in %s are %.1f s old, and rvkd writes them each second: has it ended, or does a "

@@ -147,7 +147,8 @@ std::string status_table(const status_view& now, const std::optional<status_view
         same ? (now.figures.at("boot_ms").get<double>() - before->figures.at("boot_ms").get<double>()) / 1e3 : 0;
     const pair_of_views all{&now.figures, same ? &before->figures : nullptr, seconds};
     const json& figures = now.figures;
-    std::string out = format("rvkd (process %" PRIu64 "), up %s; figures %.1f s old\n", count_in(figures.at("pid")),
+    std::string out = format("rvkd of board %" PRIu64 " (process %" PRIu64 "), up %s; figures %.1f s old\n",
+                             count_in(figures.at("board")), count_in(figures.at("pid")),
                              duration_text(count_in(figures.at("up_ms"))).c_str(), now.age_s);
     out += row("commands", kinds(all.member("commands"))) + row("refused", kinds(all.member("refused"))) +
            row("dropped", with_rate(all.member("dropped_in_update")) + " during an update") +

@@ -43,6 +43,7 @@ public:
         const repetition& repeat = *what.repeat;
         while (!interrupted() && (repeat.times == 0 || reads < repeat.times)) {
             if (reads > 0) { pause_until(begun + repeat.interval); }
+            if (interrupted()) { return; }
             begun = std::chrono::steady_clock::now();
             outcome line{.command = run.command, .facts = run.facts, .answer = {}, .failed = {problem::none, {}}};
             read_one(line);

@@ -2,6 +2,7 @@
 #include "platform/local/endpoint.h"
 
 #include "base/bytes.h"
+#include "base/counters.h"
 #include "base/pause.h"
 #include "main/log.h"
 
@@ -99,7 +100,7 @@ bool identity_of_sender(const sockaddr_un& from, socklen_t length, uint32_t& out
     return strcmp(name, expected) == 0;
 }
 
-bool first_word_is_sender(std::span<const uint8_t> message, const sockaddr_un& from, socklen_t from_length)
+bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from, socklen_t from_length)
 {
     uint32_t bound = 0;
     if (!identity_of_sender(from, from_length, bound)) {
@@ -203,7 +204,9 @@ ssize_t receive_datagram(int fd, receive_buffer& buffer, int flags)
         log_print(LOG_HERE, "message of %zu bytes dropped: at most %zu are allowed\n", length, datagram_bytes_max);
         return 0;
     }
-    return first_word_is_sender({buffer.bytes, length}, from, from_length) ? received : 0;
+    if (names_its_sender({buffer.bytes, length}, from, from_length)) { return received; }
+    daemon_count.refused[refusal::wrong_sender].add();
+    return 0;
 }
 
 } // namespace rvk::local
