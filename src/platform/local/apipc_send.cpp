@@ -9,6 +9,7 @@
 #include "platform/platform.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -22,7 +23,7 @@ constexpr size_t remembered_max = 256; // with one too few, each of them costs i
 
 rvk::mutex remembered_mtx;                                          // innermost but for the log's
 uint32_t remembered[remembered_max] RVK_GUARDED_BY(remembered_mtx); // oldest first
-size_t remembered_count RVK_GUARDED_BY(remembered_mtx) = 0;
+std::atomic<size_t> remembered_count{0};                            // written under it
 
 bool is_remembered(uint32_t peer)
 {
@@ -31,8 +32,11 @@ bool is_remembered(uint32_t peer)
     return std::find(remembered, end, peer) != end;
 }
 
+// Nearly always there is none to forget, and a look without the mutex tells. One that is remembered at this moment is
+// forgotten by its next message that arrives.
 void forget(uint32_t peer)
 {
+    if (remembered_count == 0) { return; }
     const rvk::scoped_lock hold(remembered_mtx);
     uint32_t* const end = std::remove(remembered, remembered + remembered_count, peer);
     remembered_count = static_cast<size_t>(end - remembered);
