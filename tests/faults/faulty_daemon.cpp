@@ -4,6 +4,7 @@
 #include "base/bytes.h"
 #include "base/fd.h"
 #include "eth_raw/frame.h"
+#include "faults/injection.h"
 
 #include <algorithm>
 #include <csignal>
@@ -214,6 +215,7 @@ void FaultsTest::judge_start()
         EXPECT_EQ(result_of(other.ask({.code = command::file_write, .payload = put})), files ? 0 : -1);
     }
     faults.plan->fail_at = 0;
+    status_tid = status_thread_of(d->pid());
     ASSERT_EQ(d->end_by(signals ? SIGTERM : SIGKILL), signals ? 0 : 1000 + SIGKILL);
     d.reset();
 }

@@ -61,6 +61,7 @@ protected:
     planned_faults faults;
     std::unique_ptr<conversation> client;
     std::array<int32_t, pool_classes> at_rest{};
+    std::string status_tid;             // of the daemon that judge_start ended
     size_t files_at_rest = 0;           // open ones
     std::vector<std::string> arguments; // the daemon's, none or -f, set before SetUp
     std::string picture;                // a small one

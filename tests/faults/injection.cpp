@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <sstream>
 
 namespace rvk {
 namespace {
@@ -36,7 +37,7 @@ std::vector<std::string> command_line(pid_t process, const std::string& call, co
 } // namespace
 
 injection::injection(pid_t daemon, const std::string& call, const std::string& fault)
-    : traced(daemon), strace(command_line(daemon, call, fault))
+    : traced(daemon), status_tid(status_thread_of(daemon)), strace(command_line(daemon, call, fault))
 {
 }
 
@@ -50,7 +51,7 @@ bool injection::end()
     strace.signal(SIGTERM);
     static_cast<void>(strace.end());
     const bool let_go = comes_true([&] { return all_traced(traced, false); });
-    return let_go && was_injected();
+    return let_go && was_injected(status_tid);
 }
 
 std::vector<std::string> injection_at_start(const std::string& call, const std::string& fault)
@@ -58,7 +59,22 @@ std::vector<std::string> injection_at_start(const std::string& call, const std::
     return {"strace", "-D", "-f", "-q", "-o", record, "-e", "trace=" + call, "-e", "inject=" + fault};
 }
 
-bool was_injected() { return file_text(record).find("(INJECTED)") != std::string::npos; }
+std::string status_thread_of(pid_t daemon)
+{
+    for (const thread_facts& t : threads_of(daemon)) {
+        if (t.name == "rvk-status") { return t.tid; }
+    }
+    return "";
+}
+
+bool was_injected(const std::string& but_in)
+{
+    std::istringstream lines(file_text(record));
+    for (std::string line; std::getline(lines, line);) { // each begins with the thread's id
+        if (line.find("(INJECTED)") != std::string::npos && line.substr(0, line.find(' ')) != but_in) { return true; }
+    }
+    return false;
+}
 
 uint64_t processor_ticks(pid_t process)
 {
