@@ -3,6 +3,7 @@
 // them succeeds. No lock is held while a send waits.
 #include "platform/local/endpoint.h"
 
+#include "base/elapsed.h"
 #include "base/mutex.h"
 #include "base/pause.h"
 #include "main/log.h"
@@ -12,12 +13,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <iterator>
 
 namespace {
 
-constexpr uint64_t patience_us = 20'000; // for a peer whose queue is full
+constexpr uint32_t patience_us = 20'000; // for a peer whose queue is full
 constexpr uint64_t retry_us = 1'000;
 constexpr size_t remembered_max = 256; // with one too few, each of them costs its patience in turn
 
@@ -53,20 +53,13 @@ void remember(uint32_t peer)
     remembered[remembered_count++] = peer;
 }
 
-uint64_t now_us()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
-}
-
 // The socket's readiness tells nothing about the peer's queue, so the queue is asked by trying.
 int send_patiently(int fd, uint32_t peer, std::span<const uint8_t> message)
 {
     int error = rvk::local::send_datagram(fd, peer, message);
     if (error != EAGAIN || is_remembered(peer)) { return error; }
-    const uint64_t end = now_us() + patience_us;
-    while (error == EAGAIN && now_us() < end) {
+    const uint32_t begin = rvk::monotonic_us();
+    while (error == EAGAIN && rvk::monotonic_us() - begin < patience_us) {
         rvk::pause_us(retry_us);
         error = rvk::local::send_datagram(fd, peer, message);
     }
