@@ -115,8 +115,8 @@ TEST_F(Receive, AFolderSpelledOtherwiseIsTheSameSender)
 {
     setenv("APIPC_DIR", (folder.path + "/.").c_str(), 1);
     requester other;
-    ASSERT_EQ(other.open(0x010A7F77), endpoint_status::ok);
-    ASSERT_EQ(other.send(own, message_from(0x010A7F77, 40)), endpoint_status::ok);
+    ASSERT_EQ(other.open_free(1), endpoint_status::ok);
+    ASSERT_EQ(other.send(own, message_from(other.identity(), 40)), endpoint_status::ok);
     deliver();
     EXPECT_EQ(delivered.size(), 1u);
 }
