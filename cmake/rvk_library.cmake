@@ -23,6 +23,7 @@ if(RVK_SANITIZE)
     target_link_options(rvk_flags INTERFACE -fsanitize=${RVK_SANITIZE})
 endif()
 target_link_libraries(rvk_flags INTERFACE Threads::Threads)
+set(RVK_FLAGS rvk_flags rvk_fortify) # tests have less
 
 set(RVK_INCLUDE_ROOT ${CMAKE_BINARY_DIR}/include)
 
@@ -62,7 +63,7 @@ function(rvk_library NAME)
     get_filename_component(folder ${CMAKE_CURRENT_SOURCE_DIR}/${first} DIRECTORY)
     get_filename_component(module ${folder} NAME)
     target_compile_definitions(${NAME} PRIVATE RVK_MODULE="${module}")
-    target_link_libraries(${NAME} PRIVATE rvk_flags ${NAME}_headers)
+    target_link_libraries(${NAME} PRIVATE ${RVK_FLAGS} ${NAME}_headers)
     if(CMAKE_CURRENT_SOURCE_DIR STREQUAL "${CMAKE_SOURCE_DIR}/src")
         # An exception that crossed the daemon would unwind through its locks; nothing there throws or asks for a type.
         target_compile_options(${NAME} PRIVATE -fno-exceptions -fno-rtti)
@@ -75,7 +76,7 @@ function(rvk_program NAME)
     cmake_parse_arguments(PARSE_ARGV 1 P "" "SINK" "SOURCES;USES")
     add_executable(${NAME} ${P_SOURCES})
     target_compile_definitions(${NAME} PRIVATE RVK_MODULE="${NAME}")
-    target_link_libraries(${NAME} PRIVATE rvk_flags)
+    target_link_libraries(${NAME} PRIVATE ${RVK_FLAGS})
     rvk_use(${NAME} ${P_USES})
     if(P_SINK)
         # As objects, which are there whatever order the libraries that log end up in.
