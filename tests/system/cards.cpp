@@ -43,6 +43,12 @@ std::vector<uint8_t> file_bytes(const std::string& path)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
+void write_file(const std::string& path, std::span<const uint8_t> bytes)
+{
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
 std::vector<uint8_t> picture_payload(uint32_t hor, uint32_t ver, const std::string& path)
 {
     std::vector<uint8_t> out(8);
@@ -96,8 +102,7 @@ void FilesTest::kill_daemon()
 std::string FilesTest::file(const std::string& name, std::span<const uint8_t> bytes)
 {
     const std::string path = in_folder(name);
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    write_file(path, bytes);
     return path;
 }
 

@@ -23,6 +23,7 @@ namespace rvk {
 [[nodiscard]] std::vector<uint8_t> content(uint32_t seed, size_t size);
 
 [[nodiscard]] std::vector<uint8_t> file_bytes(const std::string& path);
+void write_file(const std::string& path, std::span<const uint8_t> bytes);
 
 // The payload of a picture job: size and path, its end included.
 [[nodiscard]] std::vector<uint8_t> picture_payload(uint32_t hor, uint32_t ver, const std::string& path);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <string>
 
 using namespace rvk;
 
@@ -13,6 +14,7 @@ namespace {
 constexpr card_id fpga{0, 1};
 constexpr uint8_t first_buffer = 16, last_buffer = 24;
 constexpr size_t picture_bytes = size_t{3840} * 2160 * 4;
+constexpr char demo_folder[] = "/usr/kup/etc/demo";
 
 class DemoStart : public FilesTest {
 protected:
@@ -63,6 +65,29 @@ protected:
     }
 };
 
+// Some of the files are there before the daemon starts.
+class DemoFiles : public DemoStart {
+protected:
+    void SetUp() override
+    {
+        std::filesystem::create_directories(demo_folder);
+        for (const unsigned number : {1u, 2u, 5u, 9u}) {
+            const auto buffer = static_cast<uint8_t>(first_buffer + number - 1);
+            files[buffer] = content(number, size_t{number} * 1'000'003);
+            write_file(demo_folder + ("/demo_" + std::to_string(number)), files[buffer]);
+        }
+        farm.set_behaviour({.readiness = 0xFF});
+        DemoStart::SetUp();
+    }
+    void TearDown() override
+    {
+        DemoStart::TearDown();
+        std::filesystem::remove_all(demo_folder);
+    }
+
+    std::map<uint8_t, std::vector<uint8_t>> files; // by buffer
+};
+
 } // namespace
 
 TEST_F(DemoStart, WithoutFilesNineBlackPicturesAreShown)
@@ -72,20 +97,9 @@ TEST_F(DemoStart, WithoutFilesNineBlackPicturesAreShown)
     expect_demo({});
 }
 
-TEST_F(DemoStart, FilesAreShownByTheirNumbersThoughTheFpgaIsNeverReady)
+TEST_F(DemoFiles, AreShownByTheirNumbersThoughTheFpgaIsNeverReady)
 {
-    const std::string folder = "/usr/kup/etc/demo";
-    std::filesystem::create_directories(folder);
-    std::map<uint8_t, std::vector<uint8_t>> files;
-    for (const unsigned number : {1u, 2u, 5u, 9u}) {
-        const auto buffer = static_cast<uint8_t>(first_buffer + number - 1);
-        files[buffer] = content(number, size_t{number} * 1'000'003);
-        ASSERT_TRUE(std::filesystem::copy_file(file("one", files[buffer]), folder + "/demo_" + std::to_string(number)));
-    }
-    farm.set_behaviour({.readiness = 0xFF});
-    start_daemon();
     EXPECT_GT(greetings_meanwhile(), 0);
-    std::filesystem::remove_all(folder);
     EXPECT_EQ(readiness_reads("ready? ff"), 20);
     expect_demo(files);
 }
