@@ -1,10 +1,5 @@
-# Cross build for the aarch64 boards, with Debian's cross compiler; tests run under qemu-user.
-set(CMAKE_SYSTEM_NAME Linux)
+# The aarch64 boards.
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
-set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc) # GoogleTest's build asks for one
-set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;/usr/aarch64-linux-gnu)
-set(CMAKE_FIND_ROOT_PATH /usr/aarch64-linux-gnu)
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(TRIPLET aarch64-linux-gnu)
+set(EMULATOR qemu-aarch64)
+include(${CMAKE_CURRENT_LIST_DIR}/cross.cmake)
