@@ -6,9 +6,9 @@
 # starts 100 sleeping threads was killed 10 times in 400 by qemu-arm, 7 in 400 by qemu-aarch64, never without them, nor
 # in 200 with its threads started; rvkd 4 times in 200 at its start, never in 200 when it served. Faults of the daemon's
 # own are crash_test's.
-# Nor are those built that look at nothing of the processor's, or stand on what its tree here has not: printed_objects_test
-# (Python and the schema; rvkctl_test has the texts), dissector_test (Lua), testcard_test (libpng) and rvkbus_installed_test
-# (pkg-config and a compiler for the host; the packages of both processors hold the library).
+# Four more are built for this machine only. dissector_test is Lua, and printed_objects_test Python: neither depends on the
+# processor (rvkctl_test, which is run, compares the same texts). testcard_test needs libpng, which the cross compilers'
+# folders lack; rvkbus_installed_test configures and builds another program, with the host's compiler.
 # files_test does not look at the daemon's memory, which is mostly the emulator's, and random_delivery_test plays fewer
 # of its games.
 set(RVK_NOT_EMULATED)
