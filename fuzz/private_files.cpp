@@ -11,11 +11,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#if __SIZEOF_POINTER__ == 4 // whose time has 64 bits only by this name
+#define STAT "__stat64_time64"
+#else
+#define STAT "stat64"
+#endif
+
 extern "C" {
-int __real_open64(const char* path, int flags, ...);
-int __real_access(const char* path, int mode);
-int __real_stat64(const char* path, struct stat* status);
 ssize_t __real_pwrite64(int file, const void* bytes, size_t count, off_t at);
+int wrapped_stat(const char* path, struct stat* status) asm("__wrap_" STAT);
 }
 
 namespace {
@@ -56,13 +60,14 @@ std::string note_use(const std::string& path)
 
 int open_private(const char* path, int flags)
 {
-    return __real_open64((flags & O_CREAT) != 0 ? note_use(path).c_str() : private_path(path).c_str(), flags, 0600);
+    return openat(AT_FDCWD, (flags & O_CREAT) != 0 ? note_use(path).c_str() : private_path(path).c_str(), flags, 0600);
 }
 
 } // namespace
 
 void open_private_files()
 {
+    if (folder != nullptr) { return; }
     std::string name = (std::filesystem::temp_directory_path() / "rvk-fuzz-XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr) { abort(); }
     folder = new std::string(name);
@@ -84,7 +89,7 @@ void place(const std::string& path, placed what, std::span<const uint8_t> bytes)
     if (what == placed::folder) { mkdir(mapped.c_str(), 0700); }
     if (what == placed::fifo) { mkfifo(mapped.c_str(), 0600); }
     if (what != placed::file) { return; }
-    const int file = __real_open64(mapped.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int file = openat(AT_FDCWD, mapped.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (file < 0 || write(file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) { abort(); }
     close(file);
 }
@@ -102,12 +107,18 @@ void make_huge(const std::string& path)
     if (truncate(private_path(path).c_str(), off_t{INT_MAX} + 1) != 0) { abort(); }
 }
 
-void remove_private_file(const std::string& path) { unlink(private_path(path).c_str()); }
+bool run_on_private_files(const std::string& line)
+{
+    static const std::string removes = "/bin/rm -f  ", makes = "/bin/touch ";
+    if (line == removes + temporary_image) { return unlink(private_path(temporary_image).c_str()), true; }
+    if (line == makes + temporary_image) { return place(temporary_image, placed::file, {}), true; }
+    return false;
+}
 
 placed what_is_at(const std::string& path)
 {
     struct stat status = {};
-    if (__real_stat64(private_path(path).c_str(), &status) != 0) { return placed::nothing; }
+    if (fstatat(AT_FDCWD, private_path(path).c_str(), &status, 0) != 0) { return placed::nothing; }
     if (S_ISDIR(status.st_mode)) { return placed::folder; }
     return S_ISREG(status.st_mode) ? placed::file : placed::fifo;
 }
@@ -115,7 +126,7 @@ placed what_is_at(const std::string& path)
 std::optional<std::vector<uint8_t>> contents_of(const std::string& path)
 {
     if (what_is_at(path) != placed::file) { return std::nullopt; }
-    const int file = __real_open64(private_path(path).c_str(), O_RDONLY);
+    const int file = openat(AT_FDCWD, private_path(path).c_str(), O_RDONLY);
     struct stat status = {};
     if (file < 0 || fstat(file, &status) != 0) { abort(); }
     std::vector<uint8_t> bytes(static_cast<size_t>(status.st_size));
@@ -132,17 +143,17 @@ int __wrap_open64(const char* path, int flags, ...)
     va_start(more, flags);
     const int mode = (flags & O_CREAT) != 0 ? va_arg(more, int) : 0;
     va_end(more);
-    return folder == nullptr ? __real_open64(path, flags, mode) : open_private(path, flags);
+    return folder == nullptr ? openat(AT_FDCWD, path, flags, mode) : open_private(path, flags);
 }
 
 int __wrap_access(const char* path, int mode)
 {
-    return __real_access(folder == nullptr ? path : private_path(path).c_str(), mode);
+    return faccessat(AT_FDCWD, folder == nullptr ? path : private_path(path).c_str(), mode, 0);
 }
 
-int __wrap_stat64(const char* path, struct stat* status)
+int wrapped_stat(const char* path, struct stat* status)
 {
-    return __real_stat64(folder == nullptr ? path : private_path(path).c_str(), status);
+    return fstatat(AT_FDCWD, folder == nullptr ? path : private_path(path).c_str(), status, 0);
 }
 
 ssize_t __wrap_pwrite64(int file, const void* bytes, size_t count, off_t at)

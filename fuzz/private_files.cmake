@@ -1,0 +1,12 @@
+# The calls that end in private_files.cpp.
+if(NOT TARGET private_files)
+    file(RELATIVE_PATH files ${CMAKE_CURRENT_SOURCE_DIR} ${CMAKE_CURRENT_LIST_DIR})
+    if(files STREQUAL "")
+        set(files .)
+    endif()
+    rvk_library(private_files  SOURCES ${files}/private_files.cpp  USES base)
+    target_include_directories(private_files_headers INTERFACE ${CMAKE_CURRENT_LIST_DIR})
+    foreach(call open64 access stat64 __stat64_time64 pwrite64 sync)
+        target_link_options(private_files INTERFACE LINKER:--wrap=${call})
+    endforeach()
+endif()

@@ -1,0 +1,26 @@
+# The fuzz targets for what comes from outside: frames from the wire, messages from other processes and the files that
+# they name, requests to the simulated cards; seeds in corpus/NAME. Whoever includes this has said, as a function
+# rvk_fuzz(NAME SOURCES … USES … WRAPS …), what becomes of each. WRAPS: system calls that its own source answers.
+include(${CMAKE_CURRENT_LIST_DIR}/../tests/sim/world.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/private_files.cmake)
+file(RELATIVE_PATH here ${CMAKE_CURRENT_SOURCE_DIR} ${CMAKE_CURRENT_LIST_DIR})
+if(here STREQUAL "")
+    set(here .)
+endif()
+rvk_library(log_discard  SOURCES ${here}/log_discard.cpp  USES base log)
+rvk_library(fuzz_messages
+    SOURCES ${here}/message_input.cpp
+    USES base world message endpoint cardsim)
+target_include_directories(fuzz_messages_headers INTERFACE ${CMAKE_CURRENT_LIST_DIR})
+
+rvk_fuzz(frame  USES base frame)
+rvk_fuzz(bus_answer  USES base link bus_block  WRAPS recvfrom)
+rvk_fuzz(message  USES base world fuzz_messages message endpoint mailbox link cardsim)
+rvk_fuzz(cards  USES base frame bus_packet cardsim)
+rvk_fuzz(delivery  USES base world fuzz_messages message endpoint mailbox cardsim)
+rvk_fuzz(picture
+    USES base frame mailbox message file_request send_plain send_ack picture_write platform private_files
+    WRAPS read)
+rvk_fuzz(jobs
+    SOURCES ${here}/job_input.cpp
+    USES world fuzz_messages private_files base frame message endpoint file_service mailbox cardsim tool_files)
