@@ -23,7 +23,7 @@ void run(const input& bytes)
 }
 
 // One change: a byte, a bit, bytes taken out, put in, or taken from another input.
-void mutate(input& bytes, const input& other, std::mt19937_64& dice)
+void mutate(input& bytes, const input& other, std::mt19937& dice)
 {
     static constexpr uint8_t edges[] = {0, 1, 2, 0x7F, 0x80, 0xFE, 0xFF};
     const size_t n = 1 + dice() % (dice() % 8 == 0 ? 300 : 8), at = bytes.empty() ? 0 : dice() % bytes.size();
@@ -55,7 +55,7 @@ int main(int argc, char** argv)
     running_seed = "no seed: the corpus";
     std::for_each(corpus.begin(), corpus.end(), run);
     for_seeds("RVK_REPLAY", 2000, [&corpus](uint64_t seed) {
-        std::mt19937_64 dice(seed);
+        std::mt19937 dice(static_cast<uint32_t>(seed));
         input bytes = corpus[dice() % corpus.size()];
         for (size_t changes = 1 + dice() % 5; changes > 0; --changes) {
             mutate(bytes, corpus[dice() % corpus.size()], dice);
