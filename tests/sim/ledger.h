@@ -22,7 +22,7 @@ enum kind : uint8_t { later_write, waited_write, later_read, waited_read };
 inline bool is_write(kind k) { return k <= waited_write; }
 inline bool waits(kind k) { return k == waited_write || k == waited_read; }
 
-inline constexpr uint16_t first_numbers = 65'400; // of a process, of every kind: they soon wrap
+inline constexpr uint16_t first_number = 65'400; // of a history, of every kind: they soon wrap
 
 // How much is written to an address, and read from it; what, is data_at.
 inline size_t length_at(uint32_t addr)
@@ -57,8 +57,9 @@ public:
     // A request begins. Result: its number, which its frames carry as the card's model.
     size_t open(kind k, uint32_t addr, uint32_t timeout)
     {
+        const auto seq = static_cast<uint16_t>(first_number + of_kind[k].size());
         of_kind[k].push_back(entries.size());
-        entries.push_back({.k = k, .addr = addr, .seq = next_number[k]++, .timeout = timeout});
+        entries.push_back({.k = k, .addr = addr, .seq = seq, .timeout = timeout});
         return entries.size() - 1;
     }
 
@@ -84,7 +85,7 @@ public:
     {
         if (code != code_write_ack && code != code_ack_short && code != code_read) { return; }
         for (const kind k : {later_write, waited_write, later_read, waited_read}) {
-            const auto nth = static_cast<uint16_t>(seq - first_number[k]);
+            const auto nth = static_cast<uint16_t>(seq - first_number);
             if (is_write(k) == (code == code_read) || nth >= of_kind[k].size()) { continue; }
             entry& e = entries[of_kind[k][nth]];
             if (e.addr == addr && e.end == ended::not_yet) { answer_one(e, status, len); }
@@ -183,8 +184,6 @@ private:
         e.end = ended::given_up;
     }
 
-    static inline std::array<uint16_t, 4> next_number{first_numbers, first_numbers, first_numbers, first_numbers};
-    std::array<uint16_t, 4> first_number = next_number;
     std::array<std::vector<size_t>, 4> of_kind; // entries by the order of their numbers
     int passes = 0, ticks = 0;
 };

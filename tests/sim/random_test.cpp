@@ -42,6 +42,10 @@ class history {
 public:
     explicit history(uint64_t seed) : d{std::mt19937_64(seed)}, held(d.chance()), unsent(d.chance() / 4)
     {
+        for (sequence* numbers : {&write_ack, &write_ack_wait, &read_ack, &read_wait}) {
+            const scoped_lock hold(numbers->mtx);
+            numbers->seq = first_number;
+        }
         w.farm.set_faults(any_faults(d));
         w.on_frame = [this](auto frame) { return send(frame); };
         w.on_message = [this](const sent_message& m) { book.told(m.to, m.bytes); };
@@ -175,10 +179,6 @@ private:
 
 TEST(RandomDelivery, EveryRequestEndsOnceAndNothingIsLeft)
 {
-    for (sequence* numbers : {&write_ack, &write_ack_wait, &read_ack, &read_wait}) {
-        const scoped_lock hold(numbers->mtx);
-        numbers->seq = first_numbers;
-    }
     for_seeds("RVK_SIM", 100, [](uint64_t seed) {
         EXPECT_EQ(history(seed).play(), "") << running_seed << " runs it again";
         EXPECT_EQ(blocks_in_use(), 0);
