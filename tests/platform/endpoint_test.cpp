@@ -1,24 +1,23 @@
-// Binding: who gets an identity, who is refused, and what lies in the folder afterwards.
+// Binding: who gets an identity, who is refused, and what lies in the folder afterwards. And the board's number.
 #include "platform/local/endpoint.h"
 
 #include "platform/endpoint_folder.h"
 #include "platform/platform.h"
 #include "support/log_capture.h"
 
+#include <atomic>
 #include <cerrno>
-#include <csignal>
-#include <cstring>
-#include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
+#include <thread>
 
 using namespace rvk;
 
 namespace {
 
 constexpr uint32_t identity = 0x010A3B00;
-constexpr char socket_name[] = "010a3b00.sock";
+constexpr char socket_name[] = "/010a3b00.sock";
 
 mode_t mode_of(const std::string& path)
 {
@@ -26,125 +25,75 @@ mode_t mode_of(const std::string& path)
     return stat(path.c_str(), &entry) == 0 ? entry.st_mode & 0777 : 0;
 }
 
-// Gives up what apipc_init got for this process.
-void end_process_endpoint() { unique_fd{local::process_endpoint.exchange(-1)}; }
-
-// A child that waits for the start, binds, tells how it went, and stays alive until its input ends.
-struct racer {
-    pid_t pid;
-    unique_fd result;
-};
-
-racer start_racer(int start)
+// Binds this process's endpoint and gives it up again. Result: whether it was had.
+bool registers()
 {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) { abort(); }
-    const pid_t pid = fork();
-    if (pid == 0) {
-        char byte = 0;
-        if (read(start, &byte, 1) < 0) { _exit(1); }
-        unique_fd fd;
-        const int error = local::bind_endpoint(identity, fd);
-        if (write(ends[1], &error, sizeof error) < 0) { _exit(1); }
-        pause();
-        _exit(0);
-    }
-    close(ends[1]);
-    return {pid, unique_fd{ends[0]}};
-}
-
-// Result: how many of several that start at once got the identity.
-int race(int racers)
-{
-    int start[2];
-    if (pipe2(start, O_CLOEXEC) != 0) { abort(); }
-    std::vector<racer> all;
-    for (int i = 0; i < racers; ++i) { all.push_back(start_racer(start[0])); }
-    const std::string go(static_cast<size_t>(racers), 'g');
-    EXPECT_EQ(write(start[1], go.data(), go.size()), racers);
-    int winners = 0;
-    for (const racer& r : all) {
-        int error = -1;
-        EXPECT_EQ(read(r.result.get(), &error, sizeof error), static_cast<ssize_t>(sizeof error));
-        EXPECT_TRUE(error == 0 || error == EADDRINUSE) << strerror(error);
-        winners += error == 0;
-    }
-    for (const racer& r : all) {
-        kill(r.pid, SIGKILL);
-        waitpid(r.pid, nullptr, 0);
-    }
-    close(start[0]);
-    close(start[1]);
-    return winners;
+    const bool bound = apipc_init(identity, 0) == 0;
+    EXPECT_TRUE(!bound || apipc_init(identity + 1, 0) != 0) << "a process registers once";
+    unique_fd{local::process_endpoint.exchange(-1)};
+    return bound;
 }
 
 } // namespace
 
-TEST(Endpoint, StaleIsTakenOverAliveIsRefused)
+TEST(Endpoint, StaleIsTakenOverByOneAliveIsRefused)
 {
     const endpoint_folder folder;
-    unique_fd first, second;
-    ASSERT_EQ(local::bind_endpoint(identity, first), 0);
-    EXPECT_TRUE(local::endpoint_alive(identity));
-    EXPECT_EQ(local::bind_endpoint(identity, second), EADDRINUSE);
-    first.reset(); // as a process that was killed: its file stays
-    EXPECT_EQ(mode_of(folder.file(socket_name)), 0660u);
-    EXPECT_FALSE(local::endpoint_alive(identity));
-    EXPECT_EQ(local::bind_endpoint(identity, second), 0);
-    EXPECT_TRUE(local::endpoint_alive(identity));
+    for (int round = 0; round < 50; ++round) { // the first finds none, the others the one before, dead
+        EXPECT_FALSE(local::endpoint_alive(identity));
+        std::array<unique_fd, 4> bound;
+        std::vector<std::thread> racers;
+        std::atomic<int> ready{0}, refused{0};
+        for (unique_fd& fd : bound) {
+            racers.emplace_back([&] {
+                for (++ready; ready < 4;) { std::this_thread::yield(); } // all at once
+                refused += local::bind_endpoint(identity, fd) == EADDRINUSE;
+            });
+        }
+        for (std::thread& racer : racers) { racer.join(); }
+        ASSERT_EQ(refused, 3) << "round " << round;
+        EXPECT_TRUE(local::endpoint_alive(identity));
+    }
 }
 
-TEST(Endpoint, OneOfManyThatStartAtOnceWins)
+TEST(Endpoint, FolderAndSocketHaveTheirModesWhateverTheUmask)
 {
     const endpoint_folder folder;
-    for (int round = 0; round < 60; ++round) { ASSERT_EQ(race(4), 1) << "round " << round; }
+    // A socket's address has 108 bytes: 93 for the folder, a slash, 13 for the name, a zero.
+    const std::string longest = folder.path + "/" + std::string(93 - 1 - folder.path.size(), 'x');
+    for (const mode_t mask : {mode_t{0}, mode_t{077}}) {
+        setenv("APIPC_DIR", longest.c_str(), 1);
+        const mode_t before = umask(mask);
+        EXPECT_TRUE(registers());
+        umask(before);
+        EXPECT_EQ(mode_of(longest), 0770u);
+        EXPECT_EQ(mode_of(longest + socket_name), 0660u);
+        std::filesystem::remove_all(longest);
+    }
+    setenv("APIPC_DIR", (longest + "y").c_str(), 1);
+    EXPECT_FALSE(registers());
+    EXPECT_FALSE(std::filesystem::exists(longest + "y")) << "a folder was made that cannot be used";
 }
 
 TEST(Endpoint, OnlyASocketIsEverRemoved)
 {
     const endpoint_folder folder;
-    const std::string path = folder.file(socket_name);
-    unique_fd{open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)};
-    take_log();
-    EXPECT_NE(apipc_init(identity, 0), 0);
-    EXPECT_EQ(logged("not a socket"), 1u);
-    EXPECT_EQ(access(path.c_str(), F_OK), 0);
+    std::ofstream(folder.path + socket_name) << "a file";
+    EXPECT_FALSE(registers());
+    EXPECT_TRUE(std::filesystem::exists(folder.path + socket_name));
 }
 
-TEST(Endpoint, FolderAndSocketHaveTheirModesWhateverTheUmask)
+TEST(Board, ANumberOrTheDefault)
 {
-    for (const mode_t mask : {mode_t{0}, mode_t{077}}) {
-        const endpoint_folder folder;
-        setenv("APIPC_DIR", folder.file("made").c_str(), 1);
-        const mode_t before = umask(mask);
-        EXPECT_EQ(apipc_init(identity, 0), 0);
-        umask(before);
-        EXPECT_EQ(mode_of(folder.file("made")), 0770u);
-        EXPECT_EQ(mode_of(folder.file("made") + "/" + socket_name), 0660u);
-        end_process_endpoint();
+    take_log();
+    const std::pair<const char*, int> boards[] = {
+        {"", 1},   {"0", 0},  {"255", 255}, {"0x0C", 12}, {"0XfF", 255}, {"010", 10},  {"256", 1},
+        {"-1", 1}, {"3 ", 1}, {"0x", 1},    {"0x-1", 1},  {"f", 1},      {"0x100", 1}, {"99999999999999999999", 1}};
+    for (const auto& [text, board] : boards) {
+        setenv("APCARD_SELF", text, 1);
+        EXPECT_EQ(apcard_bit_self(), board) << '"' << text << '"';
     }
-}
-
-TEST(Endpoint, AFolderThatDoesNotFitIsRefusedByName)
-{
-    const endpoint_folder folder;
-    // A socket's address has 108 bytes: 93 for the folder, a slash, 13 for the name, a zero.
-    const std::string longest = folder.path + "/" + std::string(93 - 1 - folder.path.size(), 'x');
-    setenv("APIPC_DIR", longest.c_str(), 1);
-    EXPECT_EQ(apipc_init(identity, 0), 0);
-    end_process_endpoint();
-    const std::string too_long = longest + "y";
-    setenv("APIPC_DIR", too_long.c_str(), 1);
-    take_log();
-    EXPECT_NE(apipc_init(identity, 0), 0);
-    EXPECT_EQ(logged(too_long), 1u);
-    EXPECT_NE(access(too_long.c_str(), F_OK), 0) << "a folder was made that cannot be used";
-}
-
-TEST(Endpoint, AProcessRegistersOnce)
-{
-    const endpoint_folder folder;
-    ASSERT_EQ(apipc_init(identity, 0), 0);
-    EXPECT_NE(apipc_init(identity + 1, 0), 0);
-    end_process_endpoint();
+    unsetenv("APCARD_SELF");
+    EXPECT_EQ(apcard_bit_self(), 1);
+    EXPECT_EQ(logged("APCARD_SELF"), 1u) << "asked for with every message: one line, not one each";
 }

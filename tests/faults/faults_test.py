@@ -1,0 +1,310 @@
+"""The system refuses the daemon something, or does less than asked: each call it makes fails once, with each error.
+
+Which calls there are is found by counting them while nothing fails. Whatever fails and wherever, a job ends with one of
+the outcomes allowed for it, blocks and descriptors come back, nothing spins, and the next commands work.
+RVK_FAULTS=all tries each call of each job with each error; else RVK_FAULTS_SEED draws one of every kind.
+"""
+import ctypes
+import errno
+import glob
+import mmap
+import os
+import random
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+import bench
+from bench import FILE_READ, FILE_WRITE, GREETING, READ, UPDATE, WRITE, WRITE_ACK, wait_until
+
+ALL = os.environ.get("RVK_FAULTS") == "all"
+SEED = int(os.environ.get("RVK_FAULTS_SEED", "1"))
+PLAN = "/run/rvk-bench/fault-plan"
+MOST_TICKS = 30  # of processor time that a job may take, 10 ms each
+CARD = {"slot": 2, "addr": 0x100}
+HELD = bench.content(1, 64)
+
+# What each call may fail with; a number is returned as if so much had been done.
+ERRORS = {
+    "send_frame": "EAGAIN ENOBUFS ENETDOWN ENXIO EMSGSIZE EPERM EINTR 0 10",
+    "send_message": "EAGAIN EINTR ENOBUFS ENOMEM ECONNREFUSED ENOENT EACCES",
+    "recv_frame recv_message": "EINTR EAGAIN ENETDOWN ENOMEM EBADF 0 5 100",
+    "open": "EACCES EMFILE ENOSPC EINTR EIO",
+    "stat access": "EIO EACCES",
+    "read": "EIO EINTR EAGAIN 0",
+    "pwrite": "ENOSPC EIO EINTR EFBIG 0 1",
+    "log": "ENOSPC EIO 1",
+    "poll": "EINTR 0",
+    "fork malloc mmap madvise thread sigaltstack": "ENOMEM",
+    "waitpid sleep flock setitimer": "EINTR",
+    "socket bind connect": "EMFILE EACCES EADDRINUSE",
+    "setsockopt ioctl affinity chmod fchmod mkdir unlink fopen ftruncate": "EPERM EROFS",
+}
+ERRORS = {name: errors.split() for names, errors in ERRORS.items() for name in names.split()}
+EVERYWHERE = ("send_frame", "send_message", "recv_frame", "recv_message", "log", "malloc")  # in every job
+
+
+class Plan(ctypes.Structure):
+    """What the library in the daemon does; its other side is preload.cpp."""
+
+    class Call(ctypes.Structure):
+        _fields_ = [("name", ctypes.c_char * 16), ("seen", ctypes.c_int32)]
+
+    _fields_ = [
+        *((name, ctypes.c_int32) for name in ("nth", "lasting", "error", "value")),
+        ("name", ctypes.c_char * 16),
+        *((name, ctypes.c_int32) for name in ("failed", "looks_asked", "looks_given")),
+        ("in_use", ctypes.c_int32 * 8),
+        ("calls", Call * 40),
+    ]
+
+    def arm(self, name="", nth=0, error="", lasting=0):
+        """The nth call of this name from now on fails, and with `lasting` all behind it; none without a name."""
+        self.nth = self.failed = 0
+        for call, known in zip(self.calls, ERRORS):
+            call.name, call.seen = known.encode(), 0
+        self.name, self.lasting = name.encode(), lasting
+        self.error = -1 if error == "DIE" else getattr(errno, error, 0)
+        self.value = int(error) if error.isdigit() else 0
+        self.nth = nth
+
+    def seen(self):
+        return {call.name.decode(): call.seen for call in self.calls if call.seen}
+
+    def look(self):
+        """The pool's waiting blocks are given back to the system. Result: how many of each size are handed out."""
+        self.looks_asked += 1
+        return wait_until(lambda: self.looks_given == self.looks_asked) and list(self.in_use)
+
+
+def drawn(groups, at_most=1000, of_each=1):
+    """All cases; or so many of each group, of so many groups at most."""
+    dice = random.Random(SEED)
+    groups = groups if ALL else [dice.sample(g, min(of_each, len(g))) for g in groups]
+    return sum(groups if ALL else dice.sample(groups, min(at_most, len(groups))), [])
+
+
+def update(kind, path, **fields):
+    return bench.job(UPDATE, path, kind=kind, **fields)
+
+
+class FaultsTest(bench.BenchTest):
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(dir="/dev/shm")
+        self.addCleanup(shutil.rmtree, self.folder)
+        with open(PLAN, "w+b") as file:
+            file.truncate(ctypes.sizeof(Plan))
+            self.plan = Plan.from_buffer(mmap.mmap(file.fileno(), 0))
+        self.plan.arm()
+        self.place("picture", bench.content(2, 64 * 4 * 4))
+        self.put = bench.job(FILE_WRITE, self.folder + "/picture", 64, 4, addr=16)
+        # What is told, the answers when nothing fails, and the calls whose failure makes them -1.
+        self.jobs = {
+            "greeting": ({"code": GREETING}, [0], ""),
+            "read": ({"code": READ, "len": 64, **CARD}, [0], "send_frame"),
+            "plain": ({"code": WRITE, "payload": HELD, **CARD}, [], ""),
+            "write": ({"code": WRITE_ACK, "payload": HELD, **CARD}, [0], "send_frame"),
+            "unwaited": ({"code": WRITE_ACK, "payload": bytes(1500), "addr": 0x40}, [], ""),
+            "put": (self.put, [0], ""),
+            "get": (bench.job(FILE_READ, self.folder + "/copy", 64, 4, addr=16 << 24), [], ""),
+            "update": (
+                update(0x1A, self.folder + "/small.bin", slot=3),
+                [0],
+                "stat access open read pwrite fork send_frame",
+            ),
+        }
+        self.simulated, self.fence, self.at_rest = self.cards(), 0, None
+
+    def place(self, name, content):
+        with open(f"{self.folder}/{name}", "wb") as file:
+            file.write(content)
+
+    def start(self):
+        rvkd = os.path.join(bench.BIN, "rvkd")
+        linked = subprocess.run(["ldd", rvkd], capture_output=True, text=True, check=True).stdout
+        first = re.findall(r"/\S*libasan\S*", linked)  # a sanitizer that is not the first refuses to run
+        preload = ":".join([*first, bench.BIN + "/librvk_fault_preload.so"])
+        self.rvkd = self._kept(bench.Daemon("-fd", env={"LD_PRELOAD": preload, "RVK_FAULT_PLAN": PLAN}))
+
+    def settle(self):
+        self.start()
+        self.client = self.requester()
+        self.assert_serves()
+        self.at_rest = self.plan.look()
+        self.fds_at_rest = self.rvkd.fds()
+
+    def assert_serves(self):
+        self.assertTrue(self.rvkd.alive(), "the daemon has ended")
+        other = bench.Requester()
+        answers = [other.ask(**self.jobs[name][0]) for name in ("greeting", "write", "put", "read")]
+        other.close()
+        self.assertTrue(all(answer and answer.result == 0 for answer in answers), answers)
+        self.assertEqual(answers[-1].payload, HELD)
+
+    def ticks(self):
+        return sum(map(int, bench.text_of(f"/proc/{self.rvkd.pid}/stat").rpartition(")")[2].split()[11:13]))
+
+    def size(self):
+        """Bytes of address space; a sanitizer's say nothing."""
+        return 0 if bench.SANITIZED else 4096 * int(bench.text_of(f"/proc/{self.rvkd.pid}/statm").split()[0])
+
+    def children(self):
+        return "".join(bench.text_of(f"{thread}/children") for thread in self.rvkd.threads().values())
+
+    def play(self, name):
+        """Tells a job and waits until it is over and its last request has ended. Result: its answers' results."""
+        command = dict(self.jobs[name][0])
+        self.sent = bench.content(self.fence, 64 if name == "write" else 3000)
+        if name == "write":
+            command["payload"] = self.sent
+        self.place("small.bin", self.sent)
+        self.client.tell(**command)
+        results, answer = [], None
+        end = time.monotonic() + bench.PATIENCE
+        on_file_thread = name in ("put", "get", "update")
+        while answer is None and time.monotonic() < end:  # a fence may meet the fault, and is dropped in an update
+            self.fence += 1
+            fence = {"code": FILE_WRITE} if on_file_thread else {"code": READ, "len": 1401}  # both are refused
+            self.client.tell(seq=self.fence, **fence)
+            while (answer := self.client.receive(0.03)) is not None and answer.seq != self.fence:
+                results += [answer.result] if answer.seq == 0 else []
+        self.assertIsNotNone(answer, "what is told behind it is not answered")
+        self.assertTrue(wait_until(lambda: self.plan.look() == self.at_rest), "blocks are not given back")
+        while (answer := self.client.receive(0)) is not None:
+            results += [answer.result] if answer.seq == 0 else []
+        return results
+
+    def counted(self, name):
+        """How often a job makes each call."""
+        self.plan.arm()
+        self.play(name)
+        return self.plan.seen()
+
+    def allowed(self, name, call, error):
+        """The answers that a job may have when this happens to a call of it."""
+        _, normal, refusing = self.jobs[name]
+        if (error == "EAGAIN" and call != "read") or (error == "EINTR" and call not in ("send_frame", "open")):
+            return [normal]
+        other = {"malloc": [[-1], []], "send_message": [[]]}
+        return [normal, *other.get(call, [[-1]] if call in refusing.split() else [])]
+
+    def newest_image(self):
+        images = glob.glob(self.simulated.folder + "/*-firmware*.bin")
+        newest = max(images, default="/dev/null", key=lambda path: int(re.search(r"firmware(\d+)", path)[1]))
+        with open(newest, "rb") as file:
+            return file.read()
+
+    def assert_done(self, name):
+        """What was answered with 0 was carried out; a picture may be black."""
+        if name == "write":
+            self.assertEqual(self.client.read(CARD["addr"], 64, slot=2).payload, self.sent)
+        if name == "update":
+            self.simulated.child.send_signal(signal.SIGUSR1)
+            self.assertTrue(wait_until(lambda: self.newest_image() == self.sent), "another image than was given")
+
+    def play_failing(self, name, call, nth, error):
+        before = self.ticks()
+        self.plan.arm(call, nth, error)
+        got = self.play(name)
+        self.plan.nth = 0
+        self.assertIn(got, self.allowed(name, call, error))
+        if got == [0]:
+            self.assert_done(name)
+        self.assertLessEqual(self.ticks() - before, MOST_TICKS)
+        self.assert_serves()
+        self.assertTrue(wait_until(lambda: self.rvkd.fds() == self.fds_at_rest), "descriptors are not given back")
+        self.assertTrue(wait_until(lambda: not self.children()), "a command is not waited for")
+
+    def test_each_call_fails_once(self):
+        self.settle()
+        groups = {}
+        for name in self.jobs:
+            self.play(name)  # what is made but once is there then
+            for call, n in self.counted(name).items():
+                for error in ERRORS[call]:
+                    kind = (call, "" if call in EVERYWHERE else name, error if error in ("EINTR", "0", "1") else "")
+                    groups[kind] = groups.get(kind, []) + [(name, call, nth + 1, error) for nth in range(n)]
+        self.assertGreater(len(groups), 50)
+        size = self.size()
+        for case in drawn([*groups.values()], of_each=3):
+            with self.subTest(case):
+                self.play_failing(*case)
+        self.assertLessEqual(self.size() - size, 1 << 26, "pages are not given back")
+
+    def test_what_goes_on_failing_spins_nothing(self):
+        self.settle()
+        stay = {call: [e for e in errors if e.isalpha() and e != "EINTR"] for call, errors in ERRORS.items()}
+        groups = [[(name, c, e) for e in stay[c]] for name in self.jobs for c in self.counted(name) if stay[c]]
+        for case in drawn([g for g in groups if ALL or (g[0][0] == "update" and g[0][1] in EVERYWHERE)]):
+            with self.subTest(case):
+                name, call, error = case
+                before = self.ticks()
+                self.plan.arm(call, 1, error, lasting=1)
+                self.client.tell(**self.jobs[name][0])
+                time.sleep(0.5)
+                self.plan.nth = 0
+                self.assertLessEqual(self.ticks() - before, MOST_TICKS)
+                self.play("greeting")
+                self.assert_serves()
+
+    def test_it_is_killed_in_a_file_job(self):
+        """Before each call that changes a file: the next daemon starts, serves, and does the same job."""
+        self.settle()
+        calls = ("open", "pwrite", "ftruncate", "fork")
+        groups = [
+            [(name, call, nth) for nth in range(1, n + 1)]
+            for name in ("get", "update")
+            for call, n in self.counted(name).items()
+            if call in calls
+        ]
+        for case in drawn(groups):
+            with self.subTest(case):
+                name, call, nth = case
+                self.plan.arm(call, nth, "DIE")
+                self.client.tell(**self.jobs[name][0])
+                self.assertEqual(self.rvkd.end(), -signal.SIGKILL)
+                self.plan.arm()
+                self.settle()
+                self.assertEqual(self.play(name), self.jobs[name][1])
+
+    def test_a_call_fails_at_the_start(self):
+        """What could not be had is told by the log and refused; all else works."""
+        self.start()
+        self.judge_start()
+        own = ("sigaltstack",) if bench.SANITIZED else ()  # a sanitizer's, which ends without it
+        groups = [
+            [(call, nth, error) for error in ERRORS[call]]
+            for call, n in self.counts.items()
+            if call not in own
+            for nth in range(1, n + 1)
+        ]
+        for case in drawn(groups, 12):
+            with self.subTest(case):
+                self.plan.arm(*case)
+                self.start()
+                self.judge_start()
+
+    def judge_start(self):
+        def said(pattern):
+            return re.search(pattern, self.rvkd.output)
+
+        for settled in ("create apipc wex|WexApRecvTaskCreate/", "ApMsgFileProc/.*file w|WexApFileTaskCreate/"):
+            self.assertTrue(wait_until(lambda: said(settled)), self.rvkd.output)
+        self.counts, self.plan.nth = self.plan.seen(), 0
+        if said("create apipc wex succeed"):
+            other = bench.Requester()
+            self.assertTrue(other.greeted())
+            no_link = said(r"create/ .*failed to create thread|init_netdev\(0\) failed")
+            self.assertEqual(other.ask(**self.jobs["read"][0]).result, -1 if no_link else 0)
+            self.assertEqual(other.ask(**self.put).result, -1 if said("WexApFileTaskCreate/") else 0)
+            other.close()
+        self.assertTrue(self.rvkd.alive())
+        end = signal.SIGKILL if said("start_crash_threads/ .*failed") else signal.SIGTERM
+        self.assertEqual(self.rvkd.end(end), -end if end == signal.SIGKILL else 0)
+
+
+if __name__ == "__main__":
+    bench.main()
