@@ -1,0 +1,62 @@
+"""The simulated cards themselves: a card that is wrong about a frame makes every test above it wrong."""
+import random
+
+import bench
+import transcript
+from controller import Controller
+
+
+class Frames(bench.BenchTest):
+    def said_to(self, seed):
+        """What comes back to reads and writes in turn, before the answer to a read of another address."""
+        cards = self.cards("--seed", seed, "--loss", "0.1", "--corrupt", "0.1", "--trailing", "0.1", "--duplicate", "0.1")
+        said = []
+        with Controller(cards, model=0) as controller:
+            for i in range(200):
+                verb, what = ("r", "40") if i % 2 else ("w", "77")
+                controller.socket.send(controller.tampered(verb, "1000", what, []))
+            last = controller.tampered("r", "2000", "1", [])
+            controller.socket.send(last)
+            for _ in range(1000):
+                if (frame := controller.reply(2, bytes)) is None:
+                    controller.socket.send(last)  # it is lost like others
+                elif frame[23:27] == b"\0\x20\0\0":
+                    break
+                else:
+                    said.append(frame)
+        cards.stop()
+        return said
+
+    def test_the_same_seed_brings_the_same_again(self):
+        first = self.said_to(7)
+        self.assertGreater(len(first), 150)
+        self.assertEqual(first, self.said_to(7))
+        self.assertNotEqual(first, self.said_to(8))
+
+    def test_every_flipped_bit_behind_the_sync_bytes_is_seen(self):
+        cards = self.cards()
+        with Controller(cards, model=0) as controller:
+            good = controller.tampered("w", "1000", "5a*100", [])
+            for bit in range(16 * 8, len(good) * 8):
+                bad = bytearray(good)
+                bad[bit // 8] ^= 1 << bit % 8
+                controller.socket.send(bad)
+            controller.exchange("the good one", [good], ["11/0/0"])
+        self.assertIn(f"1 acknowledged writes, {len(good) * 8 - 128} refused, 0 foreign; wrote 100 bytes", cards.stop())
+
+    def test_memory_is_what_was_written_last(self):
+        cards, held, dice = self.cards(), {}, random.Random(1)
+        with Controller(cards, model=3) as controller:
+            for _ in range(300):  # around the ends of the address space, where pages meet and stretches join
+                at, data = dice.randrange(-6000, 6000), dice.randbytes(dice.randrange(1, 200))
+                held.update({at + i: byte for i, byte in enumerate(data)})
+                controller.exchange("write", [controller.write(at & 0xFFFFFFFF, data)], ["11/0/0"])
+        cards.stop()
+        saved, text = {}, cards.file("card0-model3-slot1.txt").decode().splitlines()[1:]
+        for line in text:
+            place, _, data = line.partition("  ")
+            saved.update({int(place, 16) + i: byte for i, byte in enumerate(bytes.fromhex(data))})
+        self.assertEqual(saved, {at & 0xFFFFFFFF: byte for at, byte in held.items()})
+
+
+transcript.main(__file__)

@@ -1,0 +1,188 @@
+"""The controller's side of link 0, played by a test that sends cards whatever it likes and looks at what they answer.
+
+A row has steps with `;` between them; ` + ` joins two whose frames a card finds together. Each frame is expected to be
+answered with status 0. Behind it `!` says: with status 1 (`!!`: 2); `-`: not at all; `=11/5/0,…`: so, each answer as code, status
+and len, or as `bad` when no controller would take it. `=> TEXT` at the end: the cards' state comes to hold this line.
+
+    at M.S                 what follows is for this model and slot; model N of the N-th row and slot 1 at its begin
+    w A BYTES  p A BYTES   writes, acknowledged and plain        r A LEN   a read; addresses and bytes are hexadecimal
+    put WxH BUFFER   start   end   data LEN…   control BYTES     a picture through the demo's port; `other` the other port
+    image BYTES      regs N…  reg N BYTES  piece N…              firmware: its registers from 1 (all), its pieces; piece 3-1 is
+                                                                 short by a byte, 3+1 long, 3^5 has a bit of byte 5 wrong
+Of w, p and r a word `@OFF:BYTE` changes a byte of the frame, `cut:N` its size, `size:N` too, with the sum made right, and
+`sum` makes that right behind other changes.
+"""
+import os
+import re
+import signal
+import socket
+import struct
+
+import bench
+
+TO_CARD, TO_HOST = b"\xeb\x90" * 3, b"\x44" * 6
+CODES = {"r": 0x00, "p": 0x01, "w": 0x11}
+PORTS = {"demo": (0x7080, 0x60000), "other": (0x7040, 0x40000)}
+REGISTERS = (0x11F00000, 0x11F00004, 0x11F00008, 0x11F0000C, 0x11F00010, 0x18200000, 0x18200002)
+PIECES, PIECE = 0x18000000, 1024
+QUIET = 0.02  # seconds: how long is listened for what should not come; it is counted at the cards' end too
+
+
+def summed(frame):
+    return frame + struct.pack("<H", (0x5555 + sum(frame[16:])) & 0xFFFF)
+
+
+def seen(frame):
+    """A reply as code/status/len, or `bad`."""
+    if len(frame) < 31 or frame[:12] != TO_HOST + TO_CARD or frame[14:16] != b"\xaa\x55":
+        return "bad"
+    status, _, _, _, code, _, size = struct.unpack_from("<BHBHBIH", frame, 16)
+    good = len(frame) == 29 + size + 2 and summed(frame[:-2]) == frame and size <= 2000
+    data = f":{frame[29:-2].hex()}" if 0 < size <= 8 else ""
+    return f"{code:02x}/{status}/{size}{data}" if good else "bad"
+
+
+def bytes_in(text):
+    """Bytes in hexadecimal; 11_aa*3 is 11aaaaaa."""
+    parts = [part.partition("*") for part in text.split("_")]
+    return b"".join(bytes.fromhex(part) * int(times or 1) for part, _, times in parts)
+
+
+def file_of(size):
+    """A firmware file: head and image."""
+    image = bench.content(size, size)
+    head = bytearray(256)
+    struct.pack_into("<I", head, 0, size)
+    struct.pack_into("<H", head, 130, (0x5555 + sum(image)) & 0xFFFF)
+    return bytes(head) + image
+
+
+class Controller:
+    def __init__(self, cards, model):
+        self.cards, self.model, self.slot, self.seq, self.port = cards, model, 1, 0, "demo"
+        self.picture, self.sent, self.file = b"", 0, b""
+        self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
+        self.socket.bind(("eth0", 0))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+
+    def play(self, row):
+        row, _, state = row.partition(" => ")
+        for step in row.split(";"):
+            expected, frames = [], []
+            for part in step.split(" + "):
+                part, _, answers = part.partition("=")
+                for frame, mark in self.frames_of(part.split()):
+                    frames.append(frame)
+                    code = frame[21:22].hex()
+                    silent = mark == "-" or code == "01"
+                    expected += [] if silent else [f"{code}/{len(mark)}/0" if mark else f"{code}/0/"]
+                expected = [answer for answer in answers.strip().split(",") if answer] if "=" in step else expected
+            self.exchange(step, frames, expected)
+        if state:
+            name = f"card0-model{self.model}-slot{self.slot}.txt"
+            self.cards.child.send_signal(signal.SIGUSR1)
+            held = bench.wait_until(lambda: f"\n{state}" in "\n" + bench.text_of(os.path.join(self.cards.folder, name)))
+            assert held, f"{state!r} is not what the cards hold: {bench.text_of(os.path.join(self.cards.folder, name))}"
+
+    def exchange(self, step, frames, expected):
+        if len(frames) > 1 and " + " in step:
+            self.cards.child.send_signal(signal.SIGSTOP)
+        for frame in frames:
+            self.socket.send(frame)
+        self.cards.child.send_signal(signal.SIGCONT)
+        got = [self.reply(bench.PATIENCE) for _ in expected]
+        more = self.reply(0 if expected and "=" not in step else QUIET)
+        assert more is None, f"`{step}` was answered with {more} beside {got}"
+        good = all(g is not None and g.startswith(e) and (e.endswith("/") or g == e) for g, e in zip(got, expected))
+        assert good, f"`{step}` was answered with {got}, not with {expected}"
+
+    def reply(self, seconds, how=seen):
+        """The next frame from the cards as `how` shows it; None when none came in time."""
+        self.socket.settimeout(seconds)
+        try:
+            while True:
+                frame, where = self.socket.recvfrom(9000)
+                if where[2] != socket.PACKET_OUTGOING:
+                    return how(frame)
+        except (socket.timeout, BlockingIOError):
+            return None
+
+    def frames_of(self, words):
+        """Result: frames, each with its mark."""
+        marked = [re.fullmatch("(.*?)(!*|-)", word).groups() for word in words]
+        (verb, mark), arguments = marked[0], marked[1:]
+        plain = [argument for argument, _ in arguments]
+        last = next((m for _, m in arguments if m), mark)
+        if verb in CODES:
+            return [(self.tampered(verb, plain[0], plain[1], plain[2:]), last)]
+        if verb == "at":
+            self.model, self.slot = (int(part) for part in plain[0].split("."))
+            return []
+        if verb == "other":
+            self.port = "other"
+            return []
+        if verb == "image":
+            self.file = file_of(int(plain[0]))
+            return []
+        if verb == "put":
+            size = struct.pack("<BHHB", 0, *(int(side) for side in plain[0].split("x")), int(plain[1]))
+            self.sent = 0
+            return [(self.write(PORTS[self.port][0], size), last)]
+        if verb in ("start", "end", "control"):
+            block = bytes_in({"start": "01", "end": "00"}.get(verb) or plain[0])
+            return [(self.write(PORTS[self.port][0], block), last)]
+        if verb == "regs":
+            return [(self.register(int(number)), m) for number, m in arguments or [(n, "") for n in range(1, 8)]]
+        if verb == "reg":
+            return [(self.write(REGISTERS[int(plain[0]) - 1], bytes_in(plain[1])), last)]
+        return [(self.piece_of(verb, argument), m) for argument, m in arguments]
+
+    def piece_of(self, verb, argument):
+        if verb == "data":
+            at, self.sent = self.sent, self.sent + int(argument)
+            return self.write(PORTS[self.port][1], bench.content(16, self.sent)[at:])
+        number, change, by = re.fullmatch(r"(\d+)(?:([-+^])(\d+))?", argument).groups()
+        if verb != "piece":
+            raise ValueError(f"no such step: {verb}")
+        piece = bytearray(self.file[(int(number) - 1) * PIECE : int(number) * PIECE])
+        if change == "^":
+            piece[int(by)] ^= 1
+        elif change:
+            piece = piece[: -int(by)] if change == "-" else piece + b"\1" * int(by)
+        return self.write(PIECES, bytes(piece))
+
+    def register(self, number):
+        size = struct.pack("<I", len(self.file))
+        model = struct.pack(">H", 0x0102)
+        return self.write(REGISTERS[number - 1], (size, bytes(4), b"\1\0\0\0", size, b"\0", model, bytes([0, 0, self.slot]))[number - 1])
+
+    def write(self, addr, data):
+        return summed(self.bare("w", addr, data, len(data)))
+
+    def bare(self, verb, addr, data, size):
+        self.seq += verb != "p"
+        head = struct.pack("<HBHBIH", self.model, self.slot, self.seq if verb != "p" else 0, CODES[verb], addr, size)
+        return TO_CARD + TO_HOST + b"\x07\0\x55\xaa" + head + data.ljust(64, b"\0")
+
+    def tampered(self, verb, addr, what, changes):
+        data = b"" if verb == "r" else bytes_in(what)
+        frame = summed(self.bare(verb, int(addr, 16), data, int(what) if verb == "r" else len(data)))
+        for change in changes:
+            key, _, value = change.partition(":")
+            if key == "":
+                continue  # the mark stood alone
+            if key == "sum":
+                frame = summed(frame[:-2])
+            elif key == "cut":
+                frame = frame[: int(value)]
+            elif key == "size":
+                frame = summed(frame[:-2].ljust(int(value), b"\0")[: int(value) - 2])
+            else:
+                place = int(key.removeprefix("@"))
+                frame = frame[:place] + bytes.fromhex(value) + frame[place + len(value) // 2 :]
+        return frame

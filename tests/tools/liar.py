@@ -1,0 +1,120 @@
+"""A daemon that lies: it holds the daemon's endpoint and a small card memory, keeps what it is asked, and answers as it
+is told to.
+
+    greetings=N answers=no     falls silent behind N greetings; answers no command but those
+    result=N good=N            result of its answers, behind so many good ones
+    missing=N claims=N         a read's data falls short; claims more than it carries
+    strays=yes                 before each answer come others': of another code, sender, number, address, slot, model, a runt
+    reports=N delay=MS at=N    so many unwaited writes are reported as failed, that late behind the next greeting, moved by N
+    late=yes                   an answer that says no, of a number long past, comes behind each greeting
+    spoilt=ADDR from=N         that byte is read as another, from the N-th read on
+"""
+import threading
+import time
+
+import bench
+
+NAMES = {bench.GREETING: "hello", bench.READ: "read", bench.WRITE: "plain", bench.WRITE_ACK: "write",
+         bench.FILE_WRITE: "put", bench.FILE_READ: "get", bench.UPDATE: "update"}
+TEXT = b"Hello, I am rvk module!"
+
+
+def told(m):
+    """A command as a transcript has it: code, model.slot, address and length."""
+    name = NAMES.get(m.code, f"code {m.code:02x}")
+    return name if m.code == bench.GREETING else f"{name} {m.model:x}.{m.slot:x} {m.addr:x}+{m.len}"
+
+
+class Liar(threading.Thread):
+    def __init__(self, board=1, **how):
+        super().__init__(daemon=True)
+        self.how = {key: value if value in ("yes", "no") else int(value, 0) for key, value in how.items()}
+        unknown = set(how) - {"greetings", "answers", "result", "good", "missing", "claims", "strays", "reports", "delay",
+                              "at", "late", "spoilt", "from"}
+        if unknown:
+            raise ValueError(f"no such manner: {unknown}")
+        self.own = bench.identity(board=int(board))
+        self.end, self.stranger = bench.Requester(self.own), bench.Requester(self.own + 1)
+        self.memory, self.asked, self.to_report, self.reads, self.running = {}, [], [], 0, True
+        self.start()
+
+    def stop(self):
+        self.running = False
+        self.join()
+        self.end.close()
+        self.stranger.close()
+
+    def take_asked(self):
+        asked, self.asked = self.asked, []
+        return [told(m) for m in asked]
+
+    def run(self):
+        while self.running:
+            if (m := self.end.receive(0.02)) is not None:
+                self.asked.append(m)
+                self.handle(m)
+
+    def use(self, what):
+        """Result: one of a number was left, and is used up."""
+        left = self.how.get(what, 0)
+        self.how[what] = max(left - 1, 0)
+        return left > 0
+
+    def say(self, to, by=None, **fields):
+        message = bench.Message(self.own, **fields)
+        (by or self.end).send(message.pack(), to.aptid)
+
+    def handle(self, m):
+        if self.how.get("strays"):
+            self.say_strays(m)
+        if m.code == bench.GREETING:
+            return self.greet(m)
+        payload = m.payload[: m.len]
+        if m.code in (bench.WRITE, bench.WRITE_ACK):
+            self.memory.update({m.addr + i: byte for i, byte in enumerate(payload)})
+        companion = m.aptid & 0xFFFFFF == 0x0A3C00
+        unwaited = m.code == bench.WRITE_ACK and not companion and m.slot == 1 and m.model == 0 and m.addr < 0x10000000
+        if unwaited and self.use("reports"):
+            self.to_report.append(m)
+            if "delay" not in self.how:
+                self.report()
+        if unwaited or m.code == bench.WRITE or self.how.get("answers") == "no":
+            return None
+        result = 0 if self.use("good") else self.how.get("result", 0)
+        data = self.data_of(m) if m.code == bench.READ and result == 0 else b""
+        return self.answer(m, result, data)
+
+    def greet(self, m):
+        if "greetings" not in self.how or self.use("greetings"):
+            self.say(m, length=72, data_len=46, code=bench.GREETING, len=32, payload=TEXT.ljust(72, b"\0"))
+        if self.how.get("late"):
+            self.say(m, result=-1, data_len=14, code=bench.WRITE_ACK, seq=m.seq - 1 or 9, addr=0x20)
+        time.sleep(self.how.get("delay", 0) / 1000)
+        self.report()
+
+    def report(self):
+        for m in self.to_report:
+            self.say(m, length=40, result=-1, data_len=14, code=bench.WRITE_ACK, slot=0, addr=m.addr + self.how.get("at", 0))
+        self.to_report = []
+
+    def data_of(self, m):
+        self.reads += 1
+        data = bytearray(self.memory.get(m.addr + i, 0) for i in range(max(m.len - self.how.get("missing", 0), 0)))
+        place = self.how.get("spoilt", -1) - m.addr
+        if 0 <= place < len(data) and self.reads >= self.how.get("from", 1):
+            data[place] ^= 1
+        return bytes(data)
+
+    def answer(self, m, result, data):
+        claimed = len(data) + self.how.get("claims", 0)
+        same = m._replace(aptid=self.own, module=bench.SELF, result=result, length=claimed, payload=data)
+        self.end.send(same.pack(), m.aptid)
+
+    def say_strays(self, m):
+        no = m._replace(aptid=self.own, result=-1, payload=b"")
+        self.end.send(no._replace(code=m.code ^ 0x40).pack(), m.aptid)
+        self.stranger.send(no._replace(aptid=self.own + 1).pack(), m.aptid)
+        if m.code != bench.GREETING:
+            for field in ("seq", "addr", "slot", "model"):
+                self.end.send(no._replace(**{field: getattr(no, field) ^ 1}).pack(), m.aptid)
+            self.end.send(no.pack()[:20], m.aptid)

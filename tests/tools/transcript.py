@@ -1,0 +1,268 @@
+"""Plays transcripts: what a person types and reads, and what cards are sent and say. A test program of these few words
+plays all texts that begin with its name (cards_test.py: cards*.txt):
+
+    # title                 a scene: everything below it happens in one world, which ends with it, in a folder of its own
+    ~ cards [0,2] OPTION…   simulated cards on link 0 or on those named, in place of the last ones
+    ~ daemon, ~ liar …      rvkd; a daemon that lies (liar.py says how), in place of the last one
+    ~ file NAME BYTES       a file without a byte alike elsewhere; `~ do COMMAND`: a shell's, that must end well
+    ~ until COMMAND         waits until it ends well
+    & COMMAND               runs beside all that follows
+    > STEPS                 frames that the test sends to the cards itself, and their answers (controller.py)
+    $ COMMAND               a shell's. Below it stands all that it says; of rvkdiag's standard error what is not its log
+      a line                on standard output; `| a line` where it would look like something else
+      ! a line              on standard error
+      {"exit_status": 0}    with --json: an object of the answer's has these members; each must be as its schema says
+      ? code, code          what the liar was asked by it
+      ^C                    once the lines above are there, the command is interrupted
+      = 3                   its exit status, where it is not 0
+`$ frames 1` and `$ summary` end the cards and show what link 1 was asked, and their own words.
+In a line … is any text, {n} a number; a line of … alone is any lines. What is not understood fails, and so does a
+command of which nothing is said.
+"""
+import glob
+import json
+import os
+import pathlib
+import re
+import shlex
+import shutil
+import signal
+import struct
+import subprocess
+import sys
+
+import bench
+from controller import Controller
+from liar import Liar
+
+HERE = "/run/play"  # every scene's folder: in the bench's own /run
+PROGRAMS = "/run/played-programs"
+SCHEMA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../docs/rvkctl.schema.json")
+
+
+class Step:
+    def __init__(self, place, kind, text):
+        self.place, self.kind, self.text = place, kind, text
+        self.out, self.err, self.objects, self.asked, self.status, self.interrupt = [], [], [], None, None, None
+
+    def takes(self, line):
+        """A line below a command. Result: it was understood."""
+        mark, rest = line[:2], line[2:]
+        if mark == "= " and self.status is None and rest.isdigit():
+            self.status = int(rest)
+        elif mark == "! ":
+            self.err.append(rest)
+        elif mark == "? " and self.asked is None:
+            self.asked = rest
+        elif line == "^C" and self.interrupt is None:
+            self.interrupt = len(self.out)
+        elif line[0] == "{" and "--json" in self.text:
+            self.objects.append(json.loads(line))
+        elif mark in ("| ", "|"):
+            self.out.append(rest)
+        elif line[0] not in "=!?^{|":
+            self.out.append(line)
+        else:
+            return False
+        return True
+
+    def is_empty(self):
+        return self.kind == "$" and not (self.out or self.err or self.objects) and self.status is None
+
+
+def scenes_of(path):
+    """Result: title and steps of each scene."""
+    scenes, steps = [], None
+    for number, line in enumerate(bench.text_of(path).splitlines(), 1):
+        place, line = f"{os.path.basename(path)}:{number}", line.rstrip()
+        if line.startswith("# "):
+            steps = []
+            scenes.append((line[2:], steps))
+        elif line[:2] in ("~ ", "$ ", "> ", "& ") and steps is not None:
+            steps.append(Step(place, line[0], line[2:]))
+        elif line and not (steps and steps[-1].kind == "$" and steps[-1].takes(line)):
+            sys.exit(f"{place}: not understood: {line}")
+    for title, steps in scenes:
+        if not steps or any(step.is_empty() for step in steps):
+            sys.exit(f"{path}: '{title}' has no steps, or a command of which nothing is said")
+    if not scenes:
+        sys.exit(f"{path} holds no scene")
+    return scenes
+
+
+def matches(patterns, lines):
+    """Whether lines are what the patterns say."""
+    if not patterns or patterns[0] == "…":
+        rest = patterns[1:]
+        return any(matches(rest, lines[i:]) for i in range(len(lines) + 1)) if patterns else not lines
+    pattern = re.escape(patterns[0]).replace("…", ".*").replace(r"\{n\}", r"\d+(\.\d+)?")
+    return bool(lines) and re.fullmatch(pattern, lines[0]) is not None and matches(patterns[1:], lines[1:])
+
+
+def is_part(wanted, got):
+    if isinstance(wanted, dict):
+        return isinstance(got, dict) and all(key in got and is_part(wanted[key], got[key]) for key in wanted)
+    return wanted == got or (isinstance(wanted, str) and isinstance(got, str) and matches([wanted], [got]))
+
+
+def objects_in(output):
+    at = 0
+    while at < len(output.rstrip()):
+        found, at = json.JSONDecoder().raw_decode(output, at)
+        yield found
+        at += len(output[at:]) - len(output[at:].lstrip())
+
+
+def requests_in(pcap):
+    """Requests of a capture file, a line each; data is named by the scene's file that holds it."""
+    files = {path.name: path.read_bytes() for path in sorted(pathlib.Path().iterdir()) if path.is_file()}
+    at = 24
+    while at < len(pcap):
+        (length,) = struct.unpack_from("<I", pcap, at + 8)
+        frame, at = pcap[at + 16 : at + 16 + length], at + 16 + length
+        if frame[14:16] != b"\x55\xaa":
+            continue
+        model, slot, seq, code, addr, size = struct.unpack_from("<HBHBIH", frame, 16)
+        data = frame[28 : 28 + size] if code else b""
+        names = [f"{name}[{held.find(data)}]" for name, held in files.items() if data in held]
+        text = data.hex() if size <= 8 or not names else names[0]
+        yield f"{code:02x} {model:x}.{slot:x} #{seq} {addr:x}+{size} {text}".rstrip()
+
+
+class Play:
+    def __init__(self, test):
+        self.test, self.cards, self.liar, self.last, self.rows, self.said = test, None, None, None, 0, ""
+        test.addCleanup(lambda: self.liar and self.liar.stop())
+
+    def step(self, step):
+        try:
+            {"~": self.world, "$": self.command, ">": self.frames, "&": self.beside}[step.kind](step)
+        except Exception as problem:
+            raise AssertionError(f"{step.place}: {step.kind} {step.text}\n{problem}") from None
+
+    def world(self, step):
+        what, _, rest = step.text.partition(" ")
+        words = shlex.split(rest)
+        if what == "cards":
+            if self.cards:
+                self.cards.stop()
+            named = bool(words) and re.fullmatch("[0-2](,[0-2])*", words[0])
+            links = [int(link) for link in words.pop(0).split(",")] if named else [0]
+            self.cards, self.said = self.test.cards("--pcap", HERE + "/.pcap", *words, links=links), ""
+            subprocess.run(["ln", "-sfn", self.cards.folder, ".state"], check=True)
+        elif what == "daemon":
+            self.last = self.test.daemon(*words)
+        elif what == "liar":
+            if self.liar:
+                self.liar.stop()
+            self.liar = Liar(**dict(word.split("=") for word in words))
+        elif what == "file":
+            name, size = words
+            with open(name, "wb") as file:
+                file.write(bench.content(int(size), int(size)))
+        elif what == "do":
+            subprocess.run(["sh", "-ec", rest], check=True, env=environment())
+        elif what == "until":
+            held = bench.wait_until(lambda: subprocess.run(["sh", "-c", rest], env=environment()).returncode == 0)
+            self.test.assertTrue(held, "did not come about")
+        else:
+            raise AssertionError("no such world")
+
+    def start(self, command):
+        process = bench.Process(["bash", "-c", command], environment(), apart=True, start_new_session=True, cwd=HERE)
+        return self.test._kept(process)
+
+    def beside(self, step):
+        self.last = self.start(step.text)
+        os.environ["LAST"] = str(self.last.pid)
+
+    def command(self, step):
+        out, err, status = self.built_in(step.text) or self.run(step)
+        if step.text.startswith("rvkdiag"):
+            err = "".join(line for line in err.splitlines(True) if line.startswith("rvkdiag: "))
+        said = f"said: {out}\n! {err}\n= {status}"
+        objects = list(objects_in(out)) if step.objects else []
+        self.test.assertEqual(len(objects), len(step.objects), said)
+        for wanted, got in zip(step.objects, objects):
+            self.check_object(wanted, got, said)
+        self.test.assertTrue(step.objects or matches(step.out, out.splitlines()), said)
+        self.test.assertTrue(matches(step.err, err.splitlines()), said)
+        self.test.assertEqual(status, step.status or 0, said)
+        if step.asked is not None:
+            asked = ", ".join(self.liar.take_asked())
+            self.test.assertTrue(matches([step.asked], [asked]), f"asked: {asked}")
+        elif self.liar:
+            self.liar.take_asked()
+
+    def run(self, step):
+        process = self.start(step.text)
+        if step.interrupt is not None:
+            above = step.out[: step.interrupt]
+            shown = bench.wait_until(lambda: matches([*above, "…"], process.output.splitlines()))
+            self.test.assertTrue(shown, f"said: {process.output}\n! {process.errors}")
+            os.killpg(process.pid, signal.SIGINT)
+        status = process.end()
+        return process.output, process.errors, status
+
+    def check_object(self, wanted, got, said):
+        import jsonschema  # a module of Debian's that not every machine has: only its own test needs it
+
+        with open(SCHEMA, encoding="utf-8") as file:
+            jsonschema.validate(got, json.load(file), cls=jsonschema.Draft202012Validator)
+        self.test.assertTrue(is_part(wanted, got), said)
+
+    def built_in(self, text):
+        words = text.split()
+        if words[0] not in ("frames", "summary"):
+            return None
+        self.said = self.said or self.cards.stop()
+        if words[0] == "summary":
+            return self.said, "", 0
+        with open(f".pcap/card{words[1]}.pcap", "rb") as file:
+            return "\n".join(requests_in(file.read())), "", 0
+
+    def frames(self, step):
+        self.rows += 1
+        with Controller(self.cards, model=self.rows) as controller:
+            controller.play(step.text)
+
+
+def environment():
+    return {"PATH": f"{PROGRAMS}:{os.environ['PATH']}", "LC_ALL": "C.UTF-8"}
+
+
+def wrap_programs():
+    """A script for each program, so that a shell finds it, and its emulator where it needs one."""
+    os.makedirs(PROGRAMS, exist_ok=True)
+    for name in os.listdir(bench.BIN):
+        with open(f"{PROGRAMS}/{name}", "w", encoding="ascii") as file:
+            file.write(f'#!/bin/sh\nexec {shlex.join(bench.program(name))} "$@"\n')
+        os.chmod(f"{PROGRAMS}/{name}", 0o755)
+
+
+def test_of(steps):
+    def test(self):
+        shutil.rmtree(HERE, ignore_errors=True)
+        os.makedirs(HERE)
+        os.chdir(HERE)
+        play = Play(self)
+        for step in steps:
+            play.step(step)
+
+    return test
+
+
+def main(file):
+    """Plays the texts of a test program beside the tests that it has itself."""
+    module = sys.modules["__main__"]
+    stem = os.path.abspath(file).removesuffix("_test.py")
+    texts = sorted(glob.glob(stem + "*.txt"))
+    if not texts:
+        sys.exit(f"no text beside {file}")
+    for path in texts:
+        tests = {f"test_{n:02}_{title}": test_of(steps) for n, (title, steps) in enumerate(scenes_of(path), 1)}
+        name = os.path.basename(path).removesuffix(".txt")
+        setattr(module, name, type(name, (bench.BenchTest,), tests))
+    if bench.BIN:
+        wrap_programs()
+    bench.main()
