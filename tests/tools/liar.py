@@ -9,6 +9,7 @@ is told to.
     late=yes                   an answer that says no, of a number long past, comes behind each greeting
     spoilt=ADDR from=N         that byte is read as another, from the N-th read on
 """
+import os
 import threading
 import time
 
@@ -33,6 +34,7 @@ class Liar(threading.Thread):
                               "at", "late", "spoilt", "from"}
         if unknown:
             raise ValueError(f"no such manner: {unknown}")
+        os.makedirs("/run/apipc", exist_ok=True)
         self.own = bench.identity(board=int(board))
         self.end, self.stranger = bench.Requester(self.own), bench.Requester(self.own + 1)
         self.memory, self.asked, self.to_report, self.reads, self.running = {}, [], [], 0, True

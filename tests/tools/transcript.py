@@ -12,9 +12,9 @@ plays all texts that begin with its name (cards_test.py: cards*.txt):
       a line                on standard output; `| a line` where it would look like something else
       ! a line              on standard error
       {"exit_status": 0}    with --json: an object of the answer's has these members; each must be as its schema says
-      ? code, code          what the liar was asked by it
+      ? code, code          what the liar was asked since the last such line, or `nothing`
       ^C                    once the lines above are there, the command is interrupted
-      = 3                   its exit status, where it is not 0
+      = 3 a text            its exit status, where it is not 0; with a text: it says this in one line on standard error
 `$ frames 1` and `$ summary` end the cards and show what link 1 was asked, and their own words.
 In a line … is any text, {n} a number; a line of … alone is any lines. What is not understood fails, and so does a
 command of which nothing is said.
@@ -37,7 +37,8 @@ from liar import Liar
 
 HERE = "/run/play"  # every scene's folder: in the bench's own /run
 PROGRAMS = "/run/played-programs"
-SCHEMA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../docs/rvkctl.schema.json")
+TEXTS = os.path.dirname(os.path.abspath(__file__))
+SCHEMA = os.path.join(TEXTS, "../../docs/rvkctl.schema.json")
 
 
 class Step:
@@ -48,8 +49,9 @@ class Step:
     def takes(self, line):
         """A line below a command. Result: it was understood."""
         mark, rest = line[:2], line[2:]
-        if mark == "= " and self.status is None and rest.isdigit():
-            self.status = int(rest)
+        if mark == "= " and self.status is None and rest[0].isdigit():
+            status, _, says = rest.partition(" ")
+            self.status, self.err = int(status), self.err + ["…" + says + "…"] * (says != "")
         elif mark == "! ":
             self.err.append(rest)
         elif mark == "? " and self.asked is None:
@@ -189,10 +191,8 @@ class Play:
         self.test.assertTrue(matches(step.err, err.splitlines()), said)
         self.test.assertEqual(status, step.status or 0, said)
         if step.asked is not None:
-            asked = ", ".join(self.liar.take_asked())
+            asked = ", ".join(self.liar.take_asked()) or "nothing"
             self.test.assertTrue(matches([step.asked], [asked]), f"asked: {asked}")
-        elif self.liar:
-            self.liar.take_asked()
 
     def run(self, step):
         process = self.start(step.text)
@@ -228,7 +228,7 @@ class Play:
 
 
 def environment():
-    return {"PATH": f"{PROGRAMS}:{os.environ['PATH']}", "LC_ALL": "C.UTF-8"}
+    return {**os.environ, "PATH": f"{PROGRAMS}:{os.environ['PATH']}", "LC_ALL": "C.UTF-8", "TEXTS": TEXTS}
 
 
 def wrap_programs():
@@ -242,7 +242,8 @@ def wrap_programs():
 
 def test_of(steps):
     def test(self):
-        shutil.rmtree(HERE, ignore_errors=True)
+        for folder in (HERE, "/run/apipc"):
+            shutil.rmtree(folder, ignore_errors=True)
         os.makedirs(HERE)
         os.chdir(HERE)
         play = Play(self)
