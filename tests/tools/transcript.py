@@ -6,6 +6,7 @@ plays the texts of its name (cards_test.py: cards.txt, cards-*.txt):
     ~ daemon, ~ liar …      rvkd; a daemon that lies (liar.py says how), in place of the last one
     ~ file NAME BYTES       a file without a byte alike elsewhere; `~ do COMMAND`: a shell's, that must end well
     ~ until COMMAND         waits until it ends well
+    ~ keep FILE 1           ends the cards and adds what went over link 1 to a capture file
     & COMMAND               runs beside all that follows
     > STEPS                 frames that the test sends to the cards itself, and their answers (controller.py)
     $ COMMAND               a shell's. Below it stands all that it says; of rvkdiag's standard error what is not its log
@@ -73,7 +74,7 @@ class Step:
         return True
 
     def is_empty(self):
-        return self.kind == "$" and not (self.out or self.err or self.objects) and self.status is None
+        return self.kind == "$" and not (self.out or self.err or self.objects) and self.status is self.requests is None
 
 
 def scenes_of(path):
@@ -119,13 +120,20 @@ def objects_in(output):
         at += len(output[at:]) - len(output[at:].lstrip())
 
 
-def requests_in(pcap):
-    """Requests of a capture file, a line each; data is named by the scene's file that holds it."""
-    files = {path.name: path.read_bytes() for path in sorted(pathlib.Path().iterdir()) if path.is_file()}
-    at = 24
+def frames_in(path):
+    """Frames of a capture file."""
+    pcap, at, frames = pathlib.Path(path).read_bytes(), 24, []
     while at < len(pcap):
         (length,) = struct.unpack_from("<I", pcap, at + 8)
-        frame, at = pcap[at + 16 : at + 16 + length], at + 16 + length
+        frames.append(pcap[at + 16 : at + 16 + length])
+        at += 16 + length
+    return frames
+
+
+def requests_in(path):
+    """Requests of a capture file, a line each; data is named by the scene's file that holds it."""
+    files = {path.name: path.read_bytes() for path in sorted(pathlib.Path().iterdir()) if path.is_file()}
+    for frame in frames_in(path):
         if frame[14:16] != b"\x55\xaa":
             continue
         model, slot, seq, code, addr, size = struct.unpack_from("<HBHBIH", frame, 16)
@@ -150,7 +158,7 @@ class Play:
         what, _, rest = step.text.partition(" ")
         words = shlex.split(rest)
         if what == "cards":
-            if self.cards:
+            if self.cards and not self.said:
                 self.cards.stop()
             named = bool(words) and re.fullmatch("[0-2](,[0-2])*", words[0])
             links = [int(link) for link in words.pop(0).split(",")] if named else [0]
@@ -166,6 +174,10 @@ class Play:
             name, size = words
             with open(name, "wb") as file:
                 file.write(bench.content(int(size), int(size)))
+        elif what == "keep":
+            self.built_in("summary")
+            with open(words[0], "ab") as kept, open(f".pcap/card{words[1]}.pcap", "rb") as file:
+                kept.write(file.read()[24 if kept.tell() else 0 :])
         elif what == "do":
             subprocess.run(["sh", "-ec", rest], check=True, env=environment())
         elif what == "until":
@@ -223,7 +235,7 @@ class Play:
         self.said = self.said or self.cards.stop()
         if words[0] == "summary":
             return self.said, "", 0
-        seen = ["\n".join(requests_in(pathlib.Path(f".pcap/card{link}.pcap").read_bytes())) for link in words[1:]]
+        seen = ["\n".join(requests_in(f".pcap/card{link}.pcap")) for link in words[1:]]
         return seen[0] if len(set(seen)) == 1 else f"they differ: {seen}", "", 0
 
     def frames(self, step):
