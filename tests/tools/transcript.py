@@ -73,6 +73,15 @@ class Step:
             return False
         return True
 
+    def takes_its_own(self):
+        """What is said of a command on its own line. Result: it was understood."""
+        if self.kind != "$":
+            return True
+        self.text, _, rest = self.text.partition(" -> ")
+        said = re.split(r"  (?=[?%] )", rest)
+        lines = [("= " + said[0][1:] if said[0][0] == "=" else "| " + said[0])] if said[0] else []
+        return all(self.takes(line) for line in lines + said[1:])
+
     def is_empty(self):
         return self.kind == "$" and not (self.out or self.err or self.objects) and self.status is self.requests is None
 
@@ -86,7 +95,12 @@ def scenes_of(path):
             steps = []
             scenes.append((line[2:], steps))
         elif line[:2] in ("~ ", "$ ", "> ", "& ") and steps is not None:
-            steps.append(Step(place, line[0], line[2:]))
+            world, dollar, command = line.partition(" $ ") if line[0] == "~" else (line, "", "")
+            steps.append(Step(place, world[0], world[2:]))
+            if dollar:
+                steps.append(Step(place, "$", command))
+            if not steps[-1].takes_its_own():
+                sys.exit(f"{place}: not understood: {line}")
         elif line and not (steps and steps[-1].kind == "$" and steps[-1].takes(line)):
             sys.exit(f"{place}: not understood: {line}")
     for title, steps in scenes:
