@@ -18,8 +18,9 @@ plays the texts of its name (cards_test.py: cards.txt, cards-*.txt):
       ^C                    once the lines above are there, the command is interrupted
       = 3 a text            its exit status, where it is not 0; with a text: it says this in one line on standard error
 `$ frames 1 2` and `$ summary` end the cards and show what those links were asked, all the same, and their own words.
-In a line … is any text, {n} a number; a line of … alone is any lines. What is not understood fails, and so does a
-command of which nothing is said.
+In a line … is any text, {n} a number; a line of … alone is any lines; empty ones do not count. What is not understood fails, and so does
+a command of which nothing is said. On one line: `~ cards … $ COMMAND -> a line`, `-> =3 a text`, and behind two blanks `% 3`
+or `? codes`.
 """
 import glob
 import json
@@ -65,7 +66,7 @@ class Step:
             self.interrupt = [*self.out] or ["{…"] * len(self.objects)
         elif line[0] == "{" and "--json" in self.text:
             self.objects.append(json.loads(line))
-        elif mark in ("| ", "|"):
+        elif mark == "| ":
             self.out.append(rest)
         elif line[0] not in "=!?%^{|":
             self.out.append(line)
@@ -217,7 +218,7 @@ class Play:
         self.test.assertTrue(len(objects) == len(step.objects) or step.interrupt is not None, said)
         for wanted, got in zip(step.objects, objects):
             self.check_object(wanted, got, said)
-        self.test.assertTrue(step.objects or matches(step.out, out.splitlines()), said)
+        self.test.assertTrue(step.objects or matches(step.out, [line for line in out.splitlines() if line]), said)
         self.test.assertTrue(matches(step.err, err.splitlines()), said)
         self.test.assertEqual(status, step.status or 0, said)
         if step.requests is not None:
