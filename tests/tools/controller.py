@@ -12,6 +12,7 @@ and len, or as `bad` when no controller would take it. `=> TEXT` at the end: the
 Of w, p and r a word `@OFF:BYTE` changes a byte of the frame, `cut:N` its size, `size:N` too, with the sum made right, and
 `sum` makes that right behind other changes.
 """
+import glob
 import os
 import re
 import signal
@@ -60,7 +61,7 @@ def file_of(size):
 class Controller:
     def __init__(self, cards, model):
         self.cards, self.model, self.slot, self.seq, self.port = cards, model, 1, 0, "demo"
-        self.picture, self.sent, self.file = b"", 0, b""
+        self.sent, self.file = 0, b""
         self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
         self.socket.bind(("eth0", 0))
 
@@ -92,6 +93,8 @@ class Controller:
     def exchange(self, step, frames, expected):
         if len(frames) > 1 and " + " in step:
             self.cards.child.send_signal(signal.SIGSTOP)
+            threads = glob.glob(f"/proc/{self.cards.pid}/task/*/stat")
+            assert bench.wait_until(lambda: all(bench.text_of(path).rpartition(")")[2].split()[0] == "T" for path in threads))
         for frame in frames:
             self.socket.send(frame)
         self.cards.child.send_signal(signal.SIGCONT)

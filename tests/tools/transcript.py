@@ -6,7 +6,6 @@ plays the texts of its name (cards_test.py: cards.txt, cards-*.txt):
     ~ daemon, ~ liar …      rvkd; a daemon that lies (liar.py says how), in place of the last one
     ~ file NAME BYTES       a file without a byte alike elsewhere; `~ do COMMAND`: a shell's, that must end well
     ~ until COMMAND         waits until it ends well
-    ~ keep FILE 1           ends the cards and adds what went over link 1 to a capture file
     & COMMAND               runs beside all that follows
     > STEPS                 frames that the test sends to the cards itself, and their answers (controller.py)
     $ COMMAND               a shell's. Below it stands all that it says; of rvkdiag's standard error what is not its log
@@ -17,7 +16,8 @@ plays the texts of its name (cards_test.py: cards.txt, cards-*.txt):
       % 3                   so many frames came to the cards, which end then
       ^C                    once the lines above are there, the command is interrupted
       = 3 a text            its exit status, where it is not 0; with a text: it says this in one line on standard error
-`$ frames 1 2` and `$ summary` end the cards and show what those links were asked, all the same, and their own words.
+`$ frames 1 2` and `$ summary` end the cards and show what those links were asked, all the same, and their own words; .state is what they held then, and
+.pcap/all1.pcap what went over link 1 in this scene.
 In a line … is any text, {n} a number; a line of … alone is any lines; empty ones do not count. What is not understood fails, and so does
 a command of which nothing is said. On one line: `~ cards … $ COMMAND -> a line`, `-> =3 a text`, and behind two blanks `% 3`
 or `? codes`.
@@ -96,10 +96,8 @@ def scenes_of(path):
             steps = []
             scenes.append((line[2:], steps))
         elif line[:2] in ("~ ", "$ ", "> ", "& ") and steps is not None:
-            world, dollar, command = line.partition(" $ ") if line[0] == "~" else (line, "", "")
-            steps.append(Step(place, world[0], world[2:]))
-            if dollar:
-                steps.append(Step(place, "$", command))
+            world, kind, rest = re.fullmatch(r"(~ (?:cards|liar|file)\b.*?) ([$>]) (.*)|.*", line).groups()
+            steps += [Step(place, world[0], world[2:]), Step(place, kind, rest)] if world else [Step(place, line[0], line[2:])]
             if not steps[-1].takes_its_own():
                 sys.exit(f"{place}: not understood: {line}")
         elif line and not (steps and steps[-1].kind == "$" and steps[-1].takes(line)):
@@ -173,11 +171,10 @@ class Play:
         what, _, rest = step.text.partition(" ")
         words = shlex.split(rest)
         if what == "cards":
-            if self.cards and not self.said:
-                self.cards.stop()
+            self.end_cards()
             named = bool(words) and re.fullmatch("[0-2](,[0-2])*", words[0])
             links = [int(link) for link in words.pop(0).split(",")] if named else [0]
-            self.cards, self.said = self.test.cards("--pcap", HERE + "/.pcap", *words, links=links), ""
+            self.cards, self.said, self.links = self.test.cards("--pcap", HERE + "/.pcap", *words, links=links), "", links
             subprocess.run(["ln", "-sfn", self.cards.folder, ".state"], check=True)
         elif what == "daemon":
             self.last = self.test.daemon(*words)
@@ -189,10 +186,6 @@ class Play:
             name, size = words
             with open(name, "wb") as file:
                 file.write(bench.content(int(size), int(size)))
-        elif what == "keep":
-            self.built_in("summary")
-            with open(words[0], "ab") as kept, open(f".pcap/card{words[1]}.pcap", "rb") as file:
-                kept.write(file.read()[24 if kept.tell() else 0 :])
         elif what == "do":
             subprocess.run(["sh", "-ec", rest], check=True, env=environment())
         elif what == "until":
@@ -200,6 +193,14 @@ class Play:
             self.test.assertTrue(held, "did not come about")
         else:
             raise AssertionError("no such world")
+
+    def end_cards(self):
+        """Once they have ended, the frames of each link stand behind those of the cards before them."""
+        if self.cards and not self.said:
+            self.said = self.cards.stop()
+            for link in self.links:
+                with open(f".pcap/all{link}.pcap", "ab") as kept, open(f".pcap/card{link}.pcap", "rb") as file:
+                    kept.write(file.read()[24 if kept.tell() else 0 :])
 
     def start(self, command):
         process = bench.Process(["bash", "-c", command], environment(), apart=True, start_new_session=True, cwd=HERE)
@@ -247,7 +248,7 @@ class Play:
         words = text.split()
         if words[0] not in ("frames", "summary"):
             return None
-        self.said = self.said or self.cards.stop()
+        self.end_cards()
         if words[0] == "summary":
             return self.said, "", 0
         seen = ["\n".join(requests_in(f".pcap/card{link}.pcap")) for link in words[1:]]
