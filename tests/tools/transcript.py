@@ -38,8 +38,7 @@ import bench
 from controller import Controller
 from liar import Liar
 
-HERE = "/run/play"  # every scene's folder: in the bench's own /run
-PROGRAMS = "/run/played-programs"
+HERE, PROGRAMS = "/run/play", "/run/played-programs"  # every scene's folder, and ours: in the bench's own /run
 TEXTS = os.path.dirname(os.path.abspath(__file__))
 SCHEMA = os.path.join(TEXTS, "../../docs/rvkctl.schema.json")
 
@@ -47,8 +46,8 @@ SCHEMA = os.path.join(TEXTS, "../../docs/rvkctl.schema.json")
 class Step:
     def __init__(self, place, kind, text):
         self.place, self.kind, self.text = place, kind, text
-        self.out, self.err, self.objects, self.asked, self.status, self.interrupt = [], [], [], None, None, None
-        self.requests = None
+        self.out, self.err, self.objects = [], [], []
+        self.asked = self.status = self.interrupt = self.requests = None
 
     def takes(self, line):
         """A line below a command. Result: it was understood."""
@@ -158,7 +157,7 @@ def requests_in(path):
 
 class Play:
     def __init__(self, test):
-        self.test, self.cards, self.liar, self.last, self.rows, self.said = test, None, None, None, 0, ""
+        self.test, self.cards, self.liar, self.rows, self.said = test, None, None, 0, ""
         test.addCleanup(lambda: self.liar and self.liar.stop())
 
     def step(self, step):
@@ -177,7 +176,7 @@ class Play:
             self.cards, self.said, self.links = self.test.cards("--pcap", HERE + "/.pcap", *words, links=links), "", links
             subprocess.run(["ln", "-sfn", self.cards.folder, ".state"], check=True)
         elif what == "daemon":
-            self.last = self.test.daemon(*words)
+            self.test.daemon(*words)
         elif what == "liar":
             if self.liar:
                 self.liar.stop()
@@ -207,8 +206,7 @@ class Play:
         return self.test._kept(process)
 
     def beside(self, step):
-        self.last = self.start(step.text)
-        os.environ["LAST"] = str(self.last.pid)
+        os.environ["LAST"] = str(self.start(step.text).pid)
 
     def command(self, step):
         out, err, status = self.built_in(step.text) or self.run(step)
