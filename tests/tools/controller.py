@@ -1,7 +1,7 @@
 """The controller's side of link 0, played by a test that sends cards whatever it likes and looks at what they answer.
 
-A row has steps with `;` between them; ` + ` joins two whose frames a card finds together. Each frame is expected to be
-answered with status 0. Behind it `!` says: with status 1 (`!!`: 2); `-`: not at all; `=11/5/0,…`: so, each answer as code, status
+A row has steps with `;` between them; ` + ` joins two whose frames a card finds together. A frame should be answered
+with status 0. Behind it `!` says: with status 1 (`!!`: 2); `-`: not at all; `=11/5/0,…`: so, each answer as code, status
 and len, or as `bad` when no controller would take it. `=> TEXT` at the end: the cards' state comes to hold this line.
 
     at M.S                 what follows is for this model and slot; model N of the N-th row and slot 1 at its begin
@@ -162,7 +162,8 @@ class Controller:
     def register(self, number):
         size = struct.pack("<I", len(self.file))
         model = struct.pack(">H", 0x0102)
-        return self.write(REGISTERS[number - 1], (size, bytes(4), b"\1\0\0\0", size, b"\0", model, bytes([0, 0, self.slot]))[number - 1])
+        values = (size, bytes(4), b"\1\0\0\0", size, b"\0", model, bytes([0, 0, self.slot]))
+        return self.write(REGISTERS[number - 1], values[number - 1])
 
     def write(self, addr, data):
         return summed(self.bare("w", addr, data, len(data)))

@@ -30,7 +30,8 @@ def spoilt(frame, dice):
         frame = frame[: first + dice.randrange(40)]
     for _ in range(dice.randrange(1, 9)):
         if first < len(frame):
-            frame[dice.randrange(first, min(first + 20, len(frame)))] = dice.choice([0, 1, 0x7F, 0x80, 0xFF, dice.randrange(256)])
+            place = dice.randrange(first, min(first + 20, len(frame)))
+            frame[place] = dice.choice([0, 1, 0x7F, 0x80, 0xFF, dice.randrange(256)])
     return frame
 
 

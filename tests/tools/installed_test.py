@@ -1,4 +1,4 @@
-"""The installed block library as somebody else uses it, with this build's compiler: RVK_SOURCE, RVK_BUILD, RVK_CXX, RVK_CXXFLAGS."""
+"""The installed block library as somebody else uses it. RVK_SOURCE, RVK_BUILD: folders; RVK_CXX, RVK_CXXFLAGS: the compiler."""
 import bench
 import transcript
 

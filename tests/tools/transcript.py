@@ -16,11 +16,10 @@ plays the texts of its name (cards_test.py: cards.txt, cards-*.txt):
       % 3                   so many frames came to the cards, which end then
       ^C                    once the lines above are there, the command is interrupted
       = 3 a text            its exit status, where it is not 0; with a text: it says this in one line on standard error
-`$ frames 1 2` and `$ summary` end the cards and show what those links were asked, all the same, and their own words; .state is what they held then, and
-.pcap/all1.pcap what went over link 1 in this scene.
-In a line … is any text, {n} a number; a line of … alone is any lines; empty ones do not count. What is not understood fails, and so does
-a command of which nothing is said. On one line: `~ cards … $ COMMAND -> a line`, `-> =3 a text`, and behind two blanks `% 3`
-or `? codes`.
+`$ frames 1 2` and `$ summary` end the cards and show what those links were asked, which must be the same, and their own
+words; .state is what they held then, .pcap/all1.pcap what went over link 1 in this scene. In a line … is any text, {n} a
+number; a line of … alone is any lines; empty ones do not count. What is not understood fails, and so does a command of which
+nothing is said. On one line: `~ cards … $ COMMAND -> a line`, `-> =3 a text`, and behind two blanks `% 3` or `? codes`.
 """
 import glob
 import json
