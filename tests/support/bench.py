@@ -58,6 +58,29 @@ def content(seed, size):
     return bytes(out)
 
 
+def lay_tool(path, script):
+    """A program of ours in the place of one that the daemon runs."""
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "w", encoding="ascii") as file:
+        file.write(f"#!/bin/sh\n{script}\n")
+    os.chmod(path, 0o755)
+
+
+def has_carrier(*names):
+    up = subprocess.check_output(["ip", "-o", "link", "show", "up"], text=True)
+    return all(re.search(rf" {name}@.*LOWER_UP", up) for name in names)
+
+
+def lay_cable(link=0):
+    """A cable between ethN and cardN where there was none."""
+    near, far = f"eth{link}", f"card{link}"
+    made = f"link add {near} mtu 9000 type veth peer name {far} mtu 9000"
+    for line in [made, f"link set {near} up", f"link set {far} up"]:
+        subprocess.check_call(["ip", *line.split()])
+    if not wait_until(lambda: has_carrier(near, far)):
+        raise AssertionError(f"no carrier on {near}")
+
+
 def program(name):
     return [*EMULATOR, os.path.join(BIN, name)]
 
@@ -121,13 +144,14 @@ def run(name, *arguments, env=None, seconds=PATIENCE * 2, **how):
 
 
 class Cards(Process):
-    """rvk-cardsim on one link or several; its state is kept below `folder`."""
+    """rvk-cardsim on one link or several; its state and its last frames are kept below `folder`."""
 
-    def __init__(self, *options, links=(0,)):
+    def __init__(self, *options, links=(0,), kept=True):
         self.folder = tempfile.mkdtemp(dir="/dev/shm")
         named = [word for n in links for word in ("--link", f"card{n}")]
         given = [str(option) for option in options]
-        super().__init__([*program("rvk-cardsim"), *named, "--state", self.folder, *given])
+        files = ["--state", self.folder, "--pcap", f"{self.folder}/pcap"] if kept else []
+        super().__init__([*program("rvk-cardsim"), *named, *files, *given])
         if not self.shows("ready\n"):
             raise AssertionError(f"the cards did not start: {self.output}")
 
@@ -140,6 +164,18 @@ class Cards(Process):
     def file(self, name):
         with open(os.path.join(self.folder, name), "rb") as file:
             return file.read()
+
+    def held(self, slot=1, model=0, link=0):
+        """What was written to a card's addresses, as its state has it: address to bytes, a stretch an entry."""
+        out, first, end = {}, None, None
+        for line in text_of(os.path.join(self.folder, f"card{link}-model{model}-slot{slot}.txt")).splitlines():
+            if (found := re.fullmatch(r"([0-9a-f]{8})  (?:\d+ bytes, in (.*)|(.*))", line)) is None:
+                continue
+            at, data = int(found[1], 16), self.file(found[2]) if found[2] else bytes.fromhex(found[3])
+            first = first if at == end else at
+            out[first] = out.get(first, b"") + data
+            end = at + len(data)
+        return out
 
     def kill(self):
         super().kill()
@@ -208,16 +244,16 @@ class Requester:
     def tell(self, to=identity(), **fields):
         self.send(self.message(**fields).pack(), to)
 
+    def try_to_send(self, datagram, to=identity()):
+        """Result: false when the daemon's socket is not there, or its queue has no room."""
+        try:
+            return self.socket.sendto(datagram, socket.MSG_DONTWAIT, socket_file(to, self.folder)) >= 0
+        except (BlockingIOError, FileNotFoundError, ConnectionRefusedError):
+            return False
+
     def send(self, datagram, to=identity()):
         """Waits for the daemon's socket, and for room in its queue."""
-
-        def sent():
-            try:
-                return self.socket.sendto(datagram, socket.MSG_DONTWAIT, socket_file(to, self.folder)) + 1
-            except (BlockingIOError, FileNotFoundError, ConnectionRefusedError):
-                return False
-
-        if not wait_until(sent):
+        if not wait_until(lambda: self.try_to_send(datagram, to)):
             raise AssertionError("the daemon takes no message")
 
     def receive(self, seconds=PATIENCE):
@@ -250,10 +286,7 @@ class Daemon(Process):
     """rvkd with a recorder in place of sysctl, so that its start is short; `front`: a command that runs it."""
 
     def __init__(self, *arguments, env=None, front=(), **how):
-        os.makedirs(RECORDERS, exist_ok=True)
-        with open(f"{RECORDERS}/sysctl", "w", encoding="ascii") as file:
-            file.write(f'#!/bin/sh\nprintf "%s|" "$@" >> {SYSCTL_RECORD}\necho >> {SYSCTL_RECORD}\n')
-        os.chmod(f"{RECORDERS}/sysctl", 0o755)
+        lay_tool(f"{RECORDERS}/sysctl", f'printf "%s|" "$@" >> {SYSCTL_RECORD}; echo >> {SYSCTL_RECORD}')
         super().__init__([*front, *program("rvkd"), *arguments], env, **how)
 
     @property
@@ -265,9 +298,10 @@ class Daemon(Process):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def threads(self):
-        """Threads by name; each a folder of /proc."""
+        """Threads by name; each a folder of /proc. Of two the older one: a sanitizer's own is called as the program."""
         folder = f"/proc/{self.pid}/task"
-        return {text_of(f"{folder}/{tid}/comm").strip(): f"{folder}/{tid}" for tid in os.listdir(folder)}
+        tids = sorted(os.listdir(folder), key=int, reverse=True)
+        return {text_of(f"{folder}/{tid}/comm").strip(): f"{folder}/{tid}" for tid in tids}
 
 
 class Request(NamedTuple):
