@@ -1,0 +1,126 @@
+# Commands as another process sends them: what each is answered, what reaches the cards, and what the status counts.
+import json
+import random
+
+import bench
+from bench import COMPANION, FILE_READ, FILE_WRITE, GREETING, READ, SELF, UPDATE, WRITE, WRITE_ACK, Message, identity
+
+UNKNOWN = 0x55
+HELD = bench.content(1, 1400)
+LONG = {code: bench.job(code, "/" + "x" * 1007)["payload"] for code in (FILE_WRITE, FILE_READ, UPDATE)}
+
+
+def report(addr):
+    """What is told when a write that nobody waits for has failed."""
+    return Message(identity(), 0, 40, -1, data_len=14, code=WRITE_ACK, slot=0, addr=addr)
+
+
+# What it is, fields, and the answer: a result, data, a whole message, or None.
+ROWS = [
+    ("a write to slot 2 is waited for", dict(code=WRITE_ACK, slot=2, addr=0x2000, payload=HELD), 0),
+    ("so is one to another model", dict(code=WRITE_ACK, model=0x1234, addr=0x2000, payload=HELD), 0),
+    ("and one above the line", dict(code=WRITE_ACK, addr=0x10000000, payload=HELD), 0),
+    ("high above it", dict(code=WRITE_ACK, addr=0xF0000000, payload=HELD), 0),
+    ("one below it is not", dict(code=WRITE_ACK, addr=0x0FFFFA00, payload=HELD), None),
+    ("one of several frames", dict(code=WRITE_ACK, slot=3, addr=0x6000, payload=HELD * 3), 0),
+    ("a plain write of several", dict(code=WRITE, slot=4, model=5, addr=0x600, payload=HELD * 4), None),
+    ("a byte", dict(slot=2, addr=0x2000, len=1), HELD[:1]),
+    ("some", dict(model=0x1234, id=7, seq=0xABCD, msg_type=1, addr=0x2010, len=16), HELD[16:32]),
+    ("all that fits", dict(addr=0x10000000, id=253, len=1400), HELD),
+    ("too much", dict(len=1401), -1),
+    ("far too much", dict(len=65535), -1),
+    ("nothing", dict(len=0), -1),
+    ("a cut write that is waited for", dict(code=WRITE_ACK, slot=2, addr=8, len=11, payload=b"12345678"), -1),
+    ("that is not", dict(code=WRITE_ACK, addr=0x9000, len=11, payload=b"12345678"), report(0x9000)),
+    ("a cut plain one", dict(code=WRITE, addr=0x9000, len=11, payload=b"12345678"), None),
+    ("a picture job too long", dict(code=FILE_WRITE, payload=LONG[FILE_WRITE]), -1),
+    ("a cut one", dict(code=FILE_WRITE, len=20, payload=b"12345678"), -1),
+    ("a read-back too long", dict(code=FILE_READ, payload=LONG[FILE_READ]), None),
+    ("an update too long", dict(code=UPDATE, payload=LONG[UPDATE]), -1),
+    ("a code that nobody knows", dict(code=UNKNOWN, payload=b"text"), None),
+    ("another type", dict(code=GREETING, msg_type=2), None),
+    ("another class", dict(code=GREETING, msg_class=27), None),
+]
+WRITTEN = {  # by model and slot
+    **{(0, 1): dict.fromkeys((0x2000, 0x4000, 0x0FFFFA00, 0x10000000, 0xF0000000), HELD), (0, 2): {0x2000: HELD}},
+    **{(0x1234, 1): {0x2000: HELD}, (0, 3): {0x6000: HELD * 3}, (5, 4): {0x600: HELD * 4}},
+}
+FIGURES = {
+    "commands": {"read": 6, "write": 2, "write_ack": 10, "file_write": 2, "file_read": 1, "update": 1, "other": 1},
+    "refused": {"wrong_sender": 4, "wrong_type": 3, "broadcast": 0, "too_long": 5, "cut": 4, "no_thread": 0, "no_memory": 0},
+}
+
+
+class Commands(bench.BenchTest):
+    def exchange(self, who, fields, expected):
+        """Nothing comes before the next greeting's answer but what is expected."""
+        request = who.message(**fields)
+        who.send(request.pack())
+        if expected is not None and not isinstance(expected, Message):
+            result, data = (0, expected) if isinstance(expected, bytes) else (expected, b"")
+            data = request.payload[:4] if request.code == UPDATE else data
+            length = 0 if request.code == UPDATE else len(data)
+            expected = request._replace(aptid=identity(), module=SELF, length=length, result=result, payload=data)
+        if expected is not None:
+            self.assertEqual(who.receive(), expected)
+        self.assertTrue(who.greeted(), "it is the next answer")
+
+    def test_each_is_answered_as_it_should_be(self):
+        cards, _, me = self.cards(), self.daemon(), self.requester()
+        companion, other = self.requester(identity(COMPANION)), self.requester(identity(COMPANION, board=2))
+        for name, fields, expected in ROWS:
+            with self.subTest(name):
+                self.exchange(me, fields, expected)
+        self.exchange(companion, dict(code=WRITE_ACK, addr=0x2000, payload=HELD), 0)  # it waits for everything
+        self.exchange(other, dict(code=WRITE_ACK, addr=0x4000, payload=HELD), None)  # another board's does not
+        greeting = me.message(code=GREETING).pack()
+        for datagram in [greeting[:39], b"", b"abc", bytes(40), companion.message(code=GREETING).pack(), bytes(65_576)]:
+            me.send(datagram)
+            self.assertTrue(me.greeted(), "and a message of no form or of another's name is not answered")
+
+        def counted():
+            status = json.loads(bench.text_of("/run/rvkd/status.json"))
+            return all(FIGURES[group].items() <= status[group].items() for group in FIGURES)
+
+        self.assertTrue(bench.wait_until(counted), bench.text_of("/run/rvkd/status.json"))
+        self.assert_clean(cards)
+        self.assertEqual({card: cards.held(card[1], card[0]) for card in WRITTEN}, WRITTEN)
+
+    def test_the_greeting_byte_for_byte(self):
+        self.daemon()
+        me = self.requester()
+        me.tell(code=GREETING, payload=b"hi")
+        head = bytes.fromhex("003b0a01 00000000 48000000 00000000 0000 1c00 2e000000 00 00 f0 00 0000 0000 00000000 2000")
+        self.assertEqual(me.socket.recv(1000), head + b"Hello, I am rvk module!".ljust(74, b"\0"))
+
+    def test_a_card_that_refuses_and_one_that_is_silent(self):
+        cards, _, me = self.cards("--wrong-ack", 1, "--wrong-status", 3, "--wrong-read", "1.0"), self.daemon(), self.requester()
+        self.exchange(me, dict(code=WRITE_ACK, slot=2, addr=0x700, payload=b"1"), 0)  # an answer, whatever its status
+        self.exchange(me, dict(addr=0x700, len=4), -1)
+        self.assert_clean(cards)
+        self.cards("--loss", "1.0")
+        self.exchange(me, dict(addr=0x700, len=4), -1)
+        self.exchange(me, dict(code=WRITE_ACK, slot=2, addr=0x700, payload=b"1"), -1)
+        me.tell(code=WRITE_ACK, addr=0x740, payload=b"12")
+        self.assertEqual(me.receive(), report(0x740))
+
+    # Bytes that begin with their sender's identity, every second round such that they are dispatched; no file jobs,
+    # whose work is another matter.
+    def test_no_message_whatever_it_holds_ends_the_daemon(self):
+        cards, _, dice = self.cards(), self.daemon(), random.Random(20)
+        for turn in range(40):
+            me = self.requester()
+            for size in [4, 5, 16, 23, 24, 37, 38, 39, 40, 41, 1000, 1438, 1440, 1441, 65574, 65575]:
+                message = bytearray(dice.randbytes(size if turn < 4 else dice.randrange(4, 3000)))
+                message[:4] = me.own.to_bytes(4, "little")
+                if turn % 2 and len(message) >= 40:
+                    message[16:20] = bytes([dice.randrange(2), 0, 28, 0])
+                    message[25] = dice.choice([READ, WRITE, WRITE_ACK, GREETING, UNKNOWN])
+                    message[36:38] = min(len(message) - 38 + dice.randrange(-1, 2), 65535).to_bytes(2, "little")
+                me.send(message)
+            self.assertTrue(self.requester().greeted(), f"round {turn}")
+        self.assert_clean(cards)
+
+
+if __name__ == "__main__":
+    bench.main()

@@ -1,0 +1,31 @@
+# What the daemon says in its log: the form of a line, and whether a dying one said all that it should.
+import os
+import re
+import signal
+
+from bench import EMULATOR
+
+# Time, process, module, function, line of the source, text.
+LINE = re.compile(
+    r"\[(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3}) pid=(\d+)\] "
+    r"\[ (?=.{10,}?/)( *[^ ]*?)/(?=.{30,}?/)( *[^ ]*)/(?=[\d ]{5})( *\d+) \]:: (.*)"
+)
+SANITIZER = os.environ.get("RVK_SANITIZE", "")
+# An emulator dies itself of a SIGSEGV that another process sends while threads are being started.
+DEADLY = [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT] + ([] if EMULATOR else [signal.SIGSEGV])
+
+
+def lines(log):
+    """The log's lines, taken apart; None for what is no such line."""
+    return [found.groups() if (found := LINE.fullmatch(line)) else None for line in log.splitlines()]
+
+
+def fault_in_last_words(log):
+    """What is wrong with the last words: they come once, and as many frames as announced. Empty: nothing."""
+    before, death, after = log.partition("task_die!!!\n")
+    if not death or "task_die!!!" in after:
+        return f"{log.count('task_die!!!')} times task_die!!!"
+    last = [line[5] for line in lines(after) if line]
+    counts = [int(n) for text in last for n in re.findall(r"^backtrace\(\) returned (\d+) addresses$", text)]
+    frames = sum(re.search(r"\[0x[0-9a-f]+\]$", text) is not None for text in last)
+    return "" if counts == [max(frames, 3)] else f"{frames} frames, {counts} announced"
