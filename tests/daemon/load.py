@@ -1,0 +1,130 @@
+# The load: requesters with many commands on their way over a link as bad as the cards make it, and a ledger. Each piece
+# of a command has an address of its own, so that every answer, every frame and what the cards hold belong to one.
+import collections
+import random
+import struct
+import time
+
+import bench
+from bench import READ, WRITE_ACK
+
+WAITED, UNWAITED = 2, 1  # slots: a write to the one is answered, a lost one to the other reported
+PIECE, GAP = 1400, 16  # bytes; the gap shows what is written too far
+BYTES = bench.content(9, 70_000)
+
+
+class Piece:
+    """A frame's worth of a command; an answer to its command is about the piece that decides."""
+
+    def __init__(self, code, slot, addr, size, decides):
+        self.code, self.slot, self.addr, self.size, self.decides = code, slot, addr, size, decides
+        self.data = BYTES[addr % 65_521 :][:size]
+        self.answers = self.result = self.frames = 0
+
+
+class Load:
+    def __init__(self, test, requesters=8, unwaited=True, seed=None):
+        self.test, self.unwaited, self.seed = test, unwaited, seed or time.time_ns()
+        print(f"seed {self.seed}")
+        self.dice = random.Random(self.seed)
+        self.asking = [test.requester() for _ in range(requesters)]
+        self.awaited = dict.fromkeys(self.asking)  # each one's piece whose answer it waits for, and since when
+        self.unsent = {who: collections.deque() for who in self.asking}
+        self.at = {WAITED: 0x30000000, UNWAITED: 0x1000000}  # where the next write goes
+        self.ledger, self.deciding, self.held, self.commands, self.reports, self.seconds = {}, {}, [], 0, 0, []
+
+    def draw(self, who):
+        """The next command, or a burst of those that nobody waits for; reads are of what was acknowledged."""
+        kind = self.dice.randrange(5 if self.unwaited else 2)
+        if kind == 0 and self.held:
+            return self.book(who, READ, WAITED, self.held[-1].addr, self.held.pop().size)
+        slot = WAITED if kind < 2 else UNWAITED
+        for _ in range(1 if slot == WAITED else self.dice.randrange(1, 20)):
+            size = self.dice.choice([4, 100, 100, 100, 3000])
+            self.book(who, WRITE_ACK, slot, self.at[slot], size)
+            self.at[slot] += size + GAP
+
+    def book(self, who, code, slot, first, size):
+        starts = range(0, size, PIECE)
+        pieces = [Piece(code, slot, first + n, min(PIECE, size - n), slot == UNWAITED or n == starts[-1]) for n in starts]
+        self.ledger.update({(code, piece.addr): piece for piece in pieces})
+        self.deciding[code, first] = pieces[-1 if slot == WAITED else 0]
+        data = b"".join(piece.data for piece in pieces) if code == WRITE_ACK else b""
+        self.unsent[who].append((pieces[-1], who.message(code=code, slot=slot, addr=first, len=size, payload=data).pack()))
+        self.commands += 1
+
+    def run(self, commands, goes_on=lambda: True):
+        """Until so many commands were sent, or no more shall be, and none is waited for any more."""
+        last, more = time.monotonic(), True
+        while more or any(self.awaited.values()) or any(self.unsent.values()):
+            more = self.commands < commands and goes_on()
+            if any([self.step(who, more) for who in self.asking]):
+                last = time.monotonic()
+            else:
+                time.sleep(0.0002)
+            self.test.assertLess(time.monotonic() - last, bench.PATIENCE, "a command is not answered")
+
+    def step(self, who, more):
+        """Takes what came, sends up to a command that is waited for. Result: whether there was anything to do."""
+        moved = False
+        while (answer := who.receive(0)) is not None:
+            self.take(who, answer)
+            moved = True
+        if self.awaited[who] is None and not self.unsent[who] and more:
+            self.draw(who)
+        while self.awaited[who] is None and self.unsent[who]:
+            piece, datagram = self.unsent[who][0]
+            if not who.try_to_send(datagram):
+                break
+            self.unsent[who].popleft()
+            self.awaited[who] = (piece, time.monotonic()) if piece.slot == WAITED else None
+            moved = True
+        return moved
+
+    def take(self, who, answer):
+        key = answer.code, answer.addr
+        piece = self.deciding.get(key) or self.ledger.get(key)
+        self.test.assertTrue(piece and answer.result in (0, -1) and answer.aptid == bench.identity(), answer)
+        piece.answers, piece.result = piece.answers + 1, answer.result
+        if piece.slot == UNWAITED:
+            self.reports += 1
+            return self.test.assertEqual((answer.length, answer.result), (40, -1))
+        self.test.assertIs(self.awaited[who] and self.awaited[who][0], piece, "another's, or one too many")
+        self.seconds.append(time.monotonic() - self.awaited[who][1])
+        self.awaited[who] = None
+        self.test.assertEqual(answer.payload, piece.data if piece.code == READ and answer.result == 0 else b"")
+        self.held += [piece] if piece.code == WRITE_ACK and answer.result == 0 and piece.addr == answer.addr else []
+
+    # Afterwards, with the cards stopped: everything sent once, or three times before it is given up; what counts as done
+    # is held, what is lost was reported. `broken`: the link was, so that a frame may be missing.
+    def judge(self, cards, broken=False):
+        for frame in frames_of(cards.file("pcap/card0.pcap")):
+            if piece := self.ledger.get(frame):
+                piece.frames += 1
+        held = {}
+        for slot in (WAITED, UNWAITED):
+            for at, stretch in cards.held(slot).items():
+                held.update({at + n: stretch[n : n + PIECE] for n in range(0, len(stretch), PIECE)})
+        faults = [(why, vars(p)) for p in self.ledger.values() if (why := fault_of(p, held.get(p.addr, b""), broken))]
+        self.test.assertEqual(faults[:5], [])
+
+
+def fault_of(p, there, broken):
+    if there not in (b"", p.data) and p.code == WRITE_ACK:
+        return "the card holds something else"
+    if p.slot == UNWAITED:
+        good = 1 <= p.frames <= 3 and (p.answers == 0 and there or p.answers == 1 and p.frames == 3)
+        return "" if good else "lost, or not sent or reported as it should be"
+    if p.answers != p.decides or p.frames not in ((0, 1) if broken else (1,)):
+        return "not one answer and one frame"
+    return "called good, but no card has it" if p.decides and p.answers and p.result == 0 and not there else ""
+
+
+def frames_of(pcap):
+    """Code and address of each request in a capture."""
+    at = 24
+    while at < len(pcap):
+        size = struct.unpack_from("<I", pcap, at + 8)[0]
+        frame, at = pcap[at + 16 : at + 16 + size], at + 16 + size
+        if frame[:6] == bench.PlayedCard.TO_CARD:
+            yield WRITE_ACK if frame[21] == 0x11 else frame[21], int.from_bytes(frame[22:26], "little")
