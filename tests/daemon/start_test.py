@@ -1,0 +1,51 @@
+# The start: the kernel's limits, then the demo, nine pictures that are shown from the first on, while commands are
+# served.
+import json
+import os
+import signal
+
+import bench
+from bench import FILE_READ, FILE_WRITE, content, job, text_of
+from words import fault_in_last_words
+
+FOLDER, LINES = "/usr/kup/etc/demo", 60
+
+
+class Start(bench.BenchTest):
+    def coming(self):
+        return json.loads(text_of("/run/rvkd/status.json") or "{}")["transfer_total_bytes"]["picture"] > 0
+
+    def test_the_demo_and_its_files(self):
+        files = {n: content(n, n * 100_003) for n in (1, 2, 5, 9)}  # the last is 58.6 lines long
+        os.makedirs(FOLDER, exist_ok=True)
+        for n, data in files.items():
+            with open(f"{FOLDER}/demo_{n}", "wb") as file:
+                file.write(data)
+        open(bench.SYSCTL_RECORD, "w", encoding="ascii").close()
+        cards, daemon, me, served = self.cards(kept=False), self.daemon("-d"), self.requester(), 0
+        self.assertEqual(text_of(bench.SYSCTL_RECORD).count("\n"), 2, "before all else")
+        limits = "-w|net.core.wmem_max=|8388608|\n-w|net.core.wmem_default=|8388608|\n"
+        self.assertEqual(text_of(bench.SYSCTL_RECORD), limits)
+        self.assertTrue(bench.wait_until(self.coming))
+        while daemon.output.count("write demo pic total time:") < 9:
+            self.assertTrue(me.greeted() and me.read(0x1000, 4).result == 0)
+            served += 1
+        self.assertGreater(served, 2, "not only when it is over")
+        for n in range(1, 10):
+            me.tell(**job(FILE_READ, "/run/back", 3840, LINES, addr=15 + n << 24))
+            self.assertEqual(me.ask(**job(FILE_WRITE, "/none", addr=30, slot=2)).result, 0)
+            with open("/run/back", "rb") as file:
+                self.assertTrue(file.read() == files.get(n, b"").ljust(3840 * LINES * 4, b"\0"), f"picture {n}")
+        self.assertIn("playback: in order, up to 'picture 24'", summary := cards.stop())
+        self.assertIn("9 with a whole picture, 0 with", summary.replace("10 with", "9 with"))
+
+    def test_an_end_in_a_demo_whose_cards_are_never_ready(self):
+        cards, daemon = self.cards("--readiness", 255, kept=False), self.daemon("-d")
+        self.assertTrue(bench.wait_until(self.coming))
+        self.assertEqual(daemon.end(signal.SIGTERM), 0)
+        self.assertEqual(fault_in_last_words(daemon.output), "")
+        self.assertIn(" 20 reads,", cards.stop())
+
+
+if __name__ == "__main__":
+    bench.main()

@@ -1,0 +1,165 @@
+# What the process is made of, and a machine that is not as it should be: no link or one that goes, no privilege, a
+# daemon that runs already, a status that cannot be written.
+import json
+import os
+import signal
+import subprocess
+import time
+
+import bench
+from bench import FILE_READ, FILE_WRITE, READ, WRITE, WRITE_ACK, job, text_of
+from words import fault_in_last_words
+
+FIFO, OTHER, CPUS = os.SCHED_FIFO, os.SCHED_OTHER, os.cpu_count()
+ALL, SECOND, FOURTH = set(range(CPUS)), {min(1, CPUS - 1)}, {3} if CPUS > 3 else set(range(CPUS))
+THREADS = {
+    **dict.fromkeys(("rvkd", "rvk-death", "rvk-signal", "rvk-status"), (OTHER, 0, ALL)),
+    **{"rvk-recv": (FIFO, 90, SECOND), "rvk-check": (FIFO, 89, SECOND)},
+    **{"rvk-ipc": (FIFO, 88, FOURTH), "rvk-file": (FIFO, 95, FOURTH)},
+}
+
+
+def ip(line):
+    subprocess.check_call(["ip", *line.split()])
+
+
+class Surroundings(bench.BenchTest):
+    def up(self, *arguments, **how):
+        self.d, self.me = self.daemon("-d", *arguments, **how), self.requester()
+
+    def says(self, text):
+        return self.d.output.count(text)
+
+    def thread(self, name):
+        return int(self.d.threads()[name].rpartition("/")[2])
+
+    # What a second costs is far from what a thread takes that spins.
+    def assert_idle(self):
+        def ticks():
+            return sum(map(int, text_of(f"/proc/{self.d.pid}/stat").rpartition(")")[2].split()[11:13]))
+
+        def idle():
+            before = ticks()
+            time.sleep(1)
+            return ticks() - before < (15 if bench.SANITIZED else 5)
+
+        self.assertTrue(bench.EMULATOR or bench.wait_until(idle))
+
+    def assert_refusals(self):
+        """At once: with a wait for a card these would take ten seconds and more."""
+        start = time.monotonic()
+        self.assertEqual({self.me.read(0x1000, 16).result for _ in range(40)}, {-1})
+        self.assertEqual(self.me.ask(code=WRITE_ACK, slot=2, payload=b"1").result, -1)
+        self.assertLess(time.monotonic() - start, 8)
+        self.me.tell(code=WRITE, payload=b"123")
+        self.me.tell(code=WRITE_ACK, addr=0x10, payload=b"123")
+        self.assertTrue(self.me.greeted())
+
+    def assert_end(self):
+        self.assertEqual(self.d.end(signal.SIGTERM), 0)
+        self.assertEqual(fault_in_last_words(self.d.output), "")
+
+    def test_threads(self):
+        def found():
+            facts = os.sched_getscheduler, lambda thread: os.sched_getparam(thread).sched_priority, os.sched_getaffinity
+            return {name: tuple(fact(self.thread(name)) for fact in facts) for name in self.d.threads()}
+
+        self.up()
+        self.assertTrue(bench.wait_until(lambda: found() == THREADS), found())
+        self.assertEqual(self.says("sched_setaffinity failed"), 2 * (CPUS < 4))
+        self.assert_idle()
+
+    def test_no_link(self):
+        self.up(front=["setpriv", "--bounding-set=-net_raw"])
+        self.assert_refusals()
+        self.assert_end()
+        self.assertEqual(self.says("socket() created failed."), 1)
+        ip("link del eth0")
+        self.addCleanup(bench.lay_cable)
+        self.up()
+        self.assert_refusals()
+        self.assert_end()
+        self.assertEqual([self.says("get inferface flag failed."), self.says("is not open")], [1, 1])
+
+    def test_a_link_that_goes_and_comes(self):
+        self.cards()
+        self.up()
+        for turn in range(1, 4):
+            ip("link set eth0 down")
+            self.assertTrue(bench.wait_until(lambda: self.says(": receive failed") == turn))
+            self.assert_refusals()
+            if turn == 1:
+                self.assert_idle()
+            ip("link set eth0 up")
+            self.assertTrue(bench.wait_until(lambda: self.me.read(0x1000, 16).result == 0))
+            self.assertEqual(self.me.ask(code=WRITE_ACK, slot=2, payload=b"1").result, 0)
+            self.assertEqual([self.says(": receive failed"), self.says("receives again")], [turn, turn])
+        ip("link set card0 down")
+        self.me.tell(code=WRITE_ACK, addr=0x1000, payload=b"123")
+        self.assertEqual(self.me.receive().result, -1, "what is pending meanwhile is given up")
+        ip("link del eth0")
+        self.addCleanup(bench.lay_cable)
+        self.assert_refusals()
+        self.assert_idle()
+        self.assert_end()
+        self.assertLessEqual(self.says(": receive failed"), 5, "one when it goes, none per try")
+
+    def test_without_the_right_to_real_time_threads(self):
+        self.up(front=["setpriv", "--bounding-set=-sys_nice", "prlimit", "--rtprio=0"], serves=False)
+        self.assertTrue(bench.wait_until(lambda: self.says("failed to create thread ") == 4))
+        self.assert_end()
+
+    def test_another_daemon(self):
+        first = self.daemon()
+        self.up()
+        self.assertTrue(self.d.shows("create apipc wex fail\n") and self.says("is bound to it and alive"))
+        self.assert_end()
+        self.assertTrue(self.me.greeted())
+        self.assertEqual(first.end(signal.SIGKILL), -signal.SIGKILL)
+        self.up()  # takes over what the killed one has left
+
+    # Seven times three expiries, of three ticks of 30 ms, or six for another slot than 1; a tick may wait already.
+    def test_ticks(self):
+        self.cards("--loss", "1.0")
+        self.up()
+        for slot, expiry, code in (1, 0.09, WRITE_ACK), (1, 0.09, READ), (2, 0.18, READ):
+            start = time.monotonic()
+            for _ in range(7):
+                self.assertEqual(self.me.ask(code=code, slot=slot, addr=0x1000, payload=b"1234").result, -1)
+            self.assertTrue(21 * (expiry - 0.045) < time.monotonic() - start < 21 * (expiry + 0.11), (slot, code))
+
+    def test_a_status_that_cannot_be_written(self):
+        self.up(env={"RVK_STATUS_DIR": "/run/nowhere/status"})
+        self.assertTrue(self.d.shows("no status in /run/nowhere/status"))
+        os.mkdir("/run/nowhere")
+        self.assertTrue(self.d.shows("is written again"))
+        self.assertEqual(self.says("no status in"), 1)
+        modes = [os.stat(f"/run/nowhere/status/status.{kind}").st_mode & 0o7777 for kind in ("json", "prom")]
+        self.assertEqual(modes, [0o644, 0o644])
+        self.assertEqual(json.loads(text_of("/run/nowhere/status/status.json"))["pid"], self.d.pid)
+
+    # Two jobs back to back, again and again: the second comes while the first runs, waits, or has just ended. Then a
+    # read-back, which waits for its cards most of the time: on one processor others have their turn at least once.
+    def test_jobs_keep_their_order_wherever_the_threads_run(self):
+        cards = self.cards()
+        self.up()
+        self.assertEqual(self.me.ask(**job(FILE_WRITE, "/none", addr=3)).result, 0)
+        for processor in {0, CPUS - 1}:
+            os.sched_setaffinity(self.thread("rvk-ipc"), {0})
+            os.sched_setaffinity(self.thread("rvk-file"), {processor})
+            for n in range(0, 400, 2):
+                for seq in (n, n + 1):
+                    self.me.tell(**job(FILE_WRITE, "/none", 0, seq, addr=2, seq=seq))
+                self.assertEqual([self.me.receive().seq for _ in range(2)], [n, n + 1])
+            whole, served = f"/run/back{processor}.bmp", 0
+            self.me.tell(**job(FILE_READ, whole[:-4], 1920, 1080))
+            while not os.path.exists(whole) or os.path.getsize(whole) < 1920 * 1080 * 4:
+                self.assertEqual(self.me.read(0x1000, 4).result, 0)
+                served += 1
+            self.assertGreater(served, 3 if processor else 0)
+        self.assert_clean(cards)
+        self.assertIn("buffer 2  0 x 399, ", text_of(f"{cards.folder}/card0-model0-slot1.txt"))
+
+
+if __name__ == "__main__":
+    bench.main()
