@@ -6,18 +6,16 @@
 #   sim       simulated time: as pure, with a random driver
 #   replay    the fuzz targets with their corpus: as pure
 #   platform  the messaging stand-in in one process: as pure
-#   bench     what opens a link or starts the real programs: run inside scripts/in-bench (so do link and system)
+#   bench     what opens a link or starts the real programs: run inside scripts/in-bench
 # GoogleTest and its main are linked in: the main refuses a test of the bench elsewhere, and a run of no test.
 # SINK defaults to log_capture (tests/support), so that a test can look at what was logged.
 # A test of Python starts the PROGRAMS, which lie in $RVK_BIN; they are built with the target bench_tests. In a cross build
-# it starts them by the words of RVK_EMULATOR, and a test program of C++ is run by them itself; cmake/emulated.cmake names
-# the tests that are left out there.
+# it starts them by the words of RVK_EMULATOR, and a test program of C++ is run by them itself.
 # A test that cannot be made here ends with 77 and says why in a line that begins with SKIP.
-include(emulated)
 
 function(rvk_test NAME)
     cmake_parse_arguments(PARSE_ARGV 1 T "" "LABEL;SINK;TIMEOUT" "SOURCES;USES")
-    if(NOT T_LABEL MATCHES "^(pure|sim|replay|platform|bench|link|system)$")
+    if(NOT T_LABEL MATCHES "^(pure|sim|replay|platform|bench)$")
         message(FATAL_ERROR "rvk_test ${NAME}: LABEL is '${T_LABEL}', none of those in cmake/rvk_test.cmake")
     endif()
     if(NOT T_SINK)
@@ -30,20 +28,15 @@ function(rvk_test NAME)
         list(APPEND T_USES log_capture)
     endif()
     rvk_program(${NAME} SOURCES ${T_SOURCES} USES ${T_USES} SINK ${T_SINK})
-    rvk_left_out(${NAME} filter)
-    if(T_LABEL STREQUAL "link")
-        add_dependencies(link_tests ${NAME})
-    endif()
-    if(T_LABEL MATCHES "bench|link|system")
+    if(T_LABEL STREQUAL "bench")
         add_dependencies(bench_tests ${NAME})
         target_link_libraries(${NAME} PRIVATE test_main_bench GTest::gtest)
-        add_test(NAME ${NAME} COMMAND ${CMAKE_SOURCE_DIR}/scripts/in-bench ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>
-                                      ${filter})
+        add_test(NAME ${NAME} COMMAND ${CMAKE_SOURCE_DIR}/scripts/in-bench ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>)
         set_tests_properties(${NAME} PROPERTIES RUN_SERIAL ON)
     else()
         target_link_libraries(${NAME} PRIVATE test_main GTest::gtest)
         add_dependencies(plain_tests ${NAME})
-        add_test(NAME ${NAME} COMMAND ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}> ${filter})
+        add_test(NAME ${NAME} COMMAND ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>)
     endif()
     rvk_test_properties(${NAME} LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT}
         FAIL_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
@@ -101,5 +94,4 @@ set(RVK_TEST_ENVIRONMENT
     PYTHONDONTWRITEBYTECODE=1)
 
 add_custom_target(plain_tests) # those that need neither root nor the bench
-add_custom_target(link_tests)
 add_custom_target(bench_tests) # those that need the bench, and the programs that tests of Python start

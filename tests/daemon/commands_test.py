@@ -10,8 +10,8 @@ HELD = bench.content(1, 1400)
 LONG = {code: bench.job(code, "/" + "x" * 1007)["payload"] for code in (FILE_WRITE, FILE_READ, UPDATE)}
 
 
+# What is told when a write that nobody waits for has failed.
 def report(addr):
-    """What is told when a write that nobody waits for has failed."""
     return Message(identity(), 0, 40, -1, data_len=14, code=WRITE_ACK, slot=0, addr=addr)
 
 
@@ -52,8 +52,8 @@ FIGURES = {
 
 
 class Commands(bench.BenchTest):
+    # Nothing comes before the next greeting's answer but what is expected.
     def exchange(self, who, fields, expected):
-        """Nothing comes before the next greeting's answer but what is expected."""
         request = who.message(**fields)
         who.send(request.pack())
         if expected is not None and not isinstance(expected, Message):

@@ -1,13 +1,10 @@
-// A process that dies as it is told: crash_victim CASE. What the daemon's last words are made of (crash, the log, the
-// pool) is the daemon's own code; only the ways to die are ours. Started by death_test.py.
+// A process that dies as it is told: crash_victim CASE. The last words are the daemon's own code; only the ways to
+// die are ours. Started by death_test.py.
 #include "base/pause.h"
 #include "base/rt_thread.h"
 #include "main/crash.h"
 #include "main/log.h"
-#include "mem/mem.h"
 
-#include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -16,32 +13,11 @@ using namespace rvk;
 
 namespace {
 
-std::atomic<bool> fault_in_trace{false}, refuse_symbols{false}, refuse_threads{false};
 int* volatile nowhere = reinterpret_cast<int*>(64); // not null: UBSan would speak first
 
 } // namespace
 
 extern "C" {
-int __real_backtrace(void** addresses, int size);
-char** __real_backtrace_symbols(void* const* addresses, int count);
-int __real_pthread_create(pthread_t* out, const pthread_attr_t* attributes, void* (*body)(void*), void* argument);
-
-int __wrap_backtrace(void** addresses, int size)
-{
-    if (fault_in_trace) { *nowhere = 1; }
-    return __real_backtrace(addresses, size);
-}
-
-char** __wrap_backtrace_symbols(void* const* addresses, int count)
-{
-    return refuse_symbols ? nullptr : __real_backtrace_symbols(addresses, count);
-}
-
-int __wrap_pthread_create(pthread_t* out, const pthread_attr_t* attributes, void* (*body)(void*), void* argument)
-{
-    return refuse_threads ? EAGAIN : __real_pthread_create(out, attributes, body, argument);
-}
-
 // Named in the trace, so that it can be told whose trace it is.
 __attribute__((noinline)) void victim_faults_here()
 {
@@ -69,15 +45,6 @@ void overflow_in_a_thread()
 
 void die_in_log() { log_print(LOG_HERE, "%s\n", reinterpret_cast<const char*>(8)); }
 
-// A block that waits in the pool gets a broken head, for whoever gives it back to the system.
-void break_the_heap()
-{
-    void* block = mem_alloc(100);
-    mem_free(block);
-    memset(static_cast<char*>(block) - sizeof(mem_block) - sizeof(size_t), 0x7F, sizeof(size_t));
-    victim_faults_here();
-}
-
 const struct {
     const char* name;
     void (*run)();
@@ -86,11 +53,6 @@ const struct {
     {"overflow-main", [] { overflow(0); }},
     {"overflow-thread", overflow_in_a_thread},
     {"log-argument", die_in_log},
-    {"in-trace", [] { fault_in_trace = true, victim_faults_here(); }},
-    {"no-symbols", [] { refuse_symbols = true, victim_faults_here(); }},
-    {"broken-heap", break_the_heap},
-    {"alone", victim_faults_here},
-    {"alone-log-argument", die_in_log},
 };
 
 } // namespace
@@ -99,11 +61,9 @@ int main(int argc, char** argv)
 {
     if (argc != 2) { return 2; }
     log_debug = 1;
-    refuse_threads = strncmp(argv[1], "alone", 5) == 0;
     block_signals();
     signal_set();
     start_crash_threads();
-    mem_init();
     for (const auto& row : cases) {
         if (strcmp(row.name, argv[1]) != 0) { continue; }
         row.run();

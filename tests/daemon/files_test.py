@@ -12,8 +12,8 @@ FOLDER, TOOL, SLOT = "/root/files", "/usr/vexo/bin/mcu_isp", 6
 PICTURE, BLACK = content(1, 8000), bytes(8000)
 
 
+# Lays out a file of this kind; bytes are its content. Result: its path.
 def place(name, kind):
-    """Lays out a file of this kind; bytes are its content. Result: its path."""
     path = f"{FOLDER}/{name}"
     if isinstance(kind, bytes):
         with open(path, "wb") as file:
@@ -36,8 +36,8 @@ class Files(bench.BenchTest):
         self.addCleanup(subprocess.check_call, ["rm", "-rf", FOLDER])
         self.at, self.d, self.me = self.cards(*options), self.daemon("-f"), self.requester()
 
+    # A job's result; a read-back has no answer, but the job behind it has.
     def do(self, code, path, hor=100, ver=20, **fields):
-        """A job's result; a read-back has no answer, but the job behind it has."""
         fields = job(code, path, hor, ver, slot=SLOT, **fields)
         if code == FILE_READ:
             self.me.tell(**fields)

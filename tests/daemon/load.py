@@ -13,9 +13,8 @@ PIECE, GAP = 1400, 16  # bytes; the gap shows what is written too far
 BYTES = bench.content(9, 70_000)
 
 
+# A frame's worth of a command; an answer to its command is about the piece that decides.
 class Piece:
-    """A frame's worth of a command; an answer to its command is about the piece that decides."""
-
     def __init__(self, code, slot, addr, size, decides):
         self.code, self.slot, self.addr, self.size, self.decides = code, slot, addr, size, decides
         self.data = BYTES[addr % 65_521 :][:size]
@@ -33,8 +32,8 @@ class Load:
         self.at = {WAITED: 0x30000000, UNWAITED: 0x1000000}  # where the next write goes
         self.ledger, self.deciding, self.held, self.commands, self.reports, self.seconds = {}, {}, [], 0, 0, []
 
+    # The next command, or a burst of those that nobody waits for; reads are of what was acknowledged.
     def draw(self, who):
-        """The next command, or a burst of those that nobody waits for; reads are of what was acknowledged."""
         kind = self.dice.randrange(5 if self.unwaited else 2)
         if kind == 0 and self.held:
             return self.book(who, READ, WAITED, self.held[-1].addr, self.held.pop().size)
@@ -53,8 +52,8 @@ class Load:
         self.unsent[who].append((pieces[-1], who.message(code=code, slot=slot, addr=first, len=size, payload=data).pack()))
         self.commands += 1
 
+    # Until so many commands were sent, or no more shall be, and none is waited for any more.
     def run(self, commands, goes_on=lambda: True):
-        """Until so many commands were sent, or no more shall be, and none is waited for any more."""
         last, more = time.monotonic(), True
         while more or any(self.awaited.values()) or any(self.unsent.values()):
             more = self.commands < commands and goes_on()
@@ -64,8 +63,8 @@ class Load:
                 time.sleep(0.0002)
             self.test.assertLess(time.monotonic() - last, bench.PATIENCE, "a command is not answered")
 
+    # Takes what came, sends up to a command that is waited for. Result: whether there was anything to do.
     def step(self, who, more):
-        """Takes what came, sends up to a command that is waited for. Result: whether there was anything to do."""
         moved = False
         while (answer := who.receive(0)) is not None:
             self.take(who, answer)
@@ -120,8 +119,8 @@ def fault_of(p, there, broken):
     return "called good, but no card has it" if p.decides and p.answers and p.result == 0 and not there else ""
 
 
+# Code and address of each request in a capture.
 def frames_of(pcap):
-    """Code and address of each request in a capture."""
     at = 24
     while at < len(pcap):
         size = struct.unpack_from("<I", pcap, at + 8)[0]

@@ -20,14 +20,14 @@ def set_queue(messages):
 
 
 class Loads(bench.BenchTest):
+    # Readiness reads that are not answered keep the demo away for a while.
     def start_load(self, *faults, **how):
-        """Readiness reads that are not answered keep the demo away for a while."""
         self.at = self.cards("--readiness-silent", "--pcap-frames", 1_000_000, *faults)
         self.d = self.daemon()
         return Load(self, **how)
 
+    # Until nothing is pending; every block of the pool is back then.
     def settle(self, load):
-        """Until nothing is pending; every block of the pool is back then."""
         now = time.clock_gettime(time.CLOCK_BOOTTIME) * 1000
 
         def settled():

@@ -16,8 +16,8 @@ DAY = 86_400
 INHERITED = (signal.SIGCHLD, signal.SIGPIPE, signal.SIGTERM, signal.SIGINT, signal.SIGQUIT, signal.SIGALRM)
 
 
+# A time zone in which it is noon at `start`, and each second from then on so many days later.
 def zone(start, jumps):
-    """A time zone in which it is noon at `start`, and each second from then on so many days later."""
     offsets = [DAY // 2 - start % DAY + sum(jumps[:n]) * DAY for n in range(len(jumps) + 1)]
     with open("/run/zone", "wb") as file:
         file.write(b"TZif".ljust(20, b"\0") + struct.pack(">6I", 0, 0, 0, len(jumps), len(offsets), 4))

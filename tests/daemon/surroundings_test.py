@@ -45,8 +45,8 @@ class Surroundings(bench.BenchTest):
 
         self.assertTrue(bench.EMULATOR or bench.wait_until(idle))
 
+    # At once: with a wait for a card these would take ten seconds and more.
     def assert_refusals(self):
-        """At once: with a wait for a card these would take ten seconds and more."""
         start = time.monotonic()
         self.assertEqual({self.me.read(0x1000, 16).result for _ in range(40)}, {-1})
         self.assertEqual(self.me.ask(code=WRITE_ACK, slot=2, payload=b"1").result, -1)

@@ -15,13 +15,13 @@ SANITIZER = os.environ.get("RVK_SANITIZE", "")
 DEADLY = [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT] + ([] if EMULATOR else [signal.SIGSEGV])
 
 
+# The log's lines, taken apart; None for what is no such line.
 def lines(log):
-    """The log's lines, taken apart; None for what is no such line."""
     return [found.groups() if (found := LINE.fullmatch(line)) else None for line in log.splitlines()]
 
 
+# What is wrong with the last words: they come once, and as many frames as announced. Empty: nothing.
 def fault_in_last_words(log):
-    """What is wrong with the last words: they come once, and as many frames as announced. Empty: nothing."""
     before, death, after = log.partition("task_die!!!\n")
     if not death or "task_die!!!" in after:
         return f"{log.count('task_die!!!')} times task_die!!!"

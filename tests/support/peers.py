@@ -1,0 +1,169 @@
+# Who talks to the daemon: other processes over the messaging service, and cards over a link, played by the test itself.
+import os
+import socket
+import struct
+import time
+from typing import NamedTuple
+
+EMULATOR = os.environ.get("RVK_EMULATOR", "").split()
+SANITIZED = os.environ.get("RVK_SANITIZE", "") != ""
+PATIENCE = 60 if SANITIZED or EMULATOR else 30  # seconds, for what must come: other work is done beside the tests
+SELF, COMPANION, TOOLS = 0x3B, 0x3C, 0x7F  # module numbers
+READ, WRITE, WRITE_ACK, FILE_WRITE, FILE_READ, UPDATE, GREETING = 0, 1, 2, 0xEE, 0xDD, 0xEF, 0xF0
+HEAD = struct.Struct("<IIIihhIBBBBHHIH")  # 38 bytes: the outer head of 24, the data head of 14
+HEAD_BYTES = 40  # as counted; the payload starts two bytes earlier
+
+
+# Looks every few milliseconds until the condition holds. Result: what it gave, or False after the time.
+def wait_until(condition, seconds=PATIENCE):
+    end = time.monotonic() + seconds
+    while not (held := condition()) and time.monotonic() < end:
+        time.sleep(0.003)
+    return held
+
+
+# Fields of a message in wire order, and the payload.
+class Message(NamedTuple):
+    aptid: int
+    word1: int = 0x11223344
+    length: int = 0
+    result: int = 0
+    msg_type: int = 0
+    msg_class: int = 28
+    data_len: int = 0
+    module: int = 0
+    id: int = 254
+    code: int = READ
+    slot: int = 1
+    model: int = 0
+    seq: int = 0
+    addr: int = 0
+    len: int = 0
+    payload: bytes = b""
+
+    def pack(self):
+        return HEAD.pack(*self[:-1]) + self.payload + b"\0\0"
+
+    @staticmethod
+    def unpack(datagram):
+        return Message(*HEAD.unpack_from(datagram), datagram[HEAD.size : -2])
+
+
+def identity(module=SELF, board=1, low=0):
+    return board << 24 | 0x0A0000 | module << 8 | low
+
+
+def socket_file(number, folder="/run/apipc"):
+    return f"{folder}/{number:08x}.sock"
+
+
+# The fields of a file command: picture and read-back have a size, an update a type.
+def job(code, path, hor=0, ver=0, kind=0, **fields):
+    first = struct.pack("<I", kind) if code == UPDATE else struct.pack("<II", hor, ver)
+    return {"code": code, "payload": first + os.fsencode(path) + b"\0", **fields}
+
+
+# A process's endpoint; the first free identity of the tools' unless one is given.
+class Requester:
+    def __init__(self, own=None, folder="/run/apipc"):
+        wait_until(lambda: os.path.isdir(folder))
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        for self.own in [own] if own else [identity(TOOLS, low=low) for low in range(1, 256)]:
+            self.path, self.folder = socket_file(self.own, folder), folder
+            if not os.path.exists(self.path):
+                break
+        self.socket.bind(self.path)
+        os.chmod(self.path, 0o660)
+
+    def message(self, **fields):
+        fields.setdefault("len", len(fields.get("payload", b"")))
+        return Message(self.own, **fields)
+
+    def tell(self, to=identity(), **fields):
+        self.send(self.message(**fields).pack(), to)
+
+    # Result: false when the daemon's socket is not there, or its queue has no room.
+    def try_to_send(self, datagram, to=identity()):
+        try:
+            return self.socket.sendto(datagram, socket.MSG_DONTWAIT, socket_file(to, self.folder)) >= 0
+        except (BlockingIOError, FileNotFoundError, ConnectionRefusedError):
+            return False
+
+    # Waits for the daemon's socket, and for room in its queue.
+    def send(self, datagram, to=identity()):
+        if not wait_until(lambda: self.try_to_send(datagram, to)):
+            raise AssertionError("the daemon takes no message")
+
+    # The next message; None when none came in time.
+    def receive(self, seconds=PATIENCE):
+        self.socket.settimeout(seconds)
+        try:
+            return Message.unpack(self.socket.recv(70_000))
+        except (socket.timeout, BlockingIOError):
+            return None
+
+    def ask(self, seconds=PATIENCE, **fields):
+        self.tell(**fields)
+        return self.receive(seconds)
+
+    def read(self, addr, length, slot=1, model=0, seconds=PATIENCE):
+        return self.ask(seconds, addr=addr, len=length, slot=slot, model=model)
+
+    # Commands are handled in order: whatever was sent before has been handled when this is true.
+    def greeted(self, seconds=PATIENCE):
+        answer = self.ask(seconds, code=GREETING)
+        return answer is not None and answer.code == GREETING and answer.length == 72
+
+    def close(self):
+        if os.path.exists(self.path):
+            os.unlink(self.path)
+        self.socket.close()
+
+
+# A request frame's fields, as a card sees them.
+class Request(NamedTuple):
+    model: int
+    slot: int
+    seq: int
+    code: int
+    addr: int
+    len: int
+    data: bytes
+
+
+# The far end of a link, played by the test itself, for what no card should say: a raw socket on cardN.
+class PlayedCard:
+    TO_CARD, TO_HOST = b"\xeb\x90" * 3, b"\x44" * 6
+
+    def __init__(self, link=0):
+        self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
+        self.socket.setsockopt(socket.SOL_SOCKET, 33, 1 << 25)  # SO_RCVBUFFORCE
+        self.socket.bind((f"card{link}", 0))
+
+    # The next request from the controller; None when none came in time.
+    def request(self, seconds=PATIENCE):
+        end = time.monotonic() + seconds
+        while (left := end - time.monotonic()) > 0:
+            self.socket.settimeout(left)
+            try:
+                frame, where = self.socket.recvfrom(9000)
+            except socket.timeout:
+                break
+            if where[2] != socket.PACKET_OUTGOING and frame[:6] == self.TO_CARD and frame[14:16] == b"\x55\xaa":
+                model, slot, seq, code, addr, length = struct.unpack_from("<HBHBIH", frame, 16)
+                return Request(model, slot, seq, code, addr, length, frame[28 : 28 + length])
+        return None
+
+    # Replies; `other` replaces fields of the request, `length` lies about the data.
+    def answer(self, request, data=b"", status=0, length=None, **other):
+        r = request._replace(**other)
+        length = len(data) if length is None else length
+        body = struct.pack("<BHBHBIH", status, r.model, r.slot, r.seq, r.code, r.addr, length) + data
+        self.send(self.TO_HOST + self.TO_CARD + b"\x07\x00\xaa\x55" + body)
+
+    # Sends a frame with its checksum behind it.
+    def send(self, frame):
+        self.socket.send(frame + struct.pack("<H", (0x5555 + sum(frame[16:])) & 0xFFFF))
+
+    def close(self):
+        self.socket.close()
