@@ -22,21 +22,19 @@ void run(const input& bytes)
     LLVMFuzzerTestOneInput(block.get(), bytes.size());
 }
 
-// One change: a byte, a bit, bytes taken out, put in, or taken from another input.
+// One change: a byte, a bit, bytes taken out, or taken from another input.
 void mutate(input& bytes, const input& other, std::mt19937& dice)
 {
-    static constexpr uint8_t edges[] = {0, 1, 2, 0x7F, 0x80, 0xFE, 0xFF};
     const size_t n = 1 + dice() % (dice() % 8 == 0 ? 300 : 8), at = bytes.empty() ? 0 : dice() % bytes.size();
     const auto here = bytes.begin() + static_cast<std::ptrdiff_t>(at);
-    const auto length = static_cast<std::ptrdiff_t>(std::min(n, bytes.size() - at));
-    switch (bytes.empty() ? 0 : dice() % 6) {
-    case 0: bytes.insert(here, n, static_cast<uint8_t>(dice())); break;
-    case 1: bytes[at] = edges[dice() % std::size(edges)]; break;
+    const auto rest = [n](const input& of, size_t from) {
+        return static_cast<std::ptrdiff_t>(std::min(n, of.size() - from));
+    };
+    switch (bytes.empty() ? 0 : dice() % 5) {
+    case 0: bytes.insert(here, other.begin(), other.begin() + rest(other, 0)); break;
+    case 1: bytes[at] = static_cast<uint8_t>((dice() % 2) * 0x80 - dice() % 3); break; // the edges of a byte
     case 2: bytes[at] ^= static_cast<uint8_t>(1u << dice() % 8); break;
-    case 3: bytes.erase(here, here + length); break;
-    case 4:
-        bytes.insert(here, other.begin(), other.begin() + static_cast<std::ptrdiff_t>(std::min(n, other.size())));
-        break;
+    case 3: bytes.erase(here, here + rest(bytes, at)); break;
     default: bytes[at] = static_cast<uint8_t>(dice()); break;
     }
 }
@@ -57,9 +55,7 @@ int main(int argc, char** argv)
     for_seeds("RVK_REPLAY", 2000, [&corpus](uint64_t seed) {
         std::mt19937 dice(static_cast<uint32_t>(seed));
         input bytes = corpus[dice() % corpus.size()];
-        for (size_t changes = 1 + dice() % 5; changes > 0; --changes) {
-            mutate(bytes, corpus[dice() % corpus.size()], dice);
-        }
+        for (size_t n = 1 + dice() % 5; n > 0; --n) { mutate(bytes, corpus[dice() % corpus.size()], dice); }
         run(bytes);
         return true;
     });

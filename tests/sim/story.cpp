@@ -1,14 +1,14 @@
 // Plays a story in a world of its own, and says what its sender, its requester and its card saw.
 #include "sim/story.h"
+#include "sim/world.h"
 
 #include "ap_msg/endpoint.h"
-#include "ap_msg/file_service.h"
+#include "ap_msg/firmware.h"
 #include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "base/counters.h"
 #include "eth_raw/frame.h"
-#include "private_files.h"
 #include "queue/queue.h"
 #include "raw_msg/filing.h"
 #include "raw_msg/link_lock.h"
@@ -23,16 +23,30 @@
 namespace rvk {
 namespace {
 
-constexpr uint32_t usual_ticks = 3;
+constexpr uint32_t client = 0x010A7F05, companion = 0x010A3C00, own_identity_here = 0x010A3B00, usual_addr = 0x1000;
+constexpr uint32_t asked_word1 = 0xC0FFEE; // replies bring it back
+constexpr uint8_t untouched = 0xEE;
 constexpr char answers[] =
     " good short refused none empty most too_much other_number other_address other_kind unknown_code "
     "damaged lying tail stranger runt ";
-constexpr char options[] = " on for room slot model addr len holds type class bytes from ";
-constexpr char settings[] = " blocks full room_after refuse_register refuse_piece silent_piece stale ";
 
-bool is_one_of(const char* words, const std::string& word)
+// What is there several times stands once, with how often.
+std::string joined(words all)
 {
-    return std::string(words).find(' ' + word + ' ') != std::string::npos;
+    std::string text;
+    while (!all.empty()) {
+        const std::string word = all.front();
+        const auto times = std::erase(all, word);
+        text += (text.empty() ? "" : ", ") + word + (times > 1 ? " *" + std::to_string(times) : "");
+    }
+    return text;
+}
+
+// How many bytes came where they were to go, and whether they are those of the address; what is behind stays untouched.
+std::string bytes_said(std::span<const uint8_t> all, size_t n, uint32_t addr)
+{
+    const bool kept = std::ranges::all_of(all.subspan(n), [](uint8_t byte) { return byte == untouched; });
+    return kept && std::ranges::equal(all.first(n), data_at(addr, n)) ? std::to_string(n) + " bytes" : "wrong bytes";
 }
 
 struct player : story {
@@ -41,62 +55,64 @@ struct player : story {
     std::deque<std::string> sends{}; // what the next ones come to
     uint64_t waited_us = 0;          // by a sender, for its answer
     uint64_t paused_us = 0;          // by a sender
-    bytes_t carried{};               // by the command
     words how{};
 
     explicit player(const story& told) : story(told) {}
+
+    std::map<std::string, uint64_t> figures_now() const
+    {
+        std::map<std::string, uint64_t> f{{"printed", static_cast<uint64_t>(w.errors_printed)},
+                                          {"paused_ms", paused_us / 1000}};
+        const auto add = [&f](const auto& names, auto& counters) {
+            for (size_t i = 0; i < names.size(); ++i) { f[names[i]] += counters.all[i].get(); }
+        };
+        for (link_counters& c : link_count) {
+            f["resends"] += c.resends.get();
+            f["given_up"] += c.given_up.get();
+            f["wrong_acks"] += c.wrong_acks.get();
+            f["took_ms"] += c.answer_time_us.get() / 1000;
+            add(drop_names, c.dropped), add(send_failure_names, c.send_failed);
+        }
+        add(refusal_names, daemon_count.refused);
+        f["dropped_in_update"] = daemon_count.dropped_in_update.get();
+        return f;
+    }
 
     int queue() const
     {
         return is("write") ? ACK_QUEUE : is("write_wait") ? ACK_WAIT_QUEUE : is("read") ? READ_QUEUE : READ_WAIT_QUEUE;
     }
-    void play_all(const std::deque<std::string>& events)
-    {
-        for (const std::string& event : events) { play(event); }
-    }
-
-    void check_words()
-    {
-        for (size_t i = is("update") ? 3 : 2; i < asked.size(); i += asked[i] == "updating" ? 1u : 2u) {
-            if (asked[i] != "updating" && !is_one_of(options, asked[i])) { how.push_back("no option " + asked[i]); }
-        }
-        for (const auto& [name, n] : set) {
-            if (!is_one_of(settings, name)) { how.push_back("no setting " + name); }
-        }
-    }
 
     long send(std::span<const uint8_t> frame)
     {
-        static const std::map<std::string, long> errors{
-            {"EAGAIN", -EAGAIN}, {"ENOBUFS", -ENOBUFS}, {"ENETDOWN", -ENETDOWN}};
+        static const std::map<std::string, int> errors{
+            {"EAGAIN", EAGAIN}, {"ENOBUFS", ENOBUFS}, {"ENETDOWN", ENETDOWN}};
         last.assign(frame.begin(), frame.end());
-        const std::string fate = sends.empty() ? "ok" : sends.front();
-        if (!sends.empty()) { sends.pop_front(); }
-        const auto n = static_cast<long>(frame.size());
-        return fate == "ok" ? n : fate == "cut" ? n - 1 : errors.at(fate);
+        if (sends.empty()) { return std::ssize(frame); }
+        const std::string fate = std::exchange(sends, {sends.begin() + 1, sends.end()}).front();
+        return errors.contains(fate) ? -errors.at(fate) : std::ssize(frame) - (fate == "cut" ? 1 : 0);
     }
 
-    void answer(const std::string& kind)
+    void answer(const std::string& says)
     {
         request_fields request;
         if (check_request(last, request) != verdict::good) { return how.push_back("no good frame to answer"); }
         const bool reads = request.code == code_read;
-        const size_t most = frame_data_max + (kind == "too_much" ? 1 : 0),
-                     usual = kind == "empty" || !reads ? 0 : request.len;
-        const bytes_t data = data_at(request.addr, kind == "most" || kind == "too_much" ? most : usual);
-        uint8_t code = request.code;
-        if (kind == "short") { code = code_ack_short; }
-        if (kind == "unknown_code") { code = 0x33; }
-        if (kind == "other_kind") { code = reads ? code_write_ack : code_read; }
-        if (kind == "other_number") { ++request.seq; }
-        if (kind == "other_address") { ++request.addr; }
+        const size_t usual = says == "empty" || !reads ? 0 : request.len;
+        const bytes_t data = data_at(request.addr, says == "most" ? 1400 : says == "too_much" ? 1401 : usual);
+        const uint8_t code = says == "short"          ? code_ack_short
+                             : says == "unknown_code" ? 0x33
+                             : says == "other_kind"   ? (reads ? code_write_ack : code_read)
+                                                      : request.code;
+        if (says == "other_number") { ++request.seq; }
+        if (says == "other_address") { ++request.addr; }
         reply_frame reply;
-        pack_reply(reply, request, kind == "refused" ? 2 : kind == "none" ? no_answer : ack_good, code, data);
-        if (kind == "damaged") { reply.bytes[reply::model] ^= 0x10; }
-        if (kind == "lying") { ++reply.bytes[reply::len], close_reply(reply); }
-        if (kind == "stranger") { reply.bytes[reply::source] ^= 1; }
-        if (kind == "runt") { reply.length = reply::payload - 1; }
-        if (kind == "tail") { reply.bytes[reply.length++] = 0x77; }
+        pack_reply(reply, request, says == "refused" ? 2 : says == "none" ? no_answer : ack_good, code, data);
+        if (says == "damaged") { reply.bytes[reply::model] ^= 0x10; }
+        if (says == "lying") { ++reply.bytes[reply::len], close_reply(reply); }
+        if (says == "stranger") { reply.bytes[reply::source] ^= 1; }
+        if (says == "runt") { reply.length = reply::payload - 1; }
+        if (says == "tail") { reply.bytes[reply.length++] = 0x77; }
         w.arrive(reply.view());
     }
 
@@ -104,11 +120,17 @@ struct player : story {
     {
         static const std::map<std::string, std::pair<int, int>> periods{
             {"tick", {1, 1}}, {"expiry", {3, 1}}, {"burst", {1, 10}}, {"pass", {1, 0}}};
-        if (is_one_of(answers, event)) { return answer(event); }
-        if (is_one_of(" ok EAGAIN ENOBUFS ENETDOWN cut ", event)) { return sends.push_back(event); }
+        const auto is_one_of = [&event](const std::string& all) { return all.find(' ' + event + ' ') != all.npos; };
+        if (is_one_of(answers)) { return answer(event); }
+        if (is_one_of(" ok EAGAIN ENOBUFS ENETDOWN cut ")) { return sends.push_back(event); }
         if (event == "emptied") { return empty_queue(); }
         if (!periods.contains(event)) { return how.push_back("no event " + event); }
         for (int i = 0; i < periods.at(event).first; ++i) { w.tick(periods.at(event).second); }
+    }
+
+    void play_all(std::deque<std::string>& events)
+    {
+        for (const std::string& event : std::exchange(events, {})) { play(event); }
     }
 
     void wait()
@@ -122,28 +144,27 @@ struct player : story {
     void request()
     {
         const auto link = static_cast<int>(number("on", 0));
-        const auto at = usual_addr, ticks = number("for", usual_ticks), n = static_cast<uint32_t>(size());
+        const auto at = usual_addr, ticks = number("for", 3);
         const bytes_t data = data_at(at, n);
         bytes_t room(number("room", frame_data_max) + 1, untouched);
         uint8_t* const area = is("read") ? ApMsgBuffGet(frame_data_max) : nullptr;
-        if (set.contains("blocks")) { w.blocks_left = static_cast<int>(setting("blocks")); }
-        if (setting("full") != 0) { fill(); }
+        w.blocks_left = static_cast<int>(number("blocks", SIZE_MAX));
+        if (number("full", 0) != 0) { fill(); }
         const auto dest = std::span(room).first(room.size() - 1);
         uint8_t ack = 0;
         uint32_t got = 0;
         int32_t result = -2;
+        const auto& again = RawSockSendMsgWithAckWait_Try_nTimes;
         if (is("plain")) { result = RawSockSendMsg(link, 0, 1, at, code_write, data); }
         if (is("write")) { result = RawSockSendMsgWithAck(client, link, 0, 1, at, code_write_ack, data); }
         if (is("write_wait")) { result = RawSockSendMsgWithAckWait(link, 0, 1, at, code_write_ack, data, &ack, ticks); }
-        if (is("read")) {
-            result = RawSockSendMsgWithRead(client, link, 0, 1, at, code_read, n, {area, frame_data_max});
-        }
+        if (is("write_again")) { result = again(2, link, 0, 1, at, code_write_ack, data, &ack, ticks); }
+        if (is("read")) { result = RawSockSendMsgWithRead(client, link, 0, 1, at, code_read, n, {area, dest.size()}); }
         if (is("read_wait")) { result = RawSockSendMsgWithReadWait(link, 0, 1, at, code_read, n, dest, &got, ticks); }
-        if (result == -2) { how.push_back("no kind of request " + asked[0]); }
+        if (result == -2) { how.push_back("no kind of request " + kind); }
         if (result != 0) { ApMsgBuffFree(area), how.emplace_back("failed"); }
-        if (is("write_wait") && ack != (result == 0 ? ack_good : no_answer)) {
-            how.push_back("status " + std::to_string(ack));
-        }
+        const bool is_told = is("write_wait") || is("write_again");
+        if (is_told && ack != (result == 0 ? ack_good : no_answer)) { how.push_back("status " + std::to_string(ack)); }
         if (is("read_wait") && result != 0 && got != 0) { how.push_back(std::to_string(got) + " bytes said"); }
         if (is("read_wait") && result == 0) { how.push_back(bytes_said(room, got, at)); }
     }
@@ -156,7 +177,7 @@ struct player : story {
         w.on_pause = [this, pauses = 0u](uint64_t pause) mutable {
             QNode* oldest = Qlist[0][queue()];
             paused_us += pause;
-            if (++pauses == setting("room_after")) { static_cast<void>(queue_del(0, queue(), &oldest)); }
+            if (++pauses == number("room_after", 0)) { static_cast<void>(queue_del(0, queue(), &oldest)); }
         };
     }
 
@@ -167,94 +188,113 @@ struct player : story {
         queue_empty(0, queue());
     }
 
-    // What it carries is the data of its address, where it is not given.
-    void command(uint8_t code, const bytes_t& payload)
+    void command()
     {
-        const auto len = number("len", payload.empty() ? 4 : payload.size()), addr = number("addr", usual_addr);
-        carried = payload.empty() ? data_at(addr, number("holds", len)) : payload;
+        const auto len = number("len", 4), addr = number("addr", usual_addr);
+        const bytes_t carried = data_at(addr, number("holds", len));
         bytes_t m(std::max(message_head_bytes, message::payload + carried.size()));
-        store_le32(&m[message::aptid], has("companion") ? companion : client);
+        store_le32(&m[message::aptid], number("from", client));
         store_le32(&m[message::word1], asked_word1);
         store_le16(&m[message::msg_type], static_cast<uint16_t>(number("type", 0)));
         store_le16(&m[message::msg_class], static_cast<uint16_t>(number("class", 28)));
-        m[message::code] = code;
+        m[message::code] = static_cast<uint8_t>(n);
         m[message::slot] = static_cast<uint8_t>(number("slot", 1));
         store_le16(&m[message::model], static_cast<uint16_t>(number("model", 0)));
         store_le32(&m[message::addr], addr);
         store_le16(&m[message::len], static_cast<uint16_t>(len));
         std::ranges::copy(carried, m.begin() + message::payload);
-        if (set.contains("blocks")) { w.blocks_left = static_cast<int>(setting("blocks")); }
-        gbUpdateProcessRunning = has("updating") ? 1 : 0;
+        w.blocks_left = static_cast<int>(number("blocks", SIZE_MAX));
+        gbUpdateProcessRunning = static_cast<int>(number("updating", 0));
         ApipcEventDeal(0, 0, m.data(), static_cast<int>(number("bytes", m.size())));
         gbUpdateProcessRunning = 0;
     }
 
-    // A firmware job from its message to its end; its card and its files are simulated.
-    void update()
+    // One message in the words of the stories, and everything about it that the requester relies on.
+    std::string heard(const bytes_t& b, uint32_t to) const
     {
-        static const std::string path = "/fw.bin";
-        const bytes_t image = data_at(0, std::stoul(asked.at(2)));
-        const auto often = [this](const char* what) { return times.contains(what) ? times.at(what) : 1; };
-        open_private_files();
-        place(path, placed::file, image);
-        if (setting("stale") == 0) {
-            w.on_shell = [](const char* line) { return run_on_private_files(line) ? 0 : -1; };
+        const uint32_t from = number("addr", usual_addr), addr = load_le32(&b[message::addr]),
+                       length = load_le32(&b[message::length]);
+        const size_t count = b.size() - message_head_bytes;
+        const uint8_t code = b[message::code];
+        const bool echoes = load_le32(&b[message::word1]) == asked_word1;
+        const auto result = static_cast<int32_t>(load_le32(&b[message::result]));
+        const auto data = std::span(b).subspan(message::payload, count);
+        const bool right_sender = to == number("from", client) && load_le32(&b[message::aptid]) == own_identity_here;
+        if (code == command::greeting && right_sender && count == 72 && length == 72) { return "greeting"; }
+        const bool right_head = echoes ? b[message::module] == module_self : b[message::id] == 254;
+        const size_t due = code == command::update ? 0 : echoes ? count : b.size();
+        if (!right_sender || !right_head || length != due || (addr - from) % frame_data_max != 0) {
+            return "wrong head";
         }
-        if (setting("stale") != 0) { place(temporary_image, placed::file, data_at(0, setting("stale"))); }
-        w.on_frame = nullptr;
-        w.on_wait = nullptr;
-        w.farm.set_behaviour({.refuse_register = setting("refuse_register"),
-                              .refuse_register_times = often("refuse_register"),
-                              .refuse_piece = setting("refuse_piece"),
-                              .refuse_piece_times = often("refuse_piece"),
-                              .silent_piece = setting("silent_piece")});
-        bytes_t payload(4 + path.size() + 1);
-        store_le32(payload.data(), static_cast<uint32_t>(std::stoul(asked[1], nullptr, 0)));
-        std::ranges::copy(path, payload.begin() + 4);
-        command(command::update, payload);
-        file_step();
-        clear_private_files();
+        const bool is_response = code == command::update && std::ranges::equal(data, data_at(from, 4)); // with its type
+        const char* const word = is_response ? "response " : echoes ? "reply " : "report ";
+        if (is_response || count == 0) { return word + std::to_string(result); }
+        const bool fits = result == 0 && code == command::read && (echoes || load_le16(&b[message::len]) == count);
+        return fits ? (echoes ? word : "") + bytes_said(data, count, addr) : "wrong data";
     }
 
-    ending play_whole()
+    // What is wrong with the frames: every one is a good one; one to the same address is the same again; a piece
+    // follows the piece before it.
+    void judge_frames()
     {
-        const auto at_start = figures_now(w);
+        std::map<uint32_t, bytes_t> seen;
+        request_fields last_new;
+        const uint32_t size = is("command") ? number("len", 4) : n;
+        for (const bytes_t& frame : w.frames) {
+            request_fields f;
+            if (check_request(frame, f) != verdict::good) { return how.push_back("a bad frame"); }
+            const bool is_new = seen.emplace(f.addr, frame).second, is_numbered = f.code != code_write;
+            const uint32_t at = f.addr - number("addr", usual_addr);
+            const bool follows =
+                seen.size() == 1 || f.seq == static_cast<uint16_t>(last_new.seq + (is_numbered ? 1 : 0));
+            const bool right = f.model == number("model", 0) && f.slot == number("slot", 1) &&
+                               at % frame_data_max == 0 && at < size &&
+                               f.len == std::min<size_t>(size - at, frame_data_max) && (follows || !is_new) &&
+                               (f.code == code_read || std::ranges::equal(f.data, data_at(f.addr, f.len)));
+            if (!is_new && !is("write_again") && seen[f.addr] != frame) { how.emplace_back("resent with changes"); }
+            if (!right) { how.emplace_back("a wrong frame"); }
+            if (is_new) { last_new = f; }
+        }
+    }
+
+    words play_whole()
+    {
+        const auto at_start = figures_now();
         w.on_frame = [this](auto frame) { return send(frame); };
         w.on_wait = [this] { wait(); };
         w.on_pause = [this](uint64_t pause) { paused_us += pause; };
-        w.before_send = [this, events = before]() mutable { play_all(std::exchange(events, {})); };
-        w.after_send = [this, events = held]() mutable { play_all(std::exchange(events, {})); };
-        check_words();
-        if (is("update")) { update(); }
-        if (is("command")) { command(static_cast<uint8_t>(std::stoul(asked.at(1), nullptr, 0)), {}); }
-        if (is_request()) { request(); }
+        w.before_send = [this] { play_all(before); };
+        w.after_send = [this] { play_all(held); };
+        is("command") ? command() : request();
         w.blocks_left = -1;
-        play_all(std::exchange(then, {}));
+        play_all(then);
         const bool over = blocks_in_use() == 0;
         if (!over) { how.emplace_back("pending"); }
-        const size_t told = w.messages.size();
-        ending e{.frames = w.frames.size(), .how = {}, .counters = {}};
-        for (const auto& [name, n] : figures_now(w)) {
-            if (n != at_start.at(name)) { e.counters.insert(name + " " + std::to_string(n - at_start.at(name))); }
+        if (!before.empty() || !held.empty()) { how.emplace_back("not all was played"); }
+        const size_t frames = w.frames.size(), told = w.messages.size();
+        words counters;
+        for (const auto& [name, moved] : figures_now()) {
+            const uint64_t by = moved - at_start.at(name);
+            if (by != 0) { counters.push_back(name + ' ' + std::to_string(by)); }
         }
-        if (paused_us != 0) { e.counters.insert("paused_ms " + std::to_string(paused_us / 1000)); }
-        if (setting("full") != 0) { empty_queue(); }
+        if (number("full", 0) != 0) { empty_queue(); }
         for (int i = 0; i < 12; ++i) { w.tick(); }
-        if (over && (w.frames.size() != e.frames || w.messages.size() != told)) { how.emplace_back("more followed"); }
+        if (over && (w.frames.size() != frames || w.messages.size() != told)) { how.emplace_back("more followed"); }
         if (blocks_in_use() != 0) { how.emplace_back("blocks are left"); }
-        std::ranges::move(judged(*this, w.frames), std::back_inserter(how));
-        for (size_t i = 0; i < told; ++i) { how.push_back(heard(*this, w.messages[i], carried)); }
-        e.how = joined(how);
-        if (e.how.empty() || (is_request() && e.how == asked[1] + " bytes")) {
-            e.how = is_request() && (!is("read") || !how.empty()) ? "done" : "nothing";
-        }
-        if (waited_us != 0) { e.how += " after " + std::to_string(waited_us / tick_time_us) + " ticks"; }
-        return e;
+        judge_frames();
+        for (size_t i = 0; i < told; ++i) { how.push_back(heard(w.messages[i].bytes, w.messages[i].to)); }
+        std::string end = joined(how);
+        if (end.empty() && (is("command") || is("read"))) { end = "nothing"; }
+        if (end.empty() || (!is("command") && end == std::to_string(n) + " bytes")) { end = "done"; }
+        if (waited_us != 0) { end += " after " + std::to_string(waited_us / tick_time_us) + " ticks"; }
+        std::ranges::sort(counters);
+        counters.insert(counters.begin(), {std::to_string(frames) + (frames == 1 ? " frame" : " frames"), end});
+        return counters;
     }
 };
 
 } // namespace
 
-ending tell(const story& s) { return player(s).play_whole(); }
+words tell(const story& s) { return player(s).play_whole(); }
 
 } // namespace rvk
