@@ -39,13 +39,12 @@ struct entry {
     uint16_t seq;
     uint32_t timeout; // ticks, of those that wait
     ended end = ended::not_yet;
-    uint8_t status = no_answer; // of the answer that ended it
-    size_t len = 0;             // of its data
-    bool sending = true;        // until the sender is back from its first send
-    bool refused = false;       // by the last answer that was noted while it was sent
-    int frames = 0;             // given to the system, whatever that did with them
-    int refusals = 0;           // that must have been answered with a resend
-    int reports = 0;
+    uint8_t status = no_answer;              // of the answer that ended it
+    size_t len = 0;                          // of its data
+    bool sending = true;                     // until the sender is back from its first send
+    bool refused = false;                    // by the last answer that was noted while it was sent
+    int frames = 0, reports = 0;             // given to the system, whatever that did with them; to the requester
+    int refusals = 0;                        // that must have been answered with a resend
     int passes_before = 0, ticks_before = 0; // of the history, when its time began
 };
 
@@ -75,8 +74,9 @@ public:
         expect(e.frames == 1 || (e.end == ended::not_yet && !e.sending && !waits(e.k)), e,
                "resent though it is over, not out yet, or waited for");
         expect(e.frames <= 3 + e.refusals, e, "sent too often");
-        expect(f.addr == e.addr && f.seq == e.seq && f.len == length_at(e.addr), e, "its frame has another head");
-        expect(!is_write(e.k) || std::ranges::equal(f.data, data_at(e.addr, f.len)), e, "its frame has other data");
+        expect(f.addr == e.addr && f.seq == e.seq && f.len == length_at(e.addr) &&
+                   (!is_write(e.k) || std::ranges::equal(f.data, data_at(e.addr, f.len))),
+               e, "its frame has another head or other data");
         return &e;
     }
 
@@ -113,24 +113,28 @@ public:
         entry& e = entries[to];
         expect(!waits(e.k) && ++e.reports == 1 && !e.sending, e,
                "reported twice, too early, or though its sender waits");
-        expect(load_le32(&m[message::addr]) == e.addr &&
-                   m[message::code] == (is_write(e.k) ? command::write_ack : command::read),
-               e, "reported as another");
+        const bool as_itself = load_le32(&m[message::addr]) == e.addr &&
+                               m[message::code] == (is_write(e.k) ? command::write_ack : command::read);
         if (e.end == ended::not_yet) {
             give_up(e, 7); // ticks of 9: its first period began while it was sent
             expect(e.frames == 3 + e.refusals, e, "given up after another number of frames");
         } else {
             expect(!is_write(e.k), e, "reported though it was acknowledged");
         }
-        const size_t len = e.end == ended::well ? e.len : 0;
-        expect(static_cast<int32_t>(load_le32(&m[message::result])) == (e.end == ended::well ? 0 : -1), e,
-               "reported with the wrong result");
-        expect(m.size() == message_head_bytes + len && begins(m.subspan(message::payload), e.addr, len), e,
-               "reported with wrong data");
+        const bool well = e.end == ended::well;
+        const size_t len = well ? e.len : 0;
+        expect(as_itself && static_cast<int32_t>(load_le32(&m[message::result])) == (well ? 0 : -1) &&
+                   m.size() == message_head_bytes + len && begins(m.subspan(message::payload), e.addr, len),
+               e, "reported as another, with the wrong result, or with wrong data");
     }
 
-    // A check pass has woken its sender.
-    void woken_late(entry& e) { give_up(e, static_cast<int>(3 * e.timeout)); }
+    // A request that waits is given up by a check pass; one that does not, by its report.
+    void give_up(entry& e, int least_ticks)
+    {
+        expect(e.end == ended::not_yet, e, "given up though it was answered");
+        expect(passes - e.passes_before >= 3 && ticks - e.ticks_before >= least_ticks, e, "given up before its time");
+        e.end = ended::given_up;
+    }
 
     // Its call is back. ack, len: of those that wait; room: where its data is
     void returned(entry& e, int32_t result, uint8_t ack, size_t len, std::span<const uint8_t> room)
@@ -140,8 +144,8 @@ public:
         expect(result == (good ? 0 : -1), e, "its call returned the wrong result");
         if (!waits(e.k) || e.end == ended::not_sent) { return; }
         const size_t due = answered ? std::min(e.len, room.size()) : e.len;
-        expect(is_write(e.k) ? ack == e.status : len == due, e, "its call said something else than its answer");
-        expect(is_write(e.k) || !answered || begins(room, e.addr, due), e, "its call returned wrong data");
+        expect(is_write(e.k) ? ack == e.status : len == due && (!answered || begins(room, e.addr, due)), e,
+               "its call said something else than its answer, or returned wrong data");
     }
 
     // Nothing may be pending any more.
@@ -175,13 +179,6 @@ private:
         e.end = empty || too_long || status != ack_good ? ended::badly : ended::well;
         e.status = status;
         e.len = status == ack_good ? len : 0;
-    }
-
-    void give_up(entry& e, int least_ticks)
-    {
-        expect(e.end == ended::not_yet, e, "given up though it was answered");
-        expect(passes - e.passes_before >= 3 && ticks - e.ticks_before >= least_ticks, e, "given up before its time");
-        e.end = ended::given_up;
     }
 
     std::array<std::vector<size_t>, 4> of_kind; // entries by the order of their numbers

@@ -89,7 +89,7 @@ private:
         book.aged(handed_out);
         w.tick(handed_out);
         if (synchronous && w.woken() && book.entries[waiting].end == ended::not_yet) {
-            book.woken_late(book.entries[waiting]);
+            book.give_up(book.entries[waiting], static_cast<int>(3 * book.entries[waiting].timeout));
         }
     }
 
@@ -118,20 +118,10 @@ private:
     void request()
     {
         const auto k = static_cast<kind>(synchronous ? 2 * d.below(2) : d.below(4)); // at most one waits in the process
-        const uint32_t addr = 0x1000000 + 1000 * d.below(3) + d.below(8), timeout = 1 + d.below(6);
-        const size_t id = book.open(k, addr, timeout);
-        w.farm.write({static_cast<uint16_t>(id), 1}, addr, data_at(addr, reply_data_max));
-        if (waits(k)) { waiting = id, synchronous = true; }
-        senders.push_back(id);
-        make(id, k, addr, timeout);
-        senders.pop_back();
-        if (waits(k)) { synchronous = false; }
-    }
-
-    void make(size_t id, kind k, uint32_t addr, uint32_t ticks)
-    {
+        const uint32_t addr = 0x1000000 + 1000 * d.below(3) + d.below(8), ticks = 1 + d.below(6);
+        const size_t id = book.open(k, addr, ticks);
         const auto to = static_cast<uint32_t>(id);
-        const auto model = static_cast<uint16_t>(id); // by which the card tells requests apart
+        const auto card = static_cast<uint16_t>(id); // its model, by which it tells requests apart
         const auto data = data_at(addr, length_at(addr));
         const auto n = static_cast<uint32_t>(data.size());
         std::array<uint8_t, frame_data_max> all{};
@@ -139,19 +129,16 @@ private:
         uint8_t* const area = k == later_read ? ApMsgBuffGet(frame_data_max) : nullptr;
         uint8_t ack = 0;
         uint32_t got = 0;
-        int32_t result = 0;
-        switch (k) {
-        case later_write: result = RawSockSendMsgWithAck(to, 0, model, 1, addr, code_write_ack, data); break;
-        case waited_write:
-            result = RawSockSendMsgWithAckWait(0, model, 1, addr, code_write_ack, data, &ack, ticks);
-            break;
-        case later_read:
-            result = RawSockSendMsgWithRead(to, 0, model, 1, addr, code_read, n, {area, frame_data_max});
-            break;
-        case waited_read:
-            result = RawSockSendMsgWithReadWait(0, model, 1, addr, code_read, n, room, &got, ticks);
-            break;
-        }
+        w.farm.write({card, 1}, addr, data_at(addr, reply_data_max));
+        if (waits(k)) { waiting = id, synchronous = true; }
+        senders.push_back(id);
+        const int32_t result =
+            k == later_write    ? RawSockSendMsgWithAck(to, 0, card, 1, addr, code_write_ack, data)
+            : k == later_read   ? RawSockSendMsgWithRead(to, 0, card, 1, addr, code_read, n, {area, frame_data_max})
+            : k == waited_write ? RawSockSendMsgWithAckWait(0, card, 1, addr, code_write_ack, data, &ack, ticks)
+                                : RawSockSendMsgWithReadWait(0, card, 1, addr, code_read, n, room, &got, ticks);
+        senders.pop_back();
+        if (waits(k)) { synchronous = false; }
         if (result != 0) { ApMsgBuffFree(area); }
         book.returned(book.entries[id], result, ack, got, room);
     }

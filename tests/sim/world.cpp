@@ -57,11 +57,6 @@ bool is_held_at(const pthread_mutex_t* lock)
 
 bool is_links(const pthread_mutex_t* lock) { return lock == reinterpret_cast<pthread_mutex_t*>(&find_check_mtx[0]); }
 
-void call(const std::function<void()>& hook)
-{
-    if (hook) { hook(); }
-}
-
 } // namespace
 
 world::world()
@@ -127,12 +122,9 @@ int blocks_in_use()
 
 bytes_t data_at(uint32_t addr, size_t n)
 {
-    static const bytes_t all = [] {
-        std::minstd_rand numbers;
-        bytes_t made(70'000);
-        for (uint8_t& byte : made) { byte = static_cast<uint8_t>(numbers() >> 8); }
-        return made;
-    }();
+    static bytes_t all;
+    static std::minstd_rand numbers;
+    while (all.size() < 70'000) { all.push_back(static_cast<uint8_t>(numbers() >> 8)); }
     const auto begin = all.begin() + addr % 4096;
     return {begin, begin + static_cast<std::ptrdiff_t>(n)};
 }
@@ -168,7 +160,7 @@ void wrapped_free(void* data)
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t* lock)
 {
-    if (rvk::is_held_at(lock)) { rvk::call(here->before_send); }
+    if (rvk::is_held_at(lock) && here->before_send) { here->before_send(); }
     const int result = __real_pthread_mutex_lock(lock);
     if (rvk::is_links(lock)) { rvk::is_link_held = true; }
     return result;
@@ -178,7 +170,7 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* lock)
 {
     if (rvk::is_links(lock)) { rvk::is_link_held = false; }
     const int result = __real_pthread_mutex_unlock(lock);
-    if (rvk::is_held_at(lock)) { rvk::call(here->after_send); }
+    if (rvk::is_held_at(lock) && here->after_send) { here->after_send(); }
     return result;
 }
 
