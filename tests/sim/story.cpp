@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 namespace rvk {
@@ -163,9 +164,9 @@ struct player : story {
         if (is("read_wait")) { result = RawSockSendMsgWithReadWait(link, 0, 1, at, code_read, n, dest, &got, ticks); }
         if (result == -2) { how.push_back("no kind of request " + kind); }
         if (result != 0) { ApMsgBuffFree(area), how.emplace_back("failed"); }
-        const bool is_told = is("write_wait") || is("write_again");
-        if (is_told && ack != (result == 0 ? ack_good : no_answer)) { how.push_back("status " + std::to_string(ack)); }
-        if (is("read_wait") && result != 0 && got != 0) { how.push_back(std::to_string(got) + " bytes said"); }
+        const uint8_t due = is("write_wait") || is("write_again") ? (result == 0 ? ack_good : no_answer) : 0;
+        if (ack != due) { how.push_back("status " + std::to_string(ack)); }
+        if (result != 0 && got != 0) { how.push_back(std::to_string(got) + " bytes said"); }
         if (is("read_wait") && result == 0) { how.push_back(bytes_said(room, got, at)); }
     }
 
@@ -233,27 +234,23 @@ struct player : story {
         return fits ? (echoes ? word : "") + bytes_said(data, count, addr) : "wrong data";
     }
 
-    // What is wrong with the frames: every one is a good one; one to the same address is the same again; a piece
-    // follows the piece before it.
+    // Every frame is a good one; those that follow the first one have the number of their piece, resent ones too.
     void judge_frames()
     {
-        std::map<uint32_t, bytes_t> seen;
-        request_fields last_new;
+        std::optional<uint16_t> first;
         const uint32_t size = is("command") ? number("len", 4) : n;
         for (const bytes_t& frame : w.frames) {
             request_fields f;
             if (check_request(frame, f) != verdict::good) { return how.push_back("a bad frame"); }
-            const bool is_new = seen.emplace(f.addr, frame).second, is_numbered = f.code != code_write;
-            const uint32_t at = f.addr - number("addr", usual_addr);
-            const bool follows =
-                seen.size() == 1 || f.seq == static_cast<uint16_t>(last_new.seq + (is_numbered ? 1 : 0));
+            const uint32_t at = f.addr - number("addr", usual_addr),
+                           piece = f.code == code_write ? 0 : at / frame_data_max;
+            if (!first || is("write_again")) { first = f.seq; }
             const bool right = f.model == number("model", 0) && f.slot == number("slot", 1) &&
                                at % frame_data_max == 0 && at < size &&
-                               f.len == std::min<size_t>(size - at, frame_data_max) && (follows || !is_new) &&
+                               f.len == std::min<size_t>(size - at, frame_data_max) &&
+                               f.seq == static_cast<uint16_t>(*first + piece) &&
                                (f.code == code_read || std::ranges::equal(f.data, data_at(f.addr, f.len)));
-            if (!is_new && !is("write_again") && seen[f.addr] != frame) { how.emplace_back("resent with changes"); }
             if (!right) { how.emplace_back("a wrong frame"); }
-            if (is_new) { last_new = f; }
         }
     }
 
