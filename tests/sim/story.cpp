@@ -31,18 +31,6 @@ constexpr char answers[] =
     " good short refused none empty most too_much other_number other_address other_kind unknown_code "
     "damaged lying tail stranger runt ";
 
-// What is there several times stands once, with how often.
-std::string joined(words all)
-{
-    std::string text;
-    while (!all.empty()) {
-        const std::string word = all.front();
-        const auto times = std::erase(all, word);
-        text += (text.empty() ? "" : ", ") + word + (times > 1 ? " *" + std::to_string(times) : "");
-    }
-    return text;
-}
-
 // How many bytes came where they were to go, and whether they are those of the address; what is behind stays untouched.
 std::string bytes_said(std::span<const uint8_t> all, size_t n, uint32_t addr)
 {
@@ -280,7 +268,8 @@ struct player : story {
         if (blocks_in_use() != 0) { how.emplace_back("blocks are left"); }
         judge_frames();
         for (size_t i = 0; i < told; ++i) { how.push_back(heard(w.messages[i].bytes, w.messages[i].to)); }
-        std::string end = joined(how);
+        std::string end;
+        for (const std::string& one : how) { end += (end.empty() ? "" : ", ") + one; }
         if (end.empty() && (is("command") || is("read"))) { end = "nothing"; }
         if (end.empty() || (!is("command") && end == std::to_string(n) + " bytes")) { end = "done"; }
         if (waited_us != 0) { end += " after " + std::to_string(waited_us / tick_time_us) + " ticks"; }
