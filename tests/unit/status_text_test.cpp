@@ -51,15 +51,12 @@ TEST(StatusText, BothSayTheSame)
         if (line[0] != '#') { seen[line.substr(blank + 1)] += 1'000; }
     }
     for (int i = 0; i < figures; ++i) { EXPECT_EQ(seen[std::to_string(100'000 + i)], 1'001) << i; }
-    EXPECT_EQ(json["commands"]["file_write"].dump(), samples.at("rvkd_commands_total{command=\"file_write\"}"));
     EXPECT_EQ(json["links"][2]["dropped"]["no_such_request"].dump(),
               samples.at("rvkd_frames_dropped_total{link=\"2\",cause=\"no_such_request\"}"));
-    EXPECT_EQ(samples.at("rvkd_up_seconds"), "60.500000");
     const auto answers = json["links"][0]["answers"];
     EXPECT_EQ(answers["at_most_us"]["16"].dump() + answers["at_most_us"]["1024"].dump() + answers["longer"].dump(),
               "212");
     EXPECT_EQ(samples.at("rvkd_answer_seconds_bucket{link=\"0\",le=\"0.000032\"}"), "3");
-    EXPECT_EQ(samples.at("rvkd_answer_seconds_bucket{link=\"0\",le=\"+Inf\"}"), "7");
     EXPECT_EQ(samples.at("rvkd_answer_seconds_sum{link=\"0\"}"), "4001.049610");
     set_all(UINT64_MAX, 0); // the largest figures fit
     for (const auto write : {write_json, write_prometheus}) {
