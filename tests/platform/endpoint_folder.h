@@ -9,14 +9,11 @@
 
 namespace rvk {
 
-class endpoint_folder {
-public:
+struct endpoint_folder {
     endpoint_folder()
     {
-        char name[] = "/tmp/rvk-endpoints-XXXXXX";
-        if (mkdtemp(name) == nullptr) { throw std::runtime_error("no folder below /tmp"); }
-        path = name;
-        setenv("APIPC_DIR", name, 1);
+        if (mkdtemp(path.data()) == nullptr) { throw std::runtime_error("no folder below /tmp"); }
+        setenv("APIPC_DIR", path.c_str(), 1);
         unsetenv("APCARD_SELF");
     }
     ~endpoint_folder()
@@ -26,11 +23,8 @@ public:
         unsetenv("APIPC_DIR");
     }
     endpoint_folder(const endpoint_folder&) = delete;
-    endpoint_folder& operator=(const endpoint_folder&) = delete;
 
-    [[nodiscard]] std::string file(const std::string& name) const { return path + "/" + name; }
-
-    std::string path;
+    std::string path = "/tmp/rvk-endpoints-XXXXXX";
 };
 
 } // namespace rvk
