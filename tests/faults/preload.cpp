@@ -1,12 +1,11 @@
-// Loaded into the real daemon (LD_PRELOAD): the calls listed below are counted, and one of them fails, or kills the
-// daemon, as a plan says. Loaded into anything else, a shell that the daemon starts for one, it changes nothing.
+// Loaded into the real daemon (LD_PRELOAD): the calls listed below are counted, and one of them fails as a plan
+// says. Loaded into anything else, a shell that the daemon starts for one, it changes nothing.
 //
 // The plan is a file that both map; the test's side of it is faults_test.py. What the daemon's status thread calls all
 // the time, whatever the daemon is asked to do, is neither counted nor fails.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -24,13 +23,9 @@ namespace {
 
 struct shared_plan {
     std::atomic<int32_t> nth; // counts down with each call of the name; the one that makes it 0 fails; 0: none fails
-    int32_t lasting;          // those behind it fail too
-    int32_t error;            // errno; 0: `value` is returned as if it had been done; -1: the daemon is killed
-    int32_t value;
+    int32_t lasting, error, value; // those behind it fail too; errno; 0: `value` is returned as if it had been done
     char name[16];
-    std::atomic<int32_t> failed;
-    std::atomic<int32_t> looks_asked,
-        looks_given; // the pool's waiting blocks go back to the system, the rest is counted
+    std::atomic<int32_t> looks_asked, looks_given; // waiting blocks go back to the system, the rest is counted
     int32_t in_use[8];
     struct {
         char name[16];
@@ -48,8 +43,7 @@ __attribute__((constructor)) void map_plan()
     if (path == nullptr || strcmp(program_invocation_short_name, "rvkd") != 0) { return; }
     const int fd = open(path, O_RDWR | O_CLOEXEC);
     void* const shared = mmap(nullptr, sizeof(shared_plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (fd < 0 || shared == MAP_FAILED) { abort(); }
-    close(fd);
+    if (shared == MAP_FAILED || close(fd) != 0) { abort(); }
     daemon_process = getpid();
     plan = static_cast<shared_plan*>(shared);
 }
@@ -67,8 +61,6 @@ bool fails(const char* name, long* value)
     ++call->seen;
     if (plan->nth == 0 || strcmp(plan->name, name) != 0 || --plan->nth > 0) { return false; }
     plan->nth = plan->lasting;
-    ++plan->failed;
-    if (plan->error < 0) { kill(getpid(), SIGKILL); }
     if (plan->error != 0) { errno = plan->error; }
     *value = plan->error != 0 ? -1 : plan->value;
     return true;
@@ -92,19 +84,11 @@ void look_at_pool()
     plan->looks_given = asked;
 }
 
-ssize_t write_log(void*, const char* bytes, size_t count)
-{
-    static const int fd = open("/var/log/rvk_log0.txt", O_WRONLY | O_APPEND | O_CLOEXEC);
-    long value = 0;
-    return fails("log", &value) ? std::max(value, 0L) : write(fd, bytes, count);
-}
-
-bool is_message(int fd)
+bool is_message(long fd)
 {
     int domain = 0;
     socklen_t length = sizeof domain;
-    getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &length);
-    return domain == AF_UNIX;
+    return getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 && domain == AF_UNIX;
 }
 
 } // namespace
@@ -119,8 +103,8 @@ bool is_message(int fd)
         long value = 0;                                                                                 \
         return fails(name, &value) ? value : real(a, b, c, d, e, f);                                    \
     }
-CALL(is_message(static_cast<int>(a)) ? "send_message" : "send_frame", sendto)
-CALL(is_message(static_cast<int>(a)) ? "recv_message" : "recv_frame", recvfrom)
+CALL(is_message(a) ? "send_message" : "send_frame", sendto)
+CALL(is_message(a) ? "recv_message" : "recv_frame", recvfrom)
 // clang-format off
 CALL("open", open64) CALL("open", __open64_2) CALL("stat", stat64) CALL("stat", lstat64) CALL("stat", fstat64)
 CALL("access", access) CALL("read", read) CALL("ftruncate", ftruncate64) CALL("madvise", madvise) CALL("poll", poll)
@@ -150,19 +134,6 @@ CALL("affinity", sched_setaffinity) CALL("setitimer", setitimer)
         long value = 0;
         const bool cut = fails("pwrite", &value);
         return cut && value <= 0 ? value : syscall(SYS_pwrite64, fd, bytes, cut ? static_cast<size_t>(value) : n, at);
-    }
-
-    // The daemon opens one thing as a stream, its log, whose writes the library makes by itself.
-    FILE* hook_fopen(const char* path, const char* mode) asm("fopen64");
-    FILE* hook_fopen(const char* path, const char* mode)
-    {
-        static const auto real = reinterpret_cast<decltype(&hook_fopen)>(dlsym(RTLD_NEXT, "fopen64"));
-        long value = 0;
-        if (fails("fopen", &value)) { return nullptr; }
-        FILE* const file = real(path, mode);
-        if (plan == nullptr || file == nullptr) { return file; }
-        fclose(file); // it is there, and empty
-        return fopencookie(nullptr, "w", {nullptr, write_log, nullptr, nullptr});
     }
 
     // The daemon's one way to sleep.
