@@ -24,9 +24,9 @@ namespace {
 struct shared_plan {
     std::atomic<int32_t> nth; // counts down with each call of the name; the one that makes it 0 fails; 0: none fails
     int32_t lasting, error, value; // those behind it fail too; errno; 0: `value` is returned as if it had been done
-    char name[16];
     std::atomic<int32_t> looks_asked, looks_given; // waiting blocks go back to the system, the rest is counted
     int32_t in_use[8];
+    char name[16];
     struct {
         char name[16];
         std::atomic<int32_t> seen;
