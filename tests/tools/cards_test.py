@@ -48,4 +48,4 @@ class Frames(bench.BenchTest):
         self.assertEqual(saved, {at & 0xFFFFFFFF: byte for at, byte in held.items()})
 
 
-transcript.main(__file__)
+transcript.main("cards")

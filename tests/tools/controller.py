@@ -13,7 +13,6 @@ Of w, p and r a word `@OFF:BYTE` changes a byte of the frame, `cut:N` its size, 
 `sum` makes that right behind other changes.
 """
 import glob
-import os
 import re
 import signal
 import socket
@@ -21,7 +20,7 @@ import struct
 
 import bench
 
-TO_CARD, TO_HOST = b"\xeb\x90" * 3, b"\x44" * 6
+TO_CARD, TO_HOST = bench.PlayedCard.TO_CARD, bench.PlayedCard.TO_HOST
 CODES = {"r": 0x00, "p": 0x01, "w": 0x11}
 PORTS = {"demo": (0x7080, 0x60000), "other": (0x7040, 0x40000)}
 REGISTERS = (0x11F00000, 0x11F00004, 0x11F00008, 0x11F0000C, 0x11F00010, 0x18200000, 0x18200002)
@@ -85,10 +84,10 @@ class Controller:
                 expected = [answer for answer in answers.strip().split(",") if answer] if "=" in step else expected
             self.exchange(step, frames, expected)
         if state:
-            name = f"card0-model{self.model}-slot{self.slot}.txt"
+            path = f"{self.cards.folder}/card0-model{self.model}-slot{self.slot}.txt"
             self.cards.child.send_signal(signal.SIGUSR1)
-            held = bench.wait_until(lambda: f"\n{state}" in "\n" + bench.text_of(os.path.join(self.cards.folder, name)))
-            assert held, f"{state!r} is not what the cards hold: {bench.text_of(os.path.join(self.cards.folder, name))}"
+            held = bench.wait_until(lambda: f"\n{state}" in "\n" + bench.text_of(path))
+            assert held, f"{state!r} is not what the cards hold: {bench.text_of(path)}"
 
     def exchange(self, step, frames, expected):
         if len(frames) > 1 and " + " in step:
@@ -122,36 +121,32 @@ class Controller:
         plain = [argument for argument, _ in arguments]
         last = next((m for _, m in arguments if m), mark)
         if verb in CODES:
-            return [(self.tampered(verb, plain[0], plain[1], plain[2:]), last)]
-        if verb == "at":
-            self.model, self.slot = (int(part) for part in plain[0].split("."))
-            return []
-        if verb == "other":
-            self.port = "other"
-            return []
-        if verb == "image":
-            self.file = file_of(int(plain[0]))
+            return [(self.tampered(verb, *plain[:2], plain[2:]), last)]
+        if verb in ("at", "other", "image"):
+            if verb == "at":
+                self.model, self.slot = (int(part) for part in plain[0].split("."))
+            self.port = "other" if verb == "other" else self.port
+            self.file = file_of(int(plain[0])) if verb == "image" else self.file
             return []
         if verb == "put":
-            size = struct.pack("<BHHB", 0, *(int(side) for side in plain[0].split("x")), int(plain[1]))
             self.sent = 0
-            return [(self.write(PORTS[self.port][0], size), last)]
-        if verb in ("start", "end", "control"):
-            block = bytes_in({"start": "01", "end": "00"}.get(verb) or plain[0])
+            block = struct.pack("<BHHB", 0, *map(int, [*plain[0].split("x"), plain[1]]))
             return [(self.write(PORTS[self.port][0], block), last)]
+        if verb in ("start", "end", "control"):
+            block = {"start": "01", "end": "00"}.get(verb) or plain[0]
+            return [(self.write(PORTS[self.port][0], bytes_in(block)), last)]
         if verb == "regs":
             return [(self.register(int(number)), m) for number, m in arguments or [(n, "") for n in range(1, 8)]]
         if verb == "reg":
             return [(self.write(REGISTERS[int(plain[0]) - 1], bytes_in(plain[1])), last)]
-        return [(self.piece_of(verb, argument), m) for argument, m in arguments]
+        return [({"data": self.data, "piece": self.piece}[verb](argument), m) for argument, m in arguments]
 
-    def piece_of(self, verb, argument):
-        if verb == "data":
-            at, self.sent = self.sent, self.sent + int(argument)
-            return self.write(PORTS[self.port][1], bench.content(16, self.sent)[at:])
-        number, change, by = re.fullmatch(r"(\d+)(?:([-+^])(\d+))?", argument).groups()
-        if verb != "piece":
-            raise ValueError(f"no such step: {verb}")
+    def data(self, size):
+        at, self.sent = self.sent, self.sent + int(size)
+        return self.write(PORTS[self.port][1], bench.content(16, self.sent)[at:])
+
+    def piece(self, text):
+        number, change, by = re.fullmatch(r"(\d+)(?:([-+^])(\d+))?", text).groups()
         piece = bytearray(self.file[(int(number) - 1) * PIECE : int(number) * PIECE])
         if change == "^":
             piece[int(by)] ^= 1
@@ -161,8 +156,7 @@ class Controller:
 
     def register(self, number):
         size = struct.pack("<I", len(self.file))
-        model = struct.pack(">H", 0x0102)
-        values = (size, bytes(4), b"\1\0\0\0", size, b"\0", model, bytes([0, 0, self.slot]))
+        values = (size, bytes(4), b"\1\0\0\0", size, b"\0", b"\1\2", bytes([0, 0, self.slot]))
         return self.write(REGISTERS[number - 1], values[number - 1])
 
     def write(self, addr, data):
@@ -178,15 +172,13 @@ class Controller:
         frame = summed(self.bare(verb, int(addr, 16), data, int(what) if verb == "r" else len(data)))
         for change in changes:
             key, _, value = change.partition(":")
-            if key == "":
-                continue  # the mark stood alone
             if key == "sum":
                 frame = summed(frame[:-2])
             elif key == "cut":
                 frame = frame[: int(value)]
             elif key == "size":
                 frame = summed(frame[:-2].ljust(int(value), b"\0")[: int(value) - 2])
-            else:
+            elif key:  # otherwise the mark stood alone
                 place = int(key.removeprefix("@"))
                 frame = frame[:place] + bytes.fromhex(value) + frame[place + len(value) // 2 :]
         return frame

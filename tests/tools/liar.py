@@ -15,24 +15,21 @@ import time
 
 import bench
 
-NAMES = {bench.GREETING: "hello", bench.READ: "read", bench.WRITE: "plain", bench.WRITE_ACK: "write",
-         bench.FILE_WRITE: "put", bench.FILE_READ: "get", bench.UPDATE: "update"}
-TEXT = b"Hello, I am rvk module!"
+NAMES = {bench.READ: "read", bench.WRITE: "plain", bench.WRITE_ACK: "write"}
+MANNERS = "greetings answers result good missing claims strays reports delay at late spoilt from"
 
 
 def told(m):
     """A command as a transcript has it: code, model.slot, address and length."""
     name = NAMES.get(m.code, f"code {m.code:02x}")
-    return name if m.code == bench.GREETING else f"{name} {m.model:x}.{m.slot:x} {m.addr:x}+{m.len}"
+    return "hello" if m.code == bench.GREETING else f"{name} {m.model:x}.{m.slot:x} {m.addr:x}+{m.len}"
 
 
 class Liar(threading.Thread):
     def __init__(self, board=1, **how):
         super().__init__(daemon=True)
         self.how = {key: value if value in ("yes", "no") else int(value, 0) for key, value in how.items()}
-        unknown = set(how) - {"greetings", "answers", "result", "good", "missing", "claims", "strays", "reports", "delay",
-                              "at", "late", "spoilt", "from"}
-        if unknown:
+        if unknown := set(how) - set(MANNERS.split()):
             raise ValueError(f"no such manner: {unknown}")
         os.makedirs("/run/apipc", exist_ok=True)
         self.own = bench.identity(board=int(board))
@@ -62,9 +59,8 @@ class Liar(threading.Thread):
         self.how[what] = max(left - 1, 0)
         return left > 0
 
-    def say(self, to, by=None, **fields):
-        message = bench.Message(self.own, **fields)
-        (by or self.end).send(message.pack(), to.aptid)
+    def say(self, to, message, by=None):
+        (by or self.end).send(message.pack(), to)
 
     def handle(self, m):
         if self.how.get("strays"):
@@ -84,19 +80,25 @@ class Liar(threading.Thread):
             return None
         result = 0 if self.use("good") else self.how.get("result", 0)
         data = self.data_of(m) if m.code == bench.READ and result == 0 else b""
-        return self.answer(m, result, data)
+        claimed = len(data) + self.how.get("claims", 0)
+        same = m._replace(aptid=self.own, module=bench.SELF, result=result, length=claimed, payload=data)
+        return self.say(m.aptid, same)
 
     def greet(self, m):
         if "greetings" not in self.how or self.use("greetings"):
-            self.say(m, length=72, data_len=46, code=bench.GREETING, len=32, payload=TEXT.ljust(72, b"\0"))
+            text = b"Hello, I am rvk module!".ljust(72, b"\0")
+            self.say(m.aptid, bench.Message(self.own, length=72, data_len=46, code=bench.GREETING, len=32, payload=text))
         if self.how.get("late"):
-            self.say(m, result=-1, data_len=14, code=bench.WRITE_ACK, seq=m.seq - 1 or 9, addr=0x20)
+            self.say(m.aptid, self.failed(0x20)._replace(seq=m.seq - 1 or 9))
         time.sleep(self.how.get("delay", 0) / 1000)
         self.report()
 
+    def failed(self, addr):
+        return bench.Message(self.own, length=40, result=-1, data_len=14, code=bench.WRITE_ACK, slot=0, addr=addr)
+
     def report(self):
         for m in self.to_report:
-            self.say(m, length=40, result=-1, data_len=14, code=bench.WRITE_ACK, slot=0, addr=m.addr + self.how.get("at", 0))
+            self.say(m.aptid, self.failed(m.addr + self.how.get("at", 0)))
         self.to_report = []
 
     def data_of(self, m):
@@ -114,9 +116,9 @@ class Liar(threading.Thread):
 
     def say_strays(self, m):
         no = m._replace(aptid=self.own, result=-1, payload=b"")
-        self.end.send(no._replace(code=m.code ^ 0x40).pack(), m.aptid)
-        self.stranger.send(no._replace(aptid=self.own + 1).pack(), m.aptid)
+        self.say(m.aptid, no._replace(code=m.code ^ 0x40))
+        self.say(m.aptid, no._replace(aptid=self.own + 1), self.stranger)
         if m.code != bench.GREETING:
             for field in ("seq", "addr", "slot", "model"):
-                self.end.send(no._replace(**{field: getattr(no, field) ^ 1}).pack(), m.aptid)
+                self.say(m.aptid, no._replace(**{field: getattr(no, field) ^ 1}))
             self.end.send(no.pack()[:20], m.aptid)

@@ -1,11 +1,11 @@
-"""Plays transcripts: what a person types and reads, and what cards are sent and say. A test program of these few words
-plays the texts of its name (cards_test.py: cards.txt, cards-*.txt):
+"""Plays transcripts: what a person types and reads, and what cards are sent and say. The texts of a name are cards.txt
+and cards-*.txt:
 
     # title                 a scene: everything below it happens in one world, which ends with it, in a folder of its own
     ~ cards [0,2] OPTION…   simulated cards on link 0 or on those named, in place of the last ones
     ~ daemon, ~ liar …      rvkd; a daemon that lies (liar.py says how), in place of the last one
     ~ file NAME BYTES       a file without a byte alike elsewhere; `~ do COMMAND`: a shell's, that must end well
-    ~ until COMMAND         waits until it ends well
+    ~ until COMMAND         waits until it ends well; `~ needs TOOL`: where that is missing, the whole program is skipped
     & COMMAND               runs beside all that follows
     > STEPS                 frames that the test sends to the cards itself, and their answers (controller.py)
     $ COMMAND               a shell's. Below it stands all that it says; of rvkdiag's standard error what is not its log
@@ -14,8 +14,7 @@ plays the texts of its name (cards_test.py: cards.txt, cards-*.txt):
       {"exit_status": 0}    with --json: an object of the answer's has these members; each must be as its schema says
       ? code, code          what the liar was asked since the last such line, or `nothing`
       % 3                   so many frames came to the cards, which end then
-      ^C                    once the lines above are there, the command is interrupted
-      = 3 a text            its exit status, where it is not 0; with a text: it says this in one line on standard error
+      = 3 a text            its exit status, where it is not 0; with a text: the last line on standard error has this
 `$ frames 1 2` and `$ summary` end the cards and show what those links were asked, which must be the same, and their own
 words; .state is what they held then, .pcap/all1.pcap what went over link 1 in this scene. In a line … is any text, {n} a
 number; a line of … alone is any lines; empty ones do not count. What is not understood fails, and so does a command of which
@@ -28,7 +27,6 @@ import pathlib
 import re
 import shlex
 import shutil
-import signal
 import struct
 import subprocess
 import sys
@@ -46,28 +44,24 @@ class Step:
     def __init__(self, place, kind, text):
         self.place, self.kind, self.text = place, kind, text
         self.out, self.err, self.objects = [], [], []
-        self.asked = self.status = self.interrupt = self.requests = None
+        self.asked = self.status = self.requests = None
 
     def takes(self, line):
         """A line below a command. Result: it was understood."""
         mark, rest = line[:2], line[2:]
         if mark == "= " and self.status is None and rest[0].isdigit():
             status, _, says = rest.partition(" ")
-            self.status, self.err = int(status), self.err + ["…" + says + "…"] * (says != "")
+            self.status, self.err = int(status), self.err + ["…", f"…{says}…"] * (says != "")
         elif mark == "! ":
             self.err.append(rest)
         elif mark == "% " and self.requests is None:
             self.requests = int(rest)
         elif mark == "? " and self.asked is None:
             self.asked = rest
-        elif line == "^C" and self.interrupt is None:
-            self.interrupt = [*self.out] or ["{…"] * len(self.objects)
         elif line[0] == "{" and "--json" in self.text:
             self.objects.append(json.loads(line))
-        elif mark == "| ":
-            self.out.append(rest)
-        elif line[0] not in "=!?%^{|":
-            self.out.append(line)
+        elif mark == "| " or line[0] not in "=!?%{|":
+            self.out.append(rest if mark == "| " else line)
         else:
             return False
         return True
@@ -78,8 +72,8 @@ class Step:
             return True
         self.text, _, rest = self.text.partition(" -> ")
         said = re.split(r"  (?=[?%] )", rest)
-        lines = [("= " + said[0][1:] if said[0][0] == "=" else "| " + said[0])] if said[0] else []
-        return all(self.takes(line) for line in lines + said[1:])
+        first = re.sub("^=", "= ", said[0]) if said[0][:1] in ("=", "{") else "| " + said[0]
+        return all(self.takes(line) for line in [first] * bool(said[0]) + said[1:])
 
     def is_empty(self):
         return self.kind == "$" and not (self.out or self.err or self.objects) and self.status is self.requests is None
@@ -88,6 +82,8 @@ class Step:
 def scenes_of(path):
     """Result: title and steps of each scene."""
     scenes, steps = [], None
+    for tool in re.findall("^~ needs (.*)$", bench.text_of(path), re.MULTILINE):
+        bench.needs(tool)
     for number, line in enumerate(bench.text_of(path).splitlines(), 1):
         place, line = f"{os.path.basename(path)}:{number}", line.rstrip()
         if line.startswith("# "):
@@ -100,11 +96,8 @@ def scenes_of(path):
                 sys.exit(f"{place}: not understood: {line}")
         elif line and not (steps and steps[-1].kind == "$" and steps[-1].takes(line)):
             sys.exit(f"{place}: not understood: {line}")
-    for title, steps in scenes:
-        if not steps or any(step.is_empty() for step in steps):
-            sys.exit(f"{path}: '{title}' has no steps, or a command of which nothing is said")
-    if not scenes:
-        sys.exit(f"{path} holds no scene")
+    if not scenes or any(not steps or any(step.is_empty() for step in steps) for _, steps in scenes):
+        sys.exit(f"{path} has no scene, one without a step, or a command of which nothing is said")
     return scenes
 
 
@@ -124,11 +117,10 @@ def is_part(wanted, got):
 
 
 def objects_in(output):
-    at = 0
-    while at < len(output.rstrip()):
-        found, at = json.JSONDecoder().raw_decode(output, at)
+    while output := output.lstrip():
+        found, at = json.JSONDecoder().raw_decode(output)
+        output = output[at:]
         yield found
-        at += len(output[at:]) - len(output[at:].lstrip())
 
 
 def frames_in(path):
@@ -157,7 +149,11 @@ def requests_in(path):
 class Play:
     def __init__(self, test):
         self.test, self.cards, self.liar, self.rows, self.said = test, None, None, 0, ""
-        test.addCleanup(lambda: self.liar and self.liar.stop())
+        test.addCleanup(self.stop_liar)
+
+    def stop_liar(self):
+        if self.liar:
+            self.liar.stop()
 
     def step(self, step):
         try:
@@ -172,24 +168,21 @@ class Play:
             self.end_cards()
             named = bool(words) and re.fullmatch("[0-2](,[0-2])*", words[0])
             links = [int(link) for link in words.pop(0).split(",")] if named else [0]
-            self.cards, self.said, self.links = self.test.cards("--pcap", HERE + "/.pcap", *words, links=links), "", links
+            self.cards, self.said, self.links = self.test.cards(*words, links=links), "", links
             subprocess.run(["ln", "-sfn", self.cards.folder, ".state"], check=True)
         elif what == "daemon":
             self.test.daemon(*words)
         elif what == "liar":
-            if self.liar:
-                self.liar.stop()
+            self.stop_liar()
             self.liar = Liar(**dict(word.split("=") for word in words))
         elif what == "file":
-            name, size = words
-            with open(name, "wb") as file:
-                file.write(bench.content(int(size), int(size)))
+            pathlib.Path(words[0]).write_bytes(bench.content(int(words[1]), int(words[1])))
         elif what == "do":
             subprocess.run(["sh", "-ec", rest], check=True, env=environment())
         elif what == "until":
             held = bench.wait_until(lambda: subprocess.run(["sh", "-c", rest], env=environment()).returncode == 0)
             self.test.assertTrue(held, "did not come about")
-        else:
+        elif what != "needs":
             raise AssertionError("no such world")
 
     def end_cards(self):
@@ -197,8 +190,8 @@ class Play:
         if self.cards and not self.said:
             self.said = self.cards.stop()
             for link in self.links:
-                with open(f".pcap/all{link}.pcap", "ab") as kept, open(f".pcap/card{link}.pcap", "rb") as file:
-                    kept.write(file.read()[24 if kept.tell() else 0 :])
+                with open(f".pcap/all{link}.pcap", "ab") as kept:
+                    kept.write(self.cards.file(f"pcap/card{link}.pcap")[24 if kept.tell() else 0 :])
 
     def start(self, command):
         process = bench.Process(["bash", "-c", command], environment(), apart=True, start_new_session=True, cwd=HERE)
@@ -208,37 +201,31 @@ class Play:
         os.environ["LAST"] = str(self.start(step.text).pid)
 
     def command(self, step):
-        out, err, status = self.built_in(step.text) or self.run(step)
+        out, err, status = self.built_in(step.text) or self.run(step.text)
         if "rvkdiag" in step.text:
             err = "".join(line for line in err.splitlines(True) if re.match(r"[a-z]+: ", line))
         said = f"said: {out}\n! {err}\n= {status}"
         objects = list(objects_in(out)) if step.objects else []
-        self.test.assertTrue(len(objects) == len(step.objects) or step.interrupt is not None, said)
+        self.test.assertEqual(len(objects), len(step.objects), said)
         for wanted, got in zip(step.objects, objects):
             self.check_object(wanted, got, said)
         self.test.assertTrue(step.objects or matches(step.out, [line for line in out.splitlines() if line]), said)
-        self.test.assertTrue(matches(step.err, err.splitlines()), said)
-        self.test.assertEqual(status, step.status or 0, said)
+        self.test.assertTrue(matches(step.err, err.splitlines()) and status == (step.status or 0), said)
         if step.requests is not None:
             self.test.assertEqual(bench.numbers(r"received (\d+) frames", self.built_in("summary")[0]), [step.requests], said)
         if step.asked is not None:
             asked = ", ".join(self.liar.take_asked()) or "nothing"
             self.test.assertTrue(matches([step.asked], [asked]), f"asked: {asked}")
 
-    def run(self, step):
-        process = self.start(step.text)
-        if step.interrupt is not None:
-            shown = bench.wait_until(lambda: matches([*step.interrupt, "…"], process.output.splitlines()))
-            self.test.assertTrue(shown, f"said: {process.output}\n! {process.errors}")
-            os.killpg(process.pid, signal.SIGINT)
+    def run(self, command):
+        process = self.start(command)
         status = process.end()
         return process.output, process.errors, status
 
     def check_object(self, wanted, got, said):
         import jsonschema  # a module of Debian's that not every machine has: only its own test needs it
 
-        with open(SCHEMA, encoding="utf-8") as file:
-            jsonschema.validate(got, json.load(file), cls=jsonschema.Draft202012Validator)
+        jsonschema.validate(got, json.loads(bench.text_of(SCHEMA)), cls=jsonschema.Draft202012Validator)
         self.test.assertTrue(is_part(wanted, got), said)
 
     def built_in(self, text):
@@ -248,7 +235,7 @@ class Play:
         self.end_cards()
         if words[0] == "summary":
             return self.said, "", 0
-        seen = ["\n".join(requests_in(f".pcap/card{link}.pcap")) for link in words[1:]]
+        seen = ["\n".join(requests_in(f".state/pcap/card{link}.pcap")) for link in words[1:]]
         return seen[0] if len(set(seen)) == 1 else f"they differ: {seen}", "", 0
 
     def frames(self, step):
@@ -263,18 +250,15 @@ def environment():
 
 def wrap_programs():
     """A script for each program, so that a shell finds it, and its emulator where it needs one."""
-    os.makedirs(PROGRAMS, exist_ok=True)
     for name in os.listdir(bench.BIN):
-        with open(f"{PROGRAMS}/{name}", "w", encoding="ascii") as file:
-            file.write(f'#!/bin/sh\nexec {shlex.join(bench.program(name))} "$@"\n')
-        os.chmod(f"{PROGRAMS}/{name}", 0o755)
+        bench.lay_tool(f"{PROGRAMS}/{name}", f'exec {shlex.join(bench.program(name))} "$@"')
 
 
 def test_of(steps):
     def test(self):
         for folder in (HERE, "/run/apipc"):
             shutil.rmtree(folder, ignore_errors=True)
-        os.makedirs(HERE)
+        os.makedirs(HERE + "/.pcap")
         os.chdir(HERE)
         play = Play(self)
         for step in steps:
@@ -283,17 +267,15 @@ def test_of(steps):
     return test
 
 
-def main(file):
-    """Plays the texts of a test program beside the tests that it has itself."""
-    module = sys.modules["__main__"]
-    stem = os.path.abspath(file).removesuffix("_test.py")
-    texts = sorted(glob.glob(stem + ".txt") + glob.glob(stem + "-*.txt"))
+def main(stem):
+    """Plays the texts of a name beside the tests that the program has itself."""
+    texts = sorted(glob.glob(f"{TEXTS}/{stem}.txt") + glob.glob(f"{TEXTS}/{stem}-*.txt"))
     if not texts:
-        sys.exit(f"no text beside {file}")
+        sys.exit(f"no text is called {stem}")
     for path in texts:
         tests = {f"test_{n:02}_{title}": test_of(steps) for n, (title, steps) in enumerate(scenes_of(path), 1)}
         name = os.path.basename(path).removesuffix(".txt")
-        setattr(module, name, type(name, (bench.BenchTest,), tests))
+        setattr(sys.modules["__main__"], name, type(name, (bench.BenchTest,), tests))
     if bench.BIN:
         wrap_programs()
     bench.main()

@@ -1,4 +1,0 @@
-"""rvkctl, as a person has it before them."""
-import transcript
-
-transcript.main(__file__)
