@@ -1,17 +1,16 @@
-"""The controller's side of link 0, played by a test that sends cards whatever it likes and looks at what they answer.
-
-A row has steps with `;` between them; ` + ` joins two whose frames a card finds together. A frame should be answered
-with status 0. Behind it `!` says: with status 1 (`!!`: 2); `-`: not at all; `=11/5/0,…`: so, each answer as code, status
-and len, or as `bad` when no controller would take it. `=> TEXT` at the end: the cards' state comes to hold this line.
-
-    at M.S                 what follows is for this model and slot; model N of the N-th row and slot 1 at its begin
-    w A BYTES  p A BYTES   writes, acknowledged and plain        r A LEN   a read; addresses and bytes are hexadecimal
-    put WxH BUFFER   start   end   data LEN…   control BYTES     a picture through the demo's port; `other` the other port
-    image BYTES      regs N…  reg N BYTES  piece N…              firmware: its registers from 1 (all), its pieces; piece 3-1 is
-                                                                 short by a byte, 3+1 long, 3^5 has a bit of byte 5 wrong
-Of w, p and r a word `@OFF:BYTE` changes a byte of the frame, `cut:N` its size, `size:N` too, with the sum made right, and
-`sum` makes that right behind other changes.
-"""
+# The controller's side of link 0, played by a test that sends cards whatever it likes and looks at what they answer.
+#
+# A row has steps with `;` between them; ` + ` joins two whose frames a card finds together. A frame should be answered
+# with status 0. Behind it `!` says: with status 1 (`!!`: 2); `-`: not at all; `=11/5/0,…`: so, each answer as code, status
+# and len, or as `bad` when no controller would take it. `=> TEXT` at the end: the cards' state comes to hold this line.
+#
+#     at M.S                 what follows is for this model and slot; model N of the N-th row and slot 1 at its begin
+#     w A BYTES  p A BYTES   writes, acknowledged and plain        r A LEN   a read; addresses and bytes are hexadecimal
+#     put WxH BUFFER   start   end   data LEN…   control BYTES     a picture through the demo's port; `other` the other port
+#     image BYTES      regs N…  reg N BYTES  piece N…              firmware: its registers from 1 (all), its pieces; piece 3-1 is
+#                                                                  short by a byte, 3+1 long, 3^5 has a bit of byte 5 wrong
+# Of w, p and r a word `@OFF:BYTE` changes a byte of the frame, `cut:N` its size, `size:N` too, with the sum made right, and
+# `sum` makes that right behind other changes.
 import glob
 import re
 import signal

@@ -1,14 +1,13 @@
-"""A daemon that lies: it holds the daemon's endpoint and a small card memory, keeps what it is asked, and answers as it
-is told to.
-
-    greetings=N answers=no     falls silent behind N greetings; answers no command but those
-    result=N good=N            result of its answers, behind so many good ones
-    missing=N claims=N         a read's data falls short; claims more than it carries
-    strays=yes                 before each answer come others': of another code, sender, number, address, slot, model, a runt
-    reports=N delay=MS at=N    so many unwaited writes are reported as failed, that late behind the next greeting, moved by N
-    late=yes                   an answer that says no, of a number long past, comes behind each greeting
-    spoilt=ADDR from=N         that byte is read as another, from the N-th read on
-"""
+# A daemon that lies: it holds the daemon's endpoint and a small card memory, keeps what it is asked, and answers as it
+# is told to.
+#
+#     greetings=N answers=no     falls silent behind N greetings; answers no command but those
+#     result=N good=N            result of its answers, behind so many good ones
+#     missing=N claims=N         a read's data falls short; claims more than it carries
+#     strays=yes                 before each answer come others': of another code, sender, number, address, slot, model, a runt
+#     reports=N delay=MS at=N    so many unwaited writes are reported as failed, that late behind the next greeting, moved by N
+#     late=yes                   an answer that says no, of a number long past, comes behind each greeting
+#     spoilt=ADDR from=N         that byte is read as another, from the N-th read on
 import os
 import threading
 import time
