@@ -54,9 +54,8 @@ class Liar(threading.Thread):
 
     def use(self, what):
         """Result: one of a number was left, and is used up."""
-        left = self.how.get(what, 0)
-        self.how[what] = max(left - 1, 0)
-        return left > 0
+        self.how[what] = self.how.get(what, 0) - 1
+        return self.how[what] >= 0
 
     def say(self, to, message, by=None):
         (by or self.end).send(message.pack(), to)
