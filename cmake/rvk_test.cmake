@@ -1,4 +1,4 @@
-# rvk_test(NAME LABEL pure|sim|replay|platform|bench SOURCES … USES … [SINK …] [TIMEOUT s])
+# rvk_test(NAME LABEL pure|sim|replay|platform SOURCES … USES … [SINK …] [TIMEOUT s])
 # rvk_python_test(NAME FILE … PROGRAMS … [LABEL …] [TIMEOUT s] [PROCESSORS n])
 #
 # One test program is one ctest test; `ctest -L LABEL` picks a kind:
@@ -6,8 +6,8 @@
 #   sim       simulated time: as pure, with a random driver
 #   replay    the fuzz targets with their corpus: as pure
 #   platform  the messaging stand-in in one process: as pure
-#   bench     what opens a link or starts the real programs: run inside scripts/in-bench
-# GoogleTest and its main are linked in: the main refuses a test of the bench elsewhere, and a run of no test.
+#   bench     what opens a link or starts the real programs, of Python: run inside scripts/in-bench
+# GoogleTest and its main are linked in, which fails a run of no test.
 # SINK defaults to log_capture (tests/support), so that a test can look at what was logged.
 # A test of Python starts the PROGRAMS, which lie in $RVK_BIN; they are built with the target bench_tests. In a cross build
 # it starts them by the words of RVK_EMULATOR, and a test program of C++ is run by them itself.
@@ -15,7 +15,7 @@
 
 function(rvk_test NAME)
     cmake_parse_arguments(PARSE_ARGV 1 T "" "LABEL;SINK;TIMEOUT" "SOURCES;USES")
-    if(NOT T_LABEL MATCHES "^(pure|sim|replay|platform|bench)$")
+    if(NOT T_LABEL MATCHES "^(pure|sim|replay|platform)$")
         message(FATAL_ERROR "rvk_test ${NAME}: LABEL is '${T_LABEL}', none of those in cmake/rvk_test.cmake")
     endif()
     if(NOT T_SINK)
@@ -28,16 +28,9 @@ function(rvk_test NAME)
         list(APPEND T_USES log_capture)
     endif()
     rvk_program(${NAME} SOURCES ${T_SOURCES} USES ${T_USES} SINK ${T_SINK})
-    if(T_LABEL STREQUAL "bench")
-        add_dependencies(bench_tests ${NAME})
-        target_link_libraries(${NAME} PRIVATE test_main_bench GTest::gtest)
-        add_test(NAME ${NAME} COMMAND ${CMAKE_SOURCE_DIR}/scripts/in-bench ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>)
-        set_tests_properties(${NAME} PROPERTIES RUN_SERIAL ON)
-    else()
-        target_link_libraries(${NAME} PRIVATE test_main GTest::gtest)
-        add_dependencies(plain_tests ${NAME})
-        add_test(NAME ${NAME} COMMAND ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>)
-    endif()
+    target_link_libraries(${NAME} PRIVATE test_main GTest::gtest)
+    add_dependencies(plain_tests ${NAME})
+    add_test(NAME ${NAME} COMMAND ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>)
     rvk_test_properties(${NAME} LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT}
         FAIL_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
 endfunction()
@@ -55,7 +48,7 @@ function(rvk_python_test NAME)
         set(T_TIMEOUT 300)
     endif()
     if(NOT T_PROCESSORS)
-        set(T_PROCESSORS 2) # the daemon's and the cards'
+        set(T_PROCESSORS 1) # they wait most of the time
     endif()
     if(T_PROGRAMS)
         add_dependencies(bench_tests ${T_PROGRAMS})

@@ -1,9 +1,8 @@
 # Commands as another process sends them: what each is answered, what reaches the cards, and what the status counts.
 import json
-import random
 
 import bench
-from bench import COMPANION, FILE_READ, FILE_WRITE, GREETING, READ, SELF, UPDATE, WRITE, WRITE_ACK, Message, identity
+from bench import COMPANION, FILE_READ, FILE_WRITE, GREETING, SELF, UPDATE, WRITE, WRITE_ACK, Message, identity
 
 UNKNOWN = 0x55
 HELD = bench.content(1, 1400)
@@ -103,23 +102,6 @@ class Commands(bench.BenchTest):
         self.exchange(me, dict(code=WRITE_ACK, slot=2, addr=0x700, payload=b"1"), -1)
         me.tell(code=WRITE_ACK, addr=0x740, payload=b"12")
         self.assertEqual(me.receive(), report(0x740))
-
-    # Bytes that begin with their sender's identity, every second round such that they are dispatched; no file jobs,
-    # whose work is another matter.
-    def test_no_message_whatever_it_holds_ends_the_daemon(self):
-        cards, _, dice = self.cards(), self.daemon(), random.Random(20)
-        for turn in range(40):
-            me = self.requester()
-            for size in [4, 5, 16, 23, 24, 37, 38, 39, 40, 41, 1000, 1438, 1440, 1441, 65574, 65575]:
-                message = bytearray(dice.randbytes(size if turn < 4 else dice.randrange(4, 3000)))
-                message[:4] = me.own.to_bytes(4, "little")
-                if turn % 2 and len(message) >= 40:
-                    message[16:20] = bytes([dice.randrange(2), 0, 28, 0])
-                    message[25] = dice.choice([READ, WRITE, WRITE_ACK, GREETING, UNKNOWN])
-                    message[36:38] = min(len(message) - 38 + dice.randrange(-1, 2), 65535).to_bytes(2, "little")
-                me.send(message)
-            self.assertTrue(self.requester().greeted(), f"round {turn}")
-        self.assert_clean(cards)
 
 
 if __name__ == "__main__":

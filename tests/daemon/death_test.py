@@ -5,7 +5,6 @@ import random
 import re
 import signal
 import subprocess
-import time
 
 import bench
 from bench import FILE_READ, FILE_WRITE, GREETING, READ, UPDATE, WRITE, WRITE_ACK, text_of
@@ -113,28 +112,6 @@ class Death(bench.BenchTest):
                 if idle and SANITIZER != "thread":
                     self.assertEqual(fault_in_last_words(self.d.output), "", self.d.output[-3000:])
                 self.doCleanups()
-
-    # From when on the process itself decides what the signal does; a fault may then hit a thread that is logging.
-    def test_during_the_start(self):
-        def takes_over(status, number):
-            blocked = mask(status, "SigBlk")  # all are, for a moment, while a library starts a thread
-            decided = mask(status, "SigCgt") if number == signal.SIGSEGV else blocked
-            return signal.SIGUSR1 not in blocked and (15 if number == signal.SIGSEGV else number) in decided
-
-        for number in DEADLY:
-            for _ in range(0 if SANITIZER == "thread" and number == signal.SIGSEGV else 10):
-                d = self.daemon("-d", serves=False)
-                self.assertTrue(bench.wait_until(lambda: takes_over(f"/proc/{d.pid}/status", number)))
-                time.sleep(random.random() * 0.004)
-                self.assertEqual(d.end(number), 0)
-                if number != signal.SIGSEGV:
-                    self.assertEqual(fault_in_last_words(d.output), "", d.output)
-
-    def test_a_hang_up_is_ignored(self):
-        self.up(preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_DFL))
-        for _ in range(20):
-            self.d.child.send_signal(signal.SIGHUP)
-            self.assertTrue(self.requester().greeted())
 
     # What cannot be had from outside, in a program of ours with the daemon's own last words; see there.
     def test_faults_of_its_own(self):

@@ -1,6 +1,5 @@
 # The start: the kernel's limits, then the demo, nine pictures that are shown from the first on, while commands are
 # served.
-import json
 import os
 import signal
 
@@ -12,9 +11,6 @@ FOLDER, LINES = "/usr/kup/etc/demo", 60
 
 
 class Start(bench.BenchTest):
-    def coming(self):
-        return json.loads(text_of("/run/rvkd/status.json") or "{}")["transfer_total_bytes"]["picture"] > 0
-
     def test_the_demo_and_its_files(self):
         files = {n: content(n, n * 100_003) for n in (1, 2, 5, 9)}  # the last is 58.6 lines long
         os.makedirs(FOLDER, exist_ok=True)
@@ -26,7 +22,7 @@ class Start(bench.BenchTest):
         self.assertEqual(text_of(bench.SYSCTL_RECORD).count("\n"), 2, "before all else")
         limits = "-w|net.core.wmem_max=|8388608|\n-w|net.core.wmem_default=|8388608|\n"
         self.assertEqual(text_of(bench.SYSCTL_RECORD), limits)
-        self.assertTrue(bench.wait_until(self.coming))
+        self.assertTrue(daemon.shows("DDR2Write begin"))
         while daemon.output.count("write demo pic total time:") < 9:
             self.assertTrue(me.greeted() and me.read(0x1000, 4).result == 0)
             served += 1
@@ -41,7 +37,7 @@ class Start(bench.BenchTest):
 
     def test_an_end_in_a_demo_whose_cards_are_never_ready(self):
         cards, daemon = self.cards("--readiness", 255, kept=False), self.daemon("-d")
-        self.assertTrue(bench.wait_until(self.coming))
+        self.assertTrue(daemon.shows("DDR2Write begin"))
         self.assertEqual(daemon.end(signal.SIGTERM), 0)
         self.assertEqual(fault_in_last_words(daemon.output), "")
         self.assertIn(" 20 reads,", cards.stop())

@@ -1,6 +1,5 @@
 # What the process is made of, and a machine that is not as it should be: no link or one that goes, no privilege, a
 # daemon that runs already, a status that cannot be written.
-import json
 import os
 import signal
 import subprocess
@@ -127,16 +126,6 @@ class Surroundings(bench.BenchTest):
             for _ in range(7):
                 self.assertEqual(self.me.ask(code=code, slot=slot, addr=0x1000, payload=b"1234").result, -1)
             self.assertTrue(21 * (expiry - 0.045) < time.monotonic() - start < 21 * (expiry + 0.11), (slot, code))
-
-    def test_a_status_that_cannot_be_written(self):
-        self.up(env={"RVK_STATUS_DIR": "/run/nowhere/status"})
-        self.assertTrue(self.d.shows("no status in /run/nowhere/status"))
-        os.mkdir("/run/nowhere")
-        self.assertTrue(self.d.shows("is written again"))
-        self.assertEqual(self.says("no status in"), 1)
-        modes = [os.stat(f"/run/nowhere/status/status.{kind}").st_mode & 0o7777 for kind in ("json", "prom")]
-        self.assertEqual(modes, [0o644, 0o644])
-        self.assertEqual(json.loads(text_of("/run/nowhere/status/status.json"))["pid"], self.d.pid)
 
     # Two jobs back to back, again and again: the second comes while the first runs, waits, or has just ended. Then a
     # read-back, which waits for its cards most of the time: on one processor others have their turn at least once.

@@ -1,4 +1,4 @@
-"""The system refuses the daemon something, or does less than asked: each call it makes fails once, with each error."""
+# The system refuses the daemon something, or does less than asked: each call it makes fails once, with each error.
 # Which calls there are is found by counting them while nothing fails. Whatever fails and wherever, a job ends with one of
 # the outcomes allowed for it, blocks and descriptors come back, nothing spins, and the next commands work.
 # RVK_FAULTS=all tries each call of each job with each error; else RVK_FAULTS_SEED draws one of every kind.
@@ -39,17 +39,16 @@ ERRORS = {name: errors.split() for names, errors in ERRORS.items() for name in n
 EVERYWHERE = ("send_frame", "send_message", "recv_frame", "recv_message", "malloc")  # in every job
 
 
+# What the library in the daemon does; its other side is preload.cpp.
 class Plan(ctypes.Structure):
-    """What the library in the daemon does; its other side is preload.cpp."""
-
     class Call(ctypes.Structure):
         _fields_ = [("name", ctypes.c_char * 16), ("seen", ctypes.c_int32)]
 
     _fields_ = [(name, ctypes.c_int32) for name in "nth lasting error value looks_asked looks_given".split()]
     _fields_ += [("in_use", ctypes.c_int32 * 8), ("name", ctypes.c_char * 16), ("calls", Call * 40)]
 
+    # The nth call of this name from now on fails, and with `lasting` all behind it; none without a name.
     def arm(self, name="", nth=0, error="", lasting=0):
-        """The nth call of this name from now on fails, and with `lasting` all behind it; none without a name."""
         self.nth = 0
         for call, known in zip(self.calls, ERRORS):
             call.name, call.seen = known.encode(), 0
@@ -60,14 +59,14 @@ class Plan(ctypes.Structure):
     def seen(self):
         return {call.name.decode(): call.seen for call in self.calls if call.seen}
 
+    # The pool's waiting blocks are given back to the system. Result: how many of each size are handed out.
     def look(self):
-        """The pool's waiting blocks are given back to the system. Result: how many of each size are handed out."""
         self.looks_asked += 1
         return wait_until(lambda: self.looks_given == self.looks_asked) and list(self.in_use)
 
 
+# All cases; or so many of each group, of so many groups at most.
 def drawn(groups, at_most=1000, of_each=1):
-    """All cases; or so many of each group, of so many groups at most."""
     dice = random.Random(SEED)
     groups = groups if ALL else [dice.sample(g, min(of_each, len(g))) for g in groups]
     return sum(groups if ALL else dice.sample(groups, min(at_most, len(groups))), [])
@@ -123,8 +122,8 @@ class FaultsTest(bench.BenchTest):
     def ticks(self):
         return sum(map(int, bench.text_of(f"/proc/{self.rvkd.pid}/stat").rpartition(")")[2].split()[11:13]))
 
+    # Tells a job and waits until it is over and its last request has ended. Result: its answers' results.
     def play(self, name):
-        """Tells a job and waits until it is over and its last request has ended. Result: its answers' results."""
         self.sent = bench.content(self.fence, 64 if name == "write" else 3000)
         self.place("small.bin", self.sent)
         self.client.tell(**{**self.jobs[name][0], **({"payload": self.sent} if name == "write" else {})})
@@ -140,15 +139,15 @@ class FaultsTest(bench.BenchTest):
         got += iter(lambda: self.client.receive(0), None)
         return [answer.result for answer in got if answer.seq == 0]
 
+    # The answers that a job may have when this happens to a call of it.
     def allowed(self, name, call, error):
-        """The answers that a job may have when this happens to a call of it."""
         _, normal, refusing = self.jobs[name]
         if {"EAGAIN": call != "read", "EINTR": call != "send_frame", "1": True}.get(error):  # it goes on
             return [normal]
         return [normal, *{"malloc": [[-1], []], "send_message": [[]]}.get(call, [[-1]] if call in refusing.split() else [])]
 
+    # What was answered with 0 was carried out; a picture may be black.
     def assert_done(self, name):
-        """What was answered with 0 was carried out; a picture may be black."""
         if name == "write":
             self.assertEqual(self.client.read(CARD["addr"], 64, slot=2).payload, self.sent)
         if name == "update":
@@ -203,8 +202,8 @@ class FaultsTest(bench.BenchTest):
                 self.play("greeting")
                 self.assert_serves()
 
+    # What could not be had is told by the log and refused; all else works.
     def test_a_call_fails_at_the_start(self):
-        """What could not be had is told by the log and refused; all else works."""
         self.start()
         self.judge_start()
         if bench.SANITIZED:

@@ -1,83 +1,56 @@
-// The log sink of tests; see log_capture.h. Its lock is the innermost of all, as the log's always is.
-//
-// The store is never destroyed: threads of the code under test may log while the process exits.
+// The log sink of tests; see the header. Its lock is the innermost of all, as the log's always is.
 #include "support/log_capture.h"
 #include "base/mutex.h"
 #include "main/log.h"
 
+#include <algorithm>
 #include <cstdarg>
-#include <cstdlib>
-#include <utility>
+#include <numeric>
+#include <vector>
 
 namespace rvk {
 
-int log_debug = 0;
-int log_d = 0;
-int log_num = 0;
+int log_debug = 0, log_d = 0, log_num = 0, log_lastday = 0, print_flag = 0;
 FILE* log_fp = nullptr;
-int log_lastday = 0;
-int print_flag = 0;
 
 namespace {
 
-struct log_store {
-    mutex lock;
-    std::vector<log_entry> entries RVK_GUARDED_BY(lock);
-};
-
-log_store& store()
-{
-    static log_store* const only = new log_store;
-    return *only;
-}
-
-__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
-{
-    va_list again;
-    va_copy(again, arguments);
-    const int length = vsnprintf(nullptr, 0, format, arguments);
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
-    return text;
-}
+mutex lock;
+// Never destroyed: threads of the code under test may log while the process exits.
+std::vector<std::string>& texts = *new std::vector<std::string>;
 
 } // namespace
 
-void log_print(const char* module, const char* function, int line, const char* format, ...)
+void log_print(const char*, const char*, int, const char* format, ...)
 {
-    static const bool show = getenv("RVK_TEST_LOG") != nullptr;
+    char text[1 << 13];
     va_list arguments;
     va_start(arguments, format);
-    log_entry entry{module, function, line, formatted(format, arguments)};
+    vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    if (show) { fprintf(stderr, "%s:%s:%d %s", module, function, line, entry.text.c_str()); }
-    const scoped_lock held(store().lock);
-    store().entries.push_back(std::move(entry));
-}
-
-std::vector<log_entry> take_log()
-{
-    const scoped_lock held(store().lock);
-    return std::exchange(store().entries, {});
-}
-
-size_t logged(std::string_view part)
-{
-    const scoped_lock held(store().lock);
-    size_t count = 0;
-    for (const log_entry& entry : store().entries) {
-        if (entry.text.find(part) != std::string::npos) { count++; }
-    }
-    return count;
+    const scoped_lock held(lock);
+    texts.emplace_back(text);
 }
 
 std::string log_text()
 {
-    const scoped_lock held(store().lock);
-    std::string all;
-    for (const log_entry& entry : store().entries) { all += entry.text; }
+    const scoped_lock held(lock);
+    return std::accumulate(texts.begin(), texts.end(), std::string());
+}
+
+std::string take_log()
+{
+    std::string all = log_text();
+    const scoped_lock held(lock);
+    texts.clear();
     return all;
+}
+
+size_t logged(std::string_view part)
+{
+    const scoped_lock held(lock);
+    return static_cast<size_t>(
+        std::ranges::count_if(texts, [part](const std::string& text) { return text.find(part) != std::string::npos; }));
 }
 
 } // namespace rvk

@@ -1,4 +1,4 @@
-"""The simulated cards themselves: a card that is wrong about a frame makes every test above it wrong."""
+# The simulated cards themselves: a card that is wrong about a frame makes every test above it wrong.
 import random
 
 import bench

@@ -7,7 +7,7 @@
 #     at M.S                 what follows is for this model and slot; model N of the N-th row and slot 1 at its begin
 #     w A BYTES  p A BYTES   writes, acknowledged and plain        r A LEN   a read; addresses and bytes are hexadecimal
 #     put WxH BUFFER   start   end   data LEN…   control BYTES     a picture through the demo's port; `other` the other port
-#     image BYTES      regs N…  reg N BYTES  piece N…              firmware: its registers from 1 (all), its pieces; piece 3-1 is
+#     image BYTES      regs N…  reg N BYTES  piece N…              firmware: its registers from 1 (all), its pieces; 3-1 is
 #                                                                  short by a byte, 3+1 long, 3^5 has a bit of byte 5 wrong
 # Of w, p and r a word `@OFF:BYTE` changes a byte of the frame, `cut:N` its size, `size:N` too, with the sum made right, and
 # `sum` makes that right behind other changes.
@@ -31,8 +31,8 @@ def summed(frame):
     return frame + struct.pack("<H", (0x5555 + sum(frame[16:])) & 0xFFFF)
 
 
+# A reply as code/status/len, or `bad`.
 def seen(frame):
-    """A reply as code/status/len, or `bad`."""
     if len(frame) < 31 or frame[:12] != TO_HOST + TO_CARD or frame[14:16] != b"\xaa\x55":
         return "bad"
     status, _, _, _, code, _, size = struct.unpack_from("<BHBHBIH", frame, 16)
@@ -41,14 +41,14 @@ def seen(frame):
     return f"{code:02x}/{status}/{size}{data}" if good else "bad"
 
 
+# Bytes in hexadecimal; 11_aa*3 is 11aaaaaa.
 def bytes_in(text):
-    """Bytes in hexadecimal; 11_aa*3 is 11aaaaaa."""
     parts = [part.partition("*") for part in text.split("_")]
     return b"".join(bytes.fromhex(part) * int(times or 1) for part, _, times in parts)
 
 
+# A firmware file: head and image.
 def file_of(size):
-    """A firmware file: head and image."""
     image = bench.content(size, size)
     head = bytearray(256)
     struct.pack_into("<I", head, 0, size)
@@ -102,8 +102,8 @@ class Controller:
         good = all(g is not None and g.startswith(e) and (e.endswith("/") or g == e) for g, e in zip(got, expected))
         assert good, f"`{step}` was answered with {got}, not with {expected}"
 
+    # The next frame from the cards as `how` shows it; None when none came in time.
     def reply(self, seconds, how=seen):
-        """The next frame from the cards as `how` shows it; None when none came in time."""
         self.socket.settimeout(seconds)
         try:
             while True:
@@ -113,8 +113,8 @@ class Controller:
         except (socket.timeout, BlockingIOError):
             return None
 
+    # Result: frames, each with its mark.
     def frames_of(self, words):
-        """Result: frames, each with its mark."""
         marked = [re.fullmatch("(.*?)(!*|-)", word).groups() for word in words]
         (verb, mark), arguments = marked[0], marked[1:]
         plain = [argument for argument, _ in arguments]

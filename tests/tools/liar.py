@@ -18,8 +18,8 @@ NAMES = {bench.READ: "read", bench.WRITE: "plain", bench.WRITE_ACK: "write"}
 MANNERS = "greetings answers result good missing claims strays reports delay at late spoilt from"
 
 
+# A command as a transcript has it: code, model.slot, address and length.
 def told(m):
-    """A command as a transcript has it: code, model.slot, address and length."""
     name = NAMES.get(m.code, f"code {m.code:02x}")
     return "hello" if m.code == bench.GREETING else f"{name} {m.model:x}.{m.slot:x} {m.addr:x}+{m.len}"
 
@@ -52,8 +52,8 @@ class Liar(threading.Thread):
                 self.asked.append(m)
                 self.handle(m)
 
+    # Result: one of a number was left, and is used up.
     def use(self, what):
-        """Result: one of a number was left, and is used up."""
         self.how[what] = self.how.get(what, 0) - 1
         return self.how[what] >= 0
 

@@ -45,8 +45,8 @@ class Step:
         self.out, self.err, self.objects = [], [], []
         self.asked = self.status = self.requests = None
 
+    # A line below a command. Result: it was understood.
     def takes(self, line):
-        """A line below a command. Result: it was understood."""
         mark, rest = line[:2], line[2:]
         if mark == "= " and self.status is None and rest[0].isdigit():
             status, _, says = rest.partition(" ")
@@ -65,8 +65,8 @@ class Step:
             return False
         return True
 
+    # What is said of a command on its own line. Result: it was understood.
     def takes_its_own(self):
-        """What is said of a command on its own line. Result: it was understood."""
         if self.kind != "$":
             return True
         self.text, _, rest = self.text.partition(" -> ")
@@ -78,8 +78,8 @@ class Step:
         return self.kind == "$" and not (self.out or self.err or self.objects) and self.status is self.requests is None
 
 
+# Result: title and steps of each scene.
 def scenes_of(path):
-    """Result: title and steps of each scene."""
     scenes, steps = [], None
     for tool in re.findall("^~ needs (.*)$", bench.text_of(path), re.MULTILINE):
         bench.needs(tool)
@@ -100,8 +100,8 @@ def scenes_of(path):
     return scenes
 
 
+# Whether lines are what the patterns say.
 def matches(patterns, lines):
-    """Whether lines are what the patterns say."""
     if not patterns or patterns[0] == "…":
         rest = patterns[1:]
         return any(matches(rest, lines[i:]) for i in range(len(lines) + 1)) if patterns else not lines
@@ -122,8 +122,8 @@ def objects_in(output):
         yield found
 
 
+# Frames of a capture file.
 def frames_in(path):
-    """Frames of a capture file."""
     pcap, at, frames = pathlib.Path(path).read_bytes(), 24, []
     while at < len(pcap):
         (length,) = struct.unpack_from("<I", pcap, at + 8)
@@ -132,8 +132,8 @@ def frames_in(path):
     return frames
 
 
+# Requests of a capture file, a line each; data is named by the scene's file that holds it.
 def requests_in(path):
-    """Requests of a capture file, a line each; data is named by the scene's file that holds it."""
     files = {path.name: path.read_bytes() for path in sorted(pathlib.Path().iterdir()) if path.is_file()}
     for frame in frames_in(path):
         if frame[14:16] != b"\x55\xaa":
@@ -184,8 +184,8 @@ class Play:
         elif what != "needs":
             raise AssertionError("no such world")
 
+    # Once they have ended, the frames of each link stand behind those of the cards before them.
     def end_cards(self):
-        """Once they have ended, the frames of each link stand behind those of the cards before them."""
         if self.cards and not self.said:
             self.said = self.cards.stop()
             for link in self.links:
@@ -246,8 +246,8 @@ def environment():
     return {**os.environ, "PATH": f"{PROGRAMS}:{os.environ['PATH']}", "LC_ALL": "C.UTF-8", "TEXTS": TEXTS}
 
 
+# A script for each program, so that a shell finds it, and its emulator where it needs one.
 def wrap_programs():
-    """A script for each program, so that a shell finds it, and its emulator where it needs one."""
     for name in os.listdir(bench.BIN):
         bench.lay_tool(f"{PROGRAMS}/{name}", f'exec {shlex.join(bench.program(name))} "$@"')
 
@@ -265,8 +265,8 @@ def test_of(steps):
     return test
 
 
+# Plays the texts of a name beside the tests that the program has itself.
 def main(stem):
-    """Plays the texts of a name beside the tests that the program has itself."""
     texts = sorted(glob.glob(f"{TEXTS}/{stem}.txt") + glob.glob(f"{TEXTS}/{stem}-*.txt"))
     if not texts:
         sys.exit(f"no text is called {stem}")
