@@ -92,17 +92,6 @@ class Commands(bench.BenchTest):
         head = bytes.fromhex("003b0a01 00000000 48000000 00000000 0000 1c00 2e000000 00 00 f0 00 0000 0000 00000000 2000")
         self.assertEqual(me.socket.recv(1000), head + b"Hello, I am rvk module!".ljust(74, b"\0"))
 
-    def test_a_card_that_refuses_and_one_that_is_silent(self):
-        cards, _, me = self.cards("--wrong-ack", 1, "--wrong-status", 3, "--wrong-read", "1.0"), self.daemon(), self.requester()
-        self.exchange(me, dict(code=WRITE_ACK, slot=2, addr=0x700, payload=b"1"), 0)  # an answer, whatever its status
-        self.exchange(me, dict(addr=0x700, len=4), -1)
-        self.assert_clean(cards)
-        self.cards("--loss", "1.0")
-        self.exchange(me, dict(addr=0x700, len=4), -1)
-        self.exchange(me, dict(code=WRITE_ACK, slot=2, addr=0x700, payload=b"1"), -1)
-        me.tell(code=WRITE_ACK, addr=0x740, payload=b"12")
-        self.assertEqual(me.receive(), report(0x740))
-
 
 if __name__ == "__main__":
     bench.main()

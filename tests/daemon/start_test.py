@@ -1,11 +1,9 @@
 # The start: the kernel's limits, then the demo, nine pictures that are shown from the first on, while commands are
 # served.
 import os
-import signal
 
 import bench
 from bench import FILE_READ, FILE_WRITE, content, job, text_of
-from words import fault_in_last_words
 
 FOLDER, LINES = "/usr/kup/etc/demo", 60
 
@@ -34,13 +32,6 @@ class Start(bench.BenchTest):
                 self.assertTrue(file.read() == files.get(n, b"").ljust(3840 * LINES * 4, b"\0"), f"picture {n}")
         self.assertIn("playback: in order, up to 'picture 24'", summary := cards.stop())
         self.assertIn("9 with a whole picture, 0 with", summary.replace("10 with", "9 with"))
-
-    def test_an_end_in_a_demo_whose_cards_are_never_ready(self):
-        cards, daemon = self.cards("--readiness", 255, kept=False), self.daemon("-d")
-        self.assertTrue(daemon.shows("DDR2Write begin"))
-        self.assertEqual(daemon.end(signal.SIGTERM), 0)
-        self.assertEqual(fault_in_last_words(daemon.output), "")
-        self.assertIn(" 20 reads,", cards.stop())
 
 
 if __name__ == "__main__":

@@ -20,9 +20,7 @@ struct endpoint_folder {
     {
         std::error_code ignored;
         std::filesystem::remove_all(path, ignored);
-        unsetenv("APIPC_DIR");
     }
-    endpoint_folder(const endpoint_folder&) = delete;
 
     std::string path = "/tmp/rvk-endpoints-XXXXXX";
 };

@@ -13,7 +13,7 @@ import unittest
 
 # Tests take these from here.
 from peers import COMPANION, FILE_READ, FILE_WRITE, GREETING, READ, SELF, TOOLS, UPDATE, WRITE, WRITE_ACK  # noqa: F401
-from peers import EMULATOR, HEAD_BYTES, PATIENCE, SANITIZED, Message, PlayedCard, Request, Requester  # noqa: F401
+from peers import EMULATOR, PATIENCE, SANITIZED, Message, PlayedCard, Request, Requester  # noqa: F401
 from peers import identity, job, socket_file, wait_until  # noqa: F401
 
 BIN = os.environ.get("RVK_BIN", "")
@@ -170,11 +170,6 @@ class Daemon(Process):
     def __init__(self, *arguments, env=None, front=(), **how):
         lay_tool(f"{RECORDERS}/sysctl", f'printf "%s|" "$@" >> {SYSCTL_RECORD}; echo >> {SYSCTL_RECORD}')
         super().__init__([*front, *program("rvkd"), *arguments], env, **how)
-
-    # The newer of its two log files.
-    @property
-    def log(self):
-        return text_of(max(LOGS, key=lambda path: os.path.getmtime(path) if os.path.exists(path) else 0))
 
     def fds(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))

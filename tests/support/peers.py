@@ -11,7 +11,6 @@ PATIENCE = 60 if SANITIZED or EMULATOR else 30  # seconds, for what must come: o
 SELF, COMPANION, TOOLS = 0x3B, 0x3C, 0x7F  # module numbers
 READ, WRITE, WRITE_ACK, FILE_WRITE, FILE_READ, UPDATE, GREETING = 0, 1, 2, 0xEE, 0xDD, 0xEF, 0xF0
 HEAD = struct.Struct("<IIIihhIBBBBHHIH")  # 38 bytes: the outer head of 24, the data head of 14
-HEAD_BYTES = 40  # as counted; the payload starts two bytes earlier
 
 
 # Looks every few milliseconds until the condition holds. Result: what it gave, or False after the time.
