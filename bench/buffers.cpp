@@ -15,6 +15,7 @@
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <vector>
@@ -24,7 +25,8 @@ namespace {
 using rvk::unique_fd;
 
 constexpr int usual = 212'992, ours = 8'388'608; // bytes: net.core.*mem_default
-constexpr int usual_queue = 10, our_queue = 512; // messages: net.unix.max_dgram_qlen
+constexpr int usual_queue = 10, our_queue = 64;  // messages: net.unix.max_dgram_qlen
+constexpr int daemon_buffer = 256 << 20;         // bytes: of its endpoint
 constexpr size_t short_frame = 47, long_frame = 1'431, short_message = 44, long_message = 1'440; // bytes
 
 void require(bool done, const char* what)
@@ -74,28 +76,49 @@ int unread_frames(int buffer_bytes, size_t frame_bytes)
     return read;
 }
 
-int unsent_frames(int buffer_bytes)
-{
-    const unique_fd writer = open_link("eth2", 0);
-    force(writer, SO_SNDBUFFORCE, buffer_bytes);
-    return sends(writer, long_frame, 1'000'000);
-}
+void set_queue(int messages) { std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << messages << std::flush; }
 
-// Messages that one requester can leave with a daemon that does not read.
-int waiting_messages(int queue, int buffer_bytes, size_t message_bytes)
+sockaddr_un address_of(int number)
 {
-    std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << queue << std::flush;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    snprintf(address.sun_path, sizeof address.sun_path, "/run/rvk-bench/buffers.sock");
+    snprintf(address.sun_path, sizeof address.sun_path, "/run/rvk-bench/buffers%d.sock", number);
     unlink(address.sun_path);
-    const unique_fd daemon{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    const unique_fd requester{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    return address;
+}
+
+// Binds `reader`, which never reads, and fills its queue from `sender`. Result: messages that it took.
+int fill(const unique_fd& sender, unique_fd& reader, int number, size_t message_bytes)
+{
+    const sockaddr_un address = address_of(number);
     const auto* name = reinterpret_cast<const sockaddr*>(&address);
-    require(bind(daemon.get(), name, sizeof address) == 0, address.sun_path);
-    require(connect(requester.get(), name, sizeof address) == 0, address.sun_path);
-    force(requester, SO_SNDBUFFORCE, buffer_bytes);
-    return sends(requester, message_bytes, 100'000);
+    reader = unique_fd{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    require(reader && bind(reader.get(), name, sizeof address) == 0, address.sun_path);
+    require(connect(sender.get(), name, sizeof address) == 0, address.sun_path);
+    return sends(sender, message_bytes, 100'000);
+}
+
+// Messages that wait for one that does not read.
+int waiting_messages(int queue, size_t message_bytes)
+{
+    set_queue(queue);
+    const unique_fd sender{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    unique_fd reader;
+    return fill(sender, reader, 0, message_bytes);
+}
+
+// Requesters that never read, before what waits for them fills the send buffer that the daemon forces.
+int silent_requesters(int queue, size_t message_bytes)
+{
+    set_queue(queue);
+    const unique_fd sender{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    force(sender, SO_SNDBUFFORCE, 2 * daemon_buffer);
+    std::vector<unique_fd> readers;
+    int last = 0;
+    do {
+        last = fill(sender, readers.emplace_back(), static_cast<int>(readers.size()), message_bytes);
+    } while (last > queue && readers.size() < 10'000);
+    return static_cast<int>(readers.size()) - 1;
 }
 
 } // namespace
@@ -103,19 +126,17 @@ int waiting_messages(int queue, int buffer_bytes, size_t message_bytes)
 int main()
 {
     require(getenv("RVK_BENCH") != nullptr, "RVK_BENCH");
+    const rlimit files{20'000, 20'000};
+    require(setrlimit(RLIMIT_NOFILE, &files) == 0, "descriptors");
     const auto row = [](const char* what, int usually, int now) { printf("%-72s %6d %6d\n", what, usually, now); };
     printf("%-72s %6s %6s\n", "", "usual", "ours");
     row("rmem_default: 47-byte replies while rvk-recv does not run", unread_frames(usual, short_frame),
         unread_frames(ours, short_frame));
     row("rmem_default: 1,431-byte replies", unread_frames(usual, long_frame), unread_frames(ours, long_frame));
-    require(system("tc qdisc add dev eth2 root tbf rate 8kbit burst 2k limit 1000000000") == 0, "tc");
-    row("wmem_default: 1,431-byte frames before a send has to wait", unsent_frames(usual), unsent_frames(ours));
-    row("max_dgram_qlen: 44-byte messages of a requester, wmem_default usual",
-        waiting_messages(usual_queue, usual, short_message), waiting_messages(our_queue, usual, short_message));
-    row("max_dgram_qlen: the same, wmem_default ours", waiting_messages(usual_queue, ours, short_message),
-        waiting_messages(our_queue, ours, short_message));
-    row("max_dgram_qlen: 1,440-byte messages, wmem_default usual", waiting_messages(usual_queue, usual, long_message),
-        waiting_messages(our_queue, usual, long_message));
-    row("max_dgram_qlen: the same, wmem_default ours", waiting_messages(usual_queue, ours, long_message),
-        waiting_messages(our_queue, ours, long_message));
+    row("max_dgram_qlen: messages of 44 bytes", waiting_messages(usual_queue, short_message),
+        waiting_messages(our_queue, short_message));
+    row("max_dgram_qlen: requesters that never read, answers of 44 bytes",
+        silent_requesters(usual_queue, short_message), silent_requesters(our_queue, short_message));
+    row("max_dgram_qlen: the same, answers of 1,440 bytes", silent_requesters(usual_queue, long_message),
+        silent_requesters(our_queue, long_message));
 }

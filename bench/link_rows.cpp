@@ -5,9 +5,8 @@
 #include "link_contest.h"
 #include "processes.h"
 #include "queue/queue.h"
-#include "raw_msg/send_ack.h"
+#include "raw_msg/exchange.h"
 #include "raw_msg/send_plain.h"
-#include "raw_msg/send_read.h"
 #include "rows.h"
 
 #include <algorithm>

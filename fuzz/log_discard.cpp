@@ -21,4 +21,7 @@ void log_print(const char*, const char*, int, const char* format, ...)
     va_end(arguments);
 }
 
+void console_write(int, const char*, size_t) {}
+void console_print(int, const char*, ...) {}
+
 } // namespace rvk

@@ -11,7 +11,7 @@
 #include "base/bytes.h"
 #include "eth_raw/frame.h"
 #include "platform/platform.h"
-#include "raw_msg/send_ack.h"
+#include "raw_msg/exchange.h"
 #include "raw_msg/send_plain.h"
 
 #include <algorithm>

@@ -19,7 +19,7 @@ rvk_fuzz(message  USES base world fuzz_messages message endpoint mailbox link ca
 rvk_fuzz(cards  USES base frame bus_packet cardsim)
 rvk_fuzz(delivery  USES base world fuzz_messages message endpoint mailbox cardsim)
 rvk_fuzz(picture
-    USES base frame mailbox message file_request send_plain send_ack picture_write platform private_files
+    USES base frame mailbox message file_request send_plain exchange picture_write platform private_files
     WRAPS read)
 rvk_fuzz(jobs
     SOURCES ${here}/job_input.cpp

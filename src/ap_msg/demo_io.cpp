@@ -3,8 +3,7 @@
 #include "ap_msg/demo_lock.h"
 #include "ap_msg/picture_write.h"
 #include "eth_raw/frame.h"
-#include "raw_msg/send_ack.h"
-#include "raw_msg/send_read.h"
+#include "raw_msg/exchange.h"
 
 namespace rvk {
 namespace {

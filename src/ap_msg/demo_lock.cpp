@@ -2,6 +2,6 @@
 
 namespace rvk {
 
-mutex demo_mutex;
+fair_mutex demo_mutex;
 
 } // namespace rvk

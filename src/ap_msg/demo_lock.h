@@ -7,6 +7,6 @@
 namespace rvk {
 
 // Held around each such exchange, and by the demo for a whole picture: a command from another process waits for it.
-extern mutex demo_mutex;
+extern fair_mutex demo_mutex;
 
 } // namespace rvk

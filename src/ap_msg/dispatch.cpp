@@ -8,9 +8,8 @@
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
-#include "raw_msg/send_ack.h"
+#include "raw_msg/exchange.h"
 #include "raw_msg/send_plain.h"
-#include "raw_msg/send_read.h"
 
 #include <algorithm>
 #include <array>

@@ -8,6 +8,10 @@
 #include "main/log.h"
 #include "platform/platform.h"
 
+#include <array>
+#include <unistd.h>
+#include <utility>
+
 namespace rvk {
 namespace {
 
@@ -23,11 +27,15 @@ bool is_data_message(std::span<const uint8_t> bytes)
 
 void print_foreign(std::span<const uint8_t> bytes)
 {
-    flockfile(stdout); // no thread's log line into the middle of it
-    for (const uint8_t byte : bytes) { printf("%02x ", byte); }
-    printf("\n");
-    fflush(stdout);
-    funlockfile(stdout);
+    std::array<char, 1200 * 3 + 1> text; // a part in one call, so that no thread's log line comes into the middle of it
+    size_t used = 0;
+    for (const uint8_t byte : bytes) {
+        used += static_cast<size_t>(snprintf(&text[used], 4, "%02x ", byte));
+        if (used + 4 < text.size()) { continue; }
+        console_write(STDOUT_FILENO, text.data(), std::exchange(used, 0));
+    }
+    text[used] = '\n';
+    console_write(STDOUT_FILENO, text.data(), used + 1);
 }
 
 } // namespace

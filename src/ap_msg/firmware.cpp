@@ -8,7 +8,7 @@
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
-#include "raw_msg/send_ack.h"
+#include "raw_msg/exchange.h"
 
 #include <algorithm>
 #include <array>
@@ -81,20 +81,11 @@ int32_t send_file_info(uint32_t size, uint16_t model, uint8_t slot)
     return 0;
 }
 
-// A transfer must not stop half-way because a reader of standard output does: the figure is then left out.
-bool can_print()
-{
-    pollfd output{STDOUT_FILENO, POLLOUT, 0};
-    return poll(&output, 1, 0) == 1 && (output.revents & POLLOUT) != 0;
-}
-
 // The figure is overwritten in place.
 void print_progress(bool first, uint32_t total, uint32_t remaining)
 {
-    if (!can_print()) { return; }
     const auto percent = static_cast<int>(uint64_t{100} * (total - remaining) / total);
-    printf(first ? "now sended %2d%%" : "\b\b\b%2d%%", percent);
-    fflush(stdout);
+    console_print(STDOUT_FILENO, first ? "now sended %2d%%" : "\b\b\b%2d%%", percent);
 }
 
 int32_t send_pieces(const unique_fd& file, uint32_t total, uint8_t slot)

@@ -1,14 +1,15 @@
 #include "ap_msg/message.h"
 
+#include "ap_msg/outbox.h"
 #include "base/bytes.h"
-#include "base/counters.h"
+#include "main/log.h"
 #include "mem/mem.h"
 #include "platform/platform.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
+#include <unistd.h>
 
 namespace rvk {
 namespace {
@@ -62,9 +63,7 @@ void ApMsgBuffFree(uint8_t* handle)
 
 int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n)
 {
-    const int result = apipc_send(destination, message, n + static_cast<uint32_t>(message_head_bytes));
-    if (result < 0) { daemon_count.messages_dropped.add(); }
-    return result;
+    return send_or_keep(destination, message, n + static_cast<uint32_t>(message_head_bytes));
 }
 
 int ApipcDataSendAck(uint32_t destination, const uint8_t* message) { return ApipcDataSend(destination, message, 0); }
@@ -139,9 +138,8 @@ void make_greeting(uint8_t* head)
 
 void print_buf(const uint8_t* bytes, size_t count)
 {
-    for (size_t i = 0; i < count; ++i) { printf(i % 16 == 0 ? "\n%02x " : "%02x ", bytes[i]); }
-    printf("\n");
-    fflush(stdout);
+    for (size_t i = 0; i < count; ++i) { console_print(STDOUT_FILENO, i % 16 == 0 ? "\n%02x " : "%02x ", bytes[i]); }
+    console_print(STDOUT_FILENO, "\n");
 }
 
 } // namespace rvk

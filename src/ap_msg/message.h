@@ -55,7 +55,8 @@ constexpr uint32_t identity_of(uint8_t board, uint8_t module)
 [[nodiscard]] uint8_t* ApMsgBuffHeadGet(uint8_t* handle); // where the message starts
 void ApMsgBuffFree(uint8_t* handle);
 
-// Sends head and n payload bytes, n + 40 bytes in all; the head alone. Result: the messaging service's.
+// Sends head and n payload bytes, n + 40 bytes in all; the head alone. What a full queue does not take waits in the
+// outbox. Result: the messaging service's, 0 also for what waits.
 int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n);
 int ApipcDataSendAck(uint32_t destination, const uint8_t* message);
 

@@ -5,12 +5,13 @@
 #include "base/bytes.h"
 #include "base/counters.h"
 #include "base/fd.h"
+#include "base/mutex.h"
 #include "base/page_buffer.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
+#include "raw_msg/exchange.h"
 #include "raw_msg/send_plain.h"
-#include "raw_msg/send_read.h"
 
 #include <algorithm>
 #include <array>
@@ -63,11 +64,12 @@ void reverse_pixels(std::span<uint8_t> bytes)
 }
 
 // The first line read becomes the top one, which a bottom-up image has at its end.
-void write_image_lines(const unique_fd& image, std::span<const uint8_t> pixels, picture_size size, bool* failed)
+void write_image_lines(const unique_fd& image, std::span<uint8_t> pixels, picture_size size, bool* failed)
 {
     const size_t line = size_t{size.hor} * pixel_bytes;
     for (uint32_t r = 0; r < size.ver; ++r) {
         const auto at = static_cast<off_t>(bmp_head_bytes + (size.ver - 1 - r) * line);
+        reverse_pixels(pixels.subspan(r * line, line));
         write_or_log(image, pixels.subspan(r * line, line), at, "image", failed);
     }
 }
@@ -114,7 +116,6 @@ bool read_into_files(const file_request& r, picture_size size, const char* base)
     log_print(LOG_HERE, "\nwait for bmp file generatiiiiing....\n");
     bool raw_failed = false;
     write_or_log(raw, buffer.bytes(), 0, "raw", &raw_failed);
-    reverse_pixels(buffer.bytes());
     write_image_lines(image, buffer.bytes(), size, &image_failed);
     if (image_failed) { empty(&image); } // written from its end on, it would have the size of a complete one
     log_print(LOG_HERE, "\n");
@@ -151,7 +152,10 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
         at += n;
         progress.reached(at);
     }
-    for (size_t r = 0; r < ver; ++r) { memcpy(dest.data() + r * line, all.data() + r * stride, line); }
+    for (size_t r = 0; r < ver; ++r) {
+        memcpy(dest.data() + r * line, all.data() + r * stride, line);
+        let_holders_run();
+    }
 }
 
 int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, std::span<uint8_t> dest)

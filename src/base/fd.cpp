@@ -1,5 +1,7 @@
 #include "base/fd.h"
 
+#include "base/mutex.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -8,6 +10,11 @@
 #include <sys/stat.h>
 
 namespace rvk {
+namespace {
+
+constexpr size_t at_once_bytes = 1 << 20; // ours: some 100 µs of copying, between which others may run
+
+} // namespace
 
 void fill_standard_streams(int access)
 {
@@ -50,7 +57,8 @@ size_t read_full(const unique_fd& file, std::span<uint8_t> into)
 {
     size_t done = 0;
     while (done < into.size()) {
-        const ssize_t n = read(file.get(), into.data() + done, into.size() - done);
+        const ssize_t n = read(file.get(), into.data() + done, std::min(into.size() - done, at_once_bytes));
+        let_holders_run();
         if (n < 0 && errno == EINTR) { continue; }
         if (n <= 0) { break; }
         done += static_cast<size_t>(n);
@@ -61,7 +69,8 @@ size_t read_full(const unique_fd& file, std::span<uint8_t> into)
 bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
 {
     while (!bytes.empty()) {
-        const ssize_t n = pwrite(file.get(), bytes.data(), bytes.size(), at);
+        const ssize_t n = pwrite(file.get(), bytes.data(), std::min(bytes.size(), at_once_bytes), at);
+        let_holders_run();
         if (n < 0 && errno == EINTR) { continue; }
         if (n == 0) { errno = ENOSPC; }
         if (n <= 0) { return false; }

@@ -1,4 +1,4 @@
-// The process's only kind of mutex, annotated so that clang refuses a read of guarded data or a call without the lock.
+// The process's mutexes, annotated so that clang refuses a read of guarded data or a call without the lock.
 //
 // Lock order: a thread that holds one of these takes only locks further in.
 //   file_mutex                              one file job, from its first byte to its reply
@@ -7,11 +7,13 @@
 //         write_read_ack_wait_mtx           one synchronous exchange in the process, its wait included
 //           find_check_mtx[link]            the life of a link's nodes; the link threads start here
 //             mutex_find | mutex_check      calls of completion handlers
-//               a queue's mtx | send_mutex | a counter's | mutex_mem     none of these under another
+//               a queue's mtx | send_mutex | a counter's | mutex_mem | the outbox's     none of these under another
 //                 the log's                 innermost: anybody may log
-// Nothing that waits without bound for a card, a file or another process is called with a lock below
-// write_read_ack_wait_mtx held.
+// Under find_check_mtx and all further in nothing waits for a card, a file, another process or a reader of the console,
+// and nothing is formatted; a resend's `sendto` is the one system call there.
 #pragma once
+
+#include "base/semaphore.h"
 
 #include <pthread.h>
 
@@ -44,15 +46,72 @@ private:
     pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
 };
 
+// A mutex that is held for a few instructions by threads of all priorities, the links' among them. It is known to
+// let_holders_run() from its construction on, before the first thread is started.
+class RVK_TSA(capability("mutex")) short_mutex : public mutex {
+public:
+    short_mutex();
+    ~short_mutex() = default;
+
+private:
+    friend void let_holders_run();
+    short_mutex* next;
+};
+
+// Takes and gives back every short mutex. A thread above the priority of others on its processor calls it every so
+// often while it computes: whoever was preempted with one of them held gets to run that long, and so do those on other
+// processors that wait for it. Priority inheritance would not help where none of the waiting is above the preempting.
+void let_holders_run();
+
+// As a mutex, but given to whoever has waited longest, whatever the priorities: for what is held while a card is waited
+// for. Under an ordinary one a thread that takes it again at once keeps every thread below its priority out.
+class RVK_TSA(capability("mutex")) fair_mutex {
+public:
+    constexpr fair_mutex() = default;
+    fair_mutex(const fair_mutex&) = delete;
+    fair_mutex& operator=(const fair_mutex&) = delete;
+
+    void lock() RVK_ACQUIRE() RVK_NO_TSA
+    {
+        waiter self;
+        inner.lock();
+        const bool wait = held;
+        if (wait) { last = (last == nullptr ? first : last->next) = &self; }
+        held = true;
+        inner.unlock();
+        if (wait) { self.turn.wait(); }
+    }
+    void unlock() RVK_RELEASE() RVK_NO_TSA
+    {
+        inner.lock();
+        waiter* next = first;
+        if (next != nullptr) { first = next->next; }
+        if (first == nullptr) { last = nullptr; }
+        held = next != nullptr; // by that one, from here on
+        inner.unlock();
+        if (next != nullptr) { next->turn.post(); }
+    }
+
+private:
+    struct waiter {
+        semaphore turn{0};
+        waiter* next = nullptr;
+    };
+    mutex inner; // for a few instructions
+    waiter *first = nullptr, *last = nullptr;
+    bool held = false;
+};
+
+template <typename Mutex>
 class RVK_TSA(scoped_lockable) scoped_lock {
 public:
-    explicit scoped_lock(mutex& held) RVK_ACQUIRE(held) : m(held) { m.lock(); }
+    explicit scoped_lock(Mutex& held) RVK_ACQUIRE(held) : m(held) { m.lock(); }
     ~scoped_lock() RVK_RELEASE() { m.unlock(); }
     scoped_lock(const scoped_lock&) = delete;
     scoped_lock& operator=(const scoped_lock&) = delete;
 
 private:
-    mutex& m;
+    Mutex& m;
 };
 
 } // namespace rvk

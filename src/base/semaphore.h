@@ -10,6 +10,7 @@ namespace rvk {
 // nothing that would have to be given back.
 class semaphore {
 public:
+    semaphore() : semaphore(0) {}
     explicit semaphore(unsigned initial) { sem_init(&s, 0, initial); }
     semaphore(const semaphore&) = delete;
     semaphore& operator=(const semaphore&) = delete;

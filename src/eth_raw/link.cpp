@@ -24,6 +24,15 @@ ifreq request_for(const char* if_name)
     return request;
 }
 
+// device  with the flags that it has
+bool set_promiscuous(int fd, ifreq* device)
+{
+    device->ifr_flags = static_cast<short>(device->ifr_flags | IFF_PROMISC);
+    if (ioctl(fd, SIOCSIFFLAGS, device) == 0) { return true; }
+    log_print(LOG_HERE, "%s:%d:set IFF_PROMISC flag failed.\n", "socket_init", __LINE__);
+    return false;
+}
+
 } // namespace
 
 int32_t RawSockMsgInit(int index)
@@ -39,6 +48,29 @@ void RawSockMsgUnInit(int index)
     if (!is_link(index) || g_eth_init[index].if_name[0] == '\0') { return; } // never opened: its 0 is not its own
     unique_fd(g_eth_init[index].sock_fd).reset();
     g_eth_init[index].sock_fd = -1; // the number may be another file's soon
+}
+
+bool is_open(const eth_init& link) { return link.active != 0 && link.sock_fd >= 0 && !link.missing; }
+
+void watch_link(int index)
+{
+    eth_init& link = g_eth_init[index];
+    ifreq device = request_for(link.if_name);
+    if (link.active == 0 || link.sock_fd < 0) { return; }
+    if (ioctl(link.sock_fd, SIOCGIFINDEX, &device) < 0) {
+        if (!link.missing.exchange(true)) {
+            log_print(LOG_HERE, "link %d (%s): its device is gone\n", index, link.if_name);
+        }
+        return;
+    }
+    if (link.missing || device.ifr_ifindex != link.sll.sll_ifindex) {
+        const scoped_lock hold(link.send_mutex);
+        if (socket_bind(&link.sll, link.sock_fd, link.if_name) < 0) { return; }
+        link.missing = false;
+        log_print(LOG_HERE, "link %d (%s): its device is back\n", index, link.if_name);
+    }
+    if (ioctl(link.sock_fd, SIOCGIFFLAGS, &device) < 0 || (device.ifr_flags & IFF_PROMISC) != 0) { return; }
+    static_cast<void>(set_promiscuous(link.sock_fd, &device)); // the next look tries again
 }
 
 uint32_t take_kernel_drops(int index)
@@ -88,12 +120,7 @@ int socket_init(const char* if_name)
         log_print(LOG_HERE, "%s:%d:get inferface flag failed.\n", __func__, __LINE__);
         return -1;
     }
-    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_PROMISC);
-    if (ioctl(fd.get(), SIOCSIFFLAGS, &request) < 0) {
-        log_print(LOG_HERE, "%s:%d:set IFF_PROMISC flag failed.\n", __func__, __LINE__);
-        return -1;
-    }
-    return fd.release();
+    return set_promiscuous(fd.get(), &request) ? fd.release() : -1;
 }
 
 int socket_bind(sockaddr_ll* sll, int sock_fd, const char* if_name)

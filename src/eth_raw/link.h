@@ -22,6 +22,8 @@ struct eth_init {
     int sock_fd;
     sockaddr_ll sll;  // of the bind, and the destination of every send
     mutex send_mutex; // around each send; ready from the start
+    // ours:
+    std::atomic<bool> missing; // its device is gone: closed until watch_link() has bound the socket to it again
 };
 
 extern eth_init g_eth_init[MAX_ETH]; // zero until a link is opened
@@ -31,6 +33,14 @@ extern eth_init g_eth_init[MAX_ETH]; // zero until a link is opened
 
 // Closes a link's socket; the record keeps the rest. Only when no thread uses the link any more.
 void RawSockMsgUnInit(int index);
+
+// Whether frames can be sent and answered. Any thread.
+[[nodiscard]] bool is_open(const eth_init& link);
+
+// Looks after a link that was opened: a device that is gone closes it, one that came back (made anew, under another
+// interface index) is bound again, and a promiscuous flag that somebody cleared is set again. The status thread, twice
+// a second; never a link's own threads, since the kernel's locks for this may be held long.
+void watch_link(int index);
 
 // Frames that the link's socket had no room for, since this was asked last; 0 when it cannot be said. Any thread.
 [[nodiscard]] uint32_t take_kernel_drops(int index);

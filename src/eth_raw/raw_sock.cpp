@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace rvk {
 
@@ -76,23 +77,29 @@ send_outcome transmit(int index, const uint8_t* frame, size_t count)
     return outcome;
 }
 
-void print_send_error(int error)
-{
-    errno = error;
-    perror("sendto fail:");
-}
-
 // A link that is not open is refused here, before the system call: its descriptor may be anybody's. Said once per link.
-bool is_open(int index)
+bool is_open_or_said(int index)
 {
     static std::atomic<bool> said[MAX_ETH];
-    const eth_init& link = g_eth_init[index];
-    if (link.active != 0 && link.sock_fd >= 0) { return true; }
+    if (is_open(g_eth_init[index])) { return true; }
     link_count[index].send_failed[send_failure::not_open].add();
     if (!said[index].exchange(true)) {
         log_print(LOG_HERE, "link %d (%s) is not open: nothing is sent to its cards\n", index, g_netdev_name[index]);
     }
     return false;
+}
+
+bool can_be_sent(int index, const uint8_t* payload, unsigned len)
+{
+    if (!is_link(index)) {
+        log_print(LOG_HERE, "index >= MAX_ETH\n");
+        return false;
+    }
+    if (payload == nullptr || len == 0 || len > frame_data_max) {
+        log_print(LOG_HERE, "data is NULL len = %d\n", static_cast<int>(len));
+        return false;
+    }
+    return is_open_or_said(index);
 }
 
 // A receive that fails must not spin its real-time thread: one line, and a pause each time until it works again.
@@ -131,6 +138,8 @@ void count_received(int index, size_t received, bool valid)
 
 } // namespace
 
+void print_send_error(int error) { console_print(STDERR_FILENO, "sendto fail:: %s\n", strerror(error)); }
+
 uint8_t* RawMsgBuffGet(unsigned len)
 {
     if (len > frame_data_max) { return nullptr; }
@@ -153,31 +162,38 @@ void RawMsgFreeBuf(uint8_t* payload) { RawMsgBuffFree(payload); }
 int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,
                        uint8_t* payload, unsigned len)
 {
-    if (!is_link(index)) {
-        log_print(LOG_HERE, "index >= MAX_ETH\n");
-        return -1;
-    }
-    if (payload == nullptr || len == 0 || len > frame_data_max) {
-        log_print(LOG_HERE, "data is NULL len = %d\n", static_cast<int>(len));
-        return -1;
-    }
-    if (!is_open(index)) { return -1; }
+    if (!can_be_sent(index, payload, len)) { return -1; }
     uint8_t* frame = payload;
     const unsigned count = RawMsgHeaderPack(model, slot, code, addr, seq, &frame, static_cast<uint16_t>(len));
-    const send_outcome outcome = transmit(index, frame, count);
-    if (outcome.sent == static_cast<ssize_t>(count)) { return static_cast<int32_t>(count); }
+    return send_packed(index, payload, count, len);
+}
+
+int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len)
+{
+    if (!can_be_sent(index, payload, len)) { return -1; }
+    const send_outcome outcome = transmit(index, RawMsgBuffHeadGet(payload), frame_bytes);
+    if (outcome.sent == static_cast<ssize_t>(frame_bytes)) { return static_cast<int32_t>(frame_bytes); }
     print_send_error(outcome.error);
     log_print(LOG_HERE, "sendto fail:len = %d, ret_len = %d, packet_length= %d, errno = %d\n", static_cast<int>(len),
-              static_cast<int>(outcome.sent), static_cast<int>(count), outcome.error);
+              static_cast<int>(outcome.sent), static_cast<int>(frame_bytes), outcome.error);
     return -1;
 }
 
 int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes)
 {
-    if (!is_link(index) || payload == nullptr || !is_open(index)) { return -1; }
+    int error = 0;
+    const int32_t result = send_again(index, payload, frame_bytes, &error);
+    if (error != 0) { print_send_error(error); }
+    return result;
+}
+
+int32_t send_again(int index, uint8_t* payload, unsigned frame_bytes, int* error)
+{
+    *error = 0;
+    if (!is_link(index) || payload == nullptr || !is_open_or_said(index)) { return -1; }
     const send_outcome outcome = transmit(index, RawMsgBuffHeadGet(payload), frame_bytes);
     if (outcome.sent == static_cast<ssize_t>(frame_bytes)) { return static_cast<int32_t>(frame_bytes); }
-    print_send_error(outcome.error);
+    *error = outcome.error != 0 ? outcome.error : EIO; // a send that is cut short has none
     return -1;
 }
 
@@ -199,10 +215,9 @@ const uint8_t* RawSockMsgRecv(int index, uint8_t* ack, uint16_t* model, uint8_t*
 void print_msg(const uint8_t* frame, size_t count)
 {
     if (print_flag == 0) { return; }
-    printf("%s: \n", frame == gRecvBuffer ? "recv" : "send");
-    for (size_t i = 0; i < count; ++i) { printf(i % 16 == 0 ? "\n%02x " : "%02x ", frame[i]); }
-    printf("\n");
-    fflush(stdout);
+    console_print(STDOUT_FILENO, "%s: \n", frame == gRecvBuffer ? "recv" : "send");
+    for (size_t i = 0; i < count; ++i) { console_print(STDOUT_FILENO, i % 16 == 0 ? "\n%02x " : "%02x ", frame[i]); }
+    console_print(STDOUT_FILENO, "\n");
 }
 
 } // namespace rvk

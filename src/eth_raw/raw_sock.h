@@ -32,8 +32,14 @@ void RawMsgFreeBuf(uint8_t* payload); // the same, for the completion handlers
 [[nodiscard]] int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,
                                      uint8_t* payload, unsigned len);
 
-// Sends a frame again, byte for byte. Result: `frame_bytes`, or -1.
-[[nodiscard]] int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes);
+// The second half of it: sends the frame that stands packed in its buffer, frame_bytes long.
+[[nodiscard]] int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len);
+
+// Sends a frame again, byte for byte. Result: `frame_bytes`, or -1. The second prints nothing.
+// error  out: errno of a send that failed, 0 otherwise
+int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes);
+int32_t send_again(int index, uint8_t* payload, unsigned frame_bytes, int* error);
+void print_send_error(int error); // as the first prints it
 
 // Waits for one frame. Result: the payload of a valid reply, with its fields in the out-parameters; null for anything
 // else. A receive that fails (link down, socket gone) is logged once, and each such call lasts 100 ms.

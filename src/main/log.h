@@ -15,11 +15,16 @@ extern int log_lastday; // day of month, 1 to 31, on which it was opened
 extern int print_flag;  // non-zero: frames are dumped to standard output; no option sets it
 
 // Writes one line: a header with local time, process, module, function and source line, then the text exactly as
-// formatted; the line end is the caller's. Any thread, also under any other lock. With the daemon's sink a call writes
-// and flushes before it returns and may wait for a reader of standard output; with neither switch set it formats
-// nothing.
+// formatted, up to 6 KiB; the line end is the caller's. Any thread, also under any other lock. With the daemon's sink
+// the line is in the file when the call returns; with neither switch set a call formats nothing. It waits for no
+// reader.
 void log_print(const char* module, const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
+
+// Writes to standard output (1) or standard error (2) without waiting for a reader: what there is no room for is lost,
+// counted, and said later. What is printed on the console past the log goes this way. A print is cut at 1,023 bytes.
+void console_write(int fd, const char* bytes, size_t count);
+void console_print(int fd, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 } // namespace rvk
 

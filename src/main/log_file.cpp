@@ -1,13 +1,15 @@
 // The log sink of the daemon: two files that alternate by calendar day, and standard output.
 //
-// One mutex is held for a whole call, so that no thread writes to a stream that a roll-over closes and the file is
-// opened once. It is the innermost lock of the process.
+// A line is formatted before the lock and written in one call under it, so that the lock is held for a few instructions
+// and one write: a real-time thread may wait for it. It is the innermost lock of the process.
 #include "main/log.h"
 
 #include "base/mutex.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <ctime>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace rvk {
@@ -22,7 +24,9 @@ int print_flag = 0;
 namespace {
 
 constexpr size_t header_bytes = 1024; // ours: longer headers are cut
-mutex log_mtx;
+constexpr size_t text_bytes = 6144;   // ours: longer texts are cut
+constexpr mode_t file_mode = 0644;
+short_mutex log_mtx;
 
 struct moment {
     timespec now;
@@ -30,9 +34,9 @@ struct moment {
 };
 
 // The local time. The broken-down form is computed once a second: most calls with neither switch set need only the day.
-const moment& local_moment() RVK_REQUIRES(log_mtx)
+const moment& local_moment()
 {
-    static moment last{{-1, 0}, {}}; // as good as guarded: whoever gets it holds the lock
+    static thread_local moment last{{-1, 0}, {}};
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     if (now.tv_sec != last.now.tv_sec) { localtime_r(&now.tv_sec, &last.local); }
@@ -44,28 +48,24 @@ void open_file(const tm& local) RVK_REQUIRES(log_mtx)
 {
     char path[64];
     snprintf(path, sizeof path, "/var/log/rvk_log%d.txt", log_num);
-    log_fp = fopen(path, "w+e");
+    const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, file_mode);
+    log_fp = fd < 0 ? nullptr : fdopen(fd, "a+");
     if (log_fp != nullptr) { log_lastday = local.tm_mday; }
 }
 
-void format_header(char* out, const moment& at, const char* module, const char* function, int line)
+// Result: bytes.
+__attribute__((format(printf, 6, 0))) size_t format_line(char (&out)[header_bytes + text_bytes], const moment& at,
+                                                         const char* module, const char* function, int line,
+                                                         const char* format, va_list arguments)
 {
     const tm& t = at.local;
-    snprintf(out, header_bytes, "[%04d/%02d/%02d %02d:%02d:%02d.%03d pid=%d] [ %10s/%30s/%5d ]:: ", t.tm_year + 1900,
-             t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, static_cast<int>(at.now.tv_nsec / 1'000'000),
-             static_cast<int>(getpid()), module, function, line);
-}
-
-__attribute__((format(printf, 3, 0))) void write_line(FILE* to, const char* header, const char* format,
-                                                      va_list arguments)
-{
-    va_list copy;
-    va_copy(copy, arguments);
-    flockfile(to); // standard output has other writers: a header and its text stay together
-    fputs(header, to);
-    vfprintf(to, format, copy);
-    funlockfile(to);
-    va_end(copy);
+    const int header = snprintf(
+        out, header_bytes, "[%04d/%02d/%02d %02d:%02d:%02d.%03d pid=%d] [ %10s/%30s/%5d ]:: ", t.tm_year + 1900,
+        t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, static_cast<int>(at.now.tv_nsec / 1'000'000),
+        static_cast<int>(getpid()), module, function, line);
+    const size_t used = std::min(static_cast<size_t>(header), header_bytes - 1);
+    const int text = vsnprintf(out + used, text_bytes, format, arguments);
+    return used + std::min(static_cast<size_t>(std::max(text, 0)), text_bytes - 1);
 }
 
 void roll_over(const tm& local) RVK_REQUIRES(log_mtx)
@@ -76,26 +76,32 @@ void roll_over(const tm& local) RVK_REQUIRES(log_mtx)
     log_num = 1 - log_num;
 }
 
+// Result: false when no file can be opened. An error of the write has nobody to be told to.
+bool write_to_file(const tm& local, const char* line, size_t bytes)
+{
+    const scoped_lock hold(log_mtx);
+    if (log_fp == nullptr) { open_file(local); }
+    if (log_fp == nullptr) { return false; }
+    if (bytes != 0 && write(fileno(log_fp), line, bytes) < 0) { bytes = 0; }
+    roll_over(local);
+    return true;
+}
+
 } // namespace
 
 void log_print(const char* module, const char* function, int line, const char* format, ...)
 {
-    const scoped_lock hold(log_mtx);
+    char text[header_bytes + text_bytes];
     const moment& at = local_moment();
-    if (log_fp == nullptr) { open_file(at.local); }
-    const bool to_file = log_fp != nullptr && log_d != 0;
-    if (to_file || log_debug != 0) {
-        char header[header_bytes];
-        format_header(header, at, module, function, line);
+    size_t bytes = 0;
+    if (log_d != 0 || log_debug != 0) {
         va_list arguments;
         va_start(arguments, format);
-        if (to_file) { write_line(log_fp, header, format, arguments); }
-        if (log_debug != 0) { write_line(stdout, header, format, arguments); }
+        bytes = format_line(text, at, module, function, line, format, arguments);
         va_end(arguments);
-        if (log_debug != 0) { fflush(stdout); }
     }
-    if (to_file || log_fp == nullptr) { fflush(log_fp); } // without a file: all open output streams
-    if (log_fp != nullptr) { roll_over(at.local); }
+    if (!write_to_file(at.local, text, log_d != 0 ? bytes : 0)) { fflush(nullptr); }
+    if (log_debug != 0) { console_write(STDOUT_FILENO, text, bytes); }
 }
 
 } // namespace rvk

@@ -6,8 +6,7 @@
 #include "eth_raw/frame.h"
 #include "eth_raw/raw_sock.h"
 #include "main/log.h"
-#include "raw_msg/send_ack.h"
-#include "raw_msg/send_read.h"
+#include "raw_msg/exchange.h"
 
 namespace rvk {
 

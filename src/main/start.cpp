@@ -3,6 +3,8 @@
 // by a signal.
 #include "ap_msg/endpoint.h"
 #include "ap_msg/file_service.h"
+#include "ap_msg/outbox.h"
+#include "ap_msg/report.h"
 #include "base/fd.h"
 #include "base/pause.h"
 #include "demo/demo.h"
@@ -12,6 +14,7 @@
 #include "mem/mem.h"
 #include "platform/platform.h"
 #include "queue/queue.h"
+#include "raw_msg/completion.h"
 #include "raw_msg/link_threads.h"
 #include "timer/timer.h"
 
@@ -52,6 +55,8 @@ int main(int argc, char** argv)
     rvk::start_crash_threads();
     rvk::queue_init();
     rvk::mem_init();
+    rvk::request_ended = rvk::report_end;
+    rvk::after_check_pass = rvk::offer_outbox;
     static_cast<void>(rvk::initTimer());
     static_cast<void>(rvk::start_status_thread()); // it logs its own failure; the daemon runs on
     for (const int index : link_slots) {

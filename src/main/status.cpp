@@ -1,5 +1,6 @@
 #include "main/status.h"
 
+#include "ap_msg/outbox.h"
 #include "base/counters.h"
 #include "base/elapsed.h"
 #include "base/fd.h"
@@ -88,7 +89,11 @@ void write_for_ever(int)
 {
     for (;;) {
         static_cast<void>(status_step()); // it has said so
-        pause_ms(period_ms);
+        for (int half = 0; half < 2; ++half) {
+            for (int link = 0; link < MAX_ETH; ++link) { watch_link(link); }
+            if (g_eth_init[0].active == 0) { offer_outbox(); } // else its check thread does
+            pause_ms(period_ms / 2);
+        }
     }
 }
 

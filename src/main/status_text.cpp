@@ -39,7 +39,7 @@ uint64_t either(size_t key, const counter& first, const counter& second) { retur
 
 constexpr family link_families[] = {
     {"open", "rvkd_link_open", "1 while the link's socket is open and its threads run.", nullptr, one_key,
-     [](int link, size_t) { return static_cast<uint64_t>(g_eth_init[link].active != 0); }},
+     [](int link, size_t) { return static_cast<uint64_t>(is_open(g_eth_init[link])); }},
     {"frames", "rvkd_frames_total", "Frames on the link, resends and dropped ones included.", "direction", directions,
      [](int link, size_t key) { return either(key, link_count[link].frames_sent, link_count[link].frames_received); }},
     {"bytes", "rvkd_frame_bytes_total", "Bytes of those frames, from destination address to checksum.", "direction",

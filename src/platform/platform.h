@@ -18,7 +18,8 @@ int apipc_init(uint32_t identity, int);
 // Delivers incoming messages to the callback on the calling thread. Returns only on an error; call it again.
 int apipc_loop_wait(int, apipc_callback callback);
 
-// Sends one message. Result: the service's own, negative when it was not delivered. Any thread; the wait is bounded.
+// Sends one message. Result: 0 when it was delivered; negative when not: -EAGAIN when the peer's queue is full, else
+// another error (-ENOENT, -ECONNREFUSED: it is gone). Any thread; never waits.
 int apipc_send(uint32_t destination, const void* message, uint32_t bytes);
 
 // This board's number, 0 to 255.

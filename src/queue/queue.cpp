@@ -5,12 +5,11 @@
 #include "main/log.h"
 #include "mem/mem.h"
 
-#include <array>
 #include <atomic>
 
 namespace rvk {
 
-mutex mtx[MAX_ETH][queue_numbers];
+short_mutex mtx[MAX_ETH][queue_numbers];
 QNode* Qlist[MAX_ETH][queue_numbers];
 int32_t Qcount[MAX_ETH][queue_numbers];
 mutex mutex_find;
@@ -53,13 +52,7 @@ bool index_remove(QNode** slot, QNode* node)
     return true;
 }
 
-// Heads are written so that queue_is_empty() may look at them without the mutex.
-void set_head(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue])
-{
-    std::atomic_ref(Qlist[index][queue]).store(node, std::memory_order_relaxed);
-}
-
-// The count is written so for queue_length().
+// Written so that queue_length() may look without the mutex.
 int32_t change_count(int index, int queue, int32_t by) RVK_REQUIRES(mtx[index][queue])
 {
     const int32_t count = Qcount[index][queue] + by;
@@ -67,18 +60,13 @@ int32_t change_count(int index, int queue, int32_t by) RVK_REQUIRES(mtx[index][q
     return count;
 }
 
-void set_behind(int index, int queue, QNode* before, QNode* node) RVK_REQUIRES(mtx[index][queue])
-{
-    if (before == nullptr) { return set_head(index, queue, node); }
-    before->next = node;
-}
-
 // Result: false when the node is not filed here.
 bool unlink(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue])
 {
     if (!index_remove(&youngest[index][queue][node->seq], node)) { return false; }
-    set_behind(index, queue, node->prev, node->next);
+    (node->prev == nullptr ? Qlist[index][queue] : node->prev->next) = node->next;
     (node->next == nullptr ? Qtail[index][queue] : node->next->prev) = node->prev;
+    node->filed = false;
     return true;
 }
 
@@ -86,8 +74,9 @@ void link_tail(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue]
 {
     node->next = nullptr;
     node->prev = Qtail[index][queue];
-    set_behind(index, queue, node->prev, node);
+    (node->prev == nullptr ? Qlist[index][queue] : node->prev->next) = node;
     Qtail[index][queue] = node;
+    node->filed = true;
     index_add(&youngest[index][queue][node->seq], node);
 }
 
@@ -98,7 +87,7 @@ QNode* oldest_match(int index, int queue, uint32_t addr, uint16_t seq) RVK_REQUI
     QNode* node = last;
     do {
         node = node->same_seq;
-        if (node->addr == addr && node->state != phase::answered) { return node; }
+        if (node->addr == addr) { return node; }
     } while (node != last);
     return nullptr;
 }
@@ -108,37 +97,40 @@ QNode* detach_all(int index, int queue)
 {
     const scoped_lock hold(mtx[index][queue]);
     QNode* head = Qlist[index][queue];
-    for (const QNode* node = head; node != nullptr; node = node->next) {
+    for (QNode* node = head; node != nullptr; node = node->next) {
         youngest[index][queue][node->seq] = nullptr;
+        node->filed = false;
         if (change_count(index, queue, -1) < 0) { log_print(LOG_HERE, "assert : empty queue error \n"); }
     }
-    set_head(index, queue, nullptr);
+    Qlist[index][queue] = nullptr;
     Qtail[index][queue] = nullptr;
     return head;
 }
 
-constexpr size_t expired_max = 65'536; // ours: what one pass takes; the rest is seen by the next
-
-size_t collect_expired(int index, int queue, std::array<QNode*, expired_max>* expired)
+// Result: the oldest of the expired nodes, the others chained behind it.
+QNode* collect_expired(int index, int queue)
 {
-    const scoped_lock hold(mtx[index][queue]);
+    QNode* first = nullptr;
+    QNode** end = &first;
     size_t n = 0;
+    const scoped_lock hold(mtx[index][queue]);
     for (QNode* node = Qlist[index][queue]; node != nullptr && n < expired_max; node = node->next) {
-        if (timerExpired(&node->timer) == 1 && node->state == phase::pending) { (*expired)[n++] = node; }
+        if (timerExpired(&node->timer) == 0 || node->being_sent) { continue; }
+        node->next_expired = nullptr;
+        *end = node;
+        end = &node->next_expired;
+        ++n;
     }
-    return n;
+    return first;
 }
 
-// Apart from its caller: an idle daemon's passes, a hundred in a second, need not touch the far end of such a frame.
-__attribute__((noinline)) void expire(int index, int queue, completion_handler handler)
+void age(Timer* timer, int32_t ticks)
 {
-    std::array<QNode*, expired_max> expired; // filled as far as it is used
-    const size_t n = collect_expired(index, queue, &expired);
-    const scoped_lock hold(mutex_check);
-    for (size_t i = 0; i < n; ++i) {
-        ++expired[i]->count;
-        handler(expired[i], nullptr, 0);
-    }
+    const int32_t period = timer->period;
+    if (period <= 0) { return; }
+    const int32_t left = timer->remaining - ticks;
+    timer->remaining = left > 0 ? left : period;
+    if (left <= 0) { timer->expired = 1; }
 }
 
 } // namespace
@@ -151,7 +143,7 @@ void queue_init()
             for (QNode* node = Qlist[index][queue]; node != nullptr; node = node->next) {
                 youngest[index][queue][node->seq] = nullptr;
             }
-            set_head(index, queue, nullptr);
+            Qlist[index][queue] = nullptr;
             Qtail[index][queue] = nullptr;
             change_count(index, queue, -Qcount[index][queue]);
         }
@@ -190,13 +182,25 @@ int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t se
 
 int32_t queue_check(int index, int queue, completion_handler handler)
 {
-    if (!queue_is_empty(index, queue)) { expire(index, queue, handler); }
+    QNode* node = collect_expired(index, queue);
+    const scoped_lock hold(mutex_check);
+    while (node != nullptr) {
+        QNode* next = node->next_expired;
+        ++node->count;
+        handler(node, nullptr, 0);
+        node = next;
+    }
     return 0;
 }
 
-bool queue_is_empty(int index, int queue)
+void timerUpdate(int index, int queues)
 {
-    return std::atomic_ref(Qlist[index][queue]).load(std::memory_order_relaxed) == nullptr;
+    const int32_t ticks = elapsed.exchange(0);
+    if (ticks <= 0) { return; }
+    for (int queue = 0; queue < queues; ++queue) {
+        const scoped_lock hold(mtx[index][queue]);
+        for (QNode* node = queue_get(index, queue); node != nullptr; node = node->next) { age(&node->timer, ticks); }
+    }
 }
 
 int32_t queue_length(int index, int queue)
@@ -215,7 +219,7 @@ int32_t queue_del(int index, int queue, QNode** handle)
         filed = unlink(index, queue, *handle);
         count = change_count(index, queue, -1);
     }
-    if (filed) { mem_free(*handle); }
+    if (filed) { let_go_of_node(*handle); }
     if (count >= 0) { return 0; }
     log_print(LOG_HERE, "assert : del queue error -1\n");
     return -1;
@@ -226,11 +230,7 @@ void queue_empty(int index, int queue)
     QNode* node = detach_all(index, queue);
     while (node != nullptr) {
         QNode* next = node->next;
-        if (node->state == phase::pending) {
-            mem_free(node);
-        } else {
-            node->state = phase::unlinked; // its sender's alone from here on
-        }
+        let_go_of_node(node);
         node = next;
     }
 }
@@ -244,7 +244,16 @@ void queue_del_buf(int index, int queue, const uint8_t* buf)
         while (node != nullptr && node->buf != buf) { node = node->next; }
         if (node != nullptr) { unlink(index, queue, node); }
     }
+    if (node != nullptr) { let_go_of_node(node); }
+}
+
+void hold_node(QNode* node) { node->holders.fetch_add(1, std::memory_order_relaxed); }
+
+bool let_go_of_node(QNode* node)
+{
+    if (node->holders.fetch_sub(1, std::memory_order_acq_rel) != 0) { return false; }
     mem_free(node);
+    return true;
 }
 
 } // namespace rvk

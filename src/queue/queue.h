@@ -1,11 +1,12 @@
 // Pending requests: every frame that still owes us an answer.
 //
-// One list per link and kind, filed at the tail and searched from the head, so that the oldest request wins. A node
-// belongs to its queue while it is filed; the frame and the destination it points to belong to whoever filed it.
-// Senders file nodes; the link's receive and check threads find, expire and delete them. Nothing here sends or reports.
+// One list per link and kind, filed at the tail and searched from the head, so that the oldest request wins. Senders
+// file nodes; the link's receive and check threads find, age, expire and delete them. Nothing here sends or reports.
 //
-// Whoever refers to a node that is filed (a handler, a check pass, a sender that takes its node back) holds the link's
-// find_check_mtx: the queue's own mutex guards only list and count and is released before a handler runs.
+// Owners: the queue while a node is filed, and whoever else holds it (its sender; a link thread that still has to tell
+// of its end). The last one gives the node back to the pool; the frame that it points to is the holders' alone.
+// A node is filed by its sender; it is changed and unlinked under its link's find_check_mtx. The queue's own mutex
+// guards list, count and index, and is released before a handler runs.
 // All functions trust their link index (0 to 2) and queue number (0 to 5).
 #pragma once
 
@@ -13,9 +14,9 @@
 #include "base/mutex.h"
 #include "timer/timer.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <semaphore.h>
 
 namespace rvk {
 
@@ -25,18 +26,21 @@ inline constexpr int READ_QUEUE = 2;               // asynchronous reads
 inline constexpr int READ_WAIT_QUEUE = 3;          // synchronous reads
 inline constexpr int queue_numbers = 6;            // 4 and 5 are prepared and aged, never filled
 inline constexpr int32_t queue_nodes_max = 65'535; // ours: as many as there are sequence numbers, less one
+inline constexpr size_t expired_max = 512;         // ours: what one call of queue_check takes; the next takes the rest
 
-// Who may do what with a filed node. Guarded by the link's find_check_mtx, but for the value a node is filed with.
-enum class phase : uint8_t {
-    pending,  // the link's threads act on answers and expiries
-    sending,  // asynchronous, first send not over: the link's threads only note answers, the sender settles them
-    answered, // over; its sender will delete it. No later answer or expiry touches it
-    unlinked, // was sending or answered when its queue was emptied: filed no more, its sender gives it back
+// What an answer, or an expiry, meant for a request.
+enum class outcome : uint8_t {
+    nothing,  // as if nothing had come; of a node: its request is not over
+    done,     // a good answer
+    failed,   // an answer that ends the request without data
+    refused,  // a wrong acknowledgement
+    late,     // an expiry that costs a resend
+    given_up, // the last expiry, or one refusal too many
 };
 
-// A node is a zero-filled block of the pool, given back by queue_del or queue_empty.
+// A node is a zero-filled block of the pool.
 struct QNode {
-    uint8_t* buf; // payload of the message buffer that holds the frame as sent; a resend sends it unchanged
+    uint8_t* buf; // payload of the message buffer that holds the frame, packed before it was filed; sent as it is
     Timer timer;
     int32_t index;      // link
     uint32_t addr;      // card address; first match key
@@ -45,27 +49,31 @@ struct QNode {
     uint32_t send_len;  // bytes of the frame as a resend takes them
     uint8_t* dest;      // where a read's data goes
     uint16_t seq;       // second match key
-    sem_t sem;          // a synchronous sender waits on it
+    semaphore sem;      // a synchronous sender waits on it
     uint32_t count;     // expiries seen; asynchronous requests start at 1
     uint32_t requester; // identity to report to; asynchronous requests only
     QNode* next;        // younger neighbour, null at the tail
     // ours:
-    QNode* prev;        // older neighbour, null at the head
-    QNode* same_seq;    // next younger of the same sequence number; the youngest points at the oldest
-    uint32_t dest_size; // bytes that dest can take
-    uint32_t asked_us;  // when it was filed, or asked again after a refusal; low bits of the monotonic clock
-    uint16_t refusals;  // wrong answers seen
-    phase state;
+    QNode* prev;                  // older neighbour, null at the head
+    QNode* same_seq;              // next younger of the same sequence number; the youngest points at the oldest
+    QNode* next_expired;          // of one call of queue_check
+    uint32_t dest_size;           // bytes that dest can take
+    uint32_t asked_us;            // when it was filed, or asked again after a refusal; low bits of the monotonic clock
+    uint16_t refusals;            // wrong answers seen
+    bool being_sent;              // its first send is not over: expiries do not count
+    bool filed;                   // in its queue
+    outcome end;                  // how its request ended
+    std::atomic<uint8_t> holders; // owners beside the first
 };
 
 // Called with a node whose answer matched (data not null) or whose timer expired (data null, length meaningless).
 using completion_handler = void (*)(QNode* node, const uint8_t* data, uint32_t length);
 
-extern mutex mtx[MAX_ETH][queue_numbers];      // list, count and index of one queue
-extern QNode* Qlist[MAX_ETH][queue_numbers];   // heads
-extern int32_t Qcount[MAX_ETH][queue_numbers]; // nodes filed
-extern mutex mutex_find;                       // every handler call of queue_find
-extern mutex mutex_check;                      // every handler call of queue_check
+extern short_mutex mtx[MAX_ETH][queue_numbers]; // list, count and index of one queue
+extern QNode* Qlist[MAX_ETH][queue_numbers];    // heads
+extern int32_t Qcount[MAX_ETH][queue_numbers];  // nodes filed
+extern mutex mutex_find;                        // every handler call of queue_find
+extern mutex mutex_check;                       // every handler call of queue_check
 
 // Empties all heads and counts. Once, before any other call.
 void queue_init();
@@ -73,17 +81,19 @@ void queue_init();
 // Appends a node. Result: 0, or -1 when the queue is full; the node then stays the caller's.
 [[nodiscard]] int32_t queue_add(int index, int queue, QNode* node);
 
-// Offers an answer to the oldest request with this address and sequence number that is not over. Always 0.
+// Offers an answer to the oldest request with this address and sequence number. Always 0.
 int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t seq, uint32_t recv_len,
                    completion_handler handler, const uint8_t* data);
 
-// Counts an expiry of every node whose timer ran out and calls the handler for it, oldest first. An expiry of a node
-// that is still being sent, or is over, does not count. Always 0.
+// Counts an expiry of every node whose timer ran out and calls the handler for it, oldest first, for at most
+// expired_max nodes. An expiry of a node that is still being sent does not count. Always 0.
+// The handler ends no other node than the one it is called with.
 int32_t queue_check(int index, int queue, completion_handler handler);
 
-// A glance without the mutex, for passes over queues that are empty nearly always; what is filed meanwhile is the next
-// pass's.
-[[nodiscard]] bool queue_is_empty(int index, int queue);
+// The aging pass: hands the ticks counted since the last one to every pending request of queues 0 to queues - 1 of a
+// link, each queue under its own mutex. Called by the link's check thread. With several links running, whichever passes
+// first takes the ticks.
+void timerUpdate(int index, int queues);
 
 // Nodes filed, at a glance without the mutex: for reports, not for decisions.
 [[nodiscard]] int32_t queue_length(int index, int queue);
@@ -91,15 +101,19 @@ int32_t queue_check(int index, int queue, completion_handler handler);
 // Head of the list, null when empty.
 [[nodiscard]] QNode* queue_get(int index, int queue) RVK_REQUIRES(mtx[index][queue]);
 
-// Unlinks *handle and gives it back to the pool. A node that is not filed is left alone, but still lowers the count.
-// Result: 0, or -1 when the count went below zero.
+// Unlinks *handle, and gives it back to the pool unless somebody else holds it. A node that is not filed is left alone,
+// but still lowers the count. Result: 0, or -1 when the count went below zero.
 int32_t queue_del(int index, int queue, QNode** handle);
 
-// Drops every request of a queue: no report, no semaphore, frames and destinations stay with those they belong to. A
-// node that its sender still holds is unlinked and left to it.
+// Drops every request of a queue, as queue_del does each: no report, no semaphore, frames and destinations stay with
+// those they belong to.
 void queue_empty(int index, int queue);
 
 // Unlinks and gives back the oldest node whose `buf` is this, without changing the count.
 void queue_del_buf(int index, int queue, const uint8_t* buf);
+
+// One more owner of a node; one less. Result: true when that was the last one, and the node is the pool's again.
+void hold_node(QNode* node);
+bool let_go_of_node(QNode* node);
 
 } // namespace rvk

@@ -5,65 +5,53 @@
 #include "eth_raw/frame.h"
 #include "eth_raw/raw_sock.h"
 #include "main/log.h"
-#include "raw_msg/report.h"
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 namespace rvk {
+
+short_mutex find_check_mtx[MAX_ETH];
+end_of_request request_ended;
+
 namespace {
 
-QNode* woken[MAX_ETH]; // its semaphore is still to be posted; each under its link's find_check_mtx
+completion_pass* open_passes[MAX_ETH]; // each under its link's find_check_mtx
 
-enum class outcome {
-    done,     // a good answer
-    failed,   // an answer that ends the request without data
-    refused,  // a wrong acknowledgement
-    late,     // an expiry that costs a resend
-    given_up, // the last expiry
-    nothing,  // as if nothing had come
-};
+constexpr bool waits(int queue) { return queue == ACK_WAIT_QUEUE || queue == READ_WAIT_QUEUE; }
+constexpr bool reads(int queue) { return queue == READ_QUEUE || queue == READ_WAIT_QUEUE; }
 
-// What an answer, or an expiry, means for an asynchronous acknowledged write.
-outcome judge_ack(const QNode& node, bool answered)
+outcome judge_expiry(int queue, const QNode& node)
 {
-    if (!answered) { return node.count >= give_up_count ? outcome::given_up : outcome::late; }
-    if (node.ack == ack_good) { return outcome::done; }
-    return node.ack == no_answer ? outcome::nothing : outcome::refused; // a card that says "no answer" has said nothing
-}
-
-outcome judge_ack_wait(const QNode& node, bool answered)
-{
-    if (answered) { return judge_ack(node, true); }
-    return node.ack == no_answer && node.count >= give_up_count_wait ? outcome::given_up : outcome::nothing;
-}
-
-outcome judge_read(const QNode& node, bool answered)
-{
-    if (!answered) { return node.count >= give_up_count ? outcome::given_up : outcome::late; }
-    if (node.ack != ack_good) { return node.ack == no_answer ? outcome::nothing : outcome::refused; }
-    if (node.recv_len == 0) { return outcome::nothing; }
-    return node.recv_len <= frame_data_max ? outcome::done : outcome::failed;
+    if (waits(queue)) { return node.count >= give_up_count_wait ? outcome::given_up : outcome::nothing; }
+    if (node.ack != no_answer) { return outcome::refused; } // kept until now
+    return node.count >= give_up_count ? outcome::given_up : outcome::late;
 }
 
 // A synchronous reader is woken by a good answer without data at once, and by one that is too long.
-outcome judge_read_wait(const QNode& node, bool answered)
+outcome judge_answer(int queue, const QNode& node)
 {
-    if (node.ack == ack_good) { return answered && node.recv_len != 0 ? outcome::done : outcome::failed; }
-    if (answered) { return node.ack == no_answer ? outcome::nothing : outcome::refused; }
-    return node.recv_len == 0 && node.count >= give_up_count_wait ? outcome::given_up : outcome::nothing;
+    if (node.ack == no_answer) { return outcome::nothing; } // a card that says "no answer" has said nothing
+    if (node.ack != ack_good) { return outcome::refused; }
+    if (!reads(queue)) { return outcome::done; }
+    if (node.recv_len == 0) { return waits(queue) ? outcome::failed : outcome::nothing; }
+    return node.recv_len <= frame_data_max || waits(queue) ? outcome::done : outcome::failed;
 }
 
-// What is decided twice, since the request was still being sent, is counted when its sender settles it.
-outcome counted(const QNode& node, outcome means, bool answered)
+void count_outcome(const QNode& node, outcome means, bool answered)
 {
-    if (means == outcome::done) { return means; }
     link_counters& figures = link_count[node.index];
-    if (means == outcome::refused) { figures.wrong_acks.add(); }
+    if (means == outcome::refused && answered) { figures.wrong_acks.add(); }
     if (means == outcome::given_up) { figures.given_up.add(); }
-    if (answered && means != outcome::refused) { figures.dropped[drop::unusable].add(); }
-    return means;
+    const bool unusable = means == outcome::nothing || means == outcome::failed ||
+                          (means == outcome::done && node.recv_len > frame_data_max);
+    if (answered && unusable) { figures.dropped[drop::unusable].add(); }
+}
+
+void take_note(const note& n, int index)
+{
+    completion_pass* pass = open_passes[index];
+    pass->notes[pass->used++] = n;
 }
 
 void forget_answer(QNode* node)
@@ -75,162 +63,138 @@ void forget_answer(QNode* node)
 // Copies a read's answer to where its caller wants it, and no further; from then on recv_len is what was copied.
 void take_data(QNode* node, const uint8_t* data)
 {
-    if (node->recv_len > frame_data_max || data == node->dest) { return; }
+    if (node->recv_len > frame_data_max) { return; }
     node->recv_len = std::min(node->recv_len, node->dest_size);
     memcpy(node->dest, data, node->recv_len);
 }
 
-// An answer to a request whose first send is not over: noted in the node, for its sender to settle. A refusal is noted
-// by staying in `ack`; a later good answer still replaces it.
-void note_answer(QNode* node, outcome means, const uint8_t* data)
+void resend(int queue, QNode* node, outcome why)
 {
-    if (means == outcome::nothing) {
-        link_count[node->index].dropped[drop::unusable].add();
-        forget_answer(node);
-    }
-    if (means != outcome::done && means != outcome::failed) { return; }
-    if (node->dest != nullptr) { take_data(node, data); }
-    node->state = phase::answered;
-}
-
-void resend(QNode* node)
-{
+    note n{nullptr, queue, why, node->ack, node->count, 0};
     forget_answer(node);
     link_count[node->index].resends.add();
-    // A resend that fails is logged below; the timer runs, so the next expiry tries again or gives up.
-    static_cast<void>(RawSockMsgSendAgain(node->index, node->buf, node->send_len));
+    // The timer runs, so the next expiry makes up for a resend that fails, or gives up.
+    static_cast<void>(send_again(node->index, node->buf, node->send_len, &n.error));
     timerStart(retry_ticks, &node->timer);
+    take_note(n, node->index);
 }
 
-void resend_refused(QNode* node)
+void end(int queue, QNode* node, outcome how, const uint8_t* data)
 {
-    log_print(LOG_HERE, "wrong ack (0x%x), send msg again (%d)!\n", static_cast<unsigned>(node->ack),
-              static_cast<int>(node->count));
-    node->asked_us = monotonic_us();
-    resend(node);
-}
-
-void resend_late(QNode* node)
-{
-    log_print(LOG_HERE, "no ack msg (0x%x), send msg again (%d)!\n", static_cast<unsigned>(node->ack),
-              static_cast<int>(node->count));
-    resend(node);
-}
-
-// Result: true when this refusal was one too many.
-bool refused_for_good(QNode* node)
-{
-    if (++node->refusals < refusals_max) { return false; }
-    link_count[node->index].given_up.add();
-    return true;
-}
-
-void finish(int queue, QNode* node)
-{
-    RawMsgFreeBuf(node->buf);
+    take_note({node, queue, how, node->ack, node->count, 0}, node->index);
+    timerStop(&node->timer);
+    node->end = how;
+    if (how == outcome::done && node->dest != nullptr) { take_data(node, data); }
+    if (how != outcome::done) { node->recv_len = 0; }
+    if (!waits(queue)) { node->count = 0; }
+    hold_node(node);                                         // the pass
     static_cast<void>(queue_del(node->index, queue, &node)); // logs a count that went wrong; there is no one to tell
 }
 
-void stop(QNode* node)
+// Of an asynchronous request, when it comes or when the timer of one that came runs out.
+void refuse(int queue, QNode* node, bool answered)
 {
-    timerStop(&node->timer);
-    node->count = 0;
+    if (!answered) {
+        --node->count; // that expiry was no unanswered send
+    } else if (++node->refusals >= refusals_max) {
+        link_count[node->index].given_up.add();
+        return end(queue, node, outcome::given_up, nullptr);
+    } else if (node->refusals > refusals_at_once) {
+        node->recv_len = 0;
+        return; // its ack stays, for the expiry
+    }
+    node->asked_us = monotonic_us();
+    resend(queue, node, outcome::refused);
 }
 
-void give_up_write(QNode* node)
+void complete(int queue, QNode* node, const uint8_t* data) RVK_REQUIRES(find_check_mtx[node->index])
 {
-    log_print(LOG_HERE, "wrong ack (0x%x), send msg count (%d), not send again!\n", static_cast<unsigned>(node->ack),
-              static_cast<int>(node->count));
-    stop(node);
-    WriteAckResultReport(node, -1);
-    finish(ACK_QUEUE, node);
+    const bool answered = data != nullptr;
+    if (answered) { open_passes[node->index]->met_a_request = true; }
+    const outcome means = answered ? judge_answer(queue, *node) : judge_expiry(queue, *node);
+    count_outcome(*node, means, answered);
+    switch (means) {
+    case outcome::nothing:
+        if (answered) { forget_answer(node); }
+        return;
+    case outcome::late: return resend(queue, node, means);
+    case outcome::refused:
+        if (!waits(queue)) { return refuse(queue, node, answered); }
+        [[fallthrough]]; // a sender that waits is told
+    case outcome::done:
+    case outcome::failed:
+    case outcome::given_up: return end(queue, node, means, data);
+    }
 }
 
-void finish_read(QNode* node, int32_t result)
+void log_resend(const note& n)
 {
-    stop(node);
-    if (result != 0) { node->recv_len = 0; }
-    ReadResultReport(node, result);
-    release_read_message(node);
-    finish(READ_QUEUE, node);
+    const auto ack = static_cast<unsigned>(n.ack);
+    const auto count = static_cast<int>(n.count);
+    if (n.means == outcome::late) {
+        log_print(LOG_HERE, "no ack msg (0x%x), send msg again (%d)!\n", ack, count);
+    } else {
+        log_print(LOG_HERE, "wrong ack (0x%x), send msg again (%d)!\n", ack, count);
+    }
+    if (n.error != 0) { print_send_error(n.error); }
 }
 
-// The sender takes what it wants to know from the node and deletes it.
-void wake(QNode* node) RVK_REQUIRES(find_check_mtx[node->index])
+void log_end(const note& n)
 {
-    timerStop(&node->timer);
-    node->state = phase::answered;
-    QNode* before = std::exchange(woken[node->index], node);
-    if (before != nullptr) { sem_post(&before->sem); } // a check pass may end one of each kind
+    const auto ack = static_cast<unsigned>(n.ack);
+    if (waits(n.queue) && n.means == outcome::refused) { log_print(LOG_HERE, "wrong ack (0x%x)!\n", ack); }
+    if (waits(n.queue) && n.means == outcome::failed) { log_print(LOG_HERE, "wrong msg and  recv_len, Read error!\n"); }
+    if (n.means != outcome::given_up) { return; }
+    switch (n.queue) {
+    case ACK_QUEUE:
+        log_print(LOG_HERE, "wrong ack (0x%x), send msg count (%d), not send again!\n", ack, static_cast<int>(n.count));
+        return;
+    case ACK_WAIT_QUEUE: log_print(LOG_HERE, "no ack msg (0x%x) write error!\n", ack); return;
+    case READ_WAIT_QUEUE: log_print(LOG_HERE, "no resp msg (0x%x) read error no msg!\n", ack); return;
+    default: return; // of an asynchronous read nothing is logged
+    }
+}
+
+// Wakes its sender, or tells its requester; a write that was acknowledged well has no report.
+void tell_end(const note& n)
+{
+    const bool well = n.means == outcome::done;
+    if (waits(n.queue)) { return n.ended->sem.post(); }
+    if (n.queue == READ_QUEUE || !well) { request_ended(n.ended, well ? 0 : -1); }
 }
 
 } // namespace
 
-void AckCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
+void AckCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(ACK_QUEUE, node, data); }
+void AckWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(ACK_WAIT_QUEUE, node, data); }
+void ReadCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(READ_QUEUE, node, data); }
+void ReadWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(READ_WAIT_QUEUE, node, data); }
+
+void open_pass(int index, completion_pass* pass)
 {
-    const outcome means = judge_ack(*node, data != nullptr);
-    if (node->state == phase::sending) { return note_answer(node, means, data); }
-    switch (counted(*node, means, data != nullptr)) {
-    case outcome::done: stop(node); return finish(ACK_QUEUE, node);
-    case outcome::refused: return refused_for_good(node) ? give_up_write(node) : resend_refused(node);
-    case outcome::late: return resend_late(node);
-    case outcome::given_up: return give_up_write(node);
-    case outcome::failed: // no answer to a write means this
-    case outcome::nothing: return forget_answer(node);
+    pass->used = 0;
+    pass->met_a_request = false;
+    open_passes[index] = pass;
+}
+
+void close_pass(completion_pass* pass)
+{
+    for (size_t i = 0; i < pass->used; ++i) {
+        const note& n = pass->notes[i];
+        if (n.ended == nullptr) {
+            log_resend(n);
+            continue;
+        }
+        log_end(n);
+        tell_end(n);
+        release(n.ended);
     }
 }
 
-void AckWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
+void release(QNode* node)
 {
-    switch (counted(*node, judge_ack_wait(*node, data != nullptr), data != nullptr)) {
-    case outcome::done: return wake(node);
-    case outcome::refused:
-        log_print(LOG_HERE, "wrong ack (0x%x)!\n", static_cast<unsigned>(node->ack));
-        return wake(node);
-    case outcome::given_up:
-        log_print(LOG_HERE, "no ack msg (0x%x) write error!\n", static_cast<unsigned>(node->ack));
-        return wake(node);
-    case outcome::failed: // neither is meant for a synchronous write
-    case outcome::late:
-    case outcome::nothing: return forget_answer(node);
-    }
-}
-
-void ReadCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
-{
-    const outcome means = judge_read(*node, data != nullptr);
-    if (node->state == phase::sending) { return note_answer(node, means, data); }
-    switch (counted(*node, means, data != nullptr)) {
-    case outcome::done: take_data(node, data); return finish_read(node, 0);
-    case outcome::failed: return finish_read(node, -1);
-    case outcome::refused: return refused_for_good(node) ? finish_read(node, -1) : resend_refused(node);
-    case outcome::late: return resend_late(node);
-    case outcome::given_up: return finish_read(node, -1);
-    case outcome::nothing: return forget_answer(node);
-    }
-}
-
-void ReadWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t)
-{
-    switch (counted(*node, judge_read_wait(*node, data != nullptr), data != nullptr)) {
-    case outcome::done: take_data(node, data); return wake(node);
-    case outcome::failed: log_print(LOG_HERE, "wrong msg and  recv_len, Read error!\n"); return wake(node);
-    case outcome::refused:
-        log_print(LOG_HERE, "wrong ack (0x%x)!\n", static_cast<unsigned>(node->ack));
-        node->recv_len = 0;
-        return wake(node);
-    case outcome::given_up:
-        log_print(LOG_HERE, "no resp msg (0x%x) read error no msg!\n", static_cast<unsigned>(node->ack));
-        return wake(node);
-    case outcome::late: // not meant for a synchronous read
-    case outcome::nothing: return forget_answer(node);
-    }
-}
-
-sem_t* take_woken(int index)
-{
-    QNode* node = std::exchange(woken[index], nullptr);
-    return node == nullptr ? nullptr : &node->sem;
+    uint8_t* buf = node->buf;
+    if (let_go_of_node(node)) { RawMsgFreeBuf(buf); }
 }
 
 int32_t AckRawMsg(int index, uint32_t addr, uint8_t ack, uint16_t seq, uint32_t length, const uint8_t* data)

@@ -8,12 +8,14 @@
 #include "eth_raw/link.h"
 #include "eth_raw/raw_sock.h"
 #include "main/log.h"
+#include "queue/queue.h"
 #include "raw_msg/completion.h"
-#include "raw_msg/link_lock.h"
-#include "timer/aging.h"
 #include "timer/timer.h"
 
 namespace rvk {
+
+void (*after_check_pass)();
+
 namespace {
 
 constexpr int receive_priority = 90, check_priority = 89; // ours, SCHED_FIFO
@@ -29,8 +31,6 @@ struct received_answer {
 // One answer may end one request in each of the two queues of its kind: their sequence numbers are counted separately.
 void offer(int index, const received_answer& a)
 {
-    link_counters& figures = link_count[index];
-    const uint64_t answers_before = figures.answers.get();
     switch (a.code) {
     case code_write_ack:
     case code_ack_short:
@@ -41,11 +41,13 @@ void offer(int index, const received_answer& a)
         ReadRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
         ReadWaitRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
         break;
-    default: // no other reply answers a request of ours
-        figures.dropped[drop::code].add();
-        return;
+    default: return; // no other reply answers a request of ours
     }
-    if (figures.answers.get() == answers_before) { figures.dropped[drop::no_request].add(); }
+}
+
+constexpr bool is_an_answer(uint8_t code)
+{
+    return code == code_write_ack || code == code_ack_short || code == code_read;
 }
 
 // A pass that comes late delays every resend. Only the link's check thread writes these two.
@@ -110,37 +112,44 @@ void RawMsgAckReadCheck(int index)
     for (;;) {
         note_check_pass(index);
         check_step(index);
+        if (after_check_pass != nullptr) { after_check_pass(); }
         pause_ms(check_period_ms);
     }
 }
 
 void receive_step(int index)
 {
+    static completion_pass passes[MAX_ETH]; // each its link's receive thread's own
     received_answer a{};
     a.data = RawSockMsgRecv(index, &a.ack, &a.model, &a.slot, &a.addr, &a.code, &a.seq, &a.len);
     if (a.data == nullptr) { return; }
-    sem_t* woken = nullptr;
+    if (!is_an_answer(a.code)) { return link_count[index].dropped[drop::code].add(); }
+    completion_pass& pass = passes[index];
     {
         const scoped_lock hold(find_check_mtx[index]);
+        open_pass(index, &pass);
         offer(index, a);
-        woken = take_woken(index);
     }
-    if (woken != nullptr) { sem_post(woken); }
+    if (!pass.met_a_request) { link_count[index].dropped[drop::no_request].add(); }
+    close_pass(&pass);
 }
 
 void check_step(int index)
 {
+    static completion_pass passes[MAX_ETH]; // each its link's check thread's own
+    completion_pass& pass = passes[index];
     timerUpdate(index, queue_numbers);
-    sem_t* woken = nullptr;
-    {
-        const scoped_lock hold(find_check_mtx[index]);
-        CheckAckRawMsg(index);
-        CheckAckWaitRawMsg(index);
-        CheckReadRawMsg(index);
-        CheckReadWaitRawMsg(index);
-        woken = take_woken(index);
-    }
-    if (woken != nullptr) { sem_post(woken); }
+    do {
+        {
+            const scoped_lock hold(find_check_mtx[index]);
+            open_pass(index, &pass);
+            CheckAckRawMsg(index);
+            CheckAckWaitRawMsg(index);
+            CheckReadRawMsg(index);
+            CheckReadWaitRawMsg(index);
+        }
+        close_pass(&pass);
+    } while (pass.used >= expired_max); // more may have expired; answers get their turn in between
 }
 
 } // namespace rvk

@@ -1,8 +1,9 @@
 // The request timer: one process-wide tick of 30 ms, and the record that turns ticks into an expiry.
 //
 // The signal handler only counts; a link's check thread hands the counted ticks to the pending requests
-// (timer/aging.h). A Timer is armed and stopped by senders and handlers while the aging pass reads it, without a lock:
-// each of its words is one atomic word, and a start seen half done costs at most one early or late expiry.
+// (timerUpdate in queue/queue.h). A Timer is armed and stopped by senders and handlers while the aging pass reads it,
+// without a lock: each of its words is one atomic word, and a start seen half done costs at most one early or late
+// expiry.
 #pragma once
 
 #include <atomic>

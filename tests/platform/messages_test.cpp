@@ -6,6 +6,7 @@
 #include "support/log_capture.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -61,7 +62,7 @@ TEST(Messages, WhatIsTooLongOrLiesIsDroppedAndLogged)
     EXPECT_TRUE(delivered == good);
     EXPECT_EQ(logged("dropped"), 5u) << log_text();
     const bytes too_long(local::datagram_bytes_max + 1);
-    EXPECT_EQ(apipc_send(peer, too_long.data(), local::datagram_bytes_max + 1), -1);
+    EXPECT_EQ(apipc_send(peer, too_long.data(), local::datagram_bytes_max + 1), -EMSGSIZE);
     unique_fd{local::process_endpoint.exchange(-1)};
 }
 

@@ -41,8 +41,7 @@ struct entry {
     ended end = ended::not_yet;
     uint8_t status = no_answer;              // of the answer that ended it
     size_t len = 0;                          // of its data
-    bool sending = true;                     // until the sender is back from its first send
-    bool refused = false;                    // by the last answer that was noted while it was sent
+    bool unsent = false;                     // its first send failed: it was not sent, unless an answer came before
     int frames = 0, reports = 0;             // given to the system, whatever that did with them; to the requester
     int refusals = 0;                        // that must have been answered with a resend
     int passes_before = 0, ticks_before = 0; // of the history, when its time began
@@ -71,8 +70,7 @@ public:
         }
         entry& e = entries[f.model];
         ++e.frames;
-        expect(e.frames == 1 || (e.end == ended::not_yet && !e.sending && !waits(e.k)), e,
-               "resent though it is over, not out yet, or waited for");
+        expect(e.frames == 1 || (e.end == ended::not_yet && !waits(e.k)), e, "resent though it is over, or waited for");
         expect(e.frames <= 3 + e.refusals, e, "sent too often");
         expect(f.addr == e.addr && f.seq == e.seq && f.len == length_at(e.addr) &&
                    (!is_write(e.k) || std::ranges::equal(f.data, data_at(e.addr, f.len))),
@@ -101,8 +99,7 @@ public:
     // Its first send is over.
     void out(entry& e)
     {
-        e.sending = false;
-        if (e.refused && e.end == ended::not_yet) { ++e.refusals; }
+        if (e.unsent && e.end == ended::not_yet) { e.end = ended::not_sent; }
         e.passes_before = passes;
         e.ticks_before = ticks;
     }
@@ -111,12 +108,11 @@ public:
     {
         if (to >= entries.size()) { return void(wrong = "a report to nobody"); }
         entry& e = entries[to];
-        expect(!waits(e.k) && ++e.reports == 1 && !e.sending, e,
-               "reported twice, too early, or though its sender waits");
+        expect(!waits(e.k) && ++e.reports == 1, e, "reported twice, or though its sender waits");
         const bool as_itself = load_le32(&m[message::addr]) == e.addr &&
                                m[message::code] == (is_write(e.k) ? command::write_ack : command::read);
         if (e.end == ended::not_yet) {
-            give_up(e, 7); // ticks of 9: its first period began while it was sent
+            give_up(e, 9); // ticks
             expect(e.frames == 3 + e.refusals, e, "given up after another number of frames");
         } else {
             expect(!is_write(e.k), e, "reported though it was acknowledged");
@@ -173,8 +169,8 @@ private:
     void answer_one(entry& e, uint8_t status, size_t len)
     {
         const bool empty = !is_write(e.k) && status == ack_good && len == 0;
-        if (status == no_answer || (empty && !waits(e.k))) { return void(e.refused = false); }
-        if (status != ack_good && !waits(e.k)) { return void(e.sending ? e.refused = true : ++e.refusals != 0); }
+        if (status == no_answer || (empty && !waits(e.k))) { return; }
+        if (status != ack_good && !waits(e.k)) { return void(++e.refusals); }
         const bool too_long = !is_write(e.k) && len > frame_data_max;
         e.end = empty || too_long || status != ack_good ? ended::badly : ended::well;
         e.status = status;

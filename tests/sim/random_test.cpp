@@ -2,9 +2,7 @@
 // when. Whatever it is, every request ends once, as the ledger says, and nothing is left over.
 //
 // RVK_SIM_SEED=n runs one seed only, RVK_SIM_SEEDS=n that many fresh ones.
-#include "raw_msg/filing.h"
-#include "raw_msg/send_ack.h"
-#include "raw_msg/send_read.h"
+#include "raw_msg/exchange.h"
 #include "replay/seeds.h"
 #include "sim/ledger.h"
 #include "sim/world.h"
@@ -150,7 +148,7 @@ private:
         blocked = fails && !blocked && d.happens(500);
         if (blocked) { return -EAGAIN; }
         entry* const e = book.frame(frame);
-        if (e != nullptr && fails && e->frames == 1) { e->end = ended::not_sent; }
+        if (e != nullptr && fails && e->frames == 1) { e->unsent = true; }
         if (!fails || d.happens(500)) { w.to_cards(frame); }
         return fails ? -ENOBUFS : static_cast<long>(frame.size());
     }

@@ -9,15 +9,16 @@
 #include "base/bytes.h"
 #include "base/counters.h"
 #include "eth_raw/frame.h"
+#include "mem/mem.h"
 #include "queue/queue.h"
-#include "raw_msg/filing.h"
-#include "raw_msg/link_lock.h"
-#include "raw_msg/send_ack.h"
+#include "raw_msg/completion.h"
+#include "raw_msg/exchange.h"
 #include "raw_msg/send_plain.h"
-#include "raw_msg/send_read.h"
+#include "support/log_capture.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -50,8 +51,7 @@ struct player : story {
 
     std::map<std::string, uint64_t> figures_now() const
     {
-        std::map<std::string, uint64_t> f{{"printed", static_cast<uint64_t>(w.errors_printed)},
-                                          {"paused_ms", paused_us / 1000}};
+        std::map<std::string, uint64_t> f{{"printed", errors_shown()}, {"paused_ms", paused_us / 1000}};
         const auto add = [&f](const auto& names, auto& counters) {
             for (size_t i = 0; i < names.size(); ++i) { f[names[i]] += counters.all[i].get(); }
         };
@@ -161,8 +161,9 @@ struct player : story {
     // Its queue has as many requests as it takes; room for one comes with a pause of its sender, if at all.
     void fill()
     {
-        while (queue_add(0, queue(), make_node(0, 0xF000, 0, nullptr, 94)) == 0 &&
-               queue_length(0, queue()) < queue_nodes_max) {}
+        while (queue_length(0, queue()) < queue_nodes_max) {
+            static_cast<void>(queue_add(0, queue(), new (mem_alloc(sizeof(QNode))) QNode{}));
+        }
         w.on_pause = [this, pauses = 0u](uint64_t pause) mutable {
             QNode* oldest = Qlist[0][queue()];
             paused_us += pause;

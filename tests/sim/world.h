@@ -51,7 +51,6 @@ struct world {
     std::vector<bytes_t> frames;        // that were sent, resent ones included
     std::vector<sent_message> messages; // to requesters
     uint64_t now_us = 0;
-    int errors_printed = 0;
 
     long to_cards(std::span<const uint8_t> frame);
     void arrive(std::span<const uint8_t> frame); // one frame comes and is dealt with, before all others

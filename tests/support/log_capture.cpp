@@ -4,8 +4,10 @@
 #include "main/log.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <numeric>
+#include <unistd.h>
 #include <vector>
 
 namespace rvk {
@@ -16,6 +18,7 @@ FILE* log_fp = nullptr;
 namespace {
 
 mutex lock;
+std::atomic<size_t> shown{0};
 // Never destroyed: threads of the code under test may log while the process exits.
 std::vector<std::string>& texts = *new std::vector<std::string>;
 
@@ -31,6 +34,11 @@ void log_print(const char*, const char*, int, const char* format, ...)
     const scoped_lock held(lock);
     texts.emplace_back(text);
 }
+
+void console_write(int, const char*, size_t) {}
+void console_print(int fd, const char*, ...) { shown += fd == STDERR_FILENO ? 1 : 0; }
+
+size_t errors_shown() { return shown; }
 
 std::string log_text()
 {

@@ -15,4 +15,7 @@ std::string take_log();
 [[nodiscard]] size_t logged(std::string_view part);
 [[nodiscard]] std::string log_text();
 
+// Texts that were printed on standard error past the log, since the start; they are thrown away.
+[[nodiscard]] size_t errors_shown();
+
 } // namespace rvk

@@ -11,7 +11,9 @@
 #include "mem/mem.h"
 #include "platform/local/endpoint.h"
 #include "queue/queue.h"
+#include "raw_msg/completion.h"
 #include "raw_msg/link_threads.h"
+#include "rvkdiag/reports.h"
 #include "timer/timer.h"
 
 #include <csignal>
@@ -90,7 +92,7 @@ void open_without_threads(int link, size_t longest_frame)
     if (RawSockMsgInit(link) != 0) { fail_to_open(link); }
 }
 
-pthread_t open_with_threads(int link, size_t longest_frame)
+void open_with_threads(int link, size_t longest_frame)
 {
     refuse_beside_a_daemon(link);
     check_interface(link, longest_frame);
@@ -100,11 +102,11 @@ pthread_t open_with_threads(int link, size_t longest_frame)
     pthread_sigmask(SIG_BLOCK, &ticks, nullptr);
     queue_init();
     mem_init();
+    request_ended = keep_report;
     pthread_t receive{}, check{};
     if (initTimer() != 0 || RawMsgModuleInit(link, &receive, &check) != 0 || g_eth_init[link].active == 0) {
         fail_to_open(link);
     }
-    return receive;
 }
 
 } // namespace rvk::diag

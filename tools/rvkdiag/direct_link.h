@@ -11,8 +11,8 @@ namespace rvk::diag {
 
 // Throw a failure when the link cannot be had.
 // longest_frame  bytes of the longest frame that will travel, its Ethernet header included
-void open_without_threads(int link, size_t longest_frame);   // to send, and to receive by oneself
-pthread_t open_with_threads(int link, size_t longest_frame); // for exchanges. Result: its receive thread
+void open_without_threads(int link, size_t longest_frame); // to send, and to receive by oneself
+void open_with_threads(int link, size_t longest_frame);    // for exchanges; their reports are kept
 
 [[nodiscard]] std::string name_of_link(int link); // "link 1 (eth1)"
 

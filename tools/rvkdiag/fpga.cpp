@@ -7,18 +7,14 @@
 #include "command/values.h"
 #include "eth_raw/frame.h"
 #include "main/reg.h"
-#include "platform/platform.h"
 #include "queue/queue.h"
-#include "raw_msg/send_ack.h"
+#include "raw_msg/exchange.h"
 #include "raw_msg/send_plain.h"
-#include "raw_msg/send_read.h"
 #include "rvkdiag/direct_link.h"
 #include "rvkdiag/reports.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <span>
-#include <unistd.h>
 
 namespace rvk::diag {
 namespace {
@@ -27,31 +23,6 @@ using namespace tool;
 
 constexpr uint32_t write_ticks = 6; // as a peek's
 constexpr uint32_t nobody = 0;      // whoever asks is this process: reports stay in it
-
-// While it lives, standard output is standard error: what the link's threads print of reports belongs to the log.
-class output_aside {
-public:
-    output_aside() : saved((fflush(stdout), dup(STDOUT_FILENO))) { dup2(STDERR_FILENO, STDOUT_FILENO); }
-    ~output_aside()
-    {
-        fflush(stdout);
-        dup2(saved, STDOUT_FILENO);
-        close(saved);
-    }
-    output_aside(const output_aside&) = delete;
-    output_aside& operator=(const output_aside&) = delete;
-
-private:
-    int saved;
-};
-
-std::vector<report> reports_of(int link, int queue)
-{
-    await_end(link, queue);
-    std::vector<report> all = take_reports();
-    if (!all.empty()) { printf("\n"); } // what was shown of one has no line end
-    return all;
-}
 
 std::string card_text(const fpga_options& o)
 {
@@ -87,7 +58,6 @@ void peek_and_wait(const fpga_options& o)
 
 std::vector<report> ask_for_report(const fpga_options& o)
 {
-    const output_aside aside;
     uint8_t* buffer = ApMsgBuffGet(frame_data_max); // the completion handler's, once the request is out
     if (buffer == nullptr) { return {}; }
     if (RawSockSendMsgWithRead(nobody, o.link, o.model, o.slot, o.addr, code_read, o.len, {buffer, frame_data_max}) !=
@@ -95,10 +65,10 @@ std::vector<report> ask_for_report(const fpga_options& o)
         ApMsgBuffFree(buffer);
         return {};
     }
-    return reports_of(o.link, READ_QUEUE);
+    return await_reports();
 }
 
-void peek(const fpga_options& o, pthread_t receive_thread)
+void peek(const fpga_options& o)
 {
     const std::vector<report> reports = ask_for_report(o);
     const std::string what = what_text(o, "read", o.len);
@@ -107,9 +77,7 @@ void peek(const fpga_options& o, pthread_t receive_thread)
     static constexpr uint8_t nothing = 0;
     process_recvbuf(end.data.empty() ? &nothing : end.data.data(), o.addr, static_cast<int>(end.data.size()));
     if (end.result == 0) { return check_length(o, end.data.size()); }
-    const bool answered =
-        pthread_equal(end.reported_by, receive_thread) != 0 || pthread_equal(end.reported_by, pthread_self()) != 0;
-    if (!answered) { no_answer_to(what + ", sent three times"); }
+    if (!end.answered) { no_answer_to(what + ", sent three times"); }
     throw failure{problem::refused, what + ": the card refused, or its answer was unusable; the lines above say which"};
 }
 
@@ -144,23 +112,16 @@ std::string poke_and_wait(const fpga_options& o)
     return what_text(o, "write", all.size()) + ": acknowledged\n";
 }
 
-std::string poke_and_await_report(const fpga_options& o, pthread_t receive_thread)
+std::string poke_and_await_report(const fpga_options& o)
 {
     const std::string what = what_text(o, "write", o.bytes.size());
-    std::vector<report> given_up;
-    int32_t sent = 0;
-    {
-        const output_aside aside;
-        sent = RawSockSendMsgWithAck(nobody, o.link, o.model, o.slot, o.addr, code_write_ack, o.bytes);
-        given_up = reports_of(o.link, ACK_QUEUE);
-    }
+    const int32_t sent = RawSockSendMsgWithAck(nobody, o.link, o.model, o.slot, o.addr, code_write_ack, o.bytes);
+    const std::vector<report> given_up = await_reports();
     if (sent != 0) { throw failure{problem::no_answer, what + ": not sent whole, the lines above say why"}; }
     if (given_up.empty()) { return what + ": acknowledged\n"; }
     const auto lowest = std::min_element(given_up.begin(), given_up.end(),
                                          [](const report& a, const report& b) { return a.addr < b.addr; });
-    const bool refused = std::any_of(given_up.begin(), given_up.end(), [receive_thread](const report& r) {
-        return pthread_equal(r.reported_by, receive_thread) != 0;
-    });
+    const bool refused = std::any_of(given_up.begin(), given_up.end(), [](const report& r) { return r.answered; });
     throw failure{refused ? problem::refused : problem::no_answer,
                   format("%s: %zu of %zu frames given up, the lowest at 0x%08x: %s", what.c_str(), given_up.size(),
                          (o.bytes.size() + frame_data_max - 1) / frame_data_max, lowest->addr,
@@ -176,11 +137,11 @@ std::string run_fpga(const fpga_options& o)
         open_without_threads(o.link, request_bytes_max);
         return poke(o);
     }
-    const pthread_t receive_thread = open_with_threads(o.link, request_bytes_max);
+    open_with_threads(o.link, request_bytes_max);
     switch (o.kind) {
-    case access::read: peek(o, receive_thread); return "";
+    case access::read: peek(o); return "";
     case access::read_wait: peek_and_wait(o); return "";
-    case access::write_ack: return poke_and_await_report(o, receive_thread);
+    case access::write_ack: return poke_and_await_report(o);
     case access::write: // done above
     case access::write_ack_wait: break;
     }

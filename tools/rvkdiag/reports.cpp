@@ -1,13 +1,11 @@
-// See the header. The transport calls apipc_send with locks of its own held, so the lock here is innermost and is held
-// for an append only.
+// See the header.
 #include "rvkdiag/reports.h"
 
 #include "ap_msg/message.h"
-#include "base/bytes.h"
 #include "base/mutex.h"
 #include "base/pause.h"
-#include "platform/platform.h"
-#include "queue/queue.h"
+#include "mem/mem.h"
+#include "raw_msg/completion.h"
 
 #include <utility>
 
@@ -23,44 +21,32 @@ std::vector<report>& reports() RVK_REQUIRES(reports_mtx)
     return *kept;
 }
 
-report report_of(const uint8_t* message, size_t bytes)
+bool blocks_are_out()
 {
-    report out;
-    out.addr = load_le32(message + message::addr);
-    out.result = static_cast<int32_t>(load_le32(message + message::result));
-    out.reported_by = pthread_self();
-    const uint8_t* const payload = message + message::payload;
-    out.data.assign(payload, payload + (bytes - message_head_bytes));
-    return out;
-}
-
-int32_t pending(int link, int queue)
-{
-    const scoped_lock hold(mtx[link][queue]);
-    return Qcount[link][queue];
+    for (size_t type = 0; type < mem_classes; ++type) {
+        if (mem_in_use(static_cast<int>(type)) != 0) { return true; }
+    }
+    return false;
 }
 
 } // namespace
 
-std::vector<report> take_reports()
+void keep_report(const QNode* node, int32_t result)
 {
+    report made{node->addr, result, node->end != outcome::given_up || node->refusals >= refusals_max, {}};
+    if (node->dest != nullptr) {
+        if (result == 0) { made.data.assign(node->dest, node->dest + node->recv_len); }
+        ApMsgBuffFree(node->dest);
+    }
+    const scoped_lock hold(reports_mtx);
+    reports().push_back(std::move(made));
+}
+
+std::vector<report> await_reports()
+{
+    while (blocks_are_out()) { pause_ms(look_ms); } // a request gives its blocks back after its report
     const scoped_lock hold(reports_mtx);
     return std::exchange(reports(), {});
 }
 
-// A report is made before its request is deleted.
-void await_end(int link, int queue)
-{
-    while (pending(link, queue) != 0) { pause_ms(look_ms); }
-}
-
 } // namespace rvk::diag
-
-int apipc_send(uint32_t, const void* message, uint32_t bytes)
-{
-    if (bytes < rvk::message_head_bytes) { return -1; }
-    rvk::diag::report made = rvk::diag::report_of(static_cast<const uint8_t*>(message), bytes);
-    const rvk::scoped_lock hold(rvk::diag::reports_mtx);
-    rvk::diag::reports().push_back(std::move(made));
-    return 0;
-}

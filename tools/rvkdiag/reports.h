@@ -1,9 +1,9 @@
-// The messaging service's place in this process: keeps what the transport reports of asynchronous requests, for the
-// command that waits for it. Its apipc_send is linked in place of the platform's; nothing leaves this process.
+// What the transport reports of asynchronous requests, kept for the command that waits for it.
 #pragma once
 
+#include "queue/queue.h"
+
 #include <cstdint>
-#include <pthread.h>
 #include <vector>
 
 namespace rvk::diag {
@@ -11,14 +11,14 @@ namespace rvk::diag {
 struct report {
     uint32_t addr = 0;         // of the request
     int32_t result = 0;        // 0, or -1: given up
-    pthread_t reported_by{};   // the check thread: at an expiry; any other: at an answer
+    bool answered = false;     // by the card, with data or a refusal; false: the time ran out
     std::vector<uint8_t> data; // of a read
 };
 
-// What was reported since the last call, oldest first. Any thread.
-[[nodiscard]] std::vector<report> take_reports();
+// For the transport's `request_ended`. A link's threads.
+void keep_report(const QNode* node, int32_t result);
 
-// Waits until no request is pending in a queue of the link; what they reported can then be taken.
-void await_end(int link, int queue);
+// Waits until no request is pending any more. Result: what was reported since the last call, oldest first.
+[[nodiscard]] std::vector<report> await_reports();
 
 } // namespace rvk::diag

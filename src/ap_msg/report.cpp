@@ -1,9 +1,10 @@
-#include "raw_msg/report.h"
+#include "ap_msg/report.h"
 
 #include "ap_msg/message.h"
+#include "main/log.h"
 
 #include <array>
-#include <cstdio>
+#include <unistd.h>
 
 namespace rvk {
 namespace {
@@ -13,11 +14,17 @@ void print_head(const char* before, const uint8_t* head)
 {
     std::array<char, 3 * message_head_bytes + 1> text;
     for (size_t i = 0; i < message_head_bytes; ++i) { snprintf(text.data() + 3 * i, 4, "%02x ", head[i]); }
-    printf("%s%s\n end ", before, text.data());
-    fflush(stdout);
+    console_print(STDOUT_FILENO, "%s%s\n end ", before, text.data());
 }
 
 } // namespace
+
+void report_end(const QNode* node, int32_t result)
+{
+    if (node->dest == nullptr) { return WriteAckResultReport(node, result); }
+    ReadResultReport(node, result);
+    ApMsgBuffFree(node->dest);
+}
 
 void WriteAckResultReport(const QNode* node, int32_t result)
 {
@@ -40,7 +47,5 @@ void ReadResultReport(const QNode* node, int32_t result)
         static_cast<void>(ApipcDataSendAck(node->requester, head));
     }
 }
-
-void release_read_message(const QNode* node) { ApMsgBuffFree(node->dest); }
 
 } // namespace rvk

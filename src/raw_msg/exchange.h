@@ -1,0 +1,74 @@
+// The send operations whose frames need an answer: acknowledged writes and reads, each waited for or not.
+//
+// All kinds are one exchange with one table of what differs (exchange.cpp): take a buffer, a node and a number, pack
+// the frame, file the node, send, wait or leave the node to the link's threads. A waited one holds
+// write_read_ack_wait_mtx throughout, so there is one at a time in the process, and each frame is sent once.
+//
+// index, model, slot, addr: link (0 to 2) and card address of the first byte. Data longer than 1,400 bytes is cut into
+// pieces; piece i goes to addr + 1,400 i. A length of 0 sends nothing and returns 0.
+// timeout_ticks: ticks of 30 ms, 1 to 65,535; a request fails after three such periods without an answer.
+// Threads: any but a link's own two, which would wait for themselves.
+#pragma once
+
+#include "base/mutex.h"
+
+#include <cstdint>
+#include <span>
+
+namespace rvk {
+
+// Every synchronous exchange of the process, one at a time, from taking its buffer to deleting its node.
+extern fair_mutex write_read_ack_wait_mtx;
+
+// The sequence numbers of the four kinds, each with the mutex that is held while one is taken: the next number,
+// wrapping from 65,535 to 0.
+struct sequence {
+    mutex& mtx;
+    uint16_t seq RVK_GUARDED_BY(mtx);
+};
+extern mutex write_ack_mtx, write_ack_wait_mtx, read_ack_mtx, read_wait_mtx;
+extern sequence write_ack, write_ack_wait, read_ack, read_wait;
+
+// Writes without waiting. What a card then does not acknowledge in three sends is reported to `requester`, per piece.
+// While 65,535 writes are pending it waits for room.
+// Result  0 when every piece was sent; else the first failing piece's result, and the rest is not sent
+[[nodiscard]] int32_t RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
+                                            uint8_t code, std::span<const uint8_t> data);
+
+// One piece of the above, at most 1,400 bytes.
+[[nodiscard]] int32_t RawSockSendOneMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot,
+                                               uint32_t addr, uint8_t code, std::span<const uint8_t> data);
+
+// Writes and waits for the card, piece by piece.
+// ack     out: the last piece's status: 0 good, 255 none came, other: the card's refusal
+// Result  of the last piece; a failure of an earlier one is only logged
+[[nodiscard]] int32_t RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
+                                                std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks);
+
+// One piece of the above, at most 1,400 bytes.
+// Result  0 when an answer came, good or not; -1 when none came or the request could not be filed or sent
+[[nodiscard]] int32_t RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
+                                                   std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks);
+
+// Reads and waits for the data.
+// len       bytes asked for, 1 to 1,400
+// dest      receives the data and bounds it: nothing is written past it
+// recv_len  out: bytes copied; above 1,400 none were; 0 when none came
+// Result    0 when data came; -1: no answer, refused by the card, no buffer left, or the request was not sent
+[[nodiscard]] int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
+                                                 uint32_t len, std::span<uint8_t> dest, uint32_t* recv_len,
+                                                 uint32_t timeout_ticks);
+
+// The same, and says what a failed one met.
+// ack  out: 0 good, 255 none came, other: the card's refusal
+[[nodiscard]] int32_t read_and_wait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
+                                    std::span<uint8_t> dest, uint32_t* recv_len, uint8_t* ack, uint32_t timeout_ticks);
+
+// Reads without waiting: data or failure is reported to `requester`.
+// dest    the payload area of a message buffer, which is the completion's from a result of 0 on
+// Result  0 when the request was sent; -1 otherwise, or when it was dropped with its queue meanwhile
+// Nothing in the daemon calls it.
+[[nodiscard]] int32_t RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
+                                             uint8_t code, uint32_t len, std::span<uint8_t> dest);
+
+} // namespace rvk
