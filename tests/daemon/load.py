@@ -56,7 +56,7 @@ class Load:
     def run(self, commands, goes_on=lambda: True):
         last, more = time.monotonic(), True
         while more or any(self.awaited.values()) or any(self.unsent.values()):
-            more = self.commands < commands and goes_on()
+            more = more and self.commands < commands and goes_on()
             if any([self.step(who, more) for who in self.asking]):
                 last = time.monotonic()
             else:
