@@ -82,7 +82,8 @@ bool write_to_file(const tm& local, const char* line, size_t bytes)
     const scoped_lock hold(log_mtx);
     if (log_fp == nullptr) { open_file(local); }
     if (log_fp == nullptr) { return false; }
-    if (bytes != 0 && write(fileno(log_fp), line, bytes) < 0) { bytes = 0; }
+    const ssize_t written = bytes == 0 ? 0 : write(fileno(log_fp), line, bytes);
+    static_cast<void>(written);
     roll_over(local);
     return true;
 }

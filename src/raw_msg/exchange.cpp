@@ -140,6 +140,7 @@ standing after_send(const request_fields& r, QNode* node, bool sent)
     return standing::unsent;
 }
 
+// got  out: the answer, of the kinds that wait; null: the others
 int32_t exchange(const request_fields& r, answer* got)
 {
     const kind& k = kinds[r.queue];
@@ -154,7 +155,7 @@ int32_t exchange(const request_fields& r, answer* got)
     }
     const int32_t sent = send_packed(r.index, node->buf, frame_bytes, r.len);
     const standing now = after_send(r, node, sent > 0);
-    if (k.waits && (now == standing::pending || now == standing::over)) {
+    if (got != nullptr && (now == standing::pending || now == standing::over)) {
         node->sem.wait();
         *got = {static_cast<uint8_t>(node->ack), node->recv_len};
     }
