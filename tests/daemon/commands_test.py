@@ -85,6 +85,17 @@ class Commands(bench.BenchTest):
         self.assert_clean(cards)
         self.assertEqual({card: cards.held(card[1], card[0]) for card in WRITTEN}, WRITTEN)
 
+    def test_a_requester_that_is_slow_loses_no_answer(self):
+        self.daemon()
+        bench.set_queue(10)
+        slow, got = self.requester(), []
+        bench.set_queue(4096)
+        for n in range(200):
+            slow.tell(len=1401, seq=n)
+            got += [slow.receive().seq] if n % 20 == 19 else []
+        self.assertTrue(self.requester().greeted(), "nobody waits for it")
+        self.assertEqual(got + [slow.receive().seq for _ in range(190)], [*range(200)])
+
     def test_the_greeting_byte_for_byte(self):
         self.daemon()
         me = self.requester()

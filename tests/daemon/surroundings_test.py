@@ -66,6 +66,7 @@ class Surroundings(bench.BenchTest):
         self.up()
         self.assertTrue(bench.wait_until(lambda: found() == THREADS), found())
         self.assertEqual(self.says("sched_setaffinity failed"), 2 * (CPUS < 4))
+        self.assertIn("PROMISC", subprocess.check_output(["ip", "link", "show", "eth0"], text=True))
         self.assert_idle()
 
     def test_no_link(self):
@@ -97,9 +98,11 @@ class Surroundings(bench.BenchTest):
         self.me.tell(code=WRITE_ACK, addr=0x1000, payload=b"123")
         self.assertEqual(self.me.receive().result, -1, "what is pending meanwhile is given up")
         ip("link del eth0")
-        self.addCleanup(bench.lay_cable)
         self.assert_refusals()
         self.assert_idle()
+        bench.lay_cable()
+        self.cards()
+        self.assertTrue(bench.wait_until(lambda: self.me.read(0x1000, 16).result == 0), "another device of that name")
         self.assert_end()
         self.assertLessEqual(self.says(": receive failed"), 5, "one when it goes, none per try")
 

@@ -198,6 +198,7 @@ class FaultsTest(bench.BenchTest):
                 self.client.tell(**self.jobs[name][0])
                 time.sleep(0.5)
                 self.plan.nth = 0
+                self.assertLess(self.plan.seen().get(call, 0), 500, "called again and again")
                 self.assertLessEqual(self.ticks() - before, MOST_TICKS)
                 self.play("greeting")
                 self.assert_serves()

@@ -31,6 +31,12 @@ def text_of(path):
         return ""
 
 
+# How many messages may wait at a requester that is made from now on.
+def set_queue(messages):
+    with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as file:
+        file.write(str(messages))
+
+
 # Bytes that tell where they belong: none is 0, no two seeds alike.
 def content(seed, size):
     bits = (seed * 2_654_435_761 + 1) & 0xFFFFFFFF
@@ -118,22 +124,13 @@ class Process:
         self.err.close()
 
 
-# Runs a program to its end. Result: exit status, standard output, standard error.
-def run(name, *arguments, env=None, seconds=PATIENCE * 2, **how):
-    process = Process([*program(name), *map(str, arguments)], env, apart=True, **how)
-    status = process.end(seconds=seconds)
-    said = status, process.output, process.errors
-    process.kill()
-    return said
-
-
 # rvk-cardsim on one link or several; its state and its last frames are kept below `folder`.
 class Cards(Process):
     def __init__(self, *options, links=(0,), kept=True):
         self.folder = tempfile.mkdtemp(dir="/dev/shm")
         named = [word for n in links for word in ("--link", f"card{n}")]
         given = [str(option) for option in options]
-        files = ["--state", self.folder, "--pcap", f"{self.folder}/pcap"] if kept else []
+        files = ["--pcap", f"{self.folder}/pcap", *(["--state", self.folder] if kept else [])]
         super().__init__([*program("rvk-cardsim"), *named, *files, *given])
         if not self.shows("ready\n"):
             raise AssertionError(f"the cards did not start: {self.output}")

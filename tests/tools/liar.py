@@ -42,14 +42,10 @@ class Liar(threading.Thread):
         self.end.close()
         self.stranger.close()
 
-    def take_asked(self):
-        asked, self.asked = self.asked, []
-        return [told(m) for m in asked]
-
     def run(self):
         while self.running:
             if (m := self.end.receive(0.02)) is not None:
-                self.asked.append(m)
+                self.asked.append(told(m))
                 self.handle(m)
 
     # Result: one of a number was left, and is used up.
@@ -106,11 +102,6 @@ class Liar(threading.Thread):
         if 0 <= place < len(data) and self.reads >= self.how.get("from", 1):
             data[place] ^= 1
         return bytes(data)
-
-    def answer(self, m, result, data):
-        claimed = len(data) + self.how.get("claims", 0)
-        same = m._replace(aptid=self.own, module=bench.SELF, result=result, length=claimed, payload=data)
-        self.end.send(same.pack(), m.aptid)
 
     def say_strays(self, m):
         no = m._replace(aptid=self.own, result=-1, payload=b"")
