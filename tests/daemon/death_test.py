@@ -1,13 +1,14 @@
 # The end of the process: in every situation and by every signal with status 0, and with its last words in the log.
 import ctypes
+import fcntl
+import itertools
 import os
 import random
 import re
 import signal
-import subprocess
 
 import bench
-from bench import FILE_READ, FILE_WRITE, GREETING, READ, UPDATE, WRITE, WRITE_ACK, text_of
+from bench import FILE_WRITE, GREETING, LOGS, READ, UPDATE, WRITE, WRITE_ACK, text_of
 from words import DEADLY, SANITIZER, fault_in_last_words
 
 THREADS = ["rvkd", "rvk-recv", "rvk-check", "rvk-ipc", "rvk-file", "rvk-status"]
@@ -19,39 +20,40 @@ TOOL = "/usr/vexo/bin/mcu_isp"
 
 def mask(status, key):
     found = re.search(rf"{key}:\s*(\w+)", text_of(status))
-    return [n for n in range(1, 32) if found and int(found[1], 16) >> n - 1 & 1]
+    return [n for n in (2, 3, 11, 13, 14, 15, 17) if found and int(found[1], 16) >> n - 1 & 1]
+
+
+def ignore_and_block():
+    for number in (signal.SIGCHLD, signal.SIGPIPE, signal.SIGALRM, *DEADLY[:3]):
+        signal.signal(number, signal.SIG_IGN)
+    signal.pthread_sigmask(signal.SIG_SETMASK, signal.valid_signals())
 
 
 class Death(bench.BenchTest):
+    closed = itertools.cycle([range(0, 1), range(1, 2), range(2, 3), range(0, 3)])
+
     # A daemon that serves and whose start is over.
-    def up(self, without=(), **how):
-        self.d = self.daemon("-d", **how)
-        wanted = {name: signals for name, signals in RECEIVERS.items() if name not in without}
+    def idle(self, **how):
+        self.d = self.daemon("-d", "-f", **how)
 
         def receivers():
             blocked = {name: mask(f"{folder}/status", "SigBlk") for name, folder in self.d.threads().items()}
             return {name: [n for n in (2, 3, 11, 13, 14, 15) if n not in blocked[name]] for name in blocked}
 
-        self.assertTrue(bench.wait_until(lambda: receivers() == wanted), receivers())
+        self.assertTrue(bench.wait_until(lambda: receivers() == RECEIVERS), receivers())
 
     # Situations: each leaves the daemon in the midst of it.
-    def idle(self):
-        self.up()
-
     def flooded(self):
-        self.up()
+        self.cards("--loss", "0.1", "--duplicate", "0.1", "--wrong-ack", "0.2")
+        self.idle()
         me = self.requester()
         for n in range(random.randrange(600)):
             me.tell(code=[GREETING, WRITE, 0x55, WRITE_ACK][n % 4], addr=0x1000, payload=b"1234")
 
-    def flooded_with_cards(self):
-        self.cards("--loss", "0.1", "--duplicate", "0.1", "--wrong-ack", "0.2")
-        self.flooded()
-
     # The card answers until it is asked this.
     def asking(self, addr, fields):
         card = self.card()
-        self.up()
+        self.idle()
         self.requester().tell(**fields)
         while (asked := card.request()).addr != addr:
             card.answer(asked, bytes(asked.len) if asked.code == READ else b"")
@@ -62,42 +64,51 @@ class Death(bench.BenchTest):
     def in_a_picture(self):
         self.asking(0x40000, bench.job(FILE_WRITE, "/none", 3840, 2160, addr=3))
 
-    def in_a_read_back(self):
-        self.asking(0xB0000, bench.job(FILE_READ, "/root/back", 640, 480))
-
-    def in_an_update(self):
-        subprocess.check_call("head -c 5000 /dev/zero > /root/fw.bin", shell=True)
-        self.asking(0x18000000, bench.job(UPDATE, "/root/fw.bin", kind=0x1A))
-
     def while_a_tool_runs(self):
         bench.lay_tool(TOOL, "> /run/tool; sleep 60")
-        self.up()
+        self.idle()
         self.requester().tell(**bench.job(UPDATE, TOOL, kind=0x16))
         self.assertTrue(bench.wait_until(lambda: os.path.exists("/run/tool")))
         os.unlink("/run/tool")
 
-    def without_a_link(self):
-        subprocess.check_call(["ip", "link", "del", "eth0"])
-        self.up(without=("rvk-recv", "rvk-check"))
-        bench.lay_cable()
+    # Neither who reads what it prints nor who has gone away keeps a thread.
+    def unread(self, gone=False):
+        reader, writer = os.pipe()
+        fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, 4096)
+        self.idle(stdout=writer)
+        os.close(writer)
+        (os.close if gone else lambda fd: self.addCleanup(os.close, fd))(reader)
+        me = self.requester()
+        for _ in range(300):
+            me.tell(msg_type=2)
+            self.assertTrue(me.greeted())
 
-    def without_its_endpoint(self):
-        self.d = self.daemon("-d", serves=False, env={"APIPC_DIR": "/proc/none"})
-        self.assertTrue(self.d.shows("endpoint 010a3b00 in /proc/none refused: "))
+    def with_a_reader_that_is_gone(self):
+        self.unread(gone=True)
+
+    # What the daemon opens later must not get the number of a standard stream.
+    def without_a_stream(self):
+        closed = next(self.closed)
+        self.idle(preexec_fn=lambda: [os.close(fd) for fd in closed])
+        self.assertEqual({os.readlink(f"/proc/{self.d.pid}/fd/{fd}") for fd in closed}, {"/dev/null"})
+
+    def with_signals_ignored_and_blocked(self):
+        self.idle(preexec_fn=ignore_and_block)
+        self.assertNotIn(signal.SIGCHLD, mask(f"/proc/{self.d.pid}/status", "SigIgn"))
 
     def dying_already(self):
-        self.up()
+        self.idle()
         self.d.child.send_signal(random.choice(DEADLY))
 
     def test_in_every_situation_by_every_signal(self):
-        plain = [self.idle, self.flooded, self.flooded_with_cards, self.without_a_link, self.without_its_endpoint]
-        busy = [self.waiting_for_a_card, self.in_a_picture, self.in_a_read_back, self.in_an_update, self.while_a_tool_runs]
-        for situation in [*plain, *busy, *[self.dying_already] * 4]:
+        plain = [self.idle, self.flooded, self.waiting_for_a_card, self.in_a_picture, self.while_a_tool_runs, self.unread]
+        started = [self.with_a_reader_that_is_gone, self.without_a_stream, self.with_signals_ignored_and_blocked]
+        for situation in [*plain, *started, *[self.dying_already] * 4]:
             for number in DEADLY:
                 with self.subTest(f"{situation.__name__}, {number.name}"):
                     situation()
                     self.assertEqual(self.d.end(number), 0)
-                    self.assertEqual(fault_in_last_words(self.d.output), "", self.d.output[-3000:])
+                    self.assertEqual(fault_in_last_words(text_of(LOGS[0])), "", text_of(LOGS[0])[-3000:])
                     self.doCleanups()
 
     # A fault in a thread at some moment of its work: status 0 in any case; words unless it hits it within the log.
@@ -105,7 +116,7 @@ class Death(bench.BenchTest):
         for name in THREADS * (2 if bench.SANITIZED else 4):
             with self.subTest(name):
                 idle = name in ("rvkd", "rvk-status")
-                (self.idle if idle else self.flooded_with_cards)()
+                (self.idle if idle else self.flooded)()
                 thread = int(self.d.threads()[name].rpartition("/")[2])
                 ctypes.CDLL(None).syscall(TGKILL, self.d.pid, thread, signal.SIGSEGV)
                 self.assertEqual(self.d.end(), 0)

@@ -1,8 +1,7 @@
-# Files between the board and the cards, by the commands themselves: what each trouble with a file does, and what a job
-# leaves behind. The many forms of a picture's or an image's bytes are another test's.
+# Files between the board and the cards, by the commands themselves: what may stand in a file's place, the programming
+# tool, and what a job leaves behind. The many forms of a picture's or an image's bytes are another test's.
 import os
 import re
-import struct
 import subprocess
 
 import bench
@@ -10,9 +9,23 @@ from bench import FILE_READ, FILE_WRITE, GREETING, UPDATE, WRITE, content, job, 
 
 FOLDER, TOOL, SLOT = "/root/files", "/usr/vexo/bin/mcu_isp", 6
 PICTURE, BLACK = content(1, 8000), bytes(8000)
+WHOLE, IMAGE = (8000, 8054), (None, 54)  # sizes of what a read-back leaves; None: no regular file
+# What stands there, and there with .bmp behind it; the picture that it is, the result as firmware; read back over it.
+ROWS = [
+    ("a.bin", PICTURE, "", PICTURE, 0, WHOLE),
+    ("longer.bin", PICTURE * 2, PICTURE * 2, PICTURE, 0, WHOLE),
+    ("link.bin", "->longer.bin", "", PICTURE, 0, WHOLE),
+    ("short.bin", PICTURE[1:], "", BLACK, 0, WHOLE),
+    ("missing.bin", "", "", BLACK, -1, WHOLE),
+    ("fifo.bin", "fifo", "", BLACK, -1, IMAGE),
+    ("folder.bin", "folder", "", BLACK, -1, IMAGE),
+    ("loop.bin", "->loop.bin", "", BLACK, -1, IMAGE),
+    ("no/folder.bin", "", "", BLACK, -1, (None, None)),
+    ("same.bin", PICTURE, "->same.bin", PICTURE, 0, (8000, 8000)),
+    ("image.bin", PICTURE, "folder", PICTURE, 0, (0, None)),
+]
 
 
-# Lays out a file of this kind; bytes are its content. Result: its path.
 def place(name, kind):
     path = f"{FOLDER}/{name}"
     if isinstance(kind, bytes):
@@ -23,11 +36,6 @@ def place(name, kind):
     elif kind:
         {"fifo": os.mkfifo, "folder": os.mkdir}[kind](path)
     return path
-
-
-def bytes_of(path):
-    with open(path, "rb") as file:
-        return file.read()
 
 
 class Files(bench.BenchTest):
@@ -44,56 +52,30 @@ class Files(bench.BenchTest):
             fields = job(FILE_WRITE, "/none", slot=SLOT, addr=30)
         return self.me.ask(**fields).result
 
-    def on_card(self, name):
-        return self.at.file(f"card0-model0-slot{SLOT}-{name}")
-
-    def test_pictures(self):
-        self.up()
-        rows = [("good.raw", PICTURE + b"more", PICTURE), ("good.bmp", struct.pack("<10xI40x", 54) + PICTURE, PICTURE)]
-        rows += [("link", "->good.raw", PICTURE), ("missing", "", BLACK), ("short", PICTURE[1:], BLACK)]
-        rows += [("fifo", "fifo", BLACK), ("folder", "folder", BLACK), ("loop", "->loop", BLACK)]
-        images = []
-        for n, (name, kind, held) in enumerate(rows):
-            with self.subTest(name):
-                self.assertEqual(self.do(FILE_WRITE, place(name, kind), addr=n), 0)
-                self.do(FILE_READ, f"{FOLDER}/back", addr=n << 24)
-                self.assertTrue(bytes_of(f"{FOLDER}/back") == held)
-                images.append(bytes_of(f"{FOLDER}/back.bmp"))
-        for hor, ver in [(65_536, 1), (1, 65_536), (65_535, 65_535)]:
-            self.assertEqual(self.do(FILE_WRITE, "/none", hor, ver, addr=0), -1)
-        self.assertEqual(self.me.ask(code=FILE_WRITE, payload=struct.pack("<II", 1, 1) + b"/unended").result, -1)
-        self.assert_clean(self.at)
-        self.assertTrue([self.on_card(f"buffer{n}.bmp") for n in range(len(rows))] == images)
-
-    def test_read_backs(self):
-        self.up()
-        self.do(FILE_WRITE, place("picture", PICTURE), addr=3)
-        subprocess.check_call(f"mkdir {FOLDER}/full && mount -t tmpfs -o size=12k none {FOLDER}/full", shell=True)
-        self.addCleanup(subprocess.check_call, ["umount", f"{FOLDER}/full"])
-        whole = (8000, 8054)  # both files' sizes; None: no regular file
-        rows = [("new", "", "", whole), ("longer", PICTURE * 2, PICTURE * 2, whole), ("folder", "folder", "", (None, 54))]
-        rows += [("link", "->new", "", whole), ("same", b"kept", "->same", (4, 4)), ("fifo", "fifo", "", (None, 54))]
-        rows += [("no/folder", "", "", (None, None)), ("image", "", "folder", (0, None)), ("full/b", "", "", (8000, 0))]
-        for name, kind, image, sizes in rows:
-            with self.subTest(name):
-                path, image = place(name, kind), place(f"{name}.bmp", image)
-                self.do(FILE_READ, path, addr=3 << 24)
-                self.assertEqual(tuple(os.path.getsize(p) if os.path.isfile(p) else None for p in (path, image)), sizes)
-        self.assert_clean(self.at)
-
-    def test_updates(self):
+    def test_what_stands_in_a_files_place(self):
         self.up("--refuse-piece", 2, "--refuse-piece-times", 2)
-        image = content(5, 3000)
-        rows = [("twice.bin", 0x1A, image, -1), ("good.bin", 0x1A, image, 0), ("link.bin", 0x1E, "->good.bin", 0)]
-        rows += [("missing.bin", 0x1A, "", -1), ("a.dat", 0x1A, image, -1), ("folder.bin", 0x1A, "folder", -1)]
-        rows += [("fifo.bin", 0x1A, "fifo", -1), ("none.bin", 0x1F, image, 0), ("a;b", 0x16, b"", -1), ("-a", 0x17, b"", -1)]
-        for name, kind, what, result in rows:
+        self.assertEqual(self.do(UPDATE, place("refused.bin", PICTURE), kind=0x1A), -1, "a piece that is refused twice")
+        for name, kind, image, shown, updated, sizes in ROWS:
             with self.subTest(name):
-                self.assertEqual(self.do(UPDATE, place(name, what), kind=kind), result)
+                path = place(name, kind)
+                files = [path, place(f"{name}.bmp", image)]
+                self.assertEqual((self.do(FILE_WRITE, path, addr=3), self.do(UPDATE, path, kind=0x1A)), (0, updated))
+                self.do(FILE_READ, f"{FOLDER}/back", addr=3 << 24)
+                with open(f"{FOLDER}/back", "rb") as back:
+                    self.assertTrue(back.read() == shown)
+                self.do(FILE_READ, path, addr=3 << 24)
+                self.assertEqual(tuple(os.path.getsize(p) if os.path.isfile(p) else None for p in files), sizes)
+        for path, kind in ("a.dat", 0x1A), ("a;b", 0x16), ("-a", 0x17):
+            self.assertEqual(self.do(UPDATE, place(path, PICTURE), kind=kind), -1)
+        self.assertIn("refused-piece 2", self.at.stop())
+        self.assertEqual(self.at.file(f"card0-model0-slot{SLOT}-firmware1.bin"), PICTURE)
+
+    def test_while_a_tool_runs_nothing_else_is_done(self):
+        self.up()
         os.path.exists("/run/go") or os.mkfifo("/run/go")
         bench.lay_tool(TOOL, 'echo "$*" > /run/tool; cat /run/go; exit 3')
         for kind, board in [(0x16, "input"), (0x17, "output"), (0x18, "vpu")]:
-            self.me.tell(**job(UPDATE, place("mcu", image), kind=kind))
+            self.me.tell(**job(UPDATE, place("mcu", PICTURE), kind=kind))
             go = os.open("/run/go", os.O_WRONLY)  # waits for the tool
             self.me.tell(code=GREETING)
             self.me.tell(code=WRITE, addr=0x1000, payload=b"dropped")
@@ -104,24 +86,18 @@ class Files(bench.BenchTest):
             self.assertEqual((answer.code, answer.result, answer.payload[0]), (UPDATE, 3 << 8, kind))
             self.assertIn(f"-B {board} -C 0x31 -b {FOLDER}/mcu", text_of("/run/tool"))
         self.assertTrue(self.me.greeted(), "and nothing was kept for later")
-        self.assertIn("refused-piece 2", self.at.stop())
-        self.assertEqual([self.on_card(f"firmware{n}.bin") for n in (1, 2)], [image, image])
+        self.assert_clean(self.at)
         self.assertEqual(self.at.held(1), {})
 
     def test_a_whole_picture_leaves_no_memory_behind(self):
         self.up()
-        pixels = content(7, 3840 * 2160 * 4)
-        self.assertEqual(self.do(FILE_WRITE, place("whole", pixels), 3840, 2160, addr=3), 0)
+        os.truncate(place("whole", PICTURE), 3840 * 2160 * 4)
+        self.assertEqual(self.do(FILE_WRITE, f"{FOLDER}/whole", 3840, 2160, addr=3), 0)
 
         def small():
             return int(re.search(r"VmRSS:\s*(\d+)", text_of(f"/proc/{self.d.pid}/status"))[1]) < 6000
 
         self.assertTrue(bench.SANITIZED or bench.EMULATOR or bench.wait_until(small))
-        self.assertTrue(bench.wait_until(lambda: self.me.read(0x1000, 4).result == 0), "the cards have caught up")
-        self.assert_clean(self.at)
-        image = self.on_card("buffer3.bmp")[54:]  # from the last line on, and each pixel's bytes the other way
-        upright = b"".join(image[at : at + 15360] for at in range(len(image) - 15360, -1, -15360))
-        self.assertTrue(all(upright[n::4] == pixels[3 - n :: 4] for n in range(4)))
 
 
 if __name__ == "__main__":
