@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -35,6 +36,14 @@ def text_of(path):
 def set_queue(messages):
     with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as file:
         file.write(str(messages))
+
+
+# Frames of a capture file.
+def frames_in(path):
+    with open(path, "rb") as file:
+        file.seek(24)
+        while head := file.read(16):
+            yield file.read(struct.unpack_from("<I", head, 8)[0])
 
 
 # Bytes that tell where they belong: none is 0, no two seeds alike.

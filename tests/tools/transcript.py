@@ -122,20 +122,10 @@ def objects_in(output):
         yield found
 
 
-# Frames of a capture file.
-def frames_in(path):
-    pcap, at, frames = pathlib.Path(path).read_bytes(), 24, []
-    while at < len(pcap):
-        (length,) = struct.unpack_from("<I", pcap, at + 8)
-        frames.append(pcap[at + 16 : at + 16 + length])
-        at += 16 + length
-    return frames
-
-
 # Requests of a capture file, a line each; data is named by the scene's file that holds it.
 def requests_in(path):
     files = {path.name: path.read_bytes() for path in sorted(pathlib.Path().iterdir()) if path.is_file()}
-    for frame in frames_in(path):
+    for frame in bench.frames_in(path):
         if frame[14:16] != b"\x55\xaa":
             continue
         model, slot, seq, code, addr, size = struct.unpack_from("<HBHBIH", frame, 16)
