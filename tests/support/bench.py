@@ -15,7 +15,7 @@ import unittest
 # Tests take these from here.
 from peers import COMPANION, FILE_READ, FILE_WRITE, GREETING, READ, SELF, TOOLS, UPDATE, WRITE, WRITE_ACK  # noqa: F401
 from peers import EMULATOR, PATIENCE, SANITIZED, Message, PlayedCard, Request, Requester  # noqa: F401
-from peers import identity, job, socket_file, wait_until  # noqa: F401
+from peers import identity, job, socket_file, summed, wait_until  # noqa: F401
 
 BIN = os.environ.get("RVK_BIN", "")
 RECORDERS = "/run/rvk-bench/recorders"

@@ -130,6 +130,11 @@ class Request(NamedTuple):
     data: bytes
 
 
+# A frame with its checksum behind it.
+def summed(frame):
+    return frame + struct.pack("<H", (0x5555 + sum(frame[16:])) & 0xFFFF)
+
+
 # The far end of a link, played by the test itself, for what no card should say: a raw socket on cardN.
 class PlayedCard:
     TO_CARD, TO_HOST = b"\xeb\x90" * 3, b"\x44" * 6
@@ -158,11 +163,7 @@ class PlayedCard:
         r = request._replace(**other)
         length = len(data) if length is None else length
         body = struct.pack("<BHBHBIH", status, r.model, r.slot, r.seq, r.code, r.addr, length) + data
-        self.send(self.TO_HOST + self.TO_CARD + b"\x07\x00\xaa\x55" + body)
-
-    # Sends a frame with its checksum behind it.
-    def send(self, frame):
-        self.socket.send(frame + struct.pack("<H", (0x5555 + sum(frame[16:])) & 0xFFFF))
+        self.socket.send(summed(self.TO_HOST + self.TO_CARD + b"\x07\x00\xaa\x55" + body))
 
     def close(self):
         self.socket.close()

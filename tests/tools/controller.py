@@ -1,8 +1,8 @@
 # The controller's side of link 0, played by a test that sends cards whatever it likes and looks at what they answer.
 #
-# A row has steps with `;` between them; ` + ` joins two whose frames a card finds together. A frame should be answered
-# with status 0. Behind it `!` says: with status 1 (`!!`: 2); `-`: not at all; `=11/5/0,…`: so, each answer as code, status
-# and len, or as `bad` when no controller would take it. `=> TEXT` at the end: the cards' state comes to hold this line.
+# A row has steps with `;` between them. A frame should be answered with status 0. Behind it `!` says: with status 1 (`!!`:
+# 2); `-`: not at all; `=11/5/0`: so, as code, status, len and data, or as `bad` when no controller would take it, or not at
+# all. `=> TEXT` at the end: the cards' state comes to hold this line.
 #
 #     at M.S                 what follows is for this model and slot; model N of the N-th row and slot 1 at its begin
 #     w A BYTES  p A BYTES   writes, acknowledged and plain        r A LEN   a read; addresses and bytes are hexadecimal
@@ -11,13 +11,13 @@
 #                                                                  short by a byte, 3+1 long, 3^5 has a bit of byte 5 wrong
 # Of w, p and r a word `@OFF:BYTE` changes a byte of the frame, `cut:N` its size, `size:N` too, with the sum made right, and
 # `sum` makes that right behind other changes.
-import glob
 import re
 import signal
 import socket
 import struct
 
 import bench
+from bench import summed
 
 TO_CARD, TO_HOST = bench.PlayedCard.TO_CARD, bench.PlayedCard.TO_HOST
 CODES = {"r": 0x00, "p": 0x01, "w": 0x11}
@@ -25,10 +25,6 @@ PORTS = {"demo": (0x7080, 0x60000), "other": (0x7040, 0x40000)}
 REGISTERS = (0x11F00000, 0x11F00004, 0x11F00008, 0x11F0000C, 0x11F00010, 0x18200000, 0x18200002)
 PIECES, PIECE = 0x18000000, 1024
 QUIET = 0.02  # seconds: how long is listened for what should not come; it is counted at the cards' end too
-
-
-def summed(frame):
-    return frame + struct.pack("<H", (0x5555 + sum(frame[16:])) & 0xFFFF)
 
 
 # A reply as code/status/len, or `bad`.
@@ -56,6 +52,10 @@ def file_of(size):
     return bytes(head) + image
 
 
+def answered(frame, mark):
+    return mark != "-" and frame[21] != 1
+
+
 class Controller:
     def __init__(self, cards, model):
         self.cards, self.model, self.slot, self.seq, self.port = cards, model, 1, 0, "demo"
@@ -72,16 +72,10 @@ class Controller:
     def play(self, row):
         row, _, state = row.partition(" => ")
         for step in row.split(";"):
-            expected, frames = [], []
-            for part in step.split(" + "):
-                part, _, answers = part.partition("=")
-                for frame, mark in self.frames_of(part.split()):
-                    frames.append(frame)
-                    code = frame[21:22].hex()
-                    silent = mark == "-" or code == "01"
-                    expected += [] if silent else [f"{code}/{len(mark)}/0" if mark else f"{code}/0/"]
-                expected = [answer for answer in answers.strip().split(",") if answer] if "=" in step else expected
-            self.exchange(step, frames, expected)
+            step, told, answer = step.partition("=")
+            frames = self.frames_of(step.split())
+            expected = [f"{f[21]:02x}/{len(mark)}/0" if mark else f"{f[21]:02x}/0/" for f, mark in frames if answered(f, mark)]
+            self.exchange(step, [frame for frame, _ in frames], answer.split() if told else expected)
         if state:
             path = f"{self.cards.folder}/card0-model{self.model}-slot{self.slot}.txt"
             self.cards.child.send_signal(signal.SIGUSR1)
@@ -89,27 +83,22 @@ class Controller:
             assert held, f"{state!r} is not what the cards hold: {bench.text_of(path)}"
 
     def exchange(self, step, frames, expected):
-        if len(frames) > 1 and " + " in step:
-            self.cards.child.send_signal(signal.SIGSTOP)
-            threads = glob.glob(f"/proc/{self.cards.pid}/task/*/stat")
-            assert bench.wait_until(lambda: all(bench.text_of(path).rpartition(")")[2].split()[0] == "T" for path in threads))
         for frame in frames:
             self.socket.send(frame)
-        self.cards.child.send_signal(signal.SIGCONT)
         got = [self.reply(bench.PATIENCE) for _ in expected]
-        more = self.reply(0 if expected and "=" not in step else QUIET)
+        more = self.reply(0 if expected else QUIET)
         assert more is None, f"`{step}` was answered with {more} beside {got}"
         good = all(g is not None and g.startswith(e) and (e.endswith("/") or g == e) for g, e in zip(got, expected))
         assert good, f"`{step}` was answered with {got}, not with {expected}"
 
-    # The next frame from the cards as `how` shows it; None when none came in time.
-    def reply(self, seconds, how=seen):
+    # The next frame from the cards, shown; None when none came in time.
+    def reply(self, seconds):
         self.socket.settimeout(seconds)
         try:
             while True:
                 frame, where = self.socket.recvfrom(9000)
                 if where[2] != socket.PACKET_OUTGOING:
-                    return how(frame)
+                    return seen(frame)
         except (socket.timeout, BlockingIOError):
             return None
 
@@ -127,11 +116,10 @@ class Controller:
             self.port = "other" if verb == "other" else self.port
             self.file = file_of(int(plain[0])) if verb == "image" else self.file
             return []
-        if verb == "put":
-            self.sent = 0
-            block = struct.pack("<BHHB", 0, *map(int, [*plain[0].split("x"), plain[1]]))
-            return [(self.write(PORTS[self.port][0], block), last)]
-        if verb in ("start", "end", "control"):
+        if verb in ("put", "start", "end", "control"):
+            if verb == "put":
+                self.sent = 0
+                plain[0] = struct.pack("<BHHB", 0, *map(int, [*plain[0].split("x"), plain[1]])).hex()
             block = {"start": "01", "end": "00"}.get(verb) or plain[0]
             return [(self.write(PORTS[self.port][0], bytes_in(block)), last)]
         if verb == "regs":

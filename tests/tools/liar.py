@@ -3,19 +3,17 @@
 #
 #     greetings=N answers=no     falls silent behind N greetings; answers no command but those
 #     result=N good=N            result of its answers, behind so many good ones
-#     missing=N claims=N         a read's data falls short; claims more than it carries
 #     strays=yes                 before each answer come others': of another code, sender, number, address, slot, model, a runt
-#     reports=N delay=MS at=N    so many unwaited writes are reported as failed, that late behind the next greeting, moved by N
-#     late=yes                   an answer that says no, of a number long past, comes behind each greeting
+#     report=ADDR                a write there is reported as failed with each greeting
+#     late=yes                   an answer that says no to a write at 0x20, of a number long past, comes behind each greeting
 #     spoilt=ADDR from=N         that byte is read as another, from the N-th read on
 import os
 import threading
-import time
 
 import bench
 
 NAMES = {bench.READ: "read", bench.WRITE: "plain", bench.WRITE_ACK: "write"}
-MANNERS = "greetings answers result good missing claims strays reports delay at late spoilt from"
+MANNERS = "greetings answers result good strays report late spoilt from"
 
 
 # A command as a transcript has it: code, model.slot, address and length.
@@ -33,7 +31,7 @@ class Liar(threading.Thread):
         os.makedirs("/run/apipc", exist_ok=True)
         self.own = bench.identity(board=int(board))
         self.end, self.stranger = bench.Requester(self.own), bench.Requester(self.own + 1)
-        self.memory, self.asked, self.to_report, self.reads, self.running = {}, [], [], 0, True
+        self.memory, self.asked, self.reads, self.running = {}, [], 0, True
         self.start()
 
     def stop(self):
@@ -66,38 +64,25 @@ class Liar(threading.Thread):
             self.memory.update({m.addr + i: byte for i, byte in enumerate(payload)})
         companion = m.aptid & 0xFFFFFF == 0x0A3C00
         unwaited = m.code == bench.WRITE_ACK and not companion and m.slot == 1 and m.model == 0 and m.addr < 0x10000000
-        if unwaited and self.use("reports"):
-            self.to_report.append(m)
-            if "delay" not in self.how:
-                self.report()
         if unwaited or m.code == bench.WRITE or self.how.get("answers") == "no":
             return None
         result = 0 if self.use("good") else self.how.get("result", 0)
         data = self.data_of(m) if m.code == bench.READ and result == 0 else b""
-        claimed = len(data) + self.how.get("claims", 0)
-        same = m._replace(aptid=self.own, module=bench.SELF, result=result, length=claimed, payload=data)
-        return self.say(m.aptid, same)
+        return self.say(m.aptid, m._replace(aptid=self.own, result=result, length=len(data), payload=data))
 
     def greet(self, m):
         if "greetings" not in self.how or self.use("greetings"):
             text = b"Hello, I am rvk module!".ljust(72, b"\0")
             self.say(m.aptid, bench.Message(self.own, length=72, data_len=46, code=bench.GREETING, len=32, payload=text))
+        failed = bench.Message(self.own, length=40, result=-1, data_len=14, code=bench.WRITE_ACK, slot=0, addr=0x20)
         if self.how.get("late"):
-            self.say(m.aptid, self.failed(0x20)._replace(seq=m.seq - 1 or 9))
-        time.sleep(self.how.get("delay", 0) / 1000)
-        self.report()
-
-    def failed(self, addr):
-        return bench.Message(self.own, length=40, result=-1, data_len=14, code=bench.WRITE_ACK, slot=0, addr=addr)
-
-    def report(self):
-        for m in self.to_report:
-            self.say(m.aptid, self.failed(m.addr + self.how.get("at", 0)))
-        self.to_report = []
+            self.say(m.aptid, failed._replace(seq=m.seq - 1 or 9))
+        if "report" in self.how:
+            self.say(m.aptid, failed._replace(addr=self.how["report"]))
 
     def data_of(self, m):
         self.reads += 1
-        data = bytearray(self.memory.get(m.addr + i, 0) for i in range(max(m.len - self.how.get("missing", 0), 0)))
+        data = bytearray(self.memory.get(m.addr + i, 0) for i in range(m.len))
         place = self.how.get("spoilt", -1) - m.addr
         if 0 <= place < len(data) and self.reads >= self.how.get("from", 1):
             data[place] ^= 1
