@@ -2,11 +2,10 @@
 # daemon that runs already, a status that cannot be written.
 import os
 import signal
-import subprocess
 import time
 
 import bench
-from bench import FILE_READ, READ, WRITE, WRITE_ACK, job, text_of
+from bench import FILE_READ, READ, WRITE, WRITE_ACK, ip, job, text_of
 
 FIFO, OTHER, CPUS = os.SCHED_FIFO, os.SCHED_OTHER, os.cpu_count()
 ALL, SECOND, FOURTH = set(range(CPUS)), {min(1, CPUS - 1)}, {3} if CPUS > 3 else set(range(CPUS))
@@ -15,10 +14,6 @@ THREADS = {
     **{"rvk-recv": (FIFO, 90, SECOND), "rvk-check": (FIFO, 89, SECOND)},
     **{"rvk-ipc": (FIFO, 88, FOURTH), "rvk-file": (FIFO, 95, FOURTH)},
 }
-
-
-def ip(line):
-    subprocess.check_call(["ip", *line.split()])
 
 
 class Surroundings(bench.BenchTest):
@@ -61,7 +56,7 @@ class Surroundings(bench.BenchTest):
         self.up()
         self.assertTrue(bench.wait_until(lambda: found() == THREADS), found())
         self.assertEqual(self.says("sched_setaffinity failed"), 2 * (CPUS < 4))
-        self.assertIn("PROMISC", subprocess.check_output(["ip", "link", "show", "eth0"], text=True))
+        self.assertIn("PROMISC", ip("link show eth0"))
         self.assert_idle()
 
     def test_a_link_that_goes_and_comes(self):

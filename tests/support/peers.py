@@ -3,6 +3,7 @@ import os
 import socket
 import struct
 import time
+from collections import namedtuple
 from typing import NamedTuple
 
 EMULATOR = os.environ.get("RVK_EMULATOR", "").split()
@@ -52,8 +53,8 @@ def identity(module=SELF, board=1, low=0):
     return board << 24 | 0x0A0000 | module << 8 | low
 
 
-def socket_file(number, folder="/run/apipc"):
-    return f"{folder}/{number:08x}.sock"
+def socket_file(number):
+    return f"/run/apipc/{number:08x}.sock"
 
 
 # The fields of a file command: picture and read-back have a size, an update a type.
@@ -64,13 +65,12 @@ def job(code, path, hor=0, ver=0, kind=0, **fields):
 
 # A process's endpoint; the first free identity of the tools' unless one is given.
 class Requester:
-    def __init__(self, own=None, folder="/run/apipc"):
-        wait_until(lambda: os.path.isdir(folder))
+    def __init__(self, own=None):
+        wait_until(lambda: os.path.isdir("/run/apipc"))
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        for self.own in [own] if own else [identity(TOOLS, low=low) for low in range(1, 256)]:
-            self.path, self.folder = socket_file(self.own, folder), folder
-            if not os.path.exists(self.path):
-                break
+        free = (identity(TOOLS, low=n) for n in range(1, 256) if not os.path.exists(socket_file(identity(TOOLS, low=n))))
+        self.own = own or next(free)
+        self.path = socket_file(self.own)
         self.socket.bind(self.path)
         os.chmod(self.path, 0o660)
 
@@ -84,7 +84,7 @@ class Requester:
     # Result: false when the daemon's socket is not there, or its queue has no room.
     def try_to_send(self, datagram, to=identity()):
         try:
-            return self.socket.sendto(datagram, socket.MSG_DONTWAIT, socket_file(to, self.folder)) >= 0
+            return self.socket.sendto(datagram, socket.MSG_DONTWAIT, socket_file(to)) >= 0
         except (BlockingIOError, FileNotFoundError, ConnectionRefusedError):
             return False
 
@@ -101,16 +101,16 @@ class Requester:
         except (socket.timeout, BlockingIOError):
             return None
 
-    def ask(self, seconds=PATIENCE, **fields):
+    def ask(self, **fields):
         self.tell(**fields)
-        return self.receive(seconds)
+        return self.receive()
 
-    def read(self, addr, length, slot=1, model=0, seconds=PATIENCE):
-        return self.ask(seconds, addr=addr, len=length, slot=slot, model=model)
+    def read(self, addr, length, **fields):
+        return self.ask(addr=addr, len=length, **fields)
 
     # Commands are handled in order: whatever was sent before has been handled when this is true.
-    def greeted(self, seconds=PATIENCE):
-        answer = self.ask(seconds, code=GREETING)
+    def greeted(self):
+        answer = self.ask(code=GREETING)
         return answer is not None and answer.code == GREETING and answer.length == 72
 
     def close(self):
@@ -119,15 +119,8 @@ class Requester:
         self.socket.close()
 
 
-# A request frame's fields, as a card sees them.
-class Request(NamedTuple):
-    model: int
-    slot: int
-    seq: int
-    code: int
-    addr: int
-    len: int
-    data: bytes
+# What a card sees of a request frame.
+Request = namedtuple("Request", "model slot seq code addr len")
 
 
 # A frame with its checksum behind it.
@@ -143,26 +136,18 @@ class PlayedCard:
         self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
         self.socket.setsockopt(socket.SOL_SOCKET, 33, 1 << 25)  # SO_RCVBUFFORCE
         self.socket.bind((f"card{link}", 0))
+        self.socket.settimeout(PATIENCE)
 
-    # The next request from the controller; None when none came in time.
-    def request(self, seconds=PATIENCE):
-        end = time.monotonic() + seconds
-        while (left := end - time.monotonic()) > 0:
-            self.socket.settimeout(left)
-            try:
-                frame, where = self.socket.recvfrom(9000)
-            except socket.timeout:
-                break
+    # The next request from the controller.
+    def request(self):
+        while True:
+            frame, where = self.socket.recvfrom(9000)
             if where[2] != socket.PACKET_OUTGOING and frame[:6] == self.TO_CARD and frame[14:16] == b"\x55\xaa":
-                model, slot, seq, code, addr, length = struct.unpack_from("<HBHBIH", frame, 16)
-                return Request(model, slot, seq, code, addr, length, frame[28 : 28 + length])
-        return None
+                return Request(*struct.unpack_from("<HBHBIH", frame, 16))
 
-    # Replies; `other` replaces fields of the request, `length` lies about the data.
-    def answer(self, request, data=b"", status=0, length=None, **other):
-        r = request._replace(**other)
-        length = len(data) if length is None else length
-        body = struct.pack("<BHBHBIH", status, r.model, r.slot, r.seq, r.code, r.addr, length) + data
+    def answer(self, request, data=b""):
+        r = request
+        body = struct.pack("<BHBHBIH", 0, r.model, r.slot, r.seq, r.code, r.addr, len(data)) + data
         self.socket.send(summed(self.TO_HOST + self.TO_CARD + b"\x07\x00\xaa\x55" + body))
 
     def close(self):
