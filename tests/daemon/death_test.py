@@ -106,37 +106,23 @@ class Death(bench.BenchTest):
         for situation in [*plain, *started, *[self.dying_already] * 4]:
             for number in DEADLY:
                 with self.subTest(f"{situation.__name__}, {number.name}"):
+                    self.doCleanups()
                     situation()
                     self.assertEqual(self.d.end(number), 0)
                     self.assertEqual(fault_in_last_words(text_of(LOGS[0])), "", text_of(LOGS[0])[-3000:])
-                    self.doCleanups()
 
     # A fault in a thread at some moment of its work: status 0 in any case; words unless it hits it within the log.
     def test_a_fault_in_any_thread(self):
         for name in THREADS * (2 if bench.SANITIZED else 4):
             with self.subTest(name):
                 idle = name in ("rvkd", "rvk-status")
+                self.doCleanups()
                 (self.idle if idle else self.flooded)()
                 thread = int(self.d.threads()[name].rpartition("/")[2])
                 ctypes.CDLL(None).syscall(TGKILL, self.d.pid, thread, signal.SIGSEGV)
                 self.assertEqual(self.d.end(), 0)
                 if idle and SANITIZER != "thread":
                     self.assertEqual(fault_in_last_words(self.d.output), "", self.d.output[-3000:])
-                self.doCleanups()
-
-    # What cannot be had from outside, in a program of ours with the daemon's own last words; see there.
-    def test_faults_of_its_own(self):
-        leaks = {"ASAN_OPTIONS": "detect_leaks=0"}  # a block whose address is in a register of the dead is none
-        for name in ("main", "overflow-main", "overflow-thread", "log-argument") * 2:
-            with self.subTest(name):
-                victim = self.start("crash_victim", name, env=leaks)
-                self.assertEqual(victim.end(), 0, victim.output)
-                self.assertEqual(fault_in_last_words(victim.output), "", victim.output)
-                if name == "main":
-                    self.assertRegex(victim.output, r"(?s)\(victim_faults_here\+0x.*\(main\+0x", "and its callers")
-                # Of an emulated processor the unwind tables do not cover the probe of the stack at an entry.
-                if name == "overflow-thread" and "arm" not in "".join(bench.EMULATOR):
-                    self.assertIn("backtrace() returned 100 addresses\n", victim.output)
 
 
 if __name__ == "__main__":

@@ -15,11 +15,11 @@ import time
 
 import bench
 from bench import FILE_READ, FILE_WRITE, GREETING, READ, UPDATE, WRITE, WRITE_ACK, wait_until
+from words import fault_in_last_words
 
 ALL = os.environ.get("RVK_FAULTS") == "all"
 SEED = int(os.environ.get("RVK_FAULTS_SEED", "1"))
 PLAN = "/run/rvk-bench/fault-plan"
-MOST_TICKS = 30  # of processor time that a job may take, 10 ms each
 CARD = {"slot": 2, "addr": 0x100}
 HELD = bench.content(1, 64)
 
@@ -36,6 +36,7 @@ ERRORS = {
     "socket bind connect setsockopt ioctl affinity chmod fchmod mkdir unlink ftruncate": "EMFILE EACCES EADDRINUSE EROFS",
 }
 ERRORS = {name: errors.split() for names, errors in ERRORS.items() for name in names.split()}
+FAULTS = {"wild": -1, "endless": -2}  # that the call does not come back from
 EVERYWHERE = ("send_frame", "send_message", "recv_frame", "recv_message", "malloc")  # in every job
 
 
@@ -53,7 +54,7 @@ class Plan(ctypes.Structure):
         for call, known in zip(self.calls, ERRORS):
             call.name, call.seen = known.encode(), 0
         self.name, self.lasting = name.encode(), lasting
-        self.error, self.value = getattr(errno, error, 0), int(error) if error.isdigit() else 0
+        self.error, self.value = FAULTS.get(error) or getattr(errno, error, 0), int(error) if error.isdigit() else 0
         self.nth = nth
 
     def seen(self):
@@ -99,11 +100,11 @@ class FaultsTest(bench.BenchTest):
         with open(f"{self.folder}/{name}", "wb") as file:
             file.write(content)
 
-    def start(self):
+    def start(self, **env):
         linked = subprocess.check_output(["ldd", bench.BIN + "/rvkd"], text=True)
         first = re.findall(r"/\S*libasan\S*", linked)  # a sanitizer that is not the first refuses to run
         preload = ":".join([*first, bench.BIN + "/librvk_fault_preload.so"])
-        self.rvkd = self._kept(bench.Daemon("-fd", env={"LD_PRELOAD": preload, "RVK_FAULT_PLAN": PLAN}))
+        self.rvkd = self._kept(bench.Daemon("-fd", env={"LD_PRELOAD": preload, "RVK_FAULT_PLAN": PLAN, **env}))
 
     def settle(self):
         self.start()
@@ -118,9 +119,6 @@ class FaultsTest(bench.BenchTest):
         other.close()
         self.assertTrue(all(answer and answer.result == 0 for answer in answers), answers)
         self.assertEqual(answers[-1].payload, HELD)
-
-    def ticks(self):
-        return sum(map(int, bench.text_of(f"/proc/{self.rvkd.pid}/stat").rpartition(")")[2].split()[11:13]))
 
     # Tells a job and waits until it is over and its last request has ended. Result: its answers' results.
     def play(self, name):
@@ -157,14 +155,12 @@ class FaultsTest(bench.BenchTest):
             self.assertTrue(arrived, "another image than was given")
 
     def play_failing(self, name, call, nth, error):
-        before = self.ticks()
         self.plan.arm(call, nth, error)
         got = self.play(name)
         self.plan.nth = 0
         self.assertIn(got, self.allowed(name, call, error))
         if got == [0]:
             self.assert_done(name)
-        self.assertLessEqual(self.ticks() - before, MOST_TICKS)
         self.assert_serves()
         self.assertTrue(wait_until(lambda: self.rvkd.fds() <= self.fds_at_rest), "descriptors are not given back")
         children = [f"{thread}/children" for thread in self.rvkd.threads().values()]
@@ -193,13 +189,11 @@ class FaultsTest(bench.BenchTest):
         for case in drawn([[(name, c, e) for e in stay[c]] for name in names for c in calls if stay[c]]):
             with self.subTest(case):
                 name, call, error = case
-                before = self.ticks()
                 self.plan.arm(call, 1, error, lasting=1)
                 self.client.tell(**self.jobs[name][0])
                 time.sleep(0.5)
                 self.plan.nth = 0
-                self.assertLess(self.plan.seen().get(call, 0), 500, "called again and again")
-                self.assertLessEqual(self.ticks() - before, MOST_TICKS)
+                self.assertLess(max(self.plan.seen().values()), 1000, self.plan.seen())
                 self.play("greeting")
                 self.assert_serves()
 
@@ -233,6 +227,17 @@ class FaultsTest(bench.BenchTest):
         self.assertTrue(self.rvkd.alive())
         end = signal.SIGKILL if said("start_crash_threads/ .*failed") else signal.SIGTERM
         self.assertEqual(self.rvkd.end(end), -end if end == signal.SIGKILL else 0)
+
+    # A fault of its own, in the main thread or another: it ends with the last words, whose it was among them.
+    def test_faults_of_its_own(self):
+        for call in ("ioctl", "recv_frame", "recv_message"):
+            for error, says in ("wild", r"(?s)\(fault_here\+0x.*\(clone|main"), ("endless", r"returned 100 addresses\n"):
+                with self.subTest(f"{call} {error}"):
+                    self.plan.arm(call, 1, error)
+                    self.start(ASAN_OPTIONS="detect_leaks=0")  # a block may be in a register of the dead only
+                    self.assertEqual(self.rvkd.end(), 0)
+                    self.assertEqual(fault_in_last_words(self.rvkd.output), "", self.rvkd.output)
+                    self.assertRegex(self.rvkd.output, says)
 
 
 if __name__ == "__main__":

@@ -23,7 +23,8 @@ namespace {
 
 struct shared_plan {
     std::atomic<int32_t> nth; // counts down with each call of the name; the one that makes it 0 fails; 0: none fails
-    int32_t lasting, error, value; // those behind it fail too; errno; 0: `value` is returned as if it had been done
+    // Those behind it fail too; errno, below 0 a fault of its own, 0: `value` is returned as if it had been done.
+    int32_t lasting, error, value;
     std::atomic<int32_t> looks_asked, looks_given; // waiting blocks go back to the system, the rest is counted
     int32_t in_use[8];
     char name[16];
@@ -48,6 +49,26 @@ __attribute__((constructor)) void map_plan()
     plan = static_cast<shared_plan*>(shared);
 }
 
+// Deep enough for any stack, and every page of it is touched.
+__attribute__((noinline)) int use_up_the_stack(int depth)
+{
+    volatile char page[2048];
+    for (size_t i = 0; i < sizeof page; i += 512) { page[i] = static_cast<char>(depth); }
+    return depth < 1'000'000 ? use_up_the_stack(depth + 1) + page[depth % 2048] : 0;
+}
+
+} // namespace
+
+// Its name is in the trace.
+extern "C" __attribute__((noinline)) void fault_here()
+{
+    static int* volatile nowhere = reinterpret_cast<int*>(64);
+    *nowhere = use_up_the_stack(plan->error == -2 ? 1 : 1'000'000);
+    *nowhere = 2; // no tail for a jump
+}
+
+namespace {
+
 // Result: whether this call fails; then *value is what it returns, and errno is set.
 bool fails(const char* name, long* value)
 {
@@ -61,6 +82,7 @@ bool fails(const char* name, long* value)
     ++call->seen;
     if (plan->nth == 0 || strcmp(plan->name, name) != 0 || --plan->nth > 0) { return false; }
     plan->nth = plan->lasting;
+    if (plan->error < 0) { fault_here(); }
     if (plan->error != 0) { errno = plan->error; }
     *value = plan->error != 0 ? -1 : plan->value;
     return true;
