@@ -10,7 +10,6 @@
 #     > STEPS                 frames that the test sends to the cards itself, and their answers (controller.py)
 #     $ COMMAND               a shell's. Below it stands all that it says; of rvkdiag's standard error what is not its log
 #       a line                on standard output; `| a line` where it would look like something else
-#       ! a line              on standard error
 #       {"exit_status": 0}    with --json: an object of the answer's has these members; each must be as its schema says
 #       ? code, code          what the liar was asked since the last such line, or `nothing`
 #       % 3                   so many frames came to the cards, which end then
@@ -50,9 +49,7 @@ class Step:
         mark, rest = line[:2], line[2:]
         if mark == "= " and self.status is None and rest[0].isdigit():
             status, _, says = rest.partition(" ")
-            self.status, self.err = int(status), self.err + ["…", f"…{says}…"] * (says != "")
-        elif mark == "! ":
-            self.err.append(rest)
+            self.status, self.err = int(status), ["…", f"…{says}…"] * (says != "")
         elif mark == "% " and self.requests is None:
             self.requests = int(rest)
         elif mark == "? " and self.asked is None:
@@ -115,13 +112,6 @@ def is_part(wanted, got):
     return matches([wanted], [str(got)]) if isinstance(wanted, str) else wanted == got
 
 
-def objects_in(output):
-    while output := output.lstrip():
-        found, at = json.JSONDecoder().raw_decode(output)
-        output = output[at:]
-        yield found
-
-
 # Requests of a capture file, a line each; data is named by the scene's file that holds it.
 def requests_in(path):
     files = {path.name: path.read_bytes() for path in sorted(pathlib.Path().iterdir()) if path.is_file()}
@@ -138,11 +128,6 @@ def requests_in(path):
 class Play:
     def __init__(self, test):
         self.test, self.cards, self.liar, self.rows, self.said = test, None, None, 0, ""
-        test.addCleanup(self.stop_liar)
-
-    def stop_liar(self):
-        if self.liar:
-            self.liar.stop()
 
     def step(self, step):
         try:
@@ -162,8 +147,10 @@ class Play:
         elif what == "daemon":
             self.test.daemon(*words)
         elif what == "liar":
-            self.stop_liar()
+            if self.liar:
+                self.liar.stop()
             self.liar = Liar(**dict(word.split("=") for word in words))
+            self.test.addCleanup(self.liar.stop)
         elif what == "file":
             pathlib.Path(words[0]).write_bytes(bench.content(int(words[1]), int(words[1])))
         elif what == "do":
@@ -182,11 +169,6 @@ class Play:
                 with open(f".pcap/all{link}.pcap", "ab") as kept:
                     kept.write(self.cards.file(f"pcap/card{link}.pcap")[24 if kept.tell() else 0 :])
 
-    def run(self, command):
-        process = self.start(command)
-        status = process.end()
-        return process.output, process.errors, status
-
     def start(self, command):
         process = bench.Process(["bash", "-c", command], environment(), apart=True, start_new_session=True, cwd=HERE)
         return self.test._kept(process)
@@ -195,16 +177,19 @@ class Play:
         os.environ["LAST"] = str(self.start(step.text).pid)
 
     def command(self, step):
-        out, err, status = self.built_in(step.text) or self.run(step.text)
+        status, err = 0, ""
+        if (out := self.built_in(step.text)) is None:
+            process = self.start(step.text)
+            status, out, err = process.end(), process.output, process.errors
         if "rvkdiag" in step.text:
             err = "".join(line for line in err.splitlines(True) if re.match(r"[a-z]+: ", line))
         said = f"said: {out}\n! {err}\n= {status}"
         if step.objects:
-            self.check_objects(step.objects, list(objects_in(out)), said)
+            self.check_objects(step.objects, [json.loads(text) for text in re.split("^(?={)", out, flags=re.M) if text], said)
         self.test.assertTrue(step.objects or matches(step.out, [line for line in out.splitlines() if line]), said)
         self.test.assertTrue(matches(step.err, err.splitlines()) and status == (step.status or 0), said)
         if step.requests is not None:
-            self.test.assertEqual(bench.numbers(r"received (\d+) frames", self.built_in("summary")[0]), [step.requests], said)
+            self.test.assertEqual(bench.numbers(r"received (\d+) frames", self.built_in("summary")), [step.requests], said)
         if step.asked is not None:
             wanted = [] if step.asked == "nothing" else step.asked.split(", ")
             heard = bench.wait_until(lambda: matches(wanted, self.liar.asked))
@@ -218,15 +203,14 @@ class Play:
             jsonschema.validate(each, json.loads(bench.text_of(SCHEMA)), cls=jsonschema.Draft202012Validator)
         self.test.assertTrue(len(got) == len(wanted) and all(map(is_part, wanted, got)), said)
 
+    # Result: what it says; None when it is none.
     def built_in(self, text):
-        words = text.split()
-        if words[0] not in ("frames", "summary"):
+        what, *links = text.split()
+        if what not in ("frames", "summary"):
             return None
         self.end_cards()
-        if words[0] == "summary":
-            return self.said, "", 0
-        seen = {"\n".join(requests_in(f".state/pcap/card{link}.pcap")) for link in words[1:]}
-        return "\nor, on another link:\n".join(seen), "", 0
+        seen = {"\n".join(requests_in(f".state/pcap/card{link}.pcap")) for link in links}
+        return self.said if what == "summary" else "\nor, on another link:\n".join(seen)
 
     def frames(self, step):
         self.rows += 1
@@ -257,7 +241,7 @@ def test_of(steps):
     return test
 
 
-# Plays the texts of a name beside the tests that the program has itself.
+# Plays the texts of a name.
 def main(stem):
     texts = sorted(glob.glob(f"{TEXTS}/{stem}.txt") + glob.glob(f"{TEXTS}/{stem}-*.txt"))
     if not texts:
