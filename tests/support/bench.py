@@ -189,9 +189,7 @@ class BenchTest(unittest.TestCase):
         return self._kept(Cards(*options, **how))
 
     def card(self, link=0):
-        card = PlayedCard(link)
-        self.addCleanup(card.close)
-        return card
+        return self._kept(PlayedCard(link))
 
     # Starts a daemon that answers when this returns, unless it shall not be waited for.
     def daemon(self, *arguments, serves=True, **how):
@@ -220,15 +218,11 @@ class BenchTest(unittest.TestCase):
         self.assertEqual(set(re.findall(r": refused: (.*)", summary)), {"none"}, summary)
 
 
-# Ends the whole program as skipped; CI takes no such thing for passed.
-def skip(reason):
-    print(f"SKIP: {reason}")
-    sys.exit(77)
-
-
+# Without it the whole program ends as skipped; CI takes no such thing for passed.
 def needs(tool):
     if shutil.which(tool) is None:
-        skip(f"{tool} is missing: scripts/install-deps ci installs it")
+        print(f"SKIP: {tool} is missing: scripts/install-deps ci installs it")
+        sys.exit(77)
 
 
 # In place of unittest.main(): refuses outside the bench, and a run without a test fails.
@@ -239,8 +233,3 @@ def main():
         sys.exit("RVK_BIN names no folder with rvkd: run the test by ctest, or set it to build/release/bin")
     result = unittest.main(exit=False).result
     sys.exit(0 if result.wasSuccessful() and result.testsRun > 0 and not result.skipped else 1)
-
-
-# All whole numbers that the pattern's group finds.
-def numbers(pattern, text):
-    return [int(found) for found in re.findall(pattern, text)]

@@ -4,7 +4,6 @@ import socket
 import struct
 import time
 from collections import namedtuple
-from typing import NamedTuple
 
 EMULATOR = os.environ.get("RVK_EMULATOR", "").split()
 SANITIZED = os.environ.get("RVK_SANITIZE", "") != ""
@@ -23,24 +22,11 @@ def wait_until(condition, seconds=PATIENCE):
 
 
 # Fields of a message in wire order, and the payload.
-class Message(NamedTuple):
-    aptid: int
-    word1: int = 0x11223344
-    length: int = 0
-    result: int = 0
-    msg_type: int = 0
-    msg_class: int = 28
-    data_len: int = 0
-    module: int = 0
-    id: int = 254
-    code: int = READ
-    slot: int = 1
-    model: int = 0
-    seq: int = 0
-    addr: int = 0
-    len: int = 0
-    payload: bytes = b""
+FIELDS = "aptid word1 length result msg_type msg_class data_len module id code slot model seq addr len payload"
+DEFAULTS = (0x11223344, 0, 0, 0, 28, 0, 0, 254, READ, 1, 0, 0, 0, 0, b"")
 
+
+class Message(namedtuple("Message", FIELDS, defaults=DEFAULTS)):
     def pack(self):
         return HEAD.pack(*self[:-1]) + self.payload + b"\0\0"
 
@@ -150,5 +136,5 @@ class PlayedCard:
         body = struct.pack("<BHBHBIH", 0, r.model, r.slot, r.seq, r.code, r.addr, len(data)) + data
         self.socket.send(summed(self.TO_HOST + self.TO_CARD + b"\x07\x00\xaa\x55" + body))
 
-    def close(self):
+    def kill(self):
         self.socket.close()
