@@ -6,9 +6,9 @@
 #
 #     at M.S                 what follows is for this model and slot; model N of the N-th row and slot 1 at its begin
 #     w A BYTES  p A BYTES   writes, acknowledged and plain        r A LEN   a read; addresses and bytes are hexadecimal
-#     put WxH BUFFER   start   end   data LEN…   control BYTES     a picture through the demo's port; `other` the other port
-#     image BYTES      regs N…  reg N BYTES  piece N…              firmware: its registers from 1 (all), its pieces; 3-1 is
-#                                                                  short by a byte, 3+1 long, 3^5 has a bit of byte 5 wrong
+#     put WxH BUFFER   start   end   data LEN…                     a picture through the demo's port
+#     image BYTES      regs N…   piece N…    firmware: its registers from 1 (or all), its pieces; 3-1 is short by a byte,
+#                                            3+1 long, 3^5 has a bit of byte 5 wrong
 # Of w, p and r a word `@OFF:BYTE` changes a byte of the frame, `cut:N` its size, `size:N` too, with the sum made right, and
 # `sum` makes that right behind other changes.
 import re
@@ -21,7 +21,7 @@ from bench import summed
 
 TO_CARD, TO_HOST = bench.PlayedCard.TO_CARD, bench.PlayedCard.TO_HOST
 CODES = {"r": 0x00, "p": 0x01, "w": 0x11}
-PORTS = {"demo": (0x7080, 0x60000), "other": (0x7040, 0x40000)}
+CONTROL, DATA = 0x7080, 0x60000
 REGISTERS = (0x11F00000, 0x11F00004, 0x11F00008, 0x11F0000C, 0x11F00010, 0x18200000, 0x18200002)
 PIECES, PIECE = 0x18000000, 1024
 QUIET = 0.02  # seconds: how long is listened for what should not come; it is counted at the cards' end too
@@ -58,8 +58,7 @@ def answered(frame, mark):
 
 class Controller:
     def __init__(self, cards, model):
-        self.cards, self.model, self.slot, self.seq, self.port = cards, model, 1, 0, "demo"
-        self.sent, self.file = 0, b""
+        self.cards, self.model, self.slot, self.seq, self.sent, self.file = cards, model, 1, 0, 0, b""
         self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
         self.socket.bind(("eth0", 0))
 
@@ -110,27 +109,23 @@ class Controller:
         last = next((m for _, m in arguments if m), mark)
         if verb in CODES:
             return [(self.tampered(verb, *plain[:2], plain[2:]), last)]
-        if verb in ("at", "other", "image"):
-            if verb == "at":
-                self.model, self.slot = (int(part) for part in plain[0].split("."))
-            self.port = "other" if verb == "other" else self.port
-            self.file = file_of(int(plain[0])) if verb == "image" else self.file
-            return []
-        if verb in ("put", "start", "end", "control"):
-            if verb == "put":
-                self.sent = 0
-                plain[0] = struct.pack("<BHHB", 0, *map(int, [*plain[0].split("x"), plain[1]])).hex()
-            block = {"start": "01", "end": "00"}.get(verb) or plain[0]
-            return [(self.write(PORTS[self.port][0], bytes_in(block)), last)]
-        if verb == "regs":
-            return [(self.register(int(number)), m) for number, m in arguments or [(n, "") for n in range(1, 8)]]
-        if verb == "reg":
-            return [(self.write(REGISTERS[int(plain[0]) - 1], bytes_in(plain[1])), last)]
-        return [({"data": self.data, "piece": self.piece}[verb](argument), m) for argument, m in arguments]
+        if verb == "at":
+            self.model, self.slot = map(int, plain[0].split("."))
+        elif verb == "image":
+            self.file = file_of(int(plain[0]))
+        elif verb in ("put", "start", "end"):
+            self.sent = 0
+            block = struct.pack("<HHB", *map(int, re.findall(r"\d+", " ".join(plain)))) if verb == "put" else b""
+            return [(self.write(CONTROL, bytes([verb == "start"]) + block), last)]
+        else:
+            numbers = arguments or [(n, "") for n in range(1, 8)]
+            each = {"data": self.data, "piece": self.piece, "regs": self.register}[verb]
+            return [(each(number), m) for number, m in numbers]
+        return []
 
     def data(self, size):
         at, self.sent = self.sent, self.sent + int(size)
-        return self.write(PORTS[self.port][1], bench.content(16, self.sent)[at:])
+        return self.write(DATA, bench.content(16, self.sent)[at:])
 
     def piece(self, text):
         number, change, by = re.fullmatch(r"(\d+)(?:([-+^])(\d+))?", text).groups()
@@ -144,7 +139,7 @@ class Controller:
     def register(self, number):
         size = struct.pack("<I", len(self.file))
         values = (size, bytes(4), b"\1\0\0\0", size, b"\0", b"\1\2", bytes([0, 0, self.slot]))
-        return self.write(REGISTERS[number - 1], values[number - 1])
+        return self.write(REGISTERS[int(number) - 1], values[int(number) - 1])
 
     def write(self, addr, data):
         return summed(self.bare("w", addr, data, len(data)))
