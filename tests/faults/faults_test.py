@@ -116,7 +116,7 @@ class FaultsTest(bench.BenchTest):
         self.assertTrue(self.rvkd.alive(), "the daemon has ended")
         other = bench.Requester()
         answers = [other.ask(**self.jobs[name][0]) for name in ("greeting", "write", "put", "read")]
-        other.close()
+        other.kill()
         self.assertTrue(all(answer and answer.result == 0 for answer in answers), answers)
         self.assertEqual(answers[-1].payload, HELD)
 
@@ -223,7 +223,7 @@ class FaultsTest(bench.BenchTest):
             no_link = said(r"create/ .*failed to create thread|init_netdev\(0\) failed")
             self.assertEqual(other.ask(**self.jobs["read"][0]).result, -1 if no_link else 0)
             self.assertEqual(other.ask(**self.put).result, -1 if said("WexApFileTaskCreate/") else 0)
-            other.close()
+            other.kill()
         self.assertTrue(self.rvkd.alive())
         end = signal.SIGKILL if said("start_crash_threads/ .*failed") else signal.SIGTERM
         self.assertEqual(self.rvkd.end(end), -end if end == signal.SIGKILL else 0)

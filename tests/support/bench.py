@@ -3,6 +3,8 @@
 # Programs come from $RVK_BIN and run under $RVK_EMULATOR where that is set. Everything here refuses to work outside
 # scripts/in-bench: eth0 would be the machine's own. What a test starts ends with it.
 import os
+import pathlib
+import random
 import re
 import shutil
 import signal
@@ -26,16 +28,14 @@ LOGS = ("/var/log/rvk_log0.txt", "/var/log/rvk_log1.txt")
 # A file's text; empty when it is not there.
 def text_of(path):
     try:
-        with open(path, encoding="utf-8", errors="replace") as file:
-            return file.read()
+        return pathlib.Path(path).read_text(encoding="utf-8", errors="replace")
     except OSError:
         return ""
 
 
 # How many messages may wait at a requester that is made from now on.
 def set_queue(messages):
-    with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as file:
-        file.write(str(messages))
+    pathlib.Path("/proc/sys/net/unix/max_dgram_qlen").write_text(str(messages))
 
 
 # Frames of a capture file.
@@ -48,21 +48,13 @@ def frames_in(path):
 
 # Bytes that tell where they belong: none is 0, no two seeds alike.
 def content(seed, size):
-    bits = (seed * 2_654_435_761 + 1) & 0xFFFFFFFF
-    out = bytearray(size)
-    for i in range(min(size, 65_521)):
-        bits = (bits * 1_664_525 + 1_013_904_223) & 0xFFFFFFFF
-        out[i] = bits >> 24 | 1
-    for i in range(65_521, size, 65_521):
-        out[i : i + 65_521] = out[: min(65_521, size - i)]
-    return bytes(out)
+    return random.Random(seed).randbytes(size).replace(b"\0", b"\1")
 
 
 # A program of ours in the place of one that the daemon runs.
 def lay_tool(path, script):
     os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "w", encoding="ascii") as file:
-        file.write(f"#!/bin/sh\n{script}\n")
+    pathlib.Path(path).write_text(f"#!/bin/sh\n{script}\n")
     os.chmod(path, 0o755)
 
 
@@ -83,6 +75,10 @@ def program(name):
     return [*EMULATOR, os.path.join(BIN, name)]
 
 
+def written_to(file):
+    return os.pread(file.fileno(), 1 << 26, 0).decode(errors="replace")
+
+
 # A program under test, its two streams in one file or (`apart`) in two; gone with its owner.
 class Process:
     def __init__(self, command, env=None, apart=False, **how):
@@ -96,17 +92,8 @@ class Process:
         self.child = subprocess.Popen(command, env={**os.environ, **own}, **how)
         self.pid = self.child.pid
 
-    @staticmethod
-    def _all(file):
-        return os.pread(file.fileno(), 1 << 26, 0).decode(errors="replace")
-
-    @property
-    def output(self):
-        return self._all(self.out)
-
-    @property
-    def errors(self):
-        return self._all(self.err)
+    output = property(lambda self: written_to(self.out))
+    errors = property(lambda self: written_to(self.err))
 
     def alive(self):
         return self.child.poll() is None
@@ -137,23 +124,20 @@ class Cards(Process):
         given = [str(option) for option in options]
         files = ["--pcap", f"{self.folder}/pcap", *(["--state", self.folder] if kept else [])]
         super().__init__([*program("rvk-cardsim"), *named, *files, *given])
-        if not self.shows("ready\n"):
-            raise AssertionError(f"the cards did not start: {self.output}")
+        assert self.shows("ready\n"), f"the cards did not start: {self.output}"
 
     # Ends them. Result: their summary; the state is written then.
     def stop(self):
-        if self.end(signal.SIGTERM) != 0:
-            raise AssertionError(f"the cards ended badly: {self.output}")
+        assert self.end(signal.SIGTERM) == 0, f"the cards ended badly: {self.output}"
         return self.output.partition("ready\n")[2]
 
     def file(self, name):
-        with open(os.path.join(self.folder, name), "rb") as file:
-            return file.read()
+        return pathlib.Path(self.folder, name).read_bytes()
 
     # What was written to a card's addresses, as its state has it: address to bytes, a stretch an entry.
-    def held(self, slot=1, model=0, link=0):
+    def held(self, slot=1, model=0):
         out, first, end = {}, None, None
-        for line in text_of(os.path.join(self.folder, f"card{link}-model{model}-slot{slot}.txt")).splitlines():
+        for line in text_of(os.path.join(self.folder, f"card0-model{model}-slot{slot}.txt")).splitlines():
             if (found := re.fullmatch(r"([0-9a-f]{8})  (?:\d+ bytes, in (.*)|(.*))", line)) is None:
                 continue
             at, data = int(found[1], 16), self.file(found[2]) if found[2] else bytes.fromhex(found[3])
@@ -188,22 +172,18 @@ class BenchTest(unittest.TestCase):
     def cards(self, *options, **how):
         return self._kept(Cards(*options, **how))
 
-    def card(self, link=0):
-        return self._kept(PlayedCard(link))
+    def card(self):
+        return self._kept(PlayedCard())
 
     # Starts a daemon that answers when this returns, unless it shall not be waited for.
     def daemon(self, *arguments, serves=True, **how):
         daemon = self._kept(Daemon(*arguments, **how))
         if serves:
-            asking = Requester()
-            self.assertTrue(asking.greeted(), daemon.output)
-            asking.close()
+            self.assertTrue(self.requester().greeted(), daemon.output)
         return daemon
 
     def requester(self, own=None):
-        requester = Requester(own)
-        self.addCleanup(requester.close)
-        return requester
+        return self._kept(Requester(own))
 
     def start(self, name, *arguments, **how):
         return self._kept(Process([*program(name), *map(str, arguments)], **how))

@@ -76,8 +76,7 @@ class Requester:
 
     # Waits for the daemon's socket, and for room in its queue.
     def send(self, datagram, to=identity()):
-        if not wait_until(lambda: self.try_to_send(datagram, to)):
-            raise AssertionError("the daemon takes no message")
+        assert wait_until(lambda: self.try_to_send(datagram, to)), "the daemon takes no message"
 
     # The next message; None when none came in time.
     def receive(self, seconds=PATIENCE):
@@ -99,7 +98,7 @@ class Requester:
         answer = self.ask(code=GREETING)
         return answer is not None and answer.code == GREETING and answer.length == 72
 
-    def close(self):
+    def kill(self):
         if os.path.exists(self.path):
             os.unlink(self.path)
         self.socket.close()
@@ -118,10 +117,10 @@ def summed(frame):
 class PlayedCard:
     TO_CARD, TO_HOST = b"\xeb\x90" * 3, b"\x44" * 6
 
-    def __init__(self, link=0):
+    def __init__(self):
         self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
         self.socket.setsockopt(socket.SOL_SOCKET, 33, 1 << 25)  # SO_RCVBUFFORCE
-        self.socket.bind((f"card{link}", 0))
+        self.socket.bind(("card0", 0))
         self.socket.settimeout(PATIENCE)
 
     # The next request from the controller.

@@ -4,8 +4,8 @@
 #     greetings=N answers=no     falls silent behind N greetings; answers no command but those
 #     result=N good=N            result of its answers, behind so many good ones
 #     strays=yes                 before each answer come others': of another code, sender, number, address, slot, model, a runt
-#     report=ADDR                a write there is reported as failed with each greeting
-#     late=yes                   an answer that says no to a write at 0x20, of a number long past, comes behind each greeting
+#     report=ADDR                a write there is reported as failed before each greeting
+#     late=yes                   an answer that says no to a write at 0x20, of a number past, comes before each greeting
 #     spoilt=ADDR from=N         that byte is read as another, from the N-th read on
 import os
 import threading
@@ -37,8 +37,8 @@ class Liar(threading.Thread):
     def stop(self):
         self.running = False
         self.join()
-        self.end.close()
-        self.stranger.close()
+        self.end.kill()
+        self.stranger.kill()
 
     def run(self):
         while self.running:
@@ -52,7 +52,7 @@ class Liar(threading.Thread):
         return self.how[what] >= 0
 
     def say(self, to, message, by=None):
-        (by or self.end).send(message.pack(), to)
+        (by or self.end).try_to_send(message.pack(), to)  # it may be gone
 
     def handle(self, m):
         if self.how.get("strays"):
@@ -71,14 +71,14 @@ class Liar(threading.Thread):
         return self.say(m.aptid, m._replace(aptid=self.own, result=result, length=len(data), payload=data))
 
     def greet(self, m):
-        if "greetings" not in self.how or self.use("greetings"):
-            text = b"Hello, I am rvk module!".ljust(72, b"\0")
-            self.say(m.aptid, bench.Message(self.own, length=72, data_len=46, code=bench.GREETING, len=32, payload=text))
         failed = bench.Message(self.own, length=40, result=-1, data_len=14, code=bench.WRITE_ACK, slot=0, addr=0x20)
         if self.how.get("late"):
             self.say(m.aptid, failed._replace(seq=m.seq - 1 or 9))
         if "report" in self.how:
             self.say(m.aptid, failed._replace(addr=self.how["report"]))
+        if "greetings" not in self.how or self.use("greetings"):
+            text = b"Hello, I am rvk module!".ljust(72, b"\0")
+            self.say(m.aptid, bench.Message(self.own, length=72, data_len=46, code=bench.GREETING, len=32, payload=text))
 
     def data_of(self, m):
         self.reads += 1
@@ -95,4 +95,4 @@ class Liar(threading.Thread):
         if m.code != bench.GREETING:
             for field in ("seq", "addr", "slot", "model"):
                 self.say(m.aptid, no._replace(**{field: getattr(no, field) ^ 1}))
-            self.end.send(no.pack()[:20], m.aptid)
+            self.end.try_to_send(no.pack()[:20], m.aptid)
