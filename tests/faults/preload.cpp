@@ -19,6 +19,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+extern "C" int fault_here(int depth); // its name is in the trace
+
 namespace {
 
 struct shared_plan {
@@ -49,26 +51,6 @@ __attribute__((constructor)) void map_plan()
     plan = static_cast<shared_plan*>(shared);
 }
 
-// Deep enough for any stack, and every page of it is touched.
-__attribute__((noinline)) int use_up_the_stack(int depth)
-{
-    volatile char page[2048];
-    for (size_t i = 0; i < sizeof page; i += 512) { page[i] = static_cast<char>(depth); }
-    return depth < 1'000'000 ? use_up_the_stack(depth + 1) + page[depth % 2048] : 0;
-}
-
-} // namespace
-
-// Its name is in the trace.
-extern "C" __attribute__((noinline)) void fault_here()
-{
-    static int* volatile nowhere = reinterpret_cast<int*>(64);
-    *nowhere = use_up_the_stack(plan->error == -2 ? 1 : 1'000'000);
-    *nowhere = 2; // no tail for a jump
-}
-
-namespace {
-
 // Result: whether this call fails; then *value is what it returns, and errno is set.
 bool fails(const char* name, long* value)
 {
@@ -82,7 +64,7 @@ bool fails(const char* name, long* value)
     ++call->seen;
     if (plan->nth == 0 || strcmp(plan->name, name) != 0 || --plan->nth > 0) { return false; }
     plan->nth = plan->lasting;
-    if (plan->error < 0) { fault_here(); }
+    if (plan->error < 0) { fault_here(0); }
     if (plan->error != 0) { errno = plan->error; }
     *value = plan->error != 0 ? -1 : plan->value;
     return true;
@@ -114,6 +96,16 @@ bool is_message(long fd)
 }
 
 } // namespace
+
+// A wild pointer, or a stack without an end, every page of which is touched.
+int fault_here(int depth)
+{
+    static int* volatile nowhere = reinterpret_cast<int*>(64);
+    volatile char page[2048];
+    page[depth % 2048] = 1;
+    if (plan->error == -1) { *nowhere = 1; }
+    return depth < 1'000'000 ? fault_here(depth + 1) + page[depth % 2048] : 0;
+}
 
 // Any function of up to six whole numbers and pointers, by its symbol: on the processors with 64 bits that this is for,
 // all are in registers, and what is one too many is not looked at.

@@ -1,5 +1,4 @@
 # What the daemon says in its log: the form of a line, and whether a dying one said all that it should.
-import os
 import re
 import signal
 
@@ -10,7 +9,6 @@ LINE = re.compile(
     r"\[(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3}) pid=(\d+)\] "
     r"\[ (?=.{10,}?/)( *[^ ]*?)/(?=.{30,}?/)( *[^ ]*)/(?=[\d ]{5})( *\d+) \]:: (.*)"
 )
-SANITIZER = os.environ.get("RVK_SANITIZE", "")
 # An emulator dies itself of a SIGSEGV that another process sends while threads are being started.
 DEADLY = [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT] + ([] if EMULATOR else [signal.SIGSEGV])
 

@@ -62,10 +62,7 @@ class Controller:
         self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
         self.socket.bind(("eth0", 0))
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
+    def kill(self):
         self.socket.close()
 
     def play(self, row):

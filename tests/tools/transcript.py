@@ -1,5 +1,6 @@
-# Plays transcripts: what a person types and reads, and what cards are sent and say. The texts of a name are cards.txt
-# and cards-*.txt:
+# Plays transcripts: what a person types and reads, and what cards are sent and say. RVK_TEXT names the texts, `cards` is
+# cards.txt and cards-*.txt. In the installed library's, RVK_SOURCE and RVK_BUILD are folders, RVK_CXX and RVK_CXXFLAGS the
+# compiler; the LVDS test's pauses of 2 and 30 s end at once where strace says so.
 #
 #     # title                 a scene: everything below it happens in one world, which ends with it, in a folder of its own
 #     ~ cards [0,2] OPTION…   simulated cards on link 0 or on those named, in place of the last ones
@@ -214,8 +215,7 @@ class Play:
 
     def frames(self, step):
         self.rows += 1
-        with Controller(self.cards, model=self.rows) as controller:
-            controller.play(step.text)
+        self.test._kept(Controller(self.cards, model=self.rows)).play(step.text)
 
 
 def environment():
@@ -241,7 +241,6 @@ def test_of(steps):
     return test
 
 
-# Plays the texts of a name.
 def main(stem):
     texts = sorted(glob.glob(f"{TEXTS}/{stem}.txt") + glob.glob(f"{TEXTS}/{stem}-*.txt"))
     if not texts:
@@ -253,3 +252,7 @@ def main(stem):
     if bench.BIN:
         wrap_programs()
     bench.main()
+
+
+if __name__ == "__main__":
+    main(os.environ["RVK_TEXT"])
