@@ -1,6 +1,7 @@
 # Files between the board and the cards, by the commands themselves: what may stand in a file's place, the programming
 # tool, and what a job leaves behind. The many forms of a picture's or an image's bytes are another test's.
 import os
+import pathlib
 import re
 import subprocess
 
@@ -29,8 +30,7 @@ ROWS = [
 def place(name, kind):
     path = f"{FOLDER}/{name}"
     if isinstance(kind, bytes):
-        with open(path, "wb") as file:
-            file.write(kind)
+        pathlib.Path(path).write_bytes(kind)
     elif kind.startswith("->"):
         os.symlink(kind[2:], path)
     elif kind:
@@ -61,8 +61,7 @@ class Files(bench.BenchTest):
                 files = [path, place(f"{name}.bmp", image)]
                 self.assertEqual((self.do(FILE_WRITE, path, addr=3), self.do(UPDATE, path, kind=0x1A)), (0, updated))
                 self.do(FILE_READ, f"{FOLDER}/back", addr=3 << 24)
-                with open(f"{FOLDER}/back", "rb") as back:
-                    self.assertTrue(back.read() == shown)
+                self.assertTrue(pathlib.Path(f"{FOLDER}/back").read_bytes() == shown)
                 self.do(FILE_READ, path, addr=3 << 24)
                 self.assertEqual(tuple(os.path.getsize(p) if os.path.isfile(p) else None for p in files), sizes)
         for path, kind in ("a.dat", 0x1A), ("a;b", 0x16), ("-a", 0x17):

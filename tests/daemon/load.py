@@ -125,5 +125,5 @@ def frames_of(pcap):
     while at < len(pcap):
         size = struct.unpack_from("<I", pcap, at + 8)[0]
         frame, at = pcap[at + 16 : at + 16 + size], at + 16 + size
-        if frame[:6] == bench.PlayedCard.TO_CARD:
+        if frame[:6] == bench.TO_CARD:
             yield WRITE_ACK if frame[21] == 0x11 else frame[21], int.from_bytes(frame[22:26], "little")

@@ -23,10 +23,6 @@ def zone(start):
     return {"TZ": ":/run/zone"}
 
 
-def log_of(number):
-    return lines(text_of(LOGS[number]))
-
-
 class Log(bench.BenchTest):
     def test_each_switch_opens_its_output(self):
         for switches in ["", "-d", "-f", "-d -f", "-df -f", "-x --nonsense", "-d -xf word"]:
@@ -61,7 +57,7 @@ class Log(bench.BenchTest):
             while me.receive(0):
                 pass
         self.assertTrue(bench.wait_until(lambda: f"' {n}. '" in text_of(LOGS[1])))
-        old, new = log_of(0), log_of(1)
+        old, new = (lines(text_of(log)) for log in LOGS)
         texts = "".join(line[5] for line in old + new)
         self.assertEqual(re.findall(r"recv msg: ' (\d+)\. '", texts), [str(i) for i in range(1, n + 1)], "each once, whole")
         self.assertEqual([line[0][:10] for line in old], [dates[0]] * (len(old) - 1) + [dates[1]], "the next opens the other")
@@ -73,7 +69,7 @@ class Log(bench.BenchTest):
         daemon, me = self.daemon("-f"), self.requester()
         while os.statvfs("/var/log").f_bfree:
             self.assertTrue(me.greeted())
-        self.assertNotIn(None, log_of(0)[:-1])
+        self.assertNotIn(None, lines(text_of(LOGS[0]))[:-1])
         os.unlink("/var/log/x")
         self.assertTrue(me.ask(code=GREETING, payload=b"again"))
         self.assertEqual(daemon.end(signal.SIGTERM), 0)

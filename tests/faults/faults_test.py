@@ -7,6 +7,7 @@ import errno
 import glob
 import mmap
 import os
+import pathlib
 import random
 import re
 import signal
@@ -81,7 +82,7 @@ class FaultsTest(bench.BenchTest):
             file.truncate(ctypes.sizeof(Plan))
             self.plan = Plan.from_buffer(mmap.mmap(file.fileno(), 0))
         self.plan.arm()
-        self.place("picture", bench.content(2, 64 * 4 * 4))
+        pathlib.Path(self.folder, "picture").write_bytes(bench.content(2, 64 * 4 * 4))
         self.put = bench.job(FILE_WRITE, self.folder + "/picture", 64, 4, addr=16)
         small = bench.job(UPDATE, self.folder + "/small.bin", kind=0x1A, slot=3)
         # What is told, the answers when nothing fails, and the calls whose failure makes them -1.
@@ -95,10 +96,6 @@ class FaultsTest(bench.BenchTest):
             "get": (bench.job(FILE_READ, self.folder + "/copy", 64, 4, addr=16 << 24), [], ""),
             "update": (small, [0], "stat access open read pwrite fork send_frame"),
         }
-
-    def place(self, name, content):
-        with open(f"{self.folder}/{name}", "wb") as file:
-            file.write(content)
 
     def start(self, **env):
         linked = subprocess.check_output(["ldd", bench.BIN + "/rvkd"], text=True)
@@ -116,14 +113,14 @@ class FaultsTest(bench.BenchTest):
         self.assertTrue(self.rvkd.alive(), "the daemon has ended")
         other = bench.Requester()
         answers = [other.ask(**self.jobs[name][0]) for name in ("greeting", "write", "put", "read")]
-        other.kill()
+        other.close()
         self.assertTrue(all(answer and answer.result == 0 for answer in answers), answers)
         self.assertEqual(answers[-1].payload, HELD)
 
     # Tells a job and waits until it is over and its last request has ended. Result: its answers' results.
     def play(self, name):
         self.sent = bench.content(self.fence, 64 if name == "write" else 3000)
-        self.place("small.bin", self.sent)
+        pathlib.Path(self.folder, "small.bin").write_bytes(self.sent)
         self.client.tell(**{**self.jobs[name][0], **({"payload": self.sent} if name == "write" else {})})
         got, end = [], time.monotonic() + bench.PATIENCE
         fence = {"code": FILE_WRITE} if name in ("put", "get", "update") else {"code": READ, "len": 1401}  # both are refused
@@ -223,7 +220,7 @@ class FaultsTest(bench.BenchTest):
             no_link = said(r"create/ .*failed to create thread|init_netdev\(0\) failed")
             self.assertEqual(other.ask(**self.jobs["read"][0]).result, -1 if no_link else 0)
             self.assertEqual(other.ask(**self.put).result, -1 if said("WexApFileTaskCreate/") else 0)
-            other.kill()
+            other.close()
         self.assertTrue(self.rvkd.alive())
         end = signal.SIGKILL if said("start_crash_threads/ .*failed") else signal.SIGTERM
         self.assertEqual(self.rvkd.end(end), -end if end == signal.SIGKILL else 0)

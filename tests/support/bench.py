@@ -16,7 +16,7 @@ import unittest
 
 # Tests take these from here.
 from peers import COMPANION, FILE_READ, FILE_WRITE, GREETING, READ, SELF, TOOLS, UPDATE, WRITE, WRITE_ACK  # noqa: F401
-from peers import EMULATOR, PATIENCE, SANITIZED, Message, PlayedCard, Request, Requester  # noqa: F401
+from peers import EMULATOR, PATIENCE, SANITIZED, TO_CARD, TO_HOST, Message, Requester  # noqa: F401
 from peers import identity, job, socket_file, summed, wait_until  # noqa: F401
 
 BIN = os.environ.get("RVK_BIN", "")
@@ -172,9 +172,6 @@ class BenchTest(unittest.TestCase):
     def cards(self, *options, **how):
         return self._kept(Cards(*options, **how))
 
-    def card(self):
-        return self._kept(PlayedCard())
-
     # Starts a daemon that answers when this returns, unless it shall not be waited for.
     def daemon(self, *arguments, serves=True, **how):
         daemon = self._kept(Daemon(*arguments, **how))
@@ -183,7 +180,9 @@ class BenchTest(unittest.TestCase):
         return daemon
 
     def requester(self, own=None):
-        return self._kept(Requester(own))
+        requester = Requester(own)
+        self.addCleanup(requester.close)
+        return requester
 
     def start(self, name, *arguments, **how):
         return self._kept(Process([*program(name), *map(str, arguments)], **how))

@@ -1,4 +1,4 @@
-# Who talks to the daemon: other processes over the messaging service, and cards over a link, played by the test itself.
+# Who talks to the daemon, other processes over the messaging service; and what all that talk is made of.
 import os
 import socket
 import struct
@@ -10,6 +10,7 @@ SANITIZED = os.environ.get("RVK_SANITIZE", "") != ""
 PATIENCE = 60 if SANITIZED or EMULATOR else 30  # seconds, for what must come: other work is done beside the tests
 SELF, COMPANION, TOOLS = 0x3B, 0x3C, 0x7F  # module numbers
 READ, WRITE, WRITE_ACK, FILE_WRITE, FILE_READ, UPDATE, GREETING = 0, 1, 2, 0xEE, 0xDD, 0xEF, 0xF0
+TO_CARD, TO_HOST = b"\xeb\x90" * 3, b"\x44" * 6  # the addresses of frames
 HEAD = struct.Struct("<IIIihhIBBBBHHIH")  # 38 bytes: the outer head of 24, the data head of 14
 
 
@@ -98,42 +99,12 @@ class Requester:
         answer = self.ask(code=GREETING)
         return answer is not None and answer.code == GREETING and answer.length == 72
 
-    def kill(self):
+    def close(self):
         if os.path.exists(self.path):
             os.unlink(self.path)
         self.socket.close()
 
 
-# What a card sees of a request frame.
-Request = namedtuple("Request", "model slot seq code addr len")
-
-
 # A frame with its checksum behind it.
 def summed(frame):
     return frame + struct.pack("<H", (0x5555 + sum(frame[16:])) & 0xFFFF)
-
-
-# The far end of a link, played by the test itself, for what no card should say: a raw socket on cardN.
-class PlayedCard:
-    TO_CARD, TO_HOST = b"\xeb\x90" * 3, b"\x44" * 6
-
-    def __init__(self):
-        self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
-        self.socket.setsockopt(socket.SOL_SOCKET, 33, 1 << 25)  # SO_RCVBUFFORCE
-        self.socket.bind(("card0", 0))
-        self.socket.settimeout(PATIENCE)
-
-    # The next request from the controller.
-    def request(self):
-        while True:
-            frame, where = self.socket.recvfrom(9000)
-            if where[2] != socket.PACKET_OUTGOING and frame[:6] == self.TO_CARD and frame[14:16] == b"\x55\xaa":
-                return Request(*struct.unpack_from("<HBHBIH", frame, 16))
-
-    def answer(self, request, data=b""):
-        r = request
-        body = struct.pack("<BHBHBIH", 0, r.model, r.slot, r.seq, r.code, r.addr, len(data)) + data
-        self.socket.send(summed(self.TO_HOST + self.TO_CARD + b"\x07\x00\xaa\x55" + body))
-
-    def kill(self):
-        self.socket.close()

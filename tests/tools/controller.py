@@ -17,9 +17,8 @@ import socket
 import struct
 
 import bench
-from bench import summed
+from bench import TO_CARD, TO_HOST, summed
 
-TO_CARD, TO_HOST = bench.PlayedCard.TO_CARD, bench.PlayedCard.TO_HOST
 CODES = {"r": 0x00, "p": 0x01, "w": 0x11}
 CONTROL, DATA = 0x7080, 0x60000
 REGISTERS = (0x11F00000, 0x11F00004, 0x11F00008, 0x11F0000C, 0x11F00010, 0x18200000, 0x18200002)

@@ -37,8 +37,8 @@ class Liar(threading.Thread):
     def stop(self):
         self.running = False
         self.join()
-        self.end.kill()
-        self.stranger.kill()
+        self.end.close()
+        self.stranger.close()
 
     def run(self):
         while self.running:
