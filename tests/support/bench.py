@@ -121,9 +121,8 @@ class Cards(Process):
     def __init__(self, *options, links=(0,), kept=True):
         self.folder = tempfile.mkdtemp(dir="/dev/shm")
         named = [word for n in links for word in ("--link", f"card{n}")]
-        given = [str(option) for option in options]
         files = ["--pcap", f"{self.folder}/pcap", *(["--state", self.folder] if kept else [])]
-        super().__init__([*program("rvk-cardsim"), *named, *files, *given])
+        super().__init__([*program("rvk-cardsim"), *named, *files, *map(str, options)])
         assert self.shows("ready\n"), f"the cards did not start: {self.output}"
 
     # Ends them. Result: their summary; the state is written then.

@@ -11,7 +11,7 @@ namespace rvk {
 // What was logged since the last call, and starts over; a test's first line, so that others' lines are gone.
 std::string take_log();
 
-// Lines and texts logged since then that contain `part`, at most once each; the texts, one behind the other.
+// How often `part` was logged since then; the texts, one behind the other.
 [[nodiscard]] size_t logged(std::string_view part);
 [[nodiscard]] std::string log_text();
 

@@ -51,10 +51,6 @@ def file_of(size):
     return bytes(head) + image
 
 
-def answered(frame, mark):
-    return mark != "-" and frame[21] != 1
-
-
 class Controller:
     def __init__(self, cards, model):
         self.cards, self.model, self.slot, self.seq, self.sent, self.file = cards, model, 1, 0, 0, b""
@@ -69,7 +65,8 @@ class Controller:
         for step in row.split(";"):
             step, told, answer = step.partition("=")
             frames = self.frames_of(step.split())
-            expected = [f"{f[21]:02x}/{len(mark)}/0" if mark else f"{f[21]:02x}/0/" for f, mark in frames if answered(f, mark)]
+            loud = [(frame[21], mark) for frame, mark in frames if mark != "-" and frame[21] != CODES["p"]]
+            expected = [f"{code:02x}/{len(mark)}/0" if mark else f"{code:02x}/0/" for code, mark in loud]
             self.exchange(step, [frame for frame, _ in frames], answer.split() if told else expected)
         if state:
             path = f"{self.cards.folder}/card0-model{self.model}-slot{self.slot}.txt"

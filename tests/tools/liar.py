@@ -59,9 +59,8 @@ class Liar(threading.Thread):
             self.say_strays(m)
         if m.code == bench.GREETING:
             return self.greet(m)
-        payload = m.payload[: m.len]
         if m.code in (bench.WRITE, bench.WRITE_ACK):
-            self.memory.update({m.addr + i: byte for i, byte in enumerate(payload)})
+            self.memory.update({m.addr + i: byte for i, byte in enumerate(m.payload)})
         companion = m.aptid & 0xFFFFFF == 0x0A3C00
         unwaited = m.code == bench.WRITE_ACK and not companion and m.slot == 1 and m.model == 0 and m.addr < 0x10000000
         if unwaited or m.code == bench.WRITE or self.how.get("answers") == "no":

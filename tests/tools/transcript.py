@@ -72,8 +72,8 @@ class Step:
         first = re.sub("^=", "= ", said[0]) if said[0][:1] in ("=", "{") else "| " + said[0]
         return all(self.takes(line) for line in [first] * bool(said[0]) + said[1:])
 
-    def is_empty(self):
-        return self.kind == "$" and not (self.out or self.err or self.objects) and self.status is self.requests is None
+    def is_told(self):
+        return self.kind != "$" or self.out or self.objects or (self.status, self.requests) != (None, None)
 
 
 # Result: title and steps of each scene.
@@ -93,7 +93,7 @@ def scenes_of(path):
                 sys.exit(f"{place}: not understood: {line}")
         elif line and not (steps and steps[-1].kind == "$" and steps[-1].takes(line)):
             sys.exit(f"{place}: not understood: {line}")
-    if not scenes or any(not steps or any(step.is_empty() for step in steps) for _, steps in scenes):
+    if not scenes or not all(steps and all(step.is_told() for step in steps) for _, steps in scenes):
         sys.exit(f"{path} has no scene, one without a step, or a command of which nothing is said")
     return scenes
 
