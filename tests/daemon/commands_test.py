@@ -31,10 +31,8 @@ ROWS = [
     ("another type", dict(code=GREETING, msg_type=2), None),
     ("another class", dict(code=GREETING, msg_class=27), None),
 ]
-WRITTEN = {  # by model and slot
-    **{(0, 1): dict.fromkeys((0x2000, 0x4000, 0x0FFFFA00), HELD), (0, 2): {0x2000: HELD}},
-    **{(0, 3): {0x6000: HELD * 3}, (5, 4): {0x600: HELD * 4}},
-}
+WRITTEN = {(0, 2): {0x2000: HELD}, (0, 3): {0x6000: HELD * 3}, (5, 4): {0x600: HELD * 4}}  # by model and slot
+WRITTEN[0, 1] = dict.fromkeys((0x2000, 0x4000, 0x0FFFFA00), HELD)
 FIGURES = {
     "commands": {"read": 3, "write": 1, "write_ack": 6, "file_write": 1, "file_read": 0, "update": 1, "other": 1},
     "refused": {"wrong_sender": 4, "wrong_type": 3, "broadcast": 0, "too_long": 3, "cut": 1, "no_thread": 0, "no_memory": 0},
