@@ -87,16 +87,16 @@ class Requester:
         except (socket.timeout, BlockingIOError):
             return None
 
-    def ask(self, **fields):
+    def ask(self, seconds=PATIENCE, **fields):
         self.tell(**fields)
-        return self.receive()
+        return self.receive(seconds)
 
     def read(self, addr, length, **fields):
         return self.ask(addr=addr, len=length, **fields)
 
     # Commands are handled in order: whatever was sent before has been handled when this is true.
-    def greeted(self):
-        answer = self.ask(code=GREETING)
+    def greeted(self, seconds=PATIENCE):
+        answer = self.ask(seconds, code=GREETING)
         return answer is not None and answer.code == GREETING and answer.length == 72
 
     def close(self):
