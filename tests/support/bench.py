@@ -122,7 +122,8 @@ class Cards(Process):
         self.folder = tempfile.mkdtemp(dir="/dev/shm")
         named = [word for n in links for word in ("--link", f"card{n}")]
         files = ["--pcap", f"{self.folder}/pcap", *(["--state", self.folder] if kept else [])]
-        super().__init__([*program("rvk-cardsim"), *named, *files, *map(str, options)])
+        urgent = [] if "--priority" in options else ["--priority", "50"]  # a late answer is another outcome
+        super().__init__([*program("rvk-cardsim"), *named, *files, *urgent, *map(str, options)])
         assert self.shows("ready\n"), f"the cards did not start: {self.output}"
 
     # Ends them. Result: their summary; the state is written then.
