@@ -62,6 +62,7 @@ class Surroundings(bench.BenchTest):
         self.assertEqual(self.me.receive().result, -1, "what is pending meanwhile is given up")
         ip("link del eth0")
         self.assert_refusals()
+        self.assertTrue(self.d.shows("its device is gone"))
         bench.lay_cable()
         self.cards()
         self.assertTrue(bench.wait_until(lambda: self.me.read(0x1000, 16).result == 0), "another device of that name")
