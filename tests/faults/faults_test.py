@@ -83,7 +83,6 @@ class FaultsTest(bench.BenchTest):
             self.plan = Plan.from_buffer(mmap.mmap(file.fileno(), 0))
         self.plan.arm()
         pathlib.Path(self.folder, "picture").write_bytes(bench.content(2, 64 * 4 * 4))
-        self.put = bench.job(FILE_WRITE, self.folder + "/picture", 64, 4, addr=16)
         small = bench.job(UPDATE, self.folder + "/small.bin", kind=0x1A, slot=3)
         # What is told, the answers when nothing fails, and the calls whose failure makes them -1.
         self.jobs = {
@@ -92,7 +91,7 @@ class FaultsTest(bench.BenchTest):
             "plain": ({"code": WRITE, "payload": HELD, **CARD}, [], ""),
             "write": ({"code": WRITE_ACK, "payload": HELD, **CARD}, [0], "send_frame"),
             "unwaited": ({"code": WRITE_ACK, "payload": bytes(1500), "addr": 0x40}, [], ""),
-            "put": (self.put, [0], ""),
+            "put": (bench.job(FILE_WRITE, self.folder + "/picture", 64, 4, addr=16), [0], ""),
             "get": (bench.job(FILE_READ, self.folder + "/copy", 64, 4, addr=16 << 24), [], ""),
             "update": (small, [0], "stat access open read pwrite fork send_frame"),
         }
@@ -219,7 +218,7 @@ class FaultsTest(bench.BenchTest):
             self.assertTrue(other.greeted())
             no_link = said(r"create/ .*failed to create thread|init_netdev\(0\) failed")
             self.assertEqual(other.ask(**self.jobs["read"][0]).result, -1 if no_link else 0)
-            self.assertEqual(other.ask(**self.put).result, -1 if said("WexApFileTaskCreate/") else 0)
+            self.assertEqual(other.ask(**self.jobs["put"][0]).result, -1 if said("WexApFileTaskCreate/") else 0)
             other.close()
         self.assertTrue(self.rvkd.alive())
         end = signal.SIGKILL if said("start_crash_threads/ .*failed") else signal.SIGTERM

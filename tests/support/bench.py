@@ -151,10 +151,12 @@ class Cards(Process):
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
-# rvkd with a recorder in place of sysctl, so that its start is short; `front`: a command that runs it.
+# rvkd with a recorder in place of sysctl, so that its start is short, and without the machine's disks; `front`: a
+# command that runs it.
 class Daemon(Process):
     def __init__(self, *arguments, env=None, front=(), **how):
         lay_tool(f"{RECORDERS}/sysctl", f'printf "%s|" "$@" >> {SYSCTL_RECORD}; echo >> {SYSCTL_RECORD}')
+        lay_tool(f"{RECORDERS}/sync", ":")
         super().__init__([*front, *program("rvkd"), *arguments], env, **how)
 
     def fds(self):

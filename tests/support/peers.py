@@ -72,7 +72,7 @@ class Requester:
     def try_to_send(self, datagram, to=identity()):
         try:
             return self.socket.sendto(datagram, socket.MSG_DONTWAIT, socket_file(to)) >= 0
-        except (BlockingIOError, FileNotFoundError, ConnectionRefusedError):
+        except (BlockingIOError, TimeoutError, FileNotFoundError, ConnectionRefusedError):
             return False
 
     # Waits for the daemon's socket, and for room in its queue.
