@@ -1,5 +1,6 @@
 # The load: requesters with many commands on their way over a link as bad as the cards make it, and a ledger. Each piece
-# of a command has an address of its own, so that every answer, every frame and what the cards hold belong to one.
+# of a command has an address of its own, so that every answer, every frame and what the cards hold belong to one. While
+# firmware is updated silence is the rule: a command that comes then is neither answered nor sent.
 import collections
 import random
 import struct
@@ -19,18 +20,20 @@ class Piece:
         self.code, self.slot, self.addr, self.size, self.decides = code, slot, addr, size, decides
         self.data = BYTES[addr % 65_521 :][:size]
         self.answers = self.result = self.frames = 0
+        self.command, self.in_update = (), False  # its pieces; of the last one, whether an update ran when it was sent
 
 
 class Load:
-    def __init__(self, test, requesters=8, unwaited=True, seed=None):
-        self.test, self.unwaited, self.seed = test, unwaited, seed or time.time_ns()
-        print(f"seed {self.seed}")
-        self.dice = random.Random(self.seed)
+    def __init__(self, test, requesters=8, unwaited=True):
+        self.test, self.unwaited, seed = test, unwaited, time.time_ns()
+        print(f"seed {seed}")
+        self.dice = random.Random(seed)
         self.asking = [test.requester() for _ in range(requesters)]
-        self.awaited = dict.fromkeys(self.asking)  # each one's piece whose answer it waits for, and since when
+        self.awaited = dict.fromkeys(self.asking)  # each one's piece whose answer it waits for
         self.unsent = {who: collections.deque() for who in self.asking}
         self.at = {WAITED: 0x30000000, UNWAITED: 0x1000000}  # where the next write goes
-        self.ledger, self.deciding, self.held, self.commands, self.reports, self.seconds = {}, {}, [], 0, 0, []
+        self.ledger, self.deciding, self.held, self.commands, self.reports = {}, {}, [], 0, 0
+        self.updating, self.updates, self.silenced = False, [], 0  # updates by result; what was dropped beside them
 
     # The next command, or a burst of those that nobody waits for; reads are of what was acknowledged.
     def draw(self, who):
@@ -47,6 +50,7 @@ class Load:
         starts = range(0, size, PIECE)
         pieces = [Piece(code, slot, first + n, min(PIECE, size - n), slot == UNWAITED or n == starts[-1]) for n in starts]
         self.ledger.update({(code, piece.addr): piece for piece in pieces})
+        pieces[-1].command = pieces
         self.deciding[code, first] = pieces[-1 if slot == WAITED else 0]
         data = b"".join(piece.data for piece in pieces) if code == WRITE_ACK else b""
         self.unsent[who].append((pieces[-1], who.message(code=code, slot=slot, addr=first, len=size, payload=data).pack()))
@@ -63,10 +67,28 @@ class Load:
                 time.sleep(0.0002)
             self.test.assertLess(time.monotonic() - last, bench.PATIENCE, "a command is not answered")
 
+    # An update's commands beside it, until they are answered or certainly will not be: in their order the greeting was last.
+    def update(self, **fields):
+        asking, most, self.updating = self.test.requester(), self.commands + 100, True
+        asking.tell(**fields)
+        while (answer := asking.receive(0.0002)) is None:
+            for who in self.asking:
+                self.step(who, self.commands < most)
+        self.test.assertIn(answer.result, (0, -1))
+        while not asking.greeted(2):
+            self.silenced += 1
+        asking.close()
+        self.updating = False
+        self.updates.append(answer.result)
+        for who in self.asking:
+            while came := who.receive(0):
+                self.take(who, came)
+            self.awaited[who] = None
+
     # Takes what came, sends up to a command that is waited for. Result: whether there was anything to do.
     def step(self, who, more):
         moved = False
-        while (answer := who.receive(0)) is not None:
+        while answer := who.receive(0):
             self.take(who, answer)
             moved = True
         if self.awaited[who] is None and not self.unsent[who] and more:
@@ -76,7 +98,8 @@ class Load:
             if not who.try_to_send(datagram):
                 break
             self.unsent[who].popleft()
-            self.awaited[who] = (piece, time.monotonic()) if piece.slot == WAITED else None
+            piece.in_update = self.updating
+            self.awaited[who] = piece if piece.slot == WAITED else None
             moved = True
         return moved
 
@@ -88,8 +111,7 @@ class Load:
         if piece.slot == UNWAITED:
             self.reports += 1
             return self.test.assertEqual((answer.length, answer.result), (40, -1))
-        self.test.assertIs(self.awaited[who] and self.awaited[who][0], piece, "another's, or one too many")
-        self.seconds.append(time.monotonic() - self.awaited[who][1])
+        self.test.assertIs(self.awaited[who], piece, "another's, or one too many")
         self.awaited[who] = None
         self.test.assertEqual(answer.payload, piece.data if piece.code == READ and answer.result == 0 else b"")
         self.held += [piece] if piece.code == WRITE_ACK and answer.result == 0 and piece.addr == answer.addr else []
@@ -100,6 +122,11 @@ class Load:
         for frame in frames_of(cards.file("pcap/card0.pcap")):
             if piece := self.ledger.get(frame):
                 piece.frames += 1
+        for last in [piece for piece in self.ledger.values() if piece.in_update]:
+            if not any(piece.frames or piece.answers for piece in last.command):
+                self.silenced += 1
+                for piece in last.command:
+                    del self.ledger[piece.code, piece.addr]
         held = {}
         for slot in (WAITED, UNWAITED):
             for at, stretch in cards.held(slot).items():
