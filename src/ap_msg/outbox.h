@@ -8,14 +8,15 @@
 namespace rvk {
 
 inline constexpr uint32_t outbox_patience_ms = 10'000; // ours: then it does not read, and its message is dropped
+inline constexpr int offered_at_once = 16;             // ours: of one requester; a pass is short whatever is kept
 inline constexpr size_t outbox_messages_max = 65'536;  // ours: of all requesters together; more are dropped at once
 
 // Sends a message, or keeps a copy of it behind those that its requester has not taken yet.
 // Result: 0 when it was sent or kept; negative, logged and counted, when it was dropped. Any thread.
 int send_or_keep(uint32_t requester, const void* message, uint32_t bytes);
 
-// Offers each requester what is kept for it until its queue is full again, drops what is too old. The link's check
-// thread after each pass; where no link is open, the status thread.
+// Offers each requester what is kept for it, drops what is too old. The links' check threads after each pass; where no
+// link is open, the status thread.
 void offer_outbox();
 
 } // namespace rvk
