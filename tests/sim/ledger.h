@@ -42,6 +42,7 @@ struct entry {
     uint8_t status = no_answer;              // of the answer that ended it
     size_t len = 0;                          // of its data
     bool unsent = false;                     // its first send failed: it was not sent, unless an answer came before
+    bool is_out = false;                     // its first send is over; an answer may have ended it before
     int frames = 0, reports = 0;             // given to the system, whatever that did with them; to the requester
     int refusals = 0;                        // that must have been answered with a resend
     int passes_before = 0, ticks_before = 0; // of the history, when its time began
@@ -70,7 +71,8 @@ public:
         }
         entry& e = entries[f.model];
         ++e.frames;
-        expect(e.frames == 1 || (e.end == ended::not_yet && !waits(e.k)), e, "resent though it is over, or waited for");
+        const bool is_right = waits(e.k) ? e.frames == 1 : e.end == ended::not_yet || !e.is_out;
+        expect(is_right, e, "resent though it is over, or waited for");
         expect(e.frames <= 3 + e.refusals, e, "sent too often");
         expect(f.addr == e.addr && f.seq == e.seq && f.len == length_at(e.addr) &&
                    (!is_write(e.k) || std::ranges::equal(f.data, data_at(e.addr, f.len))),
@@ -100,6 +102,7 @@ public:
     void out(entry& e)
     {
         if (e.unsent && e.end == ended::not_yet) { e.end = ended::not_sent; }
+        e.is_out = true;
         e.passes_before = passes;
         e.ticks_before = ticks;
     }
