@@ -5,8 +5,8 @@
 #include "base/bytes.h"
 #include "base/counters.h"
 #include "base/fd.h"
-#include "base/mutex.h"
 #include "base/page_buffer.h"
+#include "base/pause.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
@@ -154,7 +154,7 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
     }
     for (size_t r = 0; r < ver; ++r) {
         memcpy(dest.data() + r * line, all.data() + r * stride, line);
-        let_holders_run();
+        let_others_run(line);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "base/fd.h"
 
 #include "base/mutex.h"
+#include "base/pause.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +13,7 @@
 namespace rvk {
 namespace {
 
-constexpr size_t at_once_bytes = 1 << 20; // ours: some 100 µs of copying, between which others may run
+constexpr size_t at_once_bytes = 512 * 1024; // ours: some 100 µs of copying, between which others may run
 
 } // namespace
 
@@ -70,12 +71,12 @@ bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
 {
     while (!bytes.empty()) {
         const ssize_t n = pwrite(file.get(), bytes.data(), std::min(bytes.size(), at_once_bytes), at);
-        let_holders_run();
         if (n < 0 && errno == EINTR) { continue; }
         if (n == 0) { errno = ENOSPC; }
         if (n <= 0) { return false; }
         bytes = bytes.subspan(static_cast<size_t>(n));
         at += n;
+        let_others_run(static_cast<size_t>(n));
     }
     return true;
 }

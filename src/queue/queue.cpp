@@ -19,14 +19,18 @@ namespace {
 
 QNode* Qtail[MAX_ETH][queue_numbers];
 
-// The youngest node of each sequence number; from it `same_seq` leads round from the oldest. Finding and deleting cost
-// the same however many are pending. Its pages come to life with the numbers that are used.
-QNode* youngest[MAX_ETH][queue_numbers][65'536];
+constexpr size_t slots = 4096; // ours: a full queue has 16 in each
+
+// The youngest node of those whose sequence numbers share a slot; from it `same_slot` leads round from the oldest. So
+// finding and deleting cost about the same however many are pending.
+QNode* youngest[MAX_ETH][queue_numbers][slots];
+
+QNode** slot_of(int index, int queue, uint16_t seq) { return &youngest[index][queue][seq % slots]; }
 
 void index_add(QNode** slot, QNode* node)
 {
-    node->same_seq = *slot == nullptr ? node : (*slot)->same_seq;
-    if (*slot != nullptr) { (*slot)->same_seq = node; }
+    node->same_slot = *slot == nullptr ? node : (*slot)->same_slot;
+    if (*slot != nullptr) { (*slot)->same_slot = node; }
     *slot = node;
 }
 
@@ -35,8 +39,8 @@ QNode* ring_neighbour(QNode* last, const QNode* node)
 {
     if (last == nullptr) { return nullptr; }
     QNode* before = last;
-    while (before->same_seq != node) {
-        before = before->same_seq;
+    while (before->same_slot != node) {
+        before = before->same_slot;
         if (before == last) { return nullptr; }
     }
     return before;
@@ -47,7 +51,7 @@ bool index_remove(QNode** slot, QNode* node)
 {
     QNode* before = ring_neighbour(*slot, node);
     if (before == nullptr) { return false; }
-    before->same_seq = node->same_seq;
+    before->same_slot = node->same_slot;
     if (*slot == node) { *slot = before == node ? nullptr : before; }
     return true;
 }
@@ -63,7 +67,7 @@ int32_t change_count(int index, int queue, int32_t by) RVK_REQUIRES(mtx[index][q
 // Result: false when the node is not filed here.
 bool unlink(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue])
 {
-    if (!index_remove(&youngest[index][queue][node->seq], node)) { return false; }
+    if (!index_remove(slot_of(index, queue, node->seq), node)) { return false; }
     (node->prev == nullptr ? Qlist[index][queue] : node->prev->next) = node->next;
     (node->next == nullptr ? Qtail[index][queue] : node->next->prev) = node->prev;
     node->filed = false;
@@ -77,17 +81,17 @@ void link_tail(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue]
     (node->prev == nullptr ? Qlist[index][queue] : node->prev->next) = node;
     Qtail[index][queue] = node;
     node->filed = true;
-    index_add(&youngest[index][queue][node->seq], node);
+    index_add(slot_of(index, queue, node->seq), node);
 }
 
 QNode* oldest_match(int index, int queue, uint32_t addr, uint16_t seq) RVK_REQUIRES(mtx[index][queue])
 {
-    QNode* last = youngest[index][queue][seq];
+    QNode* last = *slot_of(index, queue, seq);
     if (last == nullptr) { return nullptr; }
     QNode* node = last;
     do {
-        node = node->same_seq;
-        if (node->addr == addr) { return node; }
+        node = node->same_slot;
+        if (node->seq == seq && node->addr == addr) { return node; }
     } while (node != last);
     return nullptr;
 }
@@ -98,7 +102,7 @@ QNode* detach_all(int index, int queue)
     const scoped_lock hold(mtx[index][queue]);
     QNode* head = Qlist[index][queue];
     for (QNode* node = head; node != nullptr; node = node->next) {
-        youngest[index][queue][node->seq] = nullptr;
+        *slot_of(index, queue, node->seq) = nullptr;
         node->filed = false;
         if (change_count(index, queue, -1) < 0) { log_print(LOG_HERE, "assert : empty queue error \n"); }
     }
@@ -141,7 +145,7 @@ void queue_init()
         for (int queue = 0; queue < queue_numbers; ++queue) {
             const scoped_lock hold(mtx[index][queue]);
             for (QNode* node = Qlist[index][queue]; node != nullptr; node = node->next) {
-                youngest[index][queue][node->seq] = nullptr;
+                *slot_of(index, queue, node->seq) = nullptr;
             }
             Qlist[index][queue] = nullptr;
             Qtail[index][queue] = nullptr;

@@ -19,7 +19,8 @@ void (*after_check_pass)();
 namespace {
 
 constexpr int receive_priority = 90, check_priority = 89; // ours, SCHED_FIFO
-constexpr uint64_t check_period_ms = 10;                  // ours; shorter than a tick
+constexpr uint64_t check_period_us = 10'000;              // ours; shorter than a tick
+constexpr uint64_t others_turn_us = 100;                  // ours; between passes that found as many as they take
 
 struct received_answer {
     uint8_t ack, slot, code;
@@ -111,9 +112,9 @@ void RawMsgAckReadCheck(int index)
     receive_ticks_here();
     for (;;) {
         note_check_pass(index);
-        check_step(index);
+        const bool more = check_step(index);
         if (after_check_pass != nullptr) { after_check_pass(); }
-        pause_ms(check_period_ms);
+        pause_us(more ? others_turn_us : check_period_us);
     }
 }
 
@@ -134,22 +135,21 @@ void receive_step(int index)
     close_pass(&pass);
 }
 
-void check_step(int index)
+bool check_step(int index)
 {
     static completion_pass passes[MAX_ETH]; // each its link's check thread's own
     completion_pass& pass = passes[index];
     timerUpdate(index, queue_numbers);
-    do {
-        {
-            const scoped_lock hold(find_check_mtx[index]);
-            open_pass(index, &pass);
-            CheckAckRawMsg(index);
-            CheckAckWaitRawMsg(index);
-            CheckReadRawMsg(index);
-            CheckReadWaitRawMsg(index);
-        }
-        close_pass(&pass);
-    } while (pass.used >= expired_max); // more may have expired; answers get their turn in between
+    {
+        const scoped_lock hold(find_check_mtx[index]);
+        open_pass(index, &pass);
+        CheckAckRawMsg(index);
+        CheckAckWaitRawMsg(index);
+        CheckReadRawMsg(index);
+        CheckReadWaitRawMsg(index);
+    }
+    close_pass(&pass);
+    return pass.used >= expired_max;
 }
 
 } // namespace rvk

@@ -29,7 +29,8 @@ void RawMsgAckReadCheck(int index);
 void receive_step(int index);
 
 // One pass of what RawMsgAckReadCheck repeats every 10 ms: ages all queues of the link, deals with what expired.
-void check_step(int index);
+// Result: whether more may have expired, and the next pass should follow at once; answers get their turn in between.
+[[nodiscard]] bool check_step(int index);
 
 // Called by a link's check thread after each pass; waits for nothing. Set before the first link is started; null: none.
 extern void (*after_check_pass)();

@@ -89,7 +89,7 @@ void world::tick(int handed_out)
     for (int i = 0; i < handed_out; ++i) { catch_alarm(SIGALRM); }
     now_us += static_cast<uint64_t>(handed_out) * tick_time_us;
     if (now_us > end_us) { give_up("it does not end"); }
-    check_step(0);
+    while (check_step(0)) {}
     std::vector<reply_frame> due;
     farm.due(now_us, due);
     for (const reply_frame& reply : due) { wire.emplace_back(reply.view().begin(), reply.view().end()); }
