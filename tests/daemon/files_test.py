@@ -8,7 +8,7 @@ import subprocess
 import bench
 from bench import FILE_READ, FILE_WRITE, GREETING, UPDATE, WRITE, content, job, text_of
 
-FOLDER, TOOL, SLOT = "/root/files", "/usr/vexo/bin/mcu_isp", 6
+FOLDER, TOOL, SLOT, COPY = "/root/files", "/usr/vexo/bin/mcu_isp", 6, "/home/updatebin.tmp"
 PICTURE, BLACK = content(1, 8000), bytes(8000)
 WHOLE, IMAGE = (8000, 8054), (None, 54)  # sizes of what a read-back leaves; None: no regular file
 # What stands there, and there with .bmp behind it; the picture that it is, the result as firmware; read back over it.
@@ -66,6 +66,11 @@ class Files(bench.BenchTest):
                 self.assertEqual(tuple(os.path.getsize(p) if os.path.isfile(p) else None for p in files), sizes)
         for path, kind in ("a.dat", 0x1A), ("a;b", 0x16), ("-a", 0x17):
             self.assertEqual(self.do(UPDATE, place(path, PICTURE), kind=kind), -1)
+        pathlib.Path(COPY).write_bytes(PICTURE * 2)
+        subprocess.check_call(["mount", "--bind", COPY, COPY])  # so that it cannot be removed
+        self.addCleanup(subprocess.check_call, ["umount", COPY])
+        self.assertEqual(self.do(UPDATE, f"{FOLDER}/a.bin", kind=0x1A), -1)
+        self.assertIn("has 16000 bytes instead of 8256, remove it; nothing is sent", text_of(bench.LOGS[0]))
         self.assertIn("refused-piece 2", self.at.stop())
         self.assertEqual(self.at.file(f"card0-model0-slot{SLOT}-firmware1.bin"), PICTURE)
 
