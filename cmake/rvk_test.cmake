@@ -1,4 +1,4 @@
-# rvk_test(NAME LABEL pure|sim|replay|platform SOURCES … USES … [SINK …] [TIMEOUT s])
+# rvk_test(NAME LABEL pure|sim|replay|platform SOURCES … USES … [TIMEOUT s])
 # rvk_python_test(NAME FILE … PROGRAMS … [LABEL …] [TIMEOUT s] [PROCESSORS n])
 #
 # One test program is one ctest test; `ctest -L LABEL` picks a kind:
@@ -8,26 +8,20 @@
 #   platform  the messaging stand-in in one process: as pure
 #   bench     what opens a link or starts the real programs, of Python: run inside scripts/in-bench
 # GoogleTest and its main are linked in, which fails a run of no test.
-# SINK defaults to log_capture (tests/support), so that a test can look at what was logged.
+# What is logged is formatted and thrown away.
 # A test of Python starts the PROGRAMS, which lie in $RVK_BIN; they are built with the target bench_tests. In a cross build
 # it starts them by the words of RVK_EMULATOR, and a test program of C++ is run by them itself.
 # A test that cannot be made here ends with 77 and says why in a line that begins with SKIP.
 
 function(rvk_test NAME)
-    cmake_parse_arguments(PARSE_ARGV 1 T "" "LABEL;SINK;TIMEOUT" "SOURCES;USES")
+    cmake_parse_arguments(PARSE_ARGV 1 T "" "LABEL;TIMEOUT" "SOURCES;USES")
     if(NOT T_LABEL MATCHES "^(pure|sim|replay|platform)$")
         message(FATAL_ERROR "rvk_test ${NAME}: LABEL is '${T_LABEL}', none of those in cmake/rvk_test.cmake")
-    endif()
-    if(NOT T_SINK)
-        set(T_SINK log_capture)
     endif()
     if(NOT T_TIMEOUT)
         set(T_TIMEOUT 120)
     endif()
-    if(T_SINK STREQUAL log_capture)
-        list(APPEND T_USES log_capture)
-    endif()
-    rvk_program(${NAME} SOURCES ${T_SOURCES} USES ${T_USES} SINK ${T_SINK})
+    rvk_program(${NAME} SOURCES ${T_SOURCES} USES ${T_USES} SINK log_discard)
     target_link_libraries(${NAME} PRIVATE test_main GTest::gtest)
     add_dependencies(plain_tests ${NAME})
     add_test(NAME ${NAME} COMMAND ${RVK_TEST_RUNNER} $<TARGET_FILE:${NAME}>)

@@ -1,5 +1,6 @@
 # Commands as another process sends them: what each is answered, what reaches the cards, and what the status counts.
 import json
+import socket
 
 import bench
 from bench import COMPANION, FILE_WRITE, GREETING, SELF, UPDATE, WRITE, WRITE_ACK, Message, identity
@@ -35,7 +36,7 @@ WRITTEN = {(0, 2): {0x2000: HELD}, (0, 3): {0x6000: HELD * 3}, (5, 4): {0x600: H
 WRITTEN[0, 1] = dict.fromkeys((0x2000, 0x4000, 0x0FFFFA00), HELD)
 FIGURES = {
     "commands": {"read": 3, "write": 1, "write_ack": 6, "file_write": 1, "file_read": 0, "update": 1, "other": 1},
-    "refused": {"wrong_sender": 4, "wrong_type": 3, "broadcast": 0, "too_long": 3, "cut": 1, "no_thread": 0, "no_memory": 0},
+    "refused": {"wrong_sender": 6, "wrong_type": 4, "broadcast": 0, "too_long": 3, "cut": 1, "no_thread": 0, "no_memory": 0},
 }
 
 
@@ -62,9 +63,14 @@ class Commands(bench.BenchTest):
         self.exchange(companion, dict(code=WRITE_ACK, addr=0x2000, payload=HELD), 0)  # it waits for everything
         self.exchange(other, dict(code=WRITE_ACK, addr=0x4000, payload=HELD), None)  # another board's does not
         greeting = me.message(code=GREETING).pack()
-        for datagram in [greeting[:39], b"", b"abc", bytes(40), companion.message(code=GREETING).pack(), bytes(65_576)]:
+        others = [name.to_bytes(4, "little") + greeting[4:] for name in (0, identity(), me.own + 1)]
+        for datagram in [b"", greeting[:3], greeting[:4], greeting[:39], greeting.ljust(65_576, b"\0"), *others]:
             me.send(datagram)
             self.assertTrue(me.greeted(), "and a message of no form or of another's name is not answered")
+        me.send(greeting.ljust(65_575, b"\0"))
+        self.assertEqual(me.receive(), HELLO, "the longest")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as nameless:
+            nameless.sendto(greeting, bench.socket_file(identity()))
 
         def counted():
             status = json.loads(bench.text_of("/run/rvkd/status.json"))

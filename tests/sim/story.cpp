@@ -14,7 +14,6 @@
 #include "raw_msg/completion.h"
 #include "raw_msg/exchange.h"
 #include "raw_msg/send_plain.h"
-#include "support/log_capture.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -51,7 +50,7 @@ struct player : story {
 
     std::map<std::string, uint64_t> figures_now() const
     {
-        std::map<std::string, uint64_t> f{{"printed", errors_shown()}, {"paused_ms", paused_us / 1000}};
+        std::map<std::string, uint64_t> f{{"printed", w.errors_shown}, {"paused_ms", paused_us / 1000}};
         const auto add = [&f](const auto& names, auto& counters) {
             for (size_t i = 0; i < names.size(); ++i) { f[names[i]] += counters.all[i].get(); }
         };

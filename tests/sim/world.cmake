@@ -9,7 +9,7 @@ if(NOT TARGET world)
         USES base log mem timer queue completion link link_threads platform report cardsim)
     target_include_directories(world_headers INTERFACE ${CMAKE_SOURCE_DIR}/tests)
     foreach(call sendto recvfrom sem_wait pthread_mutex_lock pthread_mutex_unlock clock_gettime clock_nanosleep
-                 __clock_gettime64 __clock_nanosleep_time64 _ZN3rvk9mem_allocEj _ZN3rvk8mem_freeEPv)
+                 __clock_gettime64 __clock_nanosleep_time64 _ZN3rvk9mem_allocEj _ZN3rvk8mem_freeEPv _ZN3rvk13console_printEiPKcz)
         target_link_options(world INTERFACE LINKER:--wrap=${call})
     endforeach()
 endif()

@@ -26,8 +26,7 @@ struct sent_message {
 
 inline constexpr uint64_t tick_time_us = 30'000;
 
-// While it exists, it is the only one. Its beginning finds link 0 open, empty queues, every block in the pool, and what
-// is printed thrown away; its end brings standard output back.
+// While it exists, it is the only one. Its beginning finds link 0 open, empty queues and every block in the pool.
 struct world {
     world();
     ~world();
@@ -51,6 +50,7 @@ struct world {
     std::vector<bytes_t> frames;        // that were sent, resent ones included
     std::vector<sent_message> messages; // to requesters
     uint64_t now_us = 0;
+    uint64_t errors_shown = 0; // texts on standard error past the log
 
     long to_cards(std::span<const uint8_t> frame);
     void arrive(std::span<const uint8_t> frame); // one frame comes and is dealt with, before all others

@@ -23,17 +23,17 @@ TEST(Queue, FindsTheOldestOfItsNumberAndAddress)
         if (dice() % 2 == 0) {
             auto* node = new (mem_alloc(sizeof(QNode))) QNode{};
             node->addr = addr, node->seq = seq;
-            ASSERT_EQ(queue_add(0, ACK_QUEUE, node), 0);
+            ASSERT_EQ(queue_add(1, ACK_QUEUE, node), 0);
             pending.push_back(node);
             continue;
         }
         found = nullptr;
         queue_find(
-            0, ACK_QUEUE, addr, 0, seq, 0, [](QNode* node, auto, auto) { found = node; }, nullptr);
+            1, ACK_QUEUE, addr, 0, seq, 0, [](QNode* node, auto, auto) { found = node; }, nullptr);
         ASSERT_EQ(found, oldest == pending.end() ? nullptr : *oldest);
         if (found == nullptr) { continue; }
-        ASSERT_EQ(queue_del(0, ACK_QUEUE, &found), 0);
+        ASSERT_EQ(queue_del(1, ACK_QUEUE, &found), 0);
         pending.erase(oldest);
     }
-    queue_empty(0, ACK_QUEUE);
+    queue_empty(1, ACK_QUEUE);
 }
