@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import signal
 import subprocess
 
 import bench
@@ -10,6 +11,8 @@ from bench import FILE_READ, FILE_WRITE, GREETING, UPDATE, WRITE, content, job, 
 
 FOLDER, TOOL, SLOT, COPY = "/root/files", "/usr/vexo/bin/mcu_isp", 6, "/home/updatebin.tmp"
 PICTURE, BLACK = content(1, 8000), bytes(8000)
+# What an ordinary process has: its signals, processors, nice value, priority and policy, and descriptors.
+FACTS = "grep -E 'Sig(Blk|Ign)|allowed_list' /proc/self/status; cut -d' ' -f19,40,41 /proc/self/stat; ls /proc/$$/fd"
 WHOLE, IMAGE = (8000, 8054), (None, 54)  # sizes of what a read-back leaves; None: no regular file
 # What stands there, and there with .bmp behind it; the picture that it is, the result as firmware; read back over it.
 ROWS = [
@@ -39,10 +42,10 @@ def place(name, kind):
 
 
 class Files(bench.BenchTest):
-    def up(self, *options):
+    def up(self, *options, **how):
         subprocess.check_call(["mkdir", "-p", FOLDER])
         self.addCleanup(subprocess.check_call, ["rm", "-rf", FOLDER])
-        self.at, self.d, self.me = self.cards(*options), self.daemon("-f"), self.requester()
+        self.at, self.d, self.me = self.cards(*options), self.daemon("-f", **how), self.requester()
 
     # A job's result; a read-back has no answer, but the job behind it has.
     def do(self, code, path, hor=100, ver=20, **fields):
@@ -74,10 +77,13 @@ class Files(bench.BenchTest):
         self.assertIn("refused-piece 2", self.at.stop())
         self.assertEqual(self.at.file(f"card0-model0-slot{SLOT}-firmware1.bin"), PICTURE)
 
+    # And the tool is an ordinary process, whatever the daemon was started with and the thread that runs it is.
     def test_while_a_tool_runs_nothing_else_is_done(self):
-        self.up()
+        self.up(pass_fds=[0, 1, 2, os.dup(2)], preexec_fn=lambda: signal.signal(signal.SIGUSR1, signal.SIG_IGN))
+        os.sched_setaffinity(int(self.d.threads()["rvk-file"].rpartition("/")[2]), {0})
         os.mkfifo("/run/go")
-        bench.lay_tool(TOOL, 'echo "$*" > /run/tool; cat /run/go; exit 3')
+        bench.lay_tool("/run/facts", FACTS)
+        bench.lay_tool(TOOL, 'echo "$*" > /run/tool; /run/facts > /run/seen; cat /run/go; exit 3')
         self.me.tell(**job(UPDATE, place("mcu", PICTURE), kind=0x17))
         go = os.open("/run/go", os.O_WRONLY)  # waits for the tool
         self.me.tell(code=GREETING)
@@ -87,6 +93,8 @@ class Files(bench.BenchTest):
         answer = self.me.receive()
         self.assertEqual((answer.code, answer.result, answer.payload[0]), (UPDATE, 3 << 8, 0x17))
         self.assertIn(f"-B output -C 0x31 -b {FOLDER}/mcu", text_of("/run/tool"))
+        ordinary = subprocess.check_output("/run/facts", text=True, preexec_fn=lambda: os.setpriority(os.PRIO_PROCESS, 0, 0))
+        self.assertEqual(text_of("/run/seen"), ordinary)
         self.assertTrue(self.me.greeted(), "and nothing was kept for later")
         self.assert_clean(self.at)
         self.assertEqual(self.at.held(1), {})

@@ -1,11 +1,12 @@
 // Binding: who gets an identity, who is refused, and what lies in the folder afterwards.
 #include "platform/local/endpoint.h"
 
-#include "platform/endpoint_folder.h"
 #include "platform/platform.h"
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -14,6 +15,14 @@
 using namespace rvk;
 
 namespace {
+
+// Private, empty at first, gone with its guard: a daemon on this machine is not touched.
+struct endpoint_folder {
+    endpoint_folder() { EXPECT_TRUE(mkdtemp(path.data()) && setenv("APIPC_DIR", path.c_str(), 1) == 0); }
+    ~endpoint_folder() { std::filesystem::remove_all(path); }
+
+    std::string path = "/tmp/rvk-endpoints-XXXXXX";
+};
 
 constexpr uint32_t identity = 0x010A3B00;
 constexpr char socket_name[] = "/010a3b00.sock";
