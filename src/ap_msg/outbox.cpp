@@ -26,7 +26,7 @@ struct loss {
     int error; // of the last one
 };
 
-short_mutex outbox_mtx;
+mutex outbox_mtx;
 letter* firsts RVK_GUARDED_BY(outbox_mtx);
 std::atomic<size_t> letters{0}, requesters{0}; // kept, and who they are for; written under the mutex
 

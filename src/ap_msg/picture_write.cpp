@@ -5,6 +5,7 @@
 #include "ap_msg/picture_file.h"
 #include "base/counters.h"
 #include "base/elapsed.h"
+#include "base/pause.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "raw_msg/exchange.h"
@@ -21,7 +22,7 @@ mutex pic_mutex;
 namespace {
 
 constexpr uint32_t control_ticks = 3; // ours
-constexpr size_t frames_at_once = 64; // ours: some 200 µs
+constexpr size_t frames_at_once = 64; // ours: some 200 µs, after which the clock is looked at
 
 // A card's two picture memories, by the number of the buffer.
 struct picture_port {
@@ -68,7 +69,7 @@ void stream(const card& to, uint32_t data_port, std::span<const uint8_t> bytes) 
         const auto piece = bytes.subspan(at, std::min(frame_data_max, bytes.size() - at));
         static_cast<void>(RawSockSendMsg(to.index, to.model, to.slot, data_port, code_write, piece));
         progress.reached(at + piece.size());
-        if (at / frame_data_max % frames_at_once == 0) { let_holders_run(); }
+        if (at / frame_data_max % frames_at_once == 0) { let_others_run(picture_turn_us); }
     }
 }
 

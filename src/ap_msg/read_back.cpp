@@ -154,7 +154,7 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
     }
     for (size_t r = 0; r < ver; ++r) {
         memcpy(dest.data() + r * line, all.data() + r * stride, line);
-        let_others_run(line);
+        let_others_run(copy_turn_us);
     }
 }
 

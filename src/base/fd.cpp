@@ -1,6 +1,5 @@
 #include "base/fd.h"
 
-#include "base/mutex.h"
 #include "base/pause.h"
 
 #include <algorithm>
@@ -59,7 +58,7 @@ size_t read_full(const unique_fd& file, std::span<uint8_t> into)
     size_t done = 0;
     while (done < into.size()) {
         const ssize_t n = read(file.get(), into.data() + done, std::min(into.size() - done, at_once_bytes));
-        let_holders_run();
+        let_others_run(picture_turn_us);
         if (n < 0 && errno == EINTR) { continue; }
         if (n <= 0) { break; }
         done += static_cast<size_t>(n);
@@ -76,7 +75,7 @@ bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
         if (n <= 0) { return false; }
         bytes = bytes.subspan(static_cast<size_t>(n));
         at += n;
-        let_others_run(static_cast<size_t>(n));
+        let_others_run(copy_turn_us);
     }
     return true;
 }

@@ -7,14 +7,16 @@
 //         write_read_ack_wait_mtx           one synchronous exchange in the process, its wait included
 //           find_check_mtx[link]            the life of a link's nodes; the link threads start here
 //             mutex_find | mutex_check      calls of completion handlers
-//               a queue's mtx | send_mutex | a counter's | mutex_mem | the outbox's     none of these under another
+//               a queue's mtx | send_mutex | a counter's | mutex_mem     none of these under another
 //                 the log's                 innermost: anybody may log
+// The outbox's stands alone: under it messages are offered, which never waits.
 // Under find_check_mtx and all further in nothing waits for a card, a file, another process or a reader of the console,
 // and nothing is formatted; a resend's `sendto` is the one system call there.
 #pragma once
 
 #include "base/semaphore.h"
 
+#include <cstdint>
 #include <pthread.h>
 
 #if defined(__clang__)
@@ -46,60 +48,36 @@ private:
     pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// A mutex that is held for a few instructions by threads of all priorities, the links' among them. It is known to
-// let_holders_run() from its construction on, before the first thread is started.
-class RVK_TSA(capability("mutex")) short_mutex : public mutex {
-public:
-    short_mutex();
-    ~short_mutex() = default;
-
-private:
-    friend void let_holders_run();
-    short_mutex* next;
-};
-
-// Takes and gives back every short mutex. A thread above the priority of others on its processor calls it every so
-// often while it computes: whoever was preempted with one of them held gets to run that long, and so do those on other
-// processors that wait for it. Priority inheritance would not help where none of the waiting is above the preempting.
-void let_holders_run();
-
 // As a mutex, but given to whoever has waited longest, whatever the priorities: for what is held while a card is waited
 // for. Under an ordinary one a thread that takes it again at once keeps every thread below its priority out.
 class RVK_TSA(capability("mutex")) fair_mutex {
 public:
-    constexpr fair_mutex() = default;
+    fair_mutex() = default;
     fair_mutex(const fair_mutex&) = delete;
     fair_mutex& operator=(const fair_mutex&) = delete;
 
     void lock() RVK_ACQUIRE() RVK_NO_TSA
     {
-        waiter self;
         inner.lock();
-        const bool wait = held;
-        if (wait) { last = (last == nullptr ? first : last->next) = &self; }
-        held = true;
+        const uint32_t mine = asked++;
+        const bool wait = mine != served;
         inner.unlock();
-        if (wait) { self.turn.wait(); }
+        if (wait) { turns[mine % threads_max].wait(); }
     }
     void unlock() RVK_RELEASE() RVK_NO_TSA
     {
         inner.lock();
-        waiter* next = first;
-        if (next != nullptr) { first = next->next; }
-        if (first == nullptr) { last = nullptr; }
-        held = next != nullptr; // by that one, from here on
+        const uint32_t next = ++served; // holds it from here on
+        const bool wake = next != asked;
         inner.unlock();
-        if (next != nullptr) { next->turn.post(); }
+        if (wake) { turns[next % threads_max].post(); }
     }
 
 private:
-    struct waiter {
-        semaphore turn{0};
-        waiter* next = nullptr;
-    };
-    mutex inner; // for a few instructions
-    waiter *first = nullptr, *last = nullptr;
-    bool held = false;
+    static constexpr uint32_t threads_max = 16; // ours: more than the process has that take it
+    mutex inner;                                // for a few instructions
+    uint32_t asked = 0, served = 0;             // numbers in the order of asking: the next one's, the holder's
+    semaphore turns[threads_max];               // by number; not the waiting thread's own, which may be gone by its end
 };
 
 template <typename Mutex>

@@ -1,13 +1,14 @@
 #include "base/pause.h"
 
+#include "base/elapsed.h"
+
 #include <cerrno>
 #include <ctime>
 
 namespace rvk {
 namespace {
 
-constexpr size_t turn_bytes = 512 * 1024; // ours: 100 to 200 µs of copying or writing
-constexpr uint64_t others_turn_us = 100;  // ours
+constexpr uint64_t others_turn_us = 50; // ours
 
 } // namespace
 
@@ -21,13 +22,12 @@ void pause_us(uint64_t us)
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {}
 }
 
-void let_others_run(size_t bytes)
+void let_others_run(uint32_t after_us)
 {
-    thread_local size_t handled = 0;
-    handled += bytes;
-    if (handled < turn_bytes) { return; }
-    handled = 0;
+    thread_local uint32_t slept = 0;
+    if (monotonic_us() - slept < after_us) { return; }
     pause_us(others_turn_us);
+    slept = monotonic_us();
 }
 
 } // namespace rvk

@@ -1,7 +1,6 @@
 // The one way to sleep.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 namespace rvk {
@@ -11,8 +10,11 @@ namespace rvk {
 void pause_us(uint64_t us);
 inline void pause_ms(uint64_t ms) { pause_us(ms * 1000); }
 
-// For a thread that computes for milliseconds above the priority of others on its processor: told how many bytes it has
-// handled, it sleeps 100 µs after each 512 KiB, so that others get their turn.
-void let_others_run(size_t bytes);
+// For a thread that computes above the priority of others on its processor, every so often: sleeps 50 µs when it has
+// not slept here for that long. So those others get a turn, and so does whoever waits elsewhere for a lock that one of
+// them was preempted with: priority inheritance would not help where nobody who waits is above the one that computes.
+void let_others_run(uint32_t after_us);
+inline constexpr uint32_t picture_turn_us = 8000; // ours: a resend is at most 20 ms late
+inline constexpr uint32_t copy_turn_us = 250;     // ours: a read that is waited for takes some four turns
 
 } // namespace rvk

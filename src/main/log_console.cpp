@@ -20,7 +20,7 @@ namespace rvk {
 namespace {
 
 struct stream {
-    short_mutex lock;
+    mutex lock;
     int own RVK_GUARDED_BY(lock) = -1;
     uint64_t lost RVK_GUARDED_BY(lock) = 0;
 };

@@ -26,7 +26,7 @@ namespace {
 constexpr size_t header_bytes = 1024; // ours: longer headers are cut
 constexpr size_t text_bytes = 6144;   // ours: longer texts are cut
 constexpr mode_t file_mode = 0644;
-short_mutex log_mtx;
+mutex log_mtx;
 
 struct moment {
     timespec now;

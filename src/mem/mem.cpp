@@ -21,7 +21,7 @@
 
 namespace rvk {
 
-short_mutex mutex_mem;
+mutex mutex_mem;
 mem_block* mem_list[mem_classes] RVK_GUARDED_BY(mutex_mem);
 
 namespace {

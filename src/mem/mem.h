@@ -26,7 +26,7 @@ struct alignas(std::max_align_t) mem_block {
     mem_block* next;
 };
 
-extern short_mutex mutex_mem;
+extern mutex mutex_mem;
 extern mem_block* mem_list[mem_classes] RVK_GUARDED_BY(mutex_mem); // free lists, oldest first
 
 // Empties all lists; before any other call.

@@ -9,7 +9,7 @@
 
 namespace rvk {
 
-short_mutex mtx[MAX_ETH][queue_numbers];
+mutex mtx[MAX_ETH][queue_numbers];
 QNode* Qlist[MAX_ETH][queue_numbers];
 int32_t Qcount[MAX_ETH][queue_numbers];
 mutex mutex_find;

@@ -11,7 +11,7 @@
 
 namespace rvk {
 
-short_mutex find_check_mtx[MAX_ETH];
+mutex find_check_mtx[MAX_ETH];
 end_of_request request_ended;
 
 namespace {

@@ -23,7 +23,7 @@ inline constexpr uint16_t refusals_max = 200;     // ours: with this one the req
 // One answer, or one check pass, at a time on a link: the state and the end of its requests. Taken by the link's two
 // threads, and by a sender whose first send is over. Whoever holds it never takes write_read_ack_wait_mtx: that one's
 // holder may be asleep until a handler under this lock has ended its request.
-extern short_mutex find_check_mtx[MAX_ETH];
+extern mutex find_check_mtx[MAX_ETH];
 
 // What is to be said and done about one request once the lock is released.
 struct note {
