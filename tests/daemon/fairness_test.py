@@ -2,21 +2,16 @@
 # read, to a link slower than its sender, to one that is made anew.
 import os
 import re
-import subprocess
 import sys
 
 sys.path.append(os.path.join(os.path.dirname(__file__), "../../bench"))
 
 import bench  # noqa: E402
 import fairness  # noqa: E402
-from bench import FILE_WRITE, job, wait_until  # noqa: E402
+from bench import FILE_WRITE, ip, job, wait_until  # noqa: E402
 
 MOST_MS = 4000 if bench.SANITIZED or bench.EMULATOR else 1000  # far less than if it waited for others
 FRAMES = -(-1280 * 720 * 4 // 1400)
-
-
-def ip(line):
-    return subprocess.check_output(["ip", *line.split()], text=True)
 
 
 class Fairness(fairness.Field):

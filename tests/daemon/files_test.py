@@ -11,8 +11,8 @@ from bench import FILE_READ, FILE_WRITE, GREETING, UPDATE, WRITE, content, job, 
 
 FOLDER, TOOL, SLOT, COPY = "/root/files", "/usr/vexo/bin/mcu_isp", 6, "/home/updatebin.tmp"
 PICTURE, BLACK = content(1, 8000), bytes(8000)
-# What an ordinary process has: its signals, processors, nice value, priority and policy, and descriptors.
-FACTS = "grep -E 'Sig(Blk|Ign)|allowed_list' /proc/self/status; cut -d' ' -f19,40,41 /proc/self/stat; ls /proc/$$/fd"
+# What an ordinary process has: ignored signals, processors, nice value, priority and policy, and descriptors.
+FACTS = "grep -E 'SigIgn|allowed_list' /proc/self/status; cut -d' ' -f19,40,41 /proc/self/stat; ls /proc/$$/fd"
 WHOLE, IMAGE = (8000, 8054), (None, 54)  # sizes of what a read-back leaves; None: no regular file
 # What stands there, and there with .bmp behind it; the picture that it is, the result as firmware; read back over it.
 ROWS = [

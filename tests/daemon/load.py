@@ -3,7 +3,6 @@
 # firmware is updated silence is the rule: a command that comes then is neither answered nor sent.
 import collections
 import random
-import struct
 import time
 
 import bench
@@ -119,8 +118,9 @@ class Load:
     # Afterwards, with the cards stopped: everything sent once, or three times before it is given up; what counts as done
     # is held, what is lost was reported. `broken`: the link was, so that a frame may be missing.
     def judge(self, cards, broken=False):
-        for frame in frames_of(cards.file("pcap/card0.pcap")):
-            if piece := self.ledger.get(frame):
+        for frame in bench.frames_in(f"{cards.folder}/pcap/card0.pcap"):
+            code, addr = WRITE_ACK if frame[21] == 0x11 else frame[21], int.from_bytes(frame[22:26], "little")
+            if frame[:6] == bench.TO_CARD and (piece := self.ledger.get((code, addr))):
                 piece.frames += 1
         for last in [piece for piece in self.ledger.values() if piece.in_update]:
             if not any(piece.frames or piece.answers for piece in last.command):
@@ -144,13 +144,3 @@ def fault_of(p, there, broken):
     if p.answers != p.decides or p.frames not in ((0, 1) if broken else (1,)):
         return "not one answer and one frame"
     return "called good, but no card has it" if p.decides and p.answers and p.result == 0 and not there else ""
-
-
-# Code and address of each request in a capture.
-def frames_of(pcap):
-    at = 24
-    while at < len(pcap):
-        size = struct.unpack_from("<I", pcap, at + 8)[0]
-        frame, at = pcap[at + 16 : at + 16 + size], at + 16 + size
-        if frame[:6] == bench.TO_CARD:
-            yield WRITE_ACK if frame[21] == 0x11 else frame[21], int.from_bytes(frame[22:26], "little")

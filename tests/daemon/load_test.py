@@ -3,11 +3,10 @@
 import json
 import os
 import signal
-import subprocess
 import time
 
 import bench
-from bench import UPDATE, text_of
+from bench import UPDATE, ip, text_of
 from load import Load
 
 FAULTS = ["--loss", 0.005, "--corrupt", 0.005, "--duplicate", 0.005, "--reorder", 0.005]
@@ -73,7 +72,7 @@ class Loads(bench.BenchTest):
             nonlocal turns, until
             if time.monotonic() > until:
                 end, way = ("eth0", "card0")[turns // 2 % 2], ("down", "up")[turns % 2]
-                subprocess.check_call(["ip", "link", "set", end, way])
+                ip(f"link set {end} {way}")
                 turns, until = turns + 1, time.monotonic() + 0.15
                 dying.append(self.start("rvkctl", "read", 3, "0x1000", 16, "--repeat", 100_000))
                 if len(dying) > 3:

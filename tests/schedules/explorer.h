@@ -17,14 +17,10 @@ struct actor {
     std::function<void()> body;
 };
 
-struct exploration {
-    size_t schedules = 0;
-    std::string wrong; // what was wrong in the last one, and its choices; empty: all were right
-};
-
-// Runs `begin`, the actors, then `end`, which says what was wrong, under each schedule.
-[[nodiscard]] exploration explore(const std::vector<actor>& actors, const std::function<void()>& begin,
-                                  const std::function<std::string()>& end);
+// Runs `begin`, the actors, then `end`, which says what was wrong, under each schedule until something was: then the
+// test fails with that and the choices made. Result: how many schedules.
+size_t explore(const std::vector<actor>& actors, const std::function<void()>& begin,
+               const std::function<std::string()>& end);
 
 // For actors. Another may go on; this one does only when the condition holds.
 void may_switch();

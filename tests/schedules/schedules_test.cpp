@@ -85,7 +85,7 @@ void send_as(size_t n)
     ++senders_back;
 }
 
-void answer(char what)
+void answer_one(char what)
 {
     const size_t n = what == 'b' ? 1 : 0;
     const size_t after = what == '<' ? 0 : what == '>' ? 3 : 1;
@@ -99,6 +99,8 @@ void answer(char what)
     receive_step(0);
 }
 
+void answer_all() { std::ranges::for_each(told.answers, answer_one); }
+
 bool is_at_rest()
 {
     int32_t pending = 0;
@@ -109,9 +111,8 @@ bool is_at_rest()
 void let_time_pass()
 {
     for (int round = 0; !is_at_rest(); ++round) {
-        round < (requests.size() == 1 ? 4 : 2) ? // more of them, only when nobody else can run
-            may_switch()
-                                               : wait_for_others();
+        const bool is_early = round < (requests.size() == 1 ? 4 : 2); // later ones only when nobody else can run
+        is_early ? may_switch() : wait_for_others();
         for (uint32_t i = 0; i < retry_ticks; ++i) { catch_alarm(SIGALRM); }
         ticks += static_cast<int>(retry_ticks);
         static_cast<void>(check_step(0));
@@ -169,19 +170,15 @@ std::string end()
     return left == 0 || (told.is_emptied && left == 2) ? "" : std::to_string(left) + " blocks are left";
 }
 
-// Result: schedules.
-size_t expect_right(const story& s)
+void expect_right(const story& s)
 {
+    SCOPED_TRACE("senders " + s.senders + ", answers " + s.answers);
     told = s;
     std::vector<actor> actors;
     for (size_t n = 0; n < s.senders.size(); ++n) {
         actors.push_back({std::string(1, static_cast<char>('a' + n)), [n] { send_as(n); }});
     }
-    if (!s.answers.empty()) {
-        actors.push_back({"receive", [] {
-                              for (const char what : told.answers) { answer(what); }
-                          }});
-    }
+    if (!s.answers.empty()) { actors.push_back({"receive", answer_all}); }
     if (s.is_emptied) {
         actors.push_back({"emptier", [] {
                               const scoped_lock hold(find_check_mtx[0]);
@@ -189,9 +186,7 @@ size_t expect_right(const story& s)
                           }});
     }
     actors.push_back({"check", let_time_pass});
-    const exploration all = explore(actors, begin, end);
-    EXPECT_EQ(all.wrong, "") << "senders " << s.senders << ", answers " << s.answers;
-    return all.schedules;
+    printf("%-3s %-2s %zu schedules\n", s.senders.c_str(), s.answers.c_str(), explore(actors, begin, end));
 }
 
 } // namespace
@@ -230,9 +225,7 @@ TEST(Schedules, EachRequestEndsOnce)
         for (const char* answers : {"", "a", "aa", "<", "!a", ">"}) { stories.push_back({kind, answers}); }
         stories.push_back({kind, "a", 1});
     }
-    for (const story& s : stories) {
-        printf("%-3s %-2s %zu schedules\n", s.senders.c_str(), s.answers.c_str(), expect_right(s));
-    }
+    for (const story& s : stories) { expect_right(s); }
 }
 
-TEST(Schedules, NobodyIsPassedOverTwice) { printf("%zu schedules\n", expect_right({"RR", "a", 0, false, 1})); }
+TEST(Schedules, NobodyIsPassedOverTwice) { expect_right({"RR", "a", 0, false, 1}); }

@@ -184,8 +184,7 @@ struct player : story {
         bytes_t m(std::max(message_head_bytes, message::payload + carried.size()));
         store_le32(&m[message::aptid], number("from", client));
         store_le32(&m[message::word1], asked_word1);
-        store_le16(&m[message::msg_type], static_cast<uint16_t>(number("type", 0)));
-        store_le16(&m[message::msg_class], static_cast<uint16_t>(number("class", 28)));
+        store_le16(&m[message::msg_class], 28);
         m[message::code] = static_cast<uint8_t>(n);
         m[message::slot] = static_cast<uint8_t>(number("slot", 1));
         store_le16(&m[message::model], static_cast<uint16_t>(number("model", 0)));
@@ -194,7 +193,7 @@ struct player : story {
         std::ranges::copy(carried, m.begin() + message::payload);
         w.blocks_left = static_cast<int>(number("blocks", SIZE_MAX));
         gbUpdateProcessRunning = static_cast<int>(number("updating", 0));
-        ApipcEventDeal(0, 0, m.data(), static_cast<int>(number("bytes", m.size())));
+        ApipcEventDeal(0, 0, m.data(), static_cast<int>(m.size()));
         gbUpdateProcessRunning = 0;
     }
 
@@ -209,7 +208,6 @@ struct player : story {
         const auto result = static_cast<int32_t>(load_le32(&b[message::result]));
         const auto data = std::span(b).subspan(message::payload, count);
         const bool right_sender = to == number("from", client) && load_le32(&b[message::aptid]) == own_identity_here;
-        if (code == command::greeting && right_sender && count == 72 && length == 72) { return "greeting"; }
         const bool right_head = echoes ? b[message::module] == module_self : b[message::id] == 254;
         const size_t due = code == command::update ? 0 : echoes ? count : b.size();
         if (!right_sender || !right_head || length != due || (addr - from) % frame_data_max != 0) {
