@@ -69,11 +69,11 @@ struct QNode {
 // Called with a node whose answer matched (data not null) or whose timer expired (data null, length meaningless).
 using completion_handler = void (*)(QNode* node, const uint8_t* data, uint32_t length);
 
-extern mutex mtx[MAX_ETH][queue_numbers]; // list, count and index of one queue
-extern QNode* Qlist[MAX_ETH][queue_numbers];    // heads
-extern int32_t Qcount[MAX_ETH][queue_numbers];  // nodes filed
-extern mutex mutex_find;                        // every handler call of queue_find
-extern mutex mutex_check;                       // every handler call of queue_check
+extern mutex mtx[MAX_ETH][queue_numbers];      // list, count and index of one queue
+extern QNode* Qlist[MAX_ETH][queue_numbers];   // heads
+extern int32_t Qcount[MAX_ETH][queue_numbers]; // nodes filed
+extern mutex mutex_find;                       // every handler call of queue_find
+extern mutex mutex_check;                      // every handler call of queue_check
 
 // Empties all heads and counts. Once, before any other call.
 void queue_init();

@@ -47,7 +47,7 @@ class Surroundings(bench.BenchTest):
         self.assertIn("PROMISC", ip("link show eth0"))
 
     def test_a_link_that_goes_and_comes(self):
-        self.cards()
+        cards = self.cards()
         self.up()
         for turn in range(1, 4):
             ip("link set eth0 down")
@@ -57,10 +57,12 @@ class Surroundings(bench.BenchTest):
             self.assertTrue(bench.wait_until(lambda: self.me.read(0x1000, 16).result == 0))
             self.assertEqual(self.me.ask(code=WRITE_ACK, slot=2, payload=b"1").result, 0)
             self.assertEqual([self.says(": receive failed"), self.says("receives again")], [turn, turn])
-        ip("link set card0 down")
+        os.kill(cards.pid, signal.SIGSTOP)
         self.me.tell(code=WRITE_ACK, addr=0x1000, payload=b"123")
-        self.assertEqual(self.me.receive().result, -1, "what is pending meanwhile is given up")
+        self.assertTrue(self.me.greeted())
         ip("link del eth0")
+        self.assertEqual(self.me.receive().result, -1, "what is pending meanwhile is given up")
+        os.kill(cards.pid, signal.SIGCONT)
         self.assert_refusals()
         self.assertTrue(self.d.shows("its device is gone"))
         bench.lay_cable()
