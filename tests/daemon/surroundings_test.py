@@ -79,7 +79,7 @@ class Surroundings(bench.BenchTest):
             start = time.monotonic()
             for _ in range(7):
                 self.assertEqual(self.me.ask(code=code, slot=slot, addr=0x1000, payload=b"1234").result, -1)
-            self.assertTrue(21 * (expiry - 0.045) < time.monotonic() - start < 21 * (expiry + 0.11), (slot, code))
+            self.assertTrue(21 * (expiry - 0.045) < time.monotonic() - start < 21 * (expiry + 0.25), (slot, code))
 
     # A read-back waits for its cards most of the time: others have their turn, also on the same processor.
     def test_reads_are_answered_beside_a_read_back(self):

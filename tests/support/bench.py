@@ -68,7 +68,7 @@ def lay_cable():
     ip("link add eth0 mtu 9000 type veth peer name card0 mtu 9000")
     ip("link set eth0 up")
     ip("link set card0 up")
-    assert wait_until(lambda: len(re.findall("card0.*LOWER_UP", ip("-o link show up"))) == 2)
+    assert wait_until(lambda: len(re.findall("card0.* state UP ", ip("-o link show up"))) == 2)
 
 
 def program(name):
