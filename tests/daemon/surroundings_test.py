@@ -85,6 +85,7 @@ class Surroundings(bench.BenchTest):
     def test_reads_are_answered_beside_a_read_back(self):
         cards, served, whole = self.cards(), 0, "/run/back.bmp"
         self.up()
+        self.assertTrue(bench.wait_until(lambda: "rvk-file" in self.d.threads()))
         for name in ("rvk-ipc", "rvk-file"):
             os.sched_setaffinity(self.thread(name), {0})
         self.me.tell(**job(FILE_READ, whole[:-4], 1920, 1080))
