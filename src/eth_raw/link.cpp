@@ -55,8 +55,8 @@ bool is_open(const eth_init& link) { return link.active != 0 && link.sock_fd >= 
 void watch_link(int index)
 {
     eth_init& link = g_eth_init[index];
-    ifreq device = request_for(link.if_name);
     if (link.active == 0 || link.sock_fd < 0) { return; }
+    ifreq device = request_for(link.if_name);
     if (ioctl(link.sock_fd, SIOCGIFINDEX, &device) < 0) {
         if (!link.missing.exchange(true)) {
             log_print(LOG_HERE, "link %d (%s): its device is gone\n", index, link.if_name);
