@@ -7,7 +7,7 @@ time between two of the daemon's check passes, what else the row looks at. Each 
 has them, and with all four on one processor. Exit status 1 when a goal is missed: a line names row, figure and goal.
 
 Slot 2 is the card that answers. Slot 1 is silent while a row says so: its frames then go to another link's card, where
-nobody answers and the kernel stamps them. tests/daemon/fairness_test.py has the same situations, small.
+nobody answers and the kernel stamps them. tests/daemon/fairness_test.py has two of them, small.
 """
 import contextlib
 import ctypes

@@ -98,7 +98,7 @@ int32_t read_card(const request_fields& r)
     }
     if (result == 0) {
         const uint32_t requester = make_reply(head, 0, received);
-        static_cast<void>(ApipcDataSend(requester, head, received)); // one that is gone is the service's to log
+        static_cast<void>(ApipcDataSend(requester, head, received)); // one that is gone is the outbox's to log
         log_print(LOG_HERE, "RawSockSendMsgWithReadWait response ok\n");
     } else {
         send_reply(r.head, -1);

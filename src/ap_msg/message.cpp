@@ -83,7 +83,7 @@ void send_reply(const uint8_t* request_head, int32_t result)
     std::array<uint8_t, message_head_bytes> head;
     std::copy_n(request_head, head.size(), head.begin());
     const uint32_t requester = make_reply(head.data(), result, 0);
-    static_cast<void>(ApipcDataSendAck(requester, head.data())); // a requester that is gone is the service's to log
+    static_cast<void>(ApipcDataSendAck(requester, head.data())); // one that is gone is the outbox's to log
 }
 
 void send_update_response(const uint8_t* request_head, std::span<const uint8_t> payload, int32_t result)

@@ -16,8 +16,8 @@ namespace rvk {
 namespace {
 
 // A message that is kept, its bytes behind it. A requester's first knows its last, and the next requester's first.
-struct letter {
-    letter *next, *last, *next_requester;
+struct kept_message {
+    kept_message *next, *last, *next_requester;
     uint32_t to, since_us, bytes; // kept since, by the clock of elapsed.h
 };
 struct loss {
@@ -27,17 +27,17 @@ struct loss {
 };
 
 mutex outbox_mtx;
-letter* firsts RVK_GUARDED_BY(outbox_mtx);
-std::atomic<size_t> letters{0}, requesters{0}; // kept, and who they are for; written under the mutex
+kept_message* firsts RVK_GUARDED_BY(outbox_mtx);
+std::atomic<size_t> kept{0}, requesters{0}; // kept, and who they are for; written under the mutex
 
-letter** first_of(uint32_t requester) RVK_REQUIRES(outbox_mtx)
+kept_message** first_of(uint32_t requester) RVK_REQUIRES(outbox_mtx)
 {
-    letter** at = &firsts;
+    kept_message** at = &firsts;
     while (*at != nullptr && (*at)->to != requester) { at = &(*at)->next_requester; }
     return at;
 }
 
-bool has_letters(uint32_t requester)
+bool has_kept(uint32_t requester)
 {
     const scoped_lock hold(outbox_mtx);
     return *first_of(requester) != nullptr;
@@ -46,16 +46,16 @@ bool has_letters(uint32_t requester)
 // Result: false when there is no room for it.
 bool keep(uint32_t requester, const void* message, uint32_t bytes)
 {
-    auto* l = static_cast<letter*>(letters < outbox_messages_max ? malloc(sizeof(letter) + bytes) : nullptr);
+    auto* l = static_cast<kept_message*>(kept < outbox_messages_max ? malloc(sizeof(kept_message) + bytes) : nullptr);
     if (l == nullptr) { return false; }
     *l = {nullptr, nullptr, nullptr, requester, monotonic_us(), bytes};
     memcpy(l + 1, message, bytes);
     const scoped_lock hold(outbox_mtx);
-    letter** first = first_of(requester);
+    kept_message** first = first_of(requester);
     if (*first == nullptr) { ++requesters; }
     (*first == nullptr ? *first : (*first)->last->next) = l;
     (*first)->last = l;
-    ++letters;
+    ++kept;
     return true;
 }
 
@@ -75,17 +75,17 @@ int discard(const loss& lost)
 loss offer_to_one()
 {
     const scoped_lock hold(outbox_mtx);
-    letter* l = firsts;
+    kept_message* l = firsts;
     if (l == nullptr) { return {}; } // another link's thread was quicker
     loss lost{l->to, 0, 0};
-    letter* const last = l->last;
+    kept_message* const last = l->last;
     firsts = std::exchange(l->next_requester, nullptr);
     for (int left = offered_at_once; l != nullptr && left > 0; --left) {
         const int error = -apipc_send(l->to, l + 1, l->bytes);
         if (error == EAGAIN && monotonic_us() - l->since_us < outbox_patience_ms * 1000) { break; }
         if (error != 0) { lost.error = error, ++lost.messages; }
         free(std::exchange(l, l->next));
-        --letters;
+        --kept;
     }
     if (l != nullptr) { l->last = last; }
     *first_of(lost.to) = l;
@@ -97,7 +97,7 @@ loss offer_to_one()
 
 int send_or_keep(uint32_t requester, const void* message, uint32_t bytes)
 {
-    const bool others_first = requesters != 0 && has_letters(requester); // nearly never
+    const bool others_first = requesters != 0 && has_kept(requester); // nearly never
     const int error = others_first ? EAGAIN : -apipc_send(requester, message, bytes);
     return error == 0 || (error == EAGAIN && keep(requester, message, bytes)) ? 0 : discard({requester, 1, error});
 }

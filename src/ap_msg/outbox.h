@@ -1,5 +1,6 @@
 // Answers and reports for requesters whose queue is full: kept, each requester's in their order, and offered again
-// without ever waiting, for 10 s. So no thread waits for a requester, and none that reads slowly loses a report.
+// without ever waiting, for 10 s. So no thread waits for a requester, and none that reads each within that time loses
+// one.
 #pragma once
 
 #include <cstddef>

@@ -51,7 +51,8 @@ void fill_standard_streams(int access);
 // Size of an open file in bytes, -1 when it cannot be had.
 [[nodiscard]] off_t size_of(const unique_fd& file);
 
-// Result: bytes read from the file's position on; fewer than asked for only at its end or on an error.
+// Lets others run meanwhile (base/pause.h), as write_full does. Result: bytes read from the file's position on; fewer
+// than asked for only at its end or on an error.
 [[nodiscard]] size_t read_full(const unique_fd& file, std::span<uint8_t> into);
 
 // Writes at an offset. Result: false (errno tells why) when not all of it could be written.

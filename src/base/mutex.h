@@ -8,10 +8,11 @@
 //           find_check_mtx[link]            the life of a link's nodes; the link threads start here
 //             mutex_find | mutex_check      calls of completion handlers
 //               a queue's mtx | send_mutex | a counter's | mutex_mem     none of these under another
-//                 the log's                 innermost: anybody may log
+//                 the log's | a console stream's                     innermost: anybody may log
 // The outbox's stands alone: under it messages are offered, which never waits.
-// Under find_check_mtx and all further in nothing waits for a card, a file, another process or a reader of the console,
-// and nothing is formatted; a resend's `sendto` is the one system call there.
+// Under find_check_mtx and all further in nothing waits for a card, a file, another process or a reader of the console.
+// A resend's `sendto` is the one system call there (1 ms later a second one where the socket would block); only what is
+// rare is logged there: a link that is not open, once; a queue that is full; a count that went wrong.
 #pragma once
 
 #include "base/semaphore.h"
@@ -77,7 +78,8 @@ private:
     static constexpr uint32_t threads_max = 16; // ours: more than the process has that take it
     mutex inner;                                // for a few instructions
     uint32_t asked = 0, served = 0;             // numbers in the order of asking: the next one's, the holder's
-    semaphore turns[threads_max];               // by number; not the waiting thread's own, which may be gone by its end
+    semaphore
+        turns[threads_max]; // by number; not on the waiter's stack, which may be gone while post() still touches it
 };
 
 template <typename Mutex>

@@ -1,6 +1,7 @@
 // The card links: one record per interface, its raw socket, and the mutex that serialises sends on it.
 //
-// Links are opened by the main thread before any thread uses them and stay open to the end of the process. Interfaces
+// Links are opened by the main thread; the status thread, which runs before, looks only at those that are active. Their
+// sockets stay to the end of the process; a link counts as closed while its device is gone. Interfaces
 // are left in promiscuous mode: the cards send to a fixed address that is not the interface's own.
 #pragma once
 

@@ -23,7 +23,7 @@ extern uint8_t gRecvBuffer[receive_bytes];
 [[nodiscard]] uint8_t* RawMsgBuffHeadGet(uint8_t* payload);
 
 void RawMsgBuffFree(uint8_t* payload);
-void RawMsgFreeBuf(uint8_t* payload); // the same, for the completion handlers
+void RawMsgFreeBuf(uint8_t* payload); // the same, for whoever ends a request
 
 // Builds the frame in its buffer and sends it; on success the buffer holds the frame as RawSockMsgSendAgain takes it.
 // payload, len  a message buffer's payload, 1 to 1,400 bytes; for a read the bytes asked for

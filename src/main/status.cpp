@@ -85,7 +85,7 @@ void note(int error)
     failed = error != 0;
 }
 
-void write_for_ever(int)
+void run_status_thread(int)
 {
     for (;;) {
         static_cast<void>(status_step()); // it has said so
@@ -101,7 +101,7 @@ void write_for_ever(int)
 
 int32_t start_status_thread()
 {
-    if (start_thread("rvk-status", 0, write_for_ever, 0, nullptr) == 0) { return 0; }
+    if (start_thread("rvk-status", 0, run_status_thread, 0, nullptr) == 0) { return 0; }
     log_print(LOG_HERE, "failed to create thread : no status is written\n");
     return -1;
 }

@@ -1,9 +1,9 @@
 // The status files: once a second the daemon's figures, for whoever wants to see how it is doing without asking it.
 //
 // status.json and status.prom in /run/rvkd, or in the folder that RVK_STATUS_DIR names; readable by everybody, always
-// whole (written beside and renamed). A thread of ordinary priority writes them; it takes no lock that the road of
-// commands takes, but for the log's when writing begins to fail or works again. So they go on during an update, and
-// while a card or a requester stands still. What stays behind at the daemon's end grows old.
+// whole (written beside and renamed). A thread of ordinary priority writes them, which also looks after the links'
+// devices, and offers kept answers where no link is open. It waits for nothing that commands wait for, so they go on
+// during an update, and while a card or a requester stands still. What stays behind at the daemon's end grows old.
 #pragma once
 
 #include <cstdint>

@@ -2,8 +2,9 @@
 // on after it.
 //
 // A handler decides: it resends, or ends the request and notes what is to be said and done about it. After the lock
-// close_pass() does that: logs, wakes, reports, gives back. So no answer waits for a log, a console or a requester.
-// Whoever calls handlers opens a pass under the lock before; a link's two threads each have one of their own.
+// close_pass() does that: logs, wakes, reports, gives back. So nobody waits for the link's lock while a line is written
+// or a report is sent. Whoever calls handlers opens a pass under the lock before; a link's two threads each have one of
+// their own.
 #pragma once
 
 #include "queue/queue.h"
@@ -21,8 +22,8 @@ inline constexpr uint16_t refusals_at_once = 32;  // ours: so many refusals are 
 inline constexpr uint16_t refusals_max = 200;     // ours: with this one the request is given up, after some 15 s
 
 // One answer, or one check pass, at a time on a link: the state and the end of its requests. Taken by the link's two
-// threads, and by a sender whose first send is over. Whoever holds it never takes write_read_ack_wait_mtx: that one's
-// holder may be asleep until a handler under this lock has ended its request.
+// threads, and by a sender whose first send is over or that empties a full queue. Whoever holds it never takes
+// write_read_ack_wait_mtx: that one's holder may be asleep until a handler under this lock has ended its request.
 extern mutex find_check_mtx[MAX_ETH];
 
 // What is to be said and done about one request once the lock is released.

@@ -92,7 +92,7 @@ QNode* make_request(const request_fields& r, unsigned* frame_bytes)
     uint8_t* frame = buf;
     *frame_bytes = RawMsgHeaderPack(r.model, r.slot, r.code, r.addr, node->seq, &frame, static_cast<uint16_t>(r.len));
     node->send_len =
-        k.reads && k.waits ? static_cast<uint32_t>(frame_data_min) : *frame_bytes; // the first is never sent again
+        k.reads && k.waits ? static_cast<uint32_t>(frame_data_min) : *frame_bytes; // a waited read is sent once
     return node;
 }
 

@@ -5,8 +5,8 @@
 // write_read_ack_wait_mtx throughout, so there is one at a time in the process, and each frame is sent once.
 //
 // index, model, slot, addr: link (0 to 2) and card address of the first byte. Data longer than 1,400 bytes is cut into
-// pieces; piece i goes to addr + 1,400 i. A length of 0 sends nothing and returns 0.
-// timeout_ticks: ticks of 30 ms, 1 to 65,535; a request fails after three such periods without an answer.
+// pieces; piece i goes to addr + 1,400 i. Without data RawSockSendMsgWithAck and RawSockSendMsgWithAckWait send nothing
+// and return 0. timeout_ticks: ticks of 30 ms, 1 to 65,535; a request fails after three such periods without an answer.
 // Threads: any but a link's own two, which would wait for themselves.
 #pragma once
 
@@ -17,7 +17,7 @@
 
 namespace rvk {
 
-// Every synchronous exchange of the process, one at a time, from taking its buffer to deleting its node.
+// Every synchronous exchange of the process, one at a time, from taking its buffer to letting go of its node.
 extern fair_mutex write_read_ack_wait_mtx;
 
 // The sequence numbers of the four kinds, each with the mutex that is held while one is taken: the next number,
@@ -29,9 +29,9 @@ struct sequence {
 extern mutex write_ack_mtx, write_ack_wait_mtx, read_ack_mtx, read_wait_mtx;
 extern sequence write_ack, write_ack_wait, read_ack, read_wait;
 
-// Writes without waiting. What a card then does not acknowledge in three sends is reported to `requester`, per piece.
-// While 65,535 writes are pending it waits for room.
-// Result  0 when every piece was sent; else the first failing piece's result, and the rest is not sent
+// Writes without waiting. What a card then does not acknowledge in three sends, or refuses 200 times, is reported to
+// `requester`, per piece. While 65,535 writes are pending it waits for room. Result  0 when every piece was sent; else
+// the first failing piece's result, and the rest is not sent
 [[nodiscard]] int32_t RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
                                             uint8_t code, std::span<const uint8_t> data);
 

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int receive_priority = 90, check_priority = 89; // ours, SCHED_FIFO
 constexpr uint64_t check_period_us = 10'000;              // ours; shorter than a tick
-constexpr uint64_t others_turn_us = 100;                  // ours; between passes that found as many as they take
+constexpr uint64_t busy_pause_us = 100;                   // ours; between passes that found as many as they take
 
 struct received_answer {
     uint8_t ack, slot, code;
@@ -114,7 +114,7 @@ void RawMsgAckReadCheck(int index)
         note_check_pass(index);
         const bool more = check_step(index);
         if (after_check_pass != nullptr) { after_check_pass(); }
-        pause_us(more ? others_turn_us : check_period_us);
+        pause_us(more ? busy_pause_us : check_period_us);
     }
 }
 

@@ -1,6 +1,6 @@
 // Every interleaving of a few threads, with up to three preemptions each: real threads, of which one runs at a time.
 //
-// The program is linked so that taking a mutex, waiting for and posting a semaphore and sending a frame end here.
+// The program is linked so that taking a mutex, waiting for and posting a semaphore end here; the test adds sending.
 // Before each another thread that can run may go on. A run is repeated with the same choices up to one of them, which
 // is then made differently, until all are exhausted. Of the mutexes only a link's own is such a place: the others are
 // held for one step that depends on nothing before it; an order between them is an order between the places around.
