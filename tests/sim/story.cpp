@@ -63,6 +63,7 @@ struct player : story {
         }
         add(refusal_names, daemon_count.refused);
         f["dropped_in_update"] = daemon_count.dropped_in_update.get();
+        f["not_taken"] = daemon_count.messages_dropped.get();
         return f;
     }
 
@@ -112,6 +113,7 @@ struct player : story {
         if (is_one_of(answers)) { return answer(event); }
         if (is_one_of(" ok EAGAIN ENOBUFS ENETDOWN cut ")) { return sends.push_back(event); }
         if (event == "emptied") { return empty_queue(); }
+        if (event == "deaf") { return void(w.deaf = true); }
         if (!periods.contains(event)) { return how.push_back("no event " + event); }
         for (int i = 0; i < periods.at(event).first; ++i) { w.tick(periods.at(event).second); }
     }

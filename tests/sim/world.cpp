@@ -1,6 +1,7 @@
 // The replaced calls; see the header. The names with `wrap` in them are what the linker puts in the real ones' place.
 #include "sim/world.h"
 
+#include "ap_msg/outbox.h"
 #include "ap_msg/report.h"
 #include "eth_raw/link.h"
 #include "mem/mem.h"
@@ -91,6 +92,7 @@ void world::tick(int handed_out)
     now_us += static_cast<uint64_t>(handed_out) * tick_time_us;
     if (now_us > end_us) { give_up("it does not end"); }
     while (check_step(0)) {}
+    offer_outbox();
     std::vector<reply_frame> due;
     farm.due(now_us, due);
     for (const reply_frame& reply : due) { wire.emplace_back(reply.view().begin(), reply.view().end()); }
@@ -226,6 +228,7 @@ int apcard_bit_self(void) { return 1; }
 int apipc_send(uint32_t to, const void* data, uint32_t count)
 {
     const auto* begin = static_cast<const uint8_t*>(data);
+    if (here->deaf) { return -EAGAIN; }
     here->messages.push_back({to, {begin, begin + count}});
     if (here->on_message) { here->on_message(here->messages.back()); }
     return 0;

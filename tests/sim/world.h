@@ -40,6 +40,7 @@ struct world {
     std::function<void(uint64_t us)> on_pause;                    // a sender is about to sleep
     std::function<void(const sent_message&)> on_message;
     std::function<int(const char* line)> on_shell; // 0
+    bool deaf = false;                             // every queue is full
     int blocks_left = -1;                          // that the pool gives; negative: as many as are asked for
 
     // The far end of the link.
