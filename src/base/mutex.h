@@ -12,7 +12,7 @@
 // The outbox's stands alone: under it messages are offered, which never waits.
 // Under find_check_mtx and all further in nothing waits for a card, a file, another process or a reader of the console.
 // A resend's `sendto` is the one system call there (1 ms later a second one where the socket would block); only what is
-// rare is logged there: a link that is not open, once; a queue that is full; a count that went wrong.
+// rare is logged there: a link that is not open, once; a count that went wrong.
 #pragma once
 
 #include "base/semaphore.h"

@@ -64,9 +64,11 @@ void watch_link(int index)
         return;
     }
     if (link.missing || device.ifr_ifindex != link.sll.sll_ifindex) {
-        const scoped_lock hold(link.send_mutex);
-        if (socket_bind(&link.sll, link.sock_fd, link.if_name) < 0) { return; }
-        link.missing = false;
+        {
+            const scoped_lock hold(link.send_mutex);
+            if (socket_bind(&link.sll, link.sock_fd, link.if_name) < 0) { return; }
+            link.missing = false;
+        }
         log_print(LOG_HERE, "link %d (%s): its device is back\n", index, link.if_name);
     }
     if (ioctl(link.sock_fd, SIOCGIFFLAGS, &device) < 0 || (device.ifr_flags & IFF_PROMISC) != 0) { return; }

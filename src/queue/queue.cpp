@@ -19,12 +19,9 @@ namespace {
 
 QNode* Qtail[MAX_ETH][queue_numbers];
 
+// The youngest node of those whose sequence numbers share a slot; from it `same_slot` leads round from the oldest.
 constexpr size_t slots = 4096; // ours: a full queue has 16 in each
-
-// The youngest node of those whose sequence numbers share a slot; from it `same_slot` leads round from the oldest. So
-// finding and deleting cost about the same however many are pending.
 QNode* youngest[MAX_ETH][queue_numbers][slots];
-
 QNode** slot_of(int index, int queue, uint16_t seq) { return &youngest[index][queue][seq % slots]; }
 
 void index_add(QNode** slot, QNode* node)
@@ -156,15 +153,17 @@ void queue_init()
 
 int32_t queue_add(int index, int queue, QNode* node)
 {
-    const scoped_lock hold(mtx[index][queue]);
-    if (Qcount[index][queue] >= queue_nodes_max) {
-        log_print(LOG_HERE, "queue is full\n");
-        return -1;
+    {
+        const scoped_lock hold(mtx[index][queue]);
+        if (Qcount[index][queue] < queue_nodes_max) {
+            node->asked_us = monotonic_us();
+            link_tail(index, queue, node);
+            change_count(index, queue, 1);
+            return 0;
+        }
     }
-    node->asked_us = monotonic_us();
-    link_tail(index, queue, node);
-    change_count(index, queue, 1);
-    return 0;
+    log_print(LOG_HERE, "queue is full\n");
+    return -1;
 }
 
 int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t seq, uint32_t recv_len,
