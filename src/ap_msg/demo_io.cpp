@@ -1,6 +1,6 @@
 #include "ap_msg/demo_io.h"
 
-#include "ap_msg/demo_lock.h"
+#include "ap_msg/mailbox.h"
 #include "ap_msg/picture_write.h"
 #include "eth_raw/frame.h"
 #include "raw_msg/exchange.h"

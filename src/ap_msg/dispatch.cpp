@@ -1,6 +1,5 @@
 #include "ap_msg/dispatch.h"
 
-#include "ap_msg/demo_lock.h"
 #include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"

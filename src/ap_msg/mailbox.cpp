@@ -7,6 +7,7 @@
 namespace rvk {
 
 mutex file_mutex;
+fair_mutex demo_mutex;
 mailbox_area file_name_data;
 mailbox_area file_write_head;
 std::atomic<int> gbUpdateProcessRunning{0};

@@ -1,4 +1,5 @@
-// The one-slot mailbox between the command dispatch and the file-service thread.
+// What the command dispatch and the file-service thread share: the one-slot mailbox between them, and the lock that
+// keeps their card exchanges apart.
 //
 // A job is put into the slot only when the job before it has ended, whatever processors the two threads run on: the
 // semaphore "slot free" is waited for before file_mutex is taken and posted after that is released, so no job is
@@ -23,6 +24,10 @@ using mailbox_area = std::array<uint8_t, mailbox_bytes>;
 extern mutex file_mutex;
 extern mailbox_area file_name_data RVK_GUARDED_BY(file_mutex);  // the job's data head and payload
 extern mailbox_area file_write_head RVK_GUARDED_BY(file_mutex); // the job's message head
+
+// Keeps the synchronous card exchanges of the dispatch, the update and the demo apart: held around each such exchange,
+// and by the demo for a whole picture: a command from another process waits for it.
+extern fair_mutex demo_mutex;
 
 // Non-zero while a firmware update runs: every command is then dropped. Written by the file-service thread, read
 // without a lock by the dispatch.

@@ -1,8 +1,8 @@
 #include "ap_msg/update.h"
 
-#include "ap_msg/demo_lock.h"
 #include "ap_msg/file_request.h"
 #include "ap_msg/firmware.h"
+#include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "eth_raw/frame.h"

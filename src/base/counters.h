@@ -121,8 +121,8 @@ struct daemon_counters {
     counter messages_dropped;                            // to requesters that are gone or do not read
 };
 
-extern link_counters link_count[MAX_ETH];
-extern daemon_counters daemon_count;
+inline link_counters link_count[MAX_ETH];
+inline daemon_counters daemon_count;
 
 // A transfer from its first byte to its last, for whoever wants to see how far it is.
 class counted_transfer {
