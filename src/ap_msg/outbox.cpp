@@ -15,10 +15,11 @@
 namespace rvk {
 namespace {
 
-// A message that is kept, its bytes behind it. A requester's first knows its last, and the next requester's first.
+// A message that is kept, its bytes behind it. A requester's first knows its last, how many there are, and the next
+// requester's first.
 struct kept_message {
     kept_message *next, *last, *next_requester;
-    uint32_t to, since_us, bytes; // kept since, by the clock of elapsed.h
+    uint32_t to, since_us, bytes, count; // kept since, by the clock of elapsed.h
 };
 struct loss {
     uint32_t to;
@@ -48,13 +49,15 @@ bool keep(uint32_t requester, const void* message, uint32_t bytes)
 {
     auto* l = static_cast<kept_message*>(kept < outbox_messages_max ? malloc(sizeof(kept_message) + bytes) : nullptr);
     if (l == nullptr) { return false; }
-    *l = {nullptr, nullptr, nullptr, requester, monotonic_us(), bytes};
+    *l = {nullptr, nullptr, nullptr, requester, monotonic_us(), bytes, 0};
     memcpy(l + 1, message, bytes);
     const scoped_lock hold(outbox_mtx);
     kept_message** first = first_of(requester);
+    if (*first != nullptr && (*first)->count >= outbox_share_max) { return free(l), false; }
     if (*first == nullptr) { ++requesters; }
     (*first == nullptr ? *first : (*first)->last->next) = l;
     (*first)->last = l;
+    ++(*first)->count;
     ++kept;
     return true;
 }
@@ -78,7 +81,8 @@ loss offer_to_one()
     kept_message* l = firsts;
     if (l == nullptr) { return {}; } // another link's thread was quicker
     loss lost{l->to, 0, 0};
-    kept_message* const last = l->last;
+    uint32_t gone = 0;
+    const kept_message was = *l;
     firsts = std::exchange(l->next_requester, nullptr);
     for (int left = offered_at_once; l != nullptr && left > 0; --left) {
         const int error = -apipc_send(l->to, l + 1, l->bytes);
@@ -86,8 +90,9 @@ loss offer_to_one()
         if (error != 0) { lost.error = error, ++lost.messages; }
         free(std::exchange(l, l->next));
         --kept;
+        ++gone;
     }
-    if (l != nullptr) { l->last = last; }
+    if (l != nullptr) { l->last = was.last, l->count = was.count - gone; }
     *first_of(lost.to) = l;
     requesters -= l == nullptr ? 1 : 0;
     return lost;

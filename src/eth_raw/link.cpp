@@ -63,7 +63,10 @@ void watch_link(int index)
         }
         return;
     }
-    if (link.missing || device.ifr_ifindex != link.sll.sll_ifindex) {
+    sockaddr_ll bound{}; // with the device that it had gone, to none, also where it is back with its old index
+    socklen_t length = sizeof bound;
+    if (getsockname(link.sock_fd, reinterpret_cast<sockaddr*>(&bound), &length) != 0) { return; }
+    if (link.missing || device.ifr_ifindex != bound.sll_ifindex) {
         {
             const scoped_lock hold(link.send_mutex);
             if (socket_bind(&link.sll, link.sock_fd, link.if_name) < 0) { return; }
@@ -72,7 +75,8 @@ void watch_link(int index)
         log_print(LOG_HERE, "link %d (%s): its device is back\n", index, link.if_name);
     }
     if (ioctl(link.sock_fd, SIOCGIFFLAGS, &device) < 0 || (device.ifr_flags & IFF_PROMISC) != 0) { return; }
-    static_cast<void>(set_promiscuous(link.sock_fd, &device)); // the next look tries again
+    device.ifr_flags = static_cast<short>(device.ifr_flags | IFF_PROMISC);
+    static_cast<void>(ioctl(link.sock_fd, SIOCSIFFLAGS, &device)); // the next look tries again
 }
 
 uint32_t take_kernel_drops(int index)

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdint>
 #include <fcntl.h>
@@ -43,7 +44,7 @@ bool write_now(int fd, const char* bytes, size_t count)
     if (n < 0 && errno == ENOTSOCK) {
         pollfd room{fd, POLLOUT, 0}; // where it could not be opened again
         if (poll(&room, 1, 0) == 0) { return false; }
-        n = write(fd, bytes, count);
+        n = write(fd, bytes, std::min<size_t>(count, PIPE_BUF)); // room for as much was promised
     }
     if (n < 0) { return errno != EAGAIN && errno != EWOULDBLOCK; }
     return static_cast<size_t>(n) == count || write_now(fd, bytes + n, count - static_cast<size_t>(n));

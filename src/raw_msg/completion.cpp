@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace rvk {
 
@@ -18,13 +19,10 @@ namespace {
 
 completion_pass* open_passes[MAX_ETH]; // each under its link's find_check_mtx
 
-constexpr bool waits(int queue) { return queue == ACK_WAIT_QUEUE || queue == READ_WAIT_QUEUE; }
-constexpr bool reads(int queue) { return queue == READ_QUEUE || queue == READ_WAIT_QUEUE; }
-
 outcome judge_expiry(int queue, const QNode& node)
 {
     if (waits(queue)) { return node.count >= give_up_count_wait ? outcome::given_up : outcome::nothing; }
-    if (node.ack != no_answer) { return outcome::refused; } // kept until now
+    if (node.kept_refusal != 0) { return outcome::refused; }
     return node.count >= give_up_count ? outcome::given_up : outcome::late;
 }
 
@@ -96,12 +94,13 @@ void refuse(int queue, QNode* node, bool answered)
 {
     if (!answered) {
         --node->count; // that expiry was no unanswered send
+        node->ack = std::exchange(node->kept_refusal, uint8_t{0});
     } else if (++node->refusals >= refusals_max) {
         link_count[node->index].given_up.add();
         return end(queue, node, outcome::given_up, nullptr);
     } else if (node->refusals > refusals_at_once) {
-        node->recv_len = 0;
-        return; // its ack stays, for the expiry
+        node->kept_refusal = static_cast<uint8_t>(node->ack);
+        return forget_answer(node);
     }
     node->asked_us = monotonic_us();
     resend(queue, node, outcome::refused);

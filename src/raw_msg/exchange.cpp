@@ -29,13 +29,12 @@ struct kind {
     const char* operation;
     const char* queue_name; // null: its queue is never emptied to make room
     sequence* numbers;
-    bool reads, waits;
 };
 constexpr kind kinds[] = {
-    {"RawSockSendOneMsgWithAck", nullptr, &write_ack, false, false},
-    {"RawSockSendOneMsgWithAckWait", "ACK_WAIT_QUEUE", &write_ack_wait, false, true},
-    {"RawSockSendMsgWithRead", "READ_QUEUE", &read_ack, true, false},
-    {"RawSockSendMsgWithReadWait", "READ_WAIT_QUEUE", &read_wait, true, true},
+    {"RawSockSendOneMsgWithAck", nullptr, &write_ack},
+    {"RawSockSendOneMsgWithAckWait", "ACK_WAIT_QUEUE", &write_ack_wait},
+    {"RawSockSendMsgWithRead", "READ_QUEUE", &read_ack},
+    {"RawSockSendMsgWithReadWait", "READ_WAIT_QUEUE", &read_wait},
 };
 
 // One request as its caller gave it.
@@ -66,7 +65,7 @@ uint16_t take_number(sequence* from)
 QNode* make_request(const request_fields& r, unsigned* frame_bytes)
 {
     const kind& k = kinds[r.queue];
-    uint8_t* buf = RawMsgBuffGet(k.reads ? static_cast<unsigned>(frame_data_min) : r.len);
+    uint8_t* buf = RawMsgBuffGet(reads(r.queue) ? static_cast<unsigned>(frame_data_min) : r.len);
     if (buf == nullptr) {
         log_print(LOG_HERE, "RawMsgBuffGet fail\n");
         return nullptr;
@@ -74,7 +73,7 @@ QNode* make_request(const request_fields& r, unsigned* frame_bytes)
     void* block = mem_alloc(sizeof(QNode));
     if (block == nullptr) {
         RawMsgBuffFree(buf);
-        if (k.reads && k.waits) { log_print(LOG_HERE, "malloc node fail\n"); }
+        if (r.queue == READ_WAIT_QUEUE) { log_print(LOG_HERE, "malloc node fail\n"); }
         return nullptr;
     }
     if (!r.data.empty()) { memcpy(buf, r.data.data(), r.data.size()); }
@@ -86,13 +85,13 @@ QNode* make_request(const request_fields& r, unsigned* frame_bytes)
     node->dest = r.dest.data();
     node->dest_size = static_cast<uint32_t>(r.dest.size());
     node->seq = take_number(k.numbers);
-    node->count = k.waits ? 0 : 1;
+    node->count = waits(r.queue) ? 0 : 1;
     node->requester = r.requester;
     node->being_sent = true;
     uint8_t* frame = buf;
     *frame_bytes = RawMsgHeaderPack(r.model, r.slot, r.code, r.addr, node->seq, &frame, static_cast<uint16_t>(r.len));
     node->send_len =
-        k.reads && k.waits ? static_cast<uint32_t>(frame_data_min) : *frame_bytes; // a waited read is sent once
+        r.queue == READ_WAIT_QUEUE ? static_cast<uint32_t>(frame_data_min) : *frame_bytes; // a waited read is sent once
     return node;
 }
 

@@ -32,20 +32,16 @@ struct received_answer {
 // One answer may end one request in each of the two queues of its kind: their sequence numbers are counted separately.
 void offer(int index, const received_answer& a)
 {
-    switch (a.code) {
-    case code_write_ack:
-    case code_ack_short:
-        AckRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
-        AckWaitRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
-        break;
-    case code_read:
+    if (a.code == code_read) {
         ReadRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
         ReadWaitRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
-        break;
-    default: return; // no other reply answers a request of ours
+    } else {
+        AckRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
+        AckWaitRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
     }
 }
 
+// No other reply answers a request of ours.
 constexpr bool is_an_answer(uint8_t code)
 {
     return code == code_write_ack || code == code_ack_short || code == code_read;
