@@ -14,6 +14,7 @@ THREADS = {
     **{"rvk-recv": (FIFO, 90, SECOND), "rvk-check": (FIFO, 89, SECOND)},
     **{"rvk-ipc": (FIFO, 88, FOURTH), "rvk-file": (FIFO, 95, FOURTH)},
 }
+STATUS = "/run/rvkd/status.json"
 
 
 class Surroundings(bench.BenchTest):
@@ -65,9 +66,13 @@ class Surroundings(bench.BenchTest):
         self.assertEqual(self.me.receive().result, -1, "what is pending meanwhile is given up")
         self.assert_refusals()
         self.assertTrue(self.d.shows("its device is gone"))
+        self.assertTrue(bench.wait_until(lambda: '"eth0","open":0' in bench.text_of(STATUS)))
         bench.lay_cable()
         self.cards()
         self.assertTrue(bench.wait_until(lambda: self.me.read(0x1000, 16).result == 0), "another device of that name")
+        self.assertTrue(bench.wait_until(lambda: '"eth0","open":1' in bench.text_of(STATUS)))
+        ip("link set eth0 promisc off")
+        self.assertTrue(bench.wait_until(lambda: "PROMISC" in ip("-o link show eth0")), "whoever clears it")
         self.assertEqual(self.d.end(signal.SIGTERM), 0)
         self.assertLessEqual(self.says(": receive failed"), 5, "one when it goes, none per try")
 

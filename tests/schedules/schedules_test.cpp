@@ -31,8 +31,8 @@ constexpr char kinds[] = "wWrR"; // by their queues: a write, a read; capital: w
 
 struct story {
     std::string senders; // a kind each
-    // What the receive thread meets, each when its frame is out: a, b an answer to that sender's request; ! a refusal
-    // of a's; < an answer to a before its frame; > one after three of them, or with its sender back.
+    // What the receive thread meets, each when a frame is out: a, b an answer to that sender's request; ! a refusal
+    // of a's; < an answer to a before its frame; > one after three of them, at the latest with all senders back.
     std::string answers;
     size_t failing_sends = 0;
     bool is_emptied = false; // somebody empties the queue of the first sender
