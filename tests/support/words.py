@@ -26,4 +26,4 @@ def fault_in_last_words(log):
     last = [line[5] for line in lines(after) if line]
     counts = [int(n) for text in last for n in re.findall(r"^backtrace\(\) returned (\d+) addresses$", text)]
     frames = sum(re.search(r"\[0x[0-9a-f]+\]$", text) is not None for text in last)
-    return "" if counts == [max(frames, 3)] else f"{frames} frames, {counts} announced"
+    return "" if frames >= 3 and counts == [frames] else f"{frames} frames, {counts} announced"
