@@ -17,7 +17,7 @@
 
 namespace rvk {
 
-mutex pic_mutex;
+fair_mutex pic_mutex;
 
 namespace {
 

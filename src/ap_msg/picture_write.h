@@ -13,7 +13,8 @@
 
 namespace rvk {
 
-extern mutex pic_mutex; // one picture into card memory: set-up, start, data, end are never interleaved with another's
+extern fair_mutex
+    pic_mutex; // one picture into card memory: set-up, start, data, end are never interleaved with another's
 
 // Carries out one job and answers its requester. Result: what the answer carries.
 int32_t write_file_handle(const mailbox_area& message_head, const mailbox_area& data_head);
