@@ -106,8 +106,7 @@ class Death(bench.BenchTest):
     def end(self, how):
         if how in DEADLY:
             return self.d.end(how)
-        thread = int(self.d.threads()[how].rpartition("/")[2])
-        ctypes.CDLL(None).syscall(TGKILL, self.d.pid, thread, signal.SIGSEGV)
+        ctypes.CDLL(None).syscall(TGKILL, self.d.pid, self.d.thread(how), signal.SIGSEGV)
         return self.d.end()
 
     def test_in_every_situation_by_every_signal(self):

@@ -80,7 +80,7 @@ class Files(bench.BenchTest):
     # And the tool is an ordinary process, whatever the daemon was started with and the thread that runs it is.
     def test_while_a_tool_runs_nothing_else_is_done(self):
         self.up(pass_fds=[0, 1, 2, os.dup(2)], preexec_fn=lambda: signal.signal(signal.SIGUSR1, signal.SIG_IGN))
-        os.sched_setaffinity(int(self.d.threads()["rvk-file"].rpartition("/")[2]), {0})
+        os.sched_setaffinity(self.d.thread("rvk-file"), {0})
         os.mkfifo("/run/go")
         bench.lay_tool("/run/facts", FACTS)
         bench.lay_tool(TOOL, 'echo "$*" > /run/tool; /run/facts > /run/seen; cat /run/go; exit 3')

@@ -59,7 +59,7 @@ class Loads(bench.BenchTest):
     def test_a_bad_link_loses_nothing_and_doubles_nothing(self):
         for options in [], ["--processor", 1, "--priority", 94]:
             load = self.start_load(*FAULTS, *options)
-            os.sched_setaffinity(int(self.d.threads()["rvk-ipc"].rpartition("/")[2]), {1} if options else {0, 1})
+            os.sched_setaffinity(self.d.thread("rvk-ipc"), {1} if options else {0, 1})
             print(said := self.relay(load, 4000))
             self.assertRegex(said, r"refused: (none|picture.*)\n", "nothing, but of a demo over such a link")
             self.at.kill()

@@ -24,9 +24,6 @@ class Surroundings(bench.BenchTest):
     def says(self, text):
         return self.d.output.count(text)
 
-    def thread(self, name):
-        return int(self.d.threads()[name].rpartition("/")[2])
-
     # At once: with a wait for a card these would take ten seconds and more.
     def assert_refusals(self):
         start = time.monotonic()
@@ -40,7 +37,7 @@ class Surroundings(bench.BenchTest):
     def test_threads(self):
         def found():
             facts = os.sched_getscheduler, lambda thread: os.sched_getparam(thread).sched_priority, os.sched_getaffinity
-            return {name: tuple(fact(self.thread(name)) for fact in facts) for name in self.d.threads()}
+            return {name: tuple(fact(self.d.thread(name)) for fact in facts) for name in self.d.threads()}
 
         self.up()
         self.assertTrue(bench.wait_until(lambda: found() == THREADS), found())
@@ -90,9 +87,8 @@ class Surroundings(bench.BenchTest):
     def test_reads_are_answered_beside_a_read_back(self):
         cards, served, whole = self.cards(), 0, "/run/back.bmp"
         self.up()
-        self.assertTrue(bench.wait_until(lambda: "rvk-file" in self.d.threads()))
         for name in ("rvk-ipc", "rvk-file"):
-            os.sched_setaffinity(self.thread(name), {0})
+            os.sched_setaffinity(self.d.thread(name), {0})
         self.me.tell(**job(FILE_READ, whole[:-4], 1920, 1080))
         while not os.path.exists(whole) or os.path.getsize(whole) < 1920 * 1080 * 4:
             self.assertEqual(self.me.read(0x1000, 4).result, 0)

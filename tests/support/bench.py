@@ -168,6 +168,11 @@ class Daemon(Process):
         tids = sorted(os.listdir(folder), key=int, reverse=True)
         return {text_of(f"{folder}/{tid}/comm").strip(): f"{folder}/{tid}" for tid in tids}
 
+    # Result: its id, once it has that name, which it gives itself.
+    def thread(self, name):
+        wait_until(lambda: name in self.threads())
+        return int(self.threads()[name].rpartition("/")[2])
+
 
 # What a test starts by these ends with it, the last started first; a daemon must end with status 0.
 class BenchTest(unittest.TestCase):
