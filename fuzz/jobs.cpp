@@ -135,7 +135,7 @@ void check_read_back(const job_input& job, placed before)
     if (before == placed::folder || before == placed::fifo || job.path->empty() || image_name == *job.path) {
         return require(seen->frames == 0 && seen->syncs == 0);
     }
-    require(raw && image && seen->syncs == 1);
+    require(raw && image && seen->syncs == (was_disk_full() && seen->frames == 0 ? 0 : 1)); // no room for its head
     if (was_disk_full()) { return check_cut_files(job, *raw, *image); }
     require(raw->size() == size_t{job.hor} * job.ver * 4);
     require(*image == bmp_of(*raw, job.hor, job.ver, 32));
@@ -155,10 +155,10 @@ bool is_plain(std::string_view path)
 }
 
 // One word of the tool's line is the path as it came, and none was added or split.
-void check_tool(const job_input& job, int32_t result)
+void check_tool(const job_input& job, placed before, int32_t result)
 {
     static constexpr const char* kinds[] = {"input", "output", "vpu"};
-    if (!is_plain(*job.path)) { return require(seen->tools.empty() && result == -1); }
+    if (before != placed::file || !is_plain(*job.path)) { return require(seen->tools.empty() && result == -1); }
     if (seen->tools.empty()) { return require(job.path->size() > 900 && result == -1); }
     require(seen->tools.size() == 1 && result == tool_status);
     std::istringstream line(seen->tools[0]);
@@ -211,7 +211,7 @@ void check_update(const job_input& job, const std::optional<std::vector<uint8_t>
     if (is_new && !job.is_faultless()) { return; }
     const bool found = is_new ? new_image.has_value() : before != placed::nothing;
     if (!found) { return require(result == -1 && seen->tools.empty() && seen->frames == (asks_card ? 1u : 0u)); }
-    if (job.type >= 0x16 && job.type <= 0x18) { return check_tool(job, result); }
+    if (job.type >= 0x16 && job.type <= 0x18) { return check_tool(job, before, result); }
     require(seen->tools.empty());
     if (job.type < 0x19 || job.type > 0x1E) { return require(result == 0 && seen->frames == 0); }
     if (is_new) { return check_transfer(job, new_image_path, new_image, result); }

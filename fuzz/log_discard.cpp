@@ -21,7 +21,7 @@ void log_print(const char*, const char*, int, const char* format, ...)
     va_end(arguments);
 }
 
-void console_write(int, const char*, size_t) {}
-void console_print(int, const char*, ...) {}
+bool console_write(int, const char*, size_t) { return true; }
+bool console_print(int, const char*, ...) { return true; }
 
 } // namespace rvk

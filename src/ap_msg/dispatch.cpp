@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string_view>
 
 namespace rvk {
 namespace {
@@ -50,6 +51,9 @@ request_fields fields_of(std::span<const uint8_t> message)
     r.payload = r.payload.first(std::min<size_t>(r.payload.size(), r.len));
     return r;
 }
+
+// Of any board.
+bool is_daemon(uint32_t identity) { return (identity >> 8 & 0xFF) == module_self; }
 
 bool is_cut(const request_fields& r) { return r.payload.size() < r.len; }
 
@@ -172,8 +176,8 @@ void hand_over_file_job(const request_fields& r, std::span<const uint8_t> data_h
 
 void log_text(const request_fields& r)
 {
-    log_print(LOG_HERE, "++++++++++recv msg: ' %.*s ' \n", static_cast<int>(r.payload.size()),
-              reinterpret_cast<const char*>(r.payload.data()));
+    const std::string_view text{reinterpret_cast<const char*>(r.payload.data()), r.payload.size()};
+    log_print(LOG_HERE, "++++++++++recv msg: ' %s ' \n", printable(text.substr(0, text.find('\0'))).text);
 }
 
 command_kind kind_of_command(uint8_t code)
@@ -201,6 +205,11 @@ int32_t ApipcDataProc(std::span<const uint8_t> message, std::span<const uint8_t>
     if (gbUpdateProcessRunning != 0) {
         daemon_count.dropped_in_update.add();
         log_print(LOG_HERE, "file proc running, ignored\n");
+        return 0;
+    }
+    if (is_daemon(r.requester)) { // an answer to itself would be its next command
+        daemon_count.refused[refusal::daemon].add();
+        log_print(LOG_HERE, "command from 0x%08x ignored: a daemon asks for nothing\n", r.requester);
         return 0;
     }
     if (r.index == broadcast_index) {

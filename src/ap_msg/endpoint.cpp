@@ -60,6 +60,7 @@ void ApMsgRecv(int processor)
         return;
     }
     log_print(LOG_HERE, "create apipc wex succeed\n");
+    daemon_count.endpoint_registered.set(1);
     for (;;) { static_cast<void>(apipc_loop_wait(0, ApipcEventDeal)); } // returns on an error, never at once again
 }
 

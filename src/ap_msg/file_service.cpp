@@ -6,6 +6,7 @@
 #include "ap_msg/picture_write.h"
 #include "ap_msg/read_back.h"
 #include "ap_msg/update.h"
+#include "base/bytes.h"
 #include "base/counters.h"
 #include "base/rt_thread.h"
 #include "main/log.h"
@@ -22,14 +23,32 @@ void refuse_left_job()
     refuse_file_job(file_write_head.data(), file_request_of(file_name_data).payload);
 }
 
+void note_end(job kind, const mailbox_area& message_head)
+{
+    daemon_count.last_requester[kind].set(load_le32(&message_head[message::aptid]));
+    daemon_count.last_steps[kind].set(daemon_count.steps.get());
+    daemon_count.last_unanswered[kind].set(daemon_count.steps_unanswered.get());
+    daemon_count.last_number[kind].set(load_le16(&message_head[message::seq]));
+}
+
 void run_job(const mailbox_area& message_head, const mailbox_area& data_head) RVK_REQUIRES(file_mutex)
 {
+    daemon_count.steps.set(0);
+    daemon_count.steps_unanswered.set(0);
+    runs_a_job = true;
     switch (data_head[message::in_data_head(message::code)]) {
-    case command::file_write: count_job(job::picture_write, write_file_handle(message_head, data_head) == 0); break;
-    case command::file_read: read_file_handle(message_head, data_head); break;
+    case command::file_write:
+        count_job(job::picture_write, write_file_handle(message_head, data_head) == 0);
+        note_end(job::picture_write, message_head);
+        break;
+    case command::file_read:
+        read_file_handle(message_head, data_head);
+        note_end(job::read_back, message_head);
+        break;
     case command::update:
         gbUpdateProcessRunning = 1;
         count_job(job::update, update_file_handle(message_head, data_head) == 0);
+        note_end(job::update, message_head);
         gbUpdateProcessRunning = 0;
         break;
     default: break; // the dispatch hands over nothing else

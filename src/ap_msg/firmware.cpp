@@ -70,6 +70,7 @@ int32_t send_file_info(uint32_t size, uint16_t model, uint8_t slot)
         if (field.attempts == 1) {
             static_cast<void>(RawSockSendMsgWithAckWait(update_link, update_model, slot, field.addr, code_write_ack,
                                                         value, &ack, update_ticks));
+            count_step(ack != no_answer);
         } else {
             RawSockSendMsgWithAckWait_Try_nTimes(field.attempts, update_link, update_model, slot, field.addr,
                                                  code_write_ack, value, &ack, update_ticks);
@@ -81,17 +82,18 @@ int32_t send_file_info(uint32_t size, uint16_t model, uint8_t slot)
     return 0;
 }
 
-// The figure is overwritten in place.
-void print_progress(bool first, uint32_t total, uint32_t remaining)
+// The figure is overwritten in place, once one was printed.
+void print_progress(bool* printed, uint32_t total, uint32_t remaining)
 {
     const auto percent = static_cast<int>(uint64_t{100} * (total - remaining) / total);
-    console_print(STDOUT_FILENO, first ? "now sended %2d%%" : "\b\b\b%2d%%", percent);
+    *printed |= console_print(STDOUT_FILENO, *printed ? "\b\b\b%2d%%" : "now sended %2d%%", percent);
 }
 
 int32_t send_pieces(const unique_fd& file, uint32_t total, uint8_t slot)
 {
     std::array<uint8_t, piece_bytes> piece;
     counted_transfer progress(transfer::firmware, total);
+    bool printed = false;
     for (uint32_t remaining = total; remaining != 0;) {
         const auto n = static_cast<uint32_t>(std::min<size_t>(piece_bytes, remaining));
         if (read_full(file, {piece.data(), n}) < n) {
@@ -101,14 +103,13 @@ int32_t send_pieces(const unique_fd& file, uint32_t total, uint8_t slot)
         uint8_t ack = no_answer;
         RawSockSendMsgWithAckWait_Try_nTimes(update_attempts, update_link, update_model, slot, data_addr,
                                              code_write_ack, {piece.data(), n}, &ack, update_ticks);
-        const bool first = remaining == total;
         remaining -= n;
         if (ack != ack_good) {
             log_print(LOG_HERE, "err! ack = 0X%02X\r\n ", ack);
             return -1;
         }
         progress.reached(total - remaining);
-        print_progress(first, total, remaining);
+        print_progress(&printed, total, remaining);
     }
     return 0;
 }
@@ -121,7 +122,7 @@ int32_t send_image(uint32_t total, uint8_t slot)
         log_print(LOG_HERE, " file open success！\n");
         result = send_pieces(file, total, slot);
     } else {
-        log_print(LOG_HERE, " file open fail\n");
+        log_open_failure(update_temp_path);
     }
     log_print(LOG_HERE, "\n"); // ends the progress line
     log_print(LOG_HERE, "file is close!\n");
@@ -174,7 +175,7 @@ int32_t sys_update(const char* path, uint16_t model, uint8_t slot)
         return -1;
     }
     const off_t size = get_file_size(path);
-    log_print(LOG_HERE, "srcfile size is %d Bytes! \r\n ", static_cast<int>(size));
+    log_print(LOG_HERE, "srcfile size is %lld Bytes! \r\n ", static_cast<long long>(size));
     if (!is_binary(path) || !fits_sizes(size) || build_image(path, size) != 0) { return -1; }
     const auto total = static_cast<uint32_t>(get_file_size(update_temp_path));
     if (send_file_info(total, model, slot) != 0) { return -1; }
@@ -190,6 +191,7 @@ int32_t RawSockSendMsgWithAckWait_Try_nTimes(int attempts, int index, uint16_t m
     int32_t result = 0;
     for (int left = attempts - 1; left >= 0; --left) {
         result = RawSockSendMsgWithAckWait(index, model, slot, addr, code, data, ack, timeout_ticks);
+        count_step(*ack != no_answer);
         if (*ack == ack_good) { return result; }
         if (*ack == no_answer) {
             log_attempt("ERROR: no", left, index, model, slot, addr, code, data.size(), *ack);

@@ -78,6 +78,13 @@ int32_t copy_image(const unique_fd& source, const unique_fd& temporary, off_t si
 
 } // namespace
 
+void log_open_failure(const char* path)
+{
+    const int error = errno;
+    log_print(LOG_HERE, " file open fail\n");
+    log_print(LOG_HERE, "%s: %s\n", printable(path).text, error == EINVAL ? "it is no regular file" : strerror(error));
+}
+
 image_kind kind_of(const char* path)
 {
     static constexpr const char* binary[] = {".BIN", ".bin", ".Bin"};
@@ -92,12 +99,16 @@ int32_t build_image(const char* source_path, off_t size)
     update_temfile_creat(update_temp_path);
     unique_fd source = open_regular(source_path, O_RDWR);
     unique_fd temporary;
-    if (source) { temporary = open_regular(update_temp_path, O_RDWR); }
+    if (source) { temporary = open_output(update_temp_path, 0600); }
     if (!temporary) {
-        log_print(LOG_HERE, " file open fail\n");
+        log_open_failure(source ? update_temp_path : source_path);
         return -1;
     }
-    if (copy_image(source, temporary, size) != 0) { return -1; }
+    if (copy_image(source, temporary, size) != 0) {
+        // What is of no use takes no room.
+        if (ftruncate(temporary.get(), 0) != 0) { log_print(LOG_HERE, "%s: %s\n", update_temp_path, strerror(errno)); }
+        return -1;
+    }
     log_print(LOG_HERE, "temp file is deal over! \n");
     source.reset();
     temporary.reset();

@@ -16,6 +16,9 @@ inline constexpr size_t image_size_at = 0, image_checksum_at = 130; // card: 4 a
 
 enum class image_kind { binary, encrypted, unknown };
 
+// Logs that a file could not be opened, and by errno why.
+void log_open_failure(const char* path);
+
 // By the first marker found anywhere in the name, binary ones first; upper and lower case as listed.
 [[nodiscard]] image_kind kind_of(const char* path);
 

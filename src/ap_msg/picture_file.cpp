@@ -4,7 +4,9 @@
 #include "base/fd.h"
 #include "main/log.h"
 
+#include <cerrno>
 #include <climits>
+#include <cstring>
 #include <fcntl.h>
 #include <new>
 #include <string_view>
@@ -19,8 +21,8 @@ bool ends_in(const char* path, std::string_view suffix) { return std::string_vie
 
 std::span<const uint8_t> log_too_small(size_t file_bytes, picture_size size)
 {
-    log_print(LOG_HERE, "\nfile size error, hor=%d, ver=%d, filesize=%d\n", static_cast<int>(size.hor),
-              static_cast<int>(size.ver), static_cast<int>(file_bytes));
+    log_print(LOG_HERE, "\nfile size error, hor=%d, ver=%d, filesize=%zu\n", static_cast<int>(size.hor),
+              static_cast<int>(size.ver), file_bytes);
     return {};
 }
 
@@ -39,16 +41,18 @@ std::unique_ptr<page_buffer> room_for(off_t bytes)
 std::unique_ptr<page_buffer> read_picture_file(const char* path, picture_size size)
 {
     const bool found = access(path, F_OK) == 0;
-    log_print(LOG_HERE, "%s file %s\n", found ? "found" : "not found", path);
+    log_print(LOG_HERE, "%s file %s\n", found ? "found" : "not found", printable(path).text);
     if (!found) { return nullptr; }
     const unique_fd file = open_regular(path, O_RDONLY);
     const off_t bytes = file ? size_of(file) : -1;
     if (bytes < 0) {
-        log_print(LOG_HERE, "open file %s failed\n", path);
+        const int error = errno;
+        log_print(LOG_HERE, "open file %s failed\n", printable(path).text);
+        log_print(LOG_HERE, "%s\n", error == EINVAL ? "it is no regular file" : strerror(error));
         return nullptr;
     }
-    log_print(LOG_HERE, " hor=%d, ver=%d, filesize=%d\n", static_cast<int>(size.hor), static_cast<int>(size.ver),
-              static_cast<int>(bytes));
+    log_print(LOG_HERE, " hor=%d, ver=%d, filesize=%lld\n", static_cast<int>(size.hor), static_cast<int>(size.ver),
+              static_cast<long long>(bytes));
     std::unique_ptr<page_buffer> buffer = room_for(bytes);
     if (!buffer) { return nullptr; }
     if (read_full(file, buffer->bytes()) < buffer->bytes().size()) {

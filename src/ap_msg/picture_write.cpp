@@ -59,6 +59,7 @@ void write_control(const card& to, uint32_t control, std::span<const uint8_t> by
     uint8_t ack = no_answer;
     static_cast<void>(
         RawSockSendMsgWithAckWait(to.index, to.model, to.slot, control, code_write_ack, bytes, &ack, control_ticks));
+    count_step(ack != no_answer);
 }
 
 // Every frame goes to the same address: the card takes them as a stream.

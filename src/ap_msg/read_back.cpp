@@ -31,6 +31,7 @@ constexpr uint32_t unit_words = 8;    // card: words of 8 bytes in a unit
 constexpr uint32_t read_ticks = 3;    // ours
 constexpr size_t base_path_max = 255; // ours
 constexpr size_t image_name_max = 99; // ours: longer names are cut
+constexpr mode_t file_mode = 0644;
 
 uint32_t units_of(size_t bytes) { return static_cast<uint32_t>((bytes + unit_bytes - 1) / unit_bytes); }
 
@@ -74,12 +75,37 @@ void write_image_lines(const unique_fd& image, std::span<uint8_t> pixels, pictur
     }
 }
 
-void read_card(const file_request& r, picture_size size, std::span<uint8_t> into)
+// Lines in card memory are padded to whole units.
+size_t stride_of(size_t line) { return (line + unit_bytes - 1) / unit_bytes * unit_bytes; }
+
+// Reads all lines as they lie in card memory, then copies them without their padding.
+void read_lines(const file_request& from, picture_size size, std::span<uint8_t> work, std::span<uint8_t> dest)
+{
+    counted_transfer progress(transfer::read_back, work.size());
+    uint32_t addr = from.addr;
+    for (size_t at = 0; at < work.size();) {
+        const size_t n = std::min(frame_data_max, work.size() - at);
+        // A step that fails is logged by the transport and leaves zeros; the job goes on.
+        count_step(DDR2ReadProcess(from.index, from.model, from.slot, addr, work.subspan(at, n)) == 0);
+        addr += unit_words * units_of(n);
+        at += n;
+        progress.reached(at);
+    }
+    const size_t line = size_t{size.hor} * pixel_bytes;
+    for (size_t r = 0; r < size.ver; ++r) {
+        memcpy(dest.data() + r * line, work.data() + r * stride_of(line), line);
+        let_others_run(copy_turn_us);
+    }
+}
+
+size_t work_bytes(picture_size size) { return stride_of(size_t{size.hor} * pixel_bytes) * size.ver; }
+
+void read_card(const file_request& r, picture_size size, std::span<uint8_t> work, std::span<uint8_t> into)
 {
     timeval start{};
     timeval end{};
     gettimeofday(&start, nullptr);
-    DDR2Read(r.index, r.model, r.slot, r.addr, static_cast<uint16_t>(size.hor), static_cast<uint16_t>(size.ver), into);
+    read_lines(r, size, work, into);
     gettimeofday(&end, nullptr);
     log_print(LOG_HERE, "\ntotal time:%d sec,%d usec\n", static_cast<int>(end.tv_sec - start.tv_sec),
               static_cast<int>(end.tv_usec - start.tv_usec));
@@ -91,30 +117,30 @@ bool read_into_files(const file_request& r, picture_size size, const char* base)
     char image_name[job_path_bytes + sizeof ".bmp"];
     snprintf(image_name, sizeof image_name, "%s.bmp", base);
     image_name[image_name_max] = '\0';
-    unique_fd image = open_regular(image_name, O_RDWR | O_CREAT);
-    log_print(LOG_HERE, "\n%d ddr to filename:%s\n", r.index, base);
+    unique_fd image = open_output(image_name, file_mode);
+    log_print(LOG_HERE, "\n%d ddr to filename:%s\n", r.index, printable(base).text);
     if (is_same_file(image, base)) { // and nothing was emptied
         log_print(LOG_HERE, "\nfile open failed\n");
         return false;
     }
-    empty(&image);
-    const page_buffer buffer(picture_bytes(size));
-    bool image_failed = false;
-    if (image && buffer) { write_or_log(image, bmp_head(size.hor, size.ver), 0, "image", &image_failed); }
-    unique_fd raw = open_regular(base, O_RDWR | O_CREAT);
-    empty(&raw);
-    if (!buffer) { // both files are there, and short
+    const page_buffer buffer(picture_bytes(size)), work(work_bytes(size));
+    if (!buffer || !work) { // nor here
         log_print(LOG_HERE, "\nmalloc p failed\n");
         return false;
     }
+    empty(&image);
+    bool image_failed = false, raw_failed = false;
+    if (image) { write_or_log(image, bmp_head(size.hor, size.ver), 0, "image", &image_failed); }
+    unique_fd raw = open_output(base, file_mode);
+    empty(&raw);
     if (!image || !raw) {
         log_print(LOG_HERE, "\nfile open failed\n");
         return false;
     }
-    read_card(r, size, buffer.bytes());
+    if (image_failed) { return empty(&image), false; } // a disk that is full already
+    read_card(r, size, work.bytes(), buffer.bytes());
     static_cast<void>(my_system("sync")); // nothing here depends on it
     log_print(LOG_HERE, "\nwait for bmp file generatiiiiing....\n");
-    bool raw_failed = false;
     write_or_log(raw, buffer.bytes(), 0, "raw", &raw_failed);
     write_image_lines(image, buffer.bytes(), size, &image_failed);
     if (image_failed) { empty(&image); } // written from its end on, it would have the size of a complete one
@@ -137,25 +163,10 @@ int32_t read_file_handle(const mailbox_area&, const mailbox_area& data_head)
 void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t hor, uint16_t ver,
               std::span<uint8_t> dest)
 {
-    const size_t line = size_t{hor} * pixel_bytes;
-    const size_t stride = (line + unit_bytes - 1) / unit_bytes * unit_bytes;
-    const page_buffer work(stride * ver);
+    const picture_size size{hor, ver};
+    const page_buffer work(work_bytes(size));
     if (!work) { return log_print(LOG_HERE, "\nmalloc p failed: nothing is read, the picture stays zero\n"); }
-    const std::span<uint8_t> all = work.bytes();
-    counted_transfer progress(transfer::read_back, all.size());
-    uint32_t addr = start;
-    for (size_t at = 0; at < all.size();) {
-        const size_t n = std::min(frame_data_max, all.size() - at);
-        // A step that fails is logged by the transport and leaves zeros; the job goes on.
-        static_cast<void>(DDR2ReadProcess(index, model, slot, addr, all.subspan(at, n)));
-        addr += unit_words * units_of(n);
-        at += n;
-        progress.reached(at);
-    }
-    for (size_t r = 0; r < ver; ++r) {
-        memcpy(dest.data() + r * line, all.data() + r * stride, line);
-        let_others_run(copy_turn_us);
-    }
+    read_lines({index, slot, model, start, {}}, size, work.bytes(), dest);
 }
 
 int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, std::span<uint8_t> dest)

@@ -5,6 +5,7 @@
 #include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "base/fd.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
@@ -12,9 +13,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <optional>
 #include <string_view>
+#include <sys/file.h>
 #include <unistd.h>
 
 namespace rvk {
@@ -24,8 +28,9 @@ namespace {
 constexpr uint32_t mcu_input = 0x16, mcu_output = 0x17, mcu_vpu = 0x18;
 constexpr uint32_t fpga_input = 0x19, fpga_input_golden = 0x1C, fpga_last = 0x1E;
 
-constexpr size_t tool_line_bytes = 1024; // ours
-constexpr uint32_t generation_ticks = 6; // ours
+constexpr size_t tool_line_bytes = 1024;               // ours
+constexpr char tool_lock_path[] = "/run/mcu_isp.lock"; // ours
+constexpr uint32_t generation_ticks = 6;               // ours
 
 struct update_request {
     uint32_t type;
@@ -70,16 +75,18 @@ void adapt_to_new_generation(update_request* request)
     if (request->type == fpga_input) {
         if (!named) { std::copy_n(new_generation_image, sizeof new_generation_image, request->path.begin()); }
         set_model_low(request, 0x01);
-        log_print(LOG_HERE, "SET INPUT INFO:[%#x], filename:[%s]\n", request->model, request->path.data());
+        log_print(LOG_HERE, "SET INPUT INFO:[%#x], filename:[%s]\n", request->model,
+                  printable(request->path.data()).text);
     } else if (!named) {
         set_model_low(request, 0xFE);
-        log_print(LOG_HERE, "SET INPUT GOLDEN INFO:[%#x], filename:[%s]\n", request->model, request->path.data());
+        log_print(LOG_HERE, "SET INPUT GOLDEN INFO:[%#x], filename:[%s]\n", request->model,
+                  printable(request->path.data()).text);
     }
 }
 
 void check_input_card(update_request* request)
 {
-    log_print(LOG_HERE, "UPDATE input FPGA FILE [%s], need check!\n", request->path.data());
+    log_print(LOG_HERE, "UPDATE input FPGA FILE [%s], need check!\n", printable(request->path.data()).text);
     const std::optional<uint8_t> generation = read_generation();
     if (!generation) { return; }
     switch (*generation) {
@@ -114,15 +121,33 @@ int tool_line(char* line, uint32_t type, const char* path)
     }
 }
 
+// The lock under which one tool at a time programs a chip: the tool inherits it, so that it lasts as long as the tool
+// does, whatever becomes of this process. Result: none, and logged, while one runs.
+unique_fd lock_for_tool()
+{
+    unique_fd lock{open(tool_lock_path, O_RDWR | O_CREAT | O_NOFOLLOW, 0600)}; // not close-on-exec
+    if (lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0) { return lock; }
+    log_print(LOG_HERE, "no programming tool is started: %s: %s\n", tool_lock_path,
+              errno == EWOULDBLOCK ? "one that was started earlier still runs" : strerror(errno));
+    return {};
+}
+
 int32_t run_tool(const update_request& request)
 {
     char line[tool_line_bytes] = "";
     const int length = tool_line(line, request.type, request.path.data());
     if (!is_safe_for_shell(request.path.data()) || length >= static_cast<int>(tool_line_bytes)) {
         log_print(LOG_HERE, "image %s refused: its path is too long or not plain enough for a command line\n",
-                  request.path.data());
+                  printable(request.path.data()).text);
         return -1;
     }
+    if (!open_regular(request.path.data(), O_RDONLY)) { // a FIFO would keep the tool, and with it every command
+        log_print(LOG_HERE, "image %s refused: %s\n", request.path.data(),
+                  errno == EINVAL ? "it is no regular file" : strerror(errno));
+        return -1;
+    }
+    const unique_fd lock = lock_for_tool();
+    if (!lock) { return -1; }
     log_print(LOG_HERE, "    cmdstr=%s \n\n", line);
     return my_system(line);
 }
@@ -130,7 +155,7 @@ int32_t run_tool(const update_request& request)
 int32_t carry_out(const update_request& request)
 {
     log_print(LOG_HERE, "update slot:%d model:0x%x type:0x%x file:%s\n", request.slot, request.model, request.type,
-              request.path.data());
+              printable(request.path.data()).text);
     if (request.type >= mcu_input && request.type <= mcu_vpu) { return run_tool(request); }
     if (request.type >= fpga_input && request.type <= fpga_last) {
         return sys_update(request.path.data(), request.model, request.slot);
@@ -143,7 +168,7 @@ int32_t handle(update_request* request)
 {
     if (request->type == fpga_input || request->type == fpga_input_golden) { check_input_card(request); }
     const bool found = access(request->path.data(), F_OK) == 0;
-    log_print(LOG_HERE, "%s file %s\n", request->path.data(), found ? "found" : "not found");
+    log_print(LOG_HERE, "%s file %s\n", printable(request->path.data()).text, found ? "found" : "not found");
     return found ? carry_out(*request) : -1;
 }
 

@@ -57,9 +57,19 @@ inline constexpr std::array command_names{"read",      "write",  "write_ack", "f
                                           "file_read", "update", "greeting",  "other"};
 
 // Why a command was not carried out.
-enum class refusal : uint8_t { wrong_sender, wrong_type, broadcast, too_long, cut, no_thread, no_memory, count };
-inline constexpr std::array refusal_names{"wrong_sender", "wrong_type", "broadcast", "too_long",
-                                          "cut",          "no_thread",  "no_memory"};
+enum class refusal : uint8_t {
+    wrong_sender,
+    wrong_type,
+    daemon,
+    broadcast,
+    too_long,
+    cut,
+    no_thread,
+    no_memory,
+    count
+};
+inline constexpr std::array refusal_names{"wrong_sender", "wrong_type", "daemon",    "broadcast",
+                                          "too_long",     "cut",        "no_thread", "no_memory"};
 
 enum class job : uint8_t { picture_write, read_back, update, count };
 inline constexpr std::array job_names{"picture_write", "read_back", "update"};
@@ -119,7 +129,13 @@ struct daemon_counters {
     counters_by<job> jobs_done, jobs_failed;             // as their requesters are told
     counters_by<transfer> transfer_total, transfer_done; // bytes of the running one; 0 while none runs
     counter messages_dropped;                            // to requesters that are gone or do not read
+    counter endpoint_registered, endpoint_up;            // 1 once it was; 1 while requesters can reach the daemon
+    counter steps, steps_unanswered;                     // of the file job that runs, or ran last
+    counters_by<job> last_requester, last_number, last_steps, last_unanswered; // of the last one that ended
 };
+
+// Set by a messaging service that can tell whether an endpoint that it registered is still reached.
+inline std::atomic<bool (*)()> endpoint_is_reached{nullptr};
 
 inline link_counters link_count[MAX_ETH];
 inline daemon_counters daemon_count;
@@ -145,6 +161,16 @@ public:
 private:
     transfer kind;
 };
+
+// What a file job asks of the card and needs an answer to: a picture's control writes, a read-back's steps, an update's
+// writes. The demo's, on a thread of its own, do not count.
+inline thread_local bool runs_a_job = false;
+inline void count_step(bool answered)
+{
+    if (!runs_a_job) { return; }
+    daemon_count.steps.add();
+    if (!answered) { daemon_count.steps_unanswered.add(); }
+}
 
 inline void count_job(job kind, bool done) { (done ? daemon_count.jobs_done : daemon_count.jobs_failed)[kind].add(); }
 

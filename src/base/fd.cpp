@@ -6,12 +6,14 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <poll.h>
 #include <sys/stat.h>
 
 namespace rvk {
 namespace {
 
+constexpr int tried_descriptors = 65536;     // where the kernel cannot mark a range: more than this process ever has
 constexpr size_t at_once_bytes = 512 * 1024; // ours: some 100 µs of copying, between which others may run
 
 } // namespace
@@ -21,22 +23,36 @@ void fill_standard_streams(int access)
     int fd = open("/dev/null", access);
     while (fd >= 0 && fd <= STDERR_FILENO) { fd = dup(fd); }
     if (fd >= 0) { close(fd); }
+    if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) { return; }
+    for (fd = STDERR_FILENO + 1; fd < tried_descriptors; ++fd) { fcntl(fd, F_SETFD, FD_CLOEXEC); }
 }
 
-unique_fd open_regular(const char* path, int flags)
+unique_fd open_regular(const char* path, int flags, mode_t mode)
 {
     struct stat named = {};
     if (stat(path, &named) == 0 && !S_ISREG(named.st_mode)) { // some devices act when they are opened
         errno = EINVAL;
         return {};
     }
-    unique_fd file{open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666)};
+    unique_fd file{open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode)};
     struct stat status = {};
     if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
         file.reset();
         errno = EINVAL;
     }
     return file;
+}
+
+unique_fd open_output(const char* path, mode_t mode)
+{
+    struct stat named = {};
+    const bool is_link = lstat(path, &named) == 0 && S_ISLNK(named.st_mode);
+    if (is_link && named.st_uid != 0) {
+        errno = ELOOP;
+        return {};
+    }
+    const int missing = access(path, F_OK) == 0 ? 0 : O_CREAT;
+    return open_regular(path, O_RDWR | missing | (is_link ? 0 : O_NOFOLLOW), mode);
 }
 
 // By poll, since where time has 64 bits and 32-bit processors run it, glibc 2.36 binds a fortified ppoll to the one

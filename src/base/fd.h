@@ -35,15 +35,20 @@ private:
     int owned = -1;
 };
 
-// Puts /dev/null in the place of standard descriptors that are closed, so that no file or socket gets their numbers. To
-// be called before anything is opened.
+// Puts /dev/null in the place of standard descriptors that are closed, so that no file or socket gets their numbers;
+// whatever else was inherited is kept from the commands that this process runs. To be called before anything is opened.
 // access  O_RDWR: what is printed is lost in silence; O_RDONLY: it fails
 void fill_standard_streams(int access);
 
 // Opens a file without ever blocking; it must be a regular one.
-// flags   as open(): the access mode, O_CREAT; a file that is created gets mode 0666 less the umask
+// flags   as open(): the access mode, O_CREAT; a file that is created gets `mode` less the umask
 // Result  none (errno tells why; EINVAL for a FIFO, device or folder)
-[[nodiscard]] unique_fd open_regular(const char* path, int flags);
+[[nodiscard]] unique_fd open_regular(const char* path, int flags, mode_t mode = 0600);
+
+// Opens what is to be written where others name it, and makes it with `mode` where it is missing: one that is there is
+// opened without O_CREAT, which the system refuses for others' files in /tmp.
+// Result  none (errno tells why; ELOOP for a symbolic link that root did not make)
+[[nodiscard]] unique_fd open_output(const char* path, mode_t mode);
 
 // Waits until a descriptor can be read, in milliseconds. Result: false when the time ran out or a signal came (EINTR).
 [[nodiscard]] bool wait_readable(int fd, uint64_t at_most_ms);

@@ -15,6 +15,7 @@
 // rare is logged there: a link that is not open, once; a count that went wrong.
 #pragma once
 
+#include "base/pause.h"
 #include "base/semaphore.h"
 
 #include <cstdint>
@@ -29,6 +30,7 @@
 #define RVK_REQUIRES(...) RVK_TSA(requires_capability(__VA_ARGS__))
 #define RVK_EXCLUDES(...) RVK_TSA(locks_excluded(__VA_ARGS__))
 #define RVK_ACQUIRE(...) RVK_TSA(acquire_capability(__VA_ARGS__))
+#define RVK_TRY_ACQUIRE(...) RVK_TSA(try_acquire_capability(__VA_ARGS__))
 #define RVK_RELEASE(...) RVK_TSA(release_capability(__VA_ARGS__))
 #define RVK_NO_TSA RVK_TSA(no_thread_safety_analysis)
 
@@ -44,6 +46,15 @@ public:
 
     void lock() RVK_ACQUIRE() { pthread_mutex_lock(&m); }
     void unlock() RVK_RELEASE() { pthread_mutex_unlock(&m); }
+
+    // For whoever must get on when the holder is dead. Result: false when it was not given back for so long.
+    [[nodiscard]] bool lock_within(int ms) RVK_TRY_ACQUIRE(true)
+    {
+        for (; pthread_mutex_trylock(&m) != 0; pause_ms(1)) {
+            if (ms-- == 0) { return false; }
+        }
+        return true;
+    }
 
 private:
     pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;

@@ -3,15 +3,16 @@
 #include "base/pause.h"
 #include "base/rt_thread.h"
 #include "base/semaphore.h"
+#include "main/last_words.h"
 #include "main/log.h"
 #include "mem/mem.h"
 
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <execinfo.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 namespace rvk {
@@ -25,11 +26,14 @@ struct stack_trace {
     int count;
 };
 
-stack_trace trace_of_the_dead; // written by the thread that owns the death, before it posts
-std::atomic<int> owner{0};     // its kernel thread id
-std::atomic<bool> can_hand_over{false};
+// Written by the thread that owns the death, before it posts.
+stack_trace trace_of_the_dead;
+int signal_of_the_dead;
+
+std::atomic<int> owner{0};         // its kernel thread id
 std::atomic<int> signal_thread{0}; // kernel thread id of the one that serves terminations, once it does
 semaphore death{0};
+semaphore handlers_set{0};
 
 // At once, whatever is locked: not by a call that a sanitizer puts a flush in front of.
 [[noreturn]] void end_now()
@@ -55,25 +59,12 @@ void log_trace(const stack_trace& trace)
 {
     // The heap of the dead may be broken: whoever finds out waits for the end, as the dead do.
     signal(SIGABRT, task_die);
+    log_is_last_words = true;
+    log_print(LOG_HERE, "ended by signal %d, SIG%s\n", signal_of_the_dead, sigabbrev_np(signal_of_the_dead));
     log_print(LOG_HERE, "task_die!!!\n");
     log_trace(trace_of_the_dead);
     mem_uinit();
     exit(0);
-}
-
-// Where no thread exists for it, whoever was hit does it, and a clock ends it if it cannot.
-[[noreturn]] void bury_yourself()
-{
-    signal(SIGALRM, [](int) { end_now(); });
-    itimerval end{};
-    end.it_value.tv_sec = static_cast<time_t>(last_words_ms / 1000);
-    end.it_value.tv_usec = static_cast<suseconds_t>(last_words_ms % 1000 * 1000);
-    setitimer(ITIMER_REAL, &end, nullptr);
-    sigset_t alarm;
-    sigemptyset(&alarm);
-    sigaddset(&alarm, SIGALRM);
-    pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
-    bury();
 }
 
 void bury_when_dead(int)
@@ -85,12 +76,18 @@ void bury_when_dead(int)
     bury();
 }
 
-void wait_for_termination(int)
+void unblock_termination()
 {
     sigset_t termination;
     sigemptyset(&termination);
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM}) { sigaddset(&termination, signal); }
     pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
+}
+
+void wait_for_termination(int)
+{
+    handlers_set.wait();
+    unblock_termination();
     signal_thread = kernel_thread_id();
     for (;;) { pause(); }
 }
@@ -118,43 +115,54 @@ void on_signal(int signal, int flags)
     sigaction(signal, &action, nullptr);
 }
 
+bool start_patiently(const char* name, thread_body body)
+{
+    for (int left = 3; left > 0; --left) {
+        if (start_thread(name, 0, body, 0, nullptr) == 0) { return true; }
+        pause_ms(10);
+    }
+    return false;
+}
+
+bool start_threads()
+{
+    stack_trace first;
+    take_trace(&first); // backtrace loads a library at its first call, which no handler may do
+    use_alternate_signal_stack();
+    return start_patiently("rvk-death", bury_when_dead) && start_patiently("rvk-signal", wait_for_termination);
+}
+
 } // namespace
 
 void block_signals()
 {
     sigset_t blocked;
     sigemptyset(&blocked);
-    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE}) { sigaddset(&blocked, signal); }
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE, SIGXFSZ}) { sigaddset(&blocked, signal); }
     pthread_sigmask(SIG_SETMASK, &blocked, nullptr); // whatever mask we were started with
 }
 
 void signal_set()
 {
     signal(SIGHUP, SIG_IGN);
+    if (!start_threads()) {
+        log_print(LOG_HERE, "failed to create thread : a signal ends the process without a word here\n");
+        return unblock_termination();
+    }
     on_signal(SIGINT, 0);
     on_signal(SIGQUIT, 0);
     on_signal(SIGSEGV, SA_NODEFER); // a fault inside the handler comes back to it
     on_signal(SIGTERM, 0);
+    handlers_set.post();
 }
 
-void start_crash_threads()
-{
-    stack_trace first;
-    take_trace(&first); // backtrace loads a library at its first call, which no handler may do
-    use_alternate_signal_stack();
-    can_hand_over = start_thread("rvk-death", 0, bury_when_dead, 0, nullptr) == 0;
-    if (start_thread("rvk-signal", 0, wait_for_termination, 0, nullptr) != 0) {
-        log_print(LOG_HERE, "failed to create thread : SIGINT, SIGQUIT and SIGTERM are not served\n");
-    }
-}
-
-void task_die(int)
+void task_die(int sig)
 {
     const int self = kernel_thread_id();
     int first = 0;
     if (owner.compare_exchange_strong(first, self)) {
+        signal_of_the_dead = sig;
         take_trace(&trace_of_the_dead);
-        if (!can_hand_over) { bury_yourself(); }
         death.post();
     } else if (first == self) {
         death.post(); // hit again while taking the trace: without it

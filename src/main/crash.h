@@ -10,14 +10,13 @@ namespace rvk {
 // Blocks the signals that must not hit a thread at work: termination, ticks, SIGPIPE. Threads started later inherit it.
 void block_signals();
 
-// Installs the handlers: SIGHUP ignored; SIGINT, SIGQUIT, SIGSEGV and SIGTERM end the process through task_die.
+// Starts the two threads, then installs the handlers: SIGHUP ignored; SIGINT, SIGQUIT, SIGSEGV and SIGTERM end the
+// process through task_die. Without the threads, said in one line, there are no handlers: a signal does what it does to
+// any process.
 void signal_set();
 
-// Starts the two threads; without them a signal ends the process all the same, but logs from the handler.
-void start_crash_threads();
-
-// Signal handler. Logs "task_die!!!" and the stack trace, empties the pool, exits with status 0; within 2 s in any
-// case, also when logging cannot finish because a lock is held by the dead.
+// Signal handler. Logs which signal it was, "task_die!!!" and the stack trace, empties the pool, exits with status 0;
+// within 2 s in any case, also when logging cannot finish because a lock is held by the dead.
 [[noreturn]] void task_die(int sig);
 
 // Logs the calling thread's stack trace.

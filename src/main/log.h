@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdio>
+#include <string_view>
 
 namespace rvk {
 
@@ -16,15 +17,23 @@ extern int print_flag;  // non-zero: frames are dumped to standard output; no op
 
 // Writes one line: a header with local time, process, module, function and source line, then the text exactly as
 // formatted, up to 6 KiB; the line end is the caller's. Any thread, also under any other lock. With the daemon's sink
-// the line is in the file when the call returns; with neither switch set a call formats nothing. It waits for no
-// reader.
+// the line is in the file when the call returns, unless the file's limits leave it out (log_limit.h); with neither
+// switch set a call formats nothing. It waits for no reader.
 void log_print(const char* module, const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
+// A peer's text as a line takes it, to be an argument, never a format: cut at 4,096 bytes, bytes below 0x20 and 0x7F as
+// \xNN, so that it neither forges a line nor moves a terminal's cursor.
+struct printable {
+    explicit printable(std::string_view peers);
+    char text[4096 + 1];
+};
+
 // Writes to standard output (1) or standard error (2) without waiting for a reader: what there is no room for is lost,
 // counted, and said later. What is printed on the console past the log goes this way. A print is cut at 1,023 bytes.
-void console_write(int fd, const char* bytes, size_t count);
-void console_print(int fd, const char* format, ...) __attribute__((format(printf, 2, 3)));
+// Result: false when it was lost.
+bool console_write(int fd, const char* bytes, size_t count);
+bool console_print(int fd, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 } // namespace rvk
 

@@ -2,9 +2,8 @@
 // for is lost, counted, and said with the next text that gets through. Both log sinks have this.
 //
 // A pipe or a terminal is opened again for it, as ours alone: a flag set on the inherited one would be everybody's.
+#include "main/last_words.h"
 #include "main/log.h"
-
-#include "base/mutex.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -22,6 +21,7 @@ namespace {
 
 struct stream {
     mutex lock;
+    std::atomic<bool> holder_is_dead{false};
     int own RVK_GUARDED_BY(lock) = -1;
     uint64_t lost RVK_GUARDED_BY(lock) = 0;
 };
@@ -52,10 +52,10 @@ bool write_now(int fd, const char* bytes, size_t count)
 
 } // namespace
 
-void console_write(int fd, const char* bytes, size_t count)
+bool console_write(int fd, const char* bytes, size_t count)
 {
     stream& to = streams[fd - STDOUT_FILENO];
-    const scoped_lock hold(to.lock);
+    if (!lock_unless_dead(to.lock, to.holder_is_dead)) { return write_now(fd, bytes, count); }
     if (to.own < 0) { to.own = opened_again(fd); }
     if (to.lost != 0) {
         char line[64];
@@ -63,17 +63,20 @@ void console_write(int fd, const char* bytes, size_t count)
             snprintf(line, sizeof line, "(%llu texts lost: nobody read)\n", static_cast<unsigned long long>(to.lost));
         if (write_now(to.own, line, static_cast<size_t>(length))) { to.lost = 0; }
     }
-    if (to.lost != 0 || !write_now(to.own, bytes, count)) { ++to.lost; }
+    const bool written = to.lost == 0 && write_now(to.own, bytes, count);
+    if (!written) { ++to.lost; }
+    to.lock.unlock();
+    return written;
 }
 
-void console_print(int fd, const char* format, ...)
+bool console_print(int fd, const char* format, ...)
 {
     char text[1024];
     va_list arguments;
     va_start(arguments, format);
     const int length = vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    if (length > 0) { console_write(fd, text, std::min(static_cast<size_t>(length), sizeof text - 1)); }
+    return console_write(fd, text, std::min(static_cast<size_t>(std::max(length, 0)), sizeof text - 1));
 }
 
 } // namespace rvk

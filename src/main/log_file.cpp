@@ -2,15 +2,21 @@
 //
 // A line is formatted before the lock and written in one call under it, so that the lock is held for a few instructions
 // and one write: a real-time thread may wait for it. It is the innermost lock of the process.
-#include "main/log.h"
-
 #include "base/mutex.h"
+#include "main/last_words.h"
+#include "main/log.h"
+#include "main/log_limit.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdarg>
 #include <ctime>
 #include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace rvk {
 
@@ -25,13 +31,36 @@ namespace {
 
 constexpr size_t header_bytes = 1024; // ours: longer headers are cut
 constexpr size_t text_bytes = 6144;   // ours: longer texts are cut
-constexpr mode_t file_mode = 0644;
+constexpr mode_t file_mode = 0640;
 mutex log_mtx;
+std::atomic<int> file_fd{-1}; // the open file's, for the last words
+log_limit limit RVK_GUARDED_BY(log_mtx);
+uint64_t file_bytes RVK_GUARDED_BY(log_mtx); // the open file's, looked up once a second: it may be emptied
+time_t looked_up_second RVK_GUARDED_BY(log_mtx);
+bool full RVK_GUARDED_BY(log_mtx);
+std::atomic<long> seconds_east{0}; // of the local time from UTC
 
 struct moment {
     timespec now;
     tm local;
 };
+
+// As gmtime_r, without its lock, whose holder may be dead.
+tm fields_of(time_t at)
+{
+    using namespace std::chrono;
+    const sys_seconds when{seconds{at}};
+    const year_month_day date{floor<days>(when)};
+    const hh_mm_ss time{when - floor<days>(when)};
+    tm out{};
+    out.tm_year = static_cast<int>(date.year()) - 1900;
+    out.tm_mon = static_cast<int>(static_cast<unsigned>(date.month())) - 1;
+    out.tm_mday = static_cast<int>(static_cast<unsigned>(date.day()));
+    out.tm_hour = static_cast<int>(time.hours().count());
+    out.tm_min = static_cast<int>(time.minutes().count());
+    out.tm_sec = static_cast<int>(time.seconds().count());
+    return out;
+}
 
 // The local time. The broken-down form is computed once a second: most calls with neither switch set need only the day.
 const moment& local_moment()
@@ -39,7 +68,14 @@ const moment& local_moment()
     static thread_local moment last{{-1, 0}, {}};
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec != last.now.tv_sec) { localtime_r(&now.tv_sec, &last.local); }
+    if (now.tv_sec != last.now.tv_sec) {
+        if (!log_is_last_words) {
+            tm local{};
+            localtime_r(&now.tv_sec, &local);
+            seconds_east = local.tm_gmtoff;
+        }
+        last.local = fields_of(now.tv_sec + seconds_east);
+    }
     last.now = now;
     return last;
 }
@@ -50,42 +86,94 @@ void open_file(const tm& local) RVK_REQUIRES(log_mtx)
     snprintf(path, sizeof path, "/var/log/rvk_log%d.txt", log_num);
     const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, file_mode);
     log_fp = fd < 0 ? nullptr : fdopen(fd, "a+");
-    if (log_fp != nullptr) { log_lastday = local.tm_mday; }
+    if (log_fp == nullptr) { return; }
+    log_lastday = local.tm_mday;
+    file_fd = fd;
+    file_bytes = 0;
 }
 
 // Result: bytes.
-__attribute__((format(printf, 6, 0))) size_t format_line(char (&out)[header_bytes + text_bytes], const moment& at,
-                                                         const char* module, const char* function, int line,
-                                                         const char* format, va_list arguments)
+size_t format_header(char (&out)[header_bytes + text_bytes], const moment& at, const log_place& from)
 {
     const tm& t = at.local;
     const int header = snprintf(
         out, header_bytes, "[%04d/%02d/%02d %02d:%02d:%02d.%03d pid=%d] [ %10s/%30s/%5d ]:: ", t.tm_year + 1900,
         t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, static_cast<int>(at.now.tv_nsec / 1'000'000),
-        static_cast<int>(getpid()), module, function, line);
-    const size_t used = std::min(static_cast<size_t>(header), header_bytes - 1);
-    const int text = vsnprintf(out + used, text_bytes, format, arguments);
-    return used + std::min(static_cast<size_t>(std::max(text, 0)), text_bytes - 1);
+        static_cast<int>(getpid()), from.module, from.function, from.line);
+    return std::min(static_cast<size_t>(header), header_bytes - 1);
+}
+
+// Result: bytes.
+__attribute__((format(printf, 2, 0))) size_t format_text(char* out, const char* format, va_list arguments)
+{
+    const int text = vsnprintf(out, text_bytes, format, arguments);
+    return std::min(static_cast<size_t>(std::max(text, 0)), text_bytes - 1);
+}
+
+// An error of the write has nobody to be told to.
+void write_text(std::string_view text) RVK_REQUIRES(log_mtx)
+{
+    const ssize_t written = write(fileno(log_fp), text.data(), text.size());
+    if (written > 0) { file_bytes += static_cast<uint64_t>(written); }
+}
+
+// A line of the log's own about a place.
+__attribute__((format(printf, 3, 4))) void write_note(const moment& at, const log_place& from, const char* format, ...)
+    RVK_REQUIRES(log_mtx)
+{
+    char line[header_bytes + text_bytes];
+    size_t bytes = format_header(line, at, from);
+    va_list arguments;
+    va_start(arguments, format);
+    bytes += format_text(line + bytes, format, arguments);
+    va_end(arguments);
+    write_text({line, bytes});
+}
+
+// A file that is full says so once.
+bool has_room(const moment& at) RVK_REQUIRES(log_mtx)
+{
+    struct stat status = {};
+    if (std::exchange(looked_up_second, at.now.tv_sec) != at.now.tv_sec && fstat(fileno(log_fp), &status) == 0) {
+        file_bytes = static_cast<uint64_t>(status.st_size);
+    }
+    const bool was_full = std::exchange(full, file_bytes > log_file_bytes_max);
+    if (full && !was_full) { write_note(at, {LOG_HERE}, "this file is full: nothing more is written to it\n"); }
+    return !full;
+}
+
+// Within the limits, which last words do not have; what they leave out is said.
+void write_limited(const moment& at, const log_place& from, std::string_view line) RVK_REQUIRES(log_mtx)
+{
+    const bool last_words = log_is_last_words;
+    if (!last_words && !has_room(at)) { return; }
+    const time_t second = last_words ? 0 : at.now.tv_sec;
+    log_place place{};
+    uint32_t left_out = 0;
+    while (limit.take_left_out(second, &place, &left_out)) { write_note(at, place, "(%u more)\n", left_out); }
+    if (last_words || limit.admits(from, second)) { write_text(line); }
 }
 
 void roll_over(const tm& local) RVK_REQUIRES(log_mtx)
 {
     if (local.tm_mday == log_lastday) { return; }
+    file_fd = -1;
     fclose(log_fp);
     log_fp = nullptr;
     log_num = 1 - log_num;
 }
 
-// Result: false when no file can be opened. An error of the write has nobody to be told to.
-bool write_to_file(const tm& local, const char* line, size_t bytes)
+// Result: false when no file can be opened.
+bool write_to_file(const moment& at, const log_place& from, std::string_view line)
 {
-    const scoped_lock hold(log_mtx);
-    if (log_fp == nullptr) { open_file(local); }
-    if (log_fp == nullptr) { return false; }
-    const ssize_t written = bytes == 0 ? 0 : write(fileno(log_fp), line, bytes);
-    static_cast<void>(written);
-    roll_over(local);
-    return true;
+    static std::atomic<bool> holder_is_dead{false};
+    if (!lock_unless_dead(log_mtx, holder_is_dead)) { return write(file_fd, line.data(), line.size()) >= 0; }
+    if (log_fp == nullptr) { open_file(at.local); }
+    const bool open = log_fp != nullptr;
+    if (open && !line.empty()) { write_limited(at, from, line); }
+    if (open) { roll_over(at.local); }
+    log_mtx.unlock();
+    return open;
 }
 
 } // namespace
@@ -94,14 +182,16 @@ void log_print(const char* module, const char* function, int line, const char* f
 {
     char text[header_bytes + text_bytes];
     const moment& at = local_moment();
+    const log_place from{module, function, line};
     size_t bytes = 0;
     if (log_d != 0 || log_debug != 0) {
+        bytes = format_header(text, at, from);
         va_list arguments;
         va_start(arguments, format);
-        bytes = format_line(text, at, module, function, line, format, arguments);
+        bytes += format_text(text + bytes, format, arguments);
         va_end(arguments);
     }
-    if (!write_to_file(at.local, text, log_d != 0 ? bytes : 0)) { fflush(nullptr); }
+    if (!write_to_file(at, from, {text, log_d != 0 ? bytes : 0})) { fflush(nullptr); }
     if (log_debug != 0) { console_write(STDOUT_FILENO, text, bytes); }
 }
 

@@ -20,6 +20,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -47,12 +48,12 @@ void raise_send_buffers()
 int main(int argc, char** argv)
 {
     rvk::fill_standard_streams(O_RDWR);
+    umask(0); // whatever it was: each file gets the mode that its open names
     rvk::block_signals();
     signal(SIGCHLD, SIG_DFL); // inherited as ignored it would take the status of every command away
     parse_options(argc, argv);
     raise_send_buffers();
     rvk::signal_set();
-    rvk::start_crash_threads();
     rvk::queue_init();
     rvk::mem_init();
     rvk::request_ended = rvk::report_end;

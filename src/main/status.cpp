@@ -10,6 +10,7 @@
 #include "eth_raw/link.h"
 #include "main/log.h"
 #include "main/status_text.h"
+#include "main/watchdog.h"
 #include "platform/platform.h"
 
 #include <algorithm>
@@ -23,9 +24,9 @@
 namespace rvk {
 namespace {
 
-constexpr uint64_t period_ms = 1000; // ours
-constexpr mode_t file_mode = 0644, folder_mode = 0755;
-constexpr size_t path_bytes = 4096; // the system's limit
+constexpr uint64_t period_ms = 1000;                   // ours
+constexpr mode_t file_mode = 0644, folder_mode = 0755; // the umask is 0
+constexpr size_t path_bytes = 4096;                    // the system's limit
 
 // process  0 for the file itself; of two daemons in one folder none writes into the other's half-written file
 bool path_of(char (&out)[path_bytes], const char* name, int process)
@@ -43,16 +44,10 @@ int replace(const char* name, const status_text& text)
     if (!text.whole) { return EMSGSIZE; }
     if (!path_of(path, name, 0) || !path_of(beside, name, getpid())) { return ENAMETOOLONG; }
     unlink(beside);
-    const unique_fd file = open_regular(beside, O_WRONLY | O_CREAT | O_EXCL);
-    if (!file || fchmod(file.get(), file_mode) != 0) { return errno; }
+    const unique_fd file = open_regular(beside, O_WRONLY | O_CREAT | O_EXCL, file_mode);
+    if (!file) { return errno; }
     if (!write_full(file, {reinterpret_cast<const uint8_t*>(text.bytes), text.used}, 0)) { return errno; }
     return rename(beside, path) == 0 ? 0 : errno;
-}
-
-// Whatever mask we were started with; a folder that cannot be made makes the next step fail, which says so.
-void make_folder()
-{
-    if (mkdir(status_folder(), folder_mode) == 0) { static_cast<void>(chmod(status_folder(), folder_mode)); }
 }
 
 // A check thread that is held up shows before its next pass, too.
@@ -69,6 +64,9 @@ void take_check_gap(link_counters* figures)
 
 void take_figures()
 {
+    const auto is_reached = endpoint_is_reached.load();
+    const bool up = daemon_count.endpoint_registered.get() != 0 && (is_reached == nullptr || is_reached());
+    daemon_count.endpoint_up.set(up ? 1 : 0);
     for (int link = 0; link < MAX_ETH; ++link) {
         link_count[link].kernel_dropped.add(take_kernel_drops(link));
         take_check_gap(&link_count[link]);
@@ -89,6 +87,8 @@ void run_status_thread(int)
 {
     for (;;) {
         static_cast<void>(status_step()); // it has said so
+        feed_watchdog();
+        tzset(); // of a zone that is set meanwhile the log learns here: no other thread looks for one
         for (int half = 0; half < 2; ++half) {
             for (int link = 0; link < MAX_ETH; ++link) { watch_link(link); }
             if (g_eth_init[0].active != 0) {
@@ -118,7 +118,7 @@ bool status_step()
     static const uint64_t started_ms = boot_ms();
     const status_moment now{apcard_bit_self(), getpid(), static_cast<uint64_t>(time(nullptr)), boot_ms(), started_ms};
     take_figures();
-    make_folder();
+    static_cast<void>(mkdir(status_folder(), folder_mode)); // one that cannot be made is the next step's failure
     write_json(&text, now);
     const int error = replace(status_json_name, text);
     write_prometheus(&text, now);

@@ -7,6 +7,16 @@ namespace rvk {
 
 std::atomic<int32_t> elapsed{0};
 
+namespace {
+
+// A SIGALRM that some process sent is no tick.
+void take_alarm(int signal, siginfo_t* info, void*)
+{
+    if (info->si_code == SI_KERNEL) { catch_alarm(signal); }
+}
+
+} // namespace
+
 int initTimer()
 {
     signal(SIGALRM, SIG_IGN);
@@ -15,8 +25,8 @@ int initTimer()
     every.it_value.tv_usec = tick_us;
     every.it_interval.tv_usec = tick_us;
     struct sigaction action = {};
-    action.sa_handler = catch_alarm;
-    action.sa_flags = SA_RESTART;
+    action.sa_sigaction = take_alarm;
+    action.sa_flags = SA_RESTART | SA_SIGINFO;
     sigaction(SIGALRM, &action, nullptr);
     return setitimer(ITIMER_REAL, &every, nullptr);
 }

@@ -26,7 +26,7 @@ extern std::atomic<int32_t> elapsed; // ticks not yet handed out; the signal han
 // Starts the ticks. Result: 0 or -1, as of arming the interval timer. Once, before the first link is started.
 int initTimer();
 
-// The SIGALRM handler: adds one tick and does nothing else.
+// What a SIGALRM of the kernel's timer does: adds one tick and nothing else.
 void catch_alarm(int signal);
 
 // SIGALRM is blocked in every thread but the one that calls this: a tick then neither cuts short another thread's

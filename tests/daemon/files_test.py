@@ -11,8 +11,9 @@ from bench import FILE_READ, FILE_WRITE, GREETING, UPDATE, WRITE, content, job, 
 
 FOLDER, TOOL, SLOT, COPY = "/root/files", "/usr/vexo/bin/mcu_isp", 6, "/home/updatebin.tmp"
 PICTURE, BLACK = content(1, 8000), bytes(8000)
-# What an ordinary process has: ignored signals, processors, nice value, priority and policy, and descriptors.
-FACTS = "grep -E 'SigIgn|allowed_list' /proc/self/status; cut -d' ' -f19,40,41 /proc/self/stat; ls /proc/$$/fd"
+# What an ordinary process has: mask, ignored signals, processors, nice value, priority and policy, and what it has open.
+FACTS = """umask; grep -E 'SigIgn|allowed_list' /proc/self/status; cut -d' ' -f19,40,41 /proc/self/stat
+for fd in 3 4 5 6 7 8 9; do readlink /proc/$$/fd/$fd; done; true"""
 WHOLE, IMAGE = (8000, 8054), (None, 54)  # sizes of what a read-back leaves; None: no regular file
 # What stands there, and there with .bmp behind it; the picture that it is, the result as firmware; read back over it.
 ROWS = [
@@ -67,8 +68,11 @@ class Files(bench.BenchTest):
                 self.assertTrue(pathlib.Path(f"{FOLDER}/back").read_bytes() == shown)
                 self.do(FILE_READ, path, addr=3 << 24)
                 self.assertEqual(tuple(os.path.getsize(p) if os.path.isfile(p) else None for p in files), sizes)
-        for path, kind in ("a.dat", 0x1A), ("a;b", 0x16), ("-a", 0x17):
-            self.assertEqual(self.do(UPDATE, place(path, PICTURE), kind=kind), -1)
+        for path, stands, kind in ("a.dat", PICTURE, 0x1A), ("a;b", PICTURE, 0x16), ("-a", PICTURE, 0x17), ("m", "fifo", 0x18):
+            self.assertEqual(self.do(UPDATE, place(path, stands), kind=kind), -1)
+        os.lchown(theirs := place("theirs", "->longer.bin"), 1000, 1000)
+        self.do(FILE_READ, theirs, addr=9 << 24)
+        self.assertTrue(pathlib.Path(theirs).read_bytes() == PICTURE, "through a link that root did not make")
         pathlib.Path(COPY).write_bytes(PICTURE * 2)
         subprocess.check_call(["mount", "--bind", COPY, COPY])  # so that it cannot be removed
         self.addCleanup(subprocess.check_call, ["umount", COPY])
@@ -94,8 +98,16 @@ class Files(bench.BenchTest):
         self.assertEqual((answer.code, answer.result, answer.payload[0]), (UPDATE, 3 << 8, 0x17))
         self.assertIn(f"-B output -C 0x31 -b {FOLDER}/mcu", text_of("/run/tool"))
         ordinary = ["nice", "-n", str(-os.nice(0)), "env", "--default-signal", "/run/facts"]  # whatever started this
-        self.assertEqual(text_of("/run/seen"), subprocess.check_output(ordinary, text=True))
+        seen = subprocess.check_output(ordinary, text=True, umask=0o077) + "/run/mcu_isp.lock\n"
+        self.assertEqual(text_of("/run/seen"), seen)
         self.assertTrue(self.me.greeted(), "and nothing was kept for later")
+        self.me.tell(**job(UPDATE, place("mcu", PICTURE), kind=0x17))
+        go = os.open("/run/go", os.O_WRONLY)
+        self.assertEqual(self.d.end(signal.SIGTERM), 0)
+        self.d = self.daemon("-f")
+        self.assertEqual(self.do(UPDATE, f"{FOLDER}/mcu", kind=0x17), -1, "the tool of the daemon before is at it")
+        self.assertIn("/run/mcu_isp.lock: one that was started earlier still runs", text_of(bench.LOGS[0]))
+        os.close(go)
         self.assert_clean(self.at)
         self.assertEqual(self.at.held(1), {})
 

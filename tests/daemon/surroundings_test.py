@@ -5,7 +5,7 @@ import signal
 import time
 
 import bench
-from bench import FILE_READ, READ, WRITE, WRITE_ACK, ip, job
+from bench import READ, WRITE, WRITE_ACK, ip
 
 FIFO, OTHER, CPUS = os.SCHED_FIFO, os.SCHED_OTHER, os.cpu_count()
 ALL, SECOND, FOURTH = set(range(CPUS)), {min(1, CPUS - 1)}, {3} if CPUS > 3 else set(range(CPUS))
@@ -82,19 +82,6 @@ class Surroundings(bench.BenchTest):
             for _ in range(7):
                 self.assertEqual(self.me.ask(code=code, slot=slot, addr=0x1000, payload=b"1234").result, -1)
             self.assertTrue(21 * (expiry - 0.045) < time.monotonic() - start < 21 * (expiry + 0.25), (slot, code))
-
-    # A read-back waits for its cards most of the time: others have their turn, also on the same processor.
-    def test_reads_are_answered_beside_a_read_back(self):
-        cards, served, whole = self.cards(), 0, "/run/back.bmp"
-        self.up()
-        for name in ("rvk-ipc", "rvk-file"):
-            os.sched_setaffinity(self.d.thread(name), {0})
-        self.me.tell(**job(FILE_READ, whole[:-4], 1920, 1080))
-        while not os.path.exists(whole) or os.path.getsize(whole) < 1920 * 1080 * 4:
-            self.assertEqual(self.me.read(0x1000, 4).result, 0)
-            served += 1
-        self.assertGreater(served, 3)
-        self.assert_clean(cards)
 
 
 if __name__ == "__main__":

@@ -58,7 +58,7 @@ class Requester:
         free = (identity(TOOLS, low=n) for n in range(1, 256) if not os.path.exists(socket_file(identity(TOOLS, low=n))))
         self.own = own or next(free)
         self.path = socket_file(self.own)
-        self.socket.bind(self.path.replace("/run/", "/run/./"))  # the same folder, spelled in another way
+        self.socket.bind(self.path)
         os.chmod(self.path, 0o660)
 
     def message(self, **fields):

@@ -18,9 +18,17 @@ def lines(log):
     return [found.groups() if (found := LINE.fullmatch(line)) else None for line in log.splitlines()]
 
 
+# How many lines there would be without the file's limits: all, or those of a function.
+def lines_meant(log, function=r"\w*"):
+    said = re.findall(rf"\[ .*/ *{function}/ *\d+ \]:: (?:\((\d+) more\)$)?", log, re.MULTILINE)
+    return sum(int(n or 1) for n in said)
+
+
 # What is wrong with the last words: they come once, and as many frames as announced. Empty: nothing.
 def fault_in_last_words(log):
     before, death, after = log.partition("task_die!!!\n")
+    if not re.search(r"ended by signal \d+, SIG[A-Z]+\n", before):
+        return "no signal is named"
     if not death or "task_die!!!" in after:
         return f"{log.count('task_die!!!')} times task_die!!!"
     last = [line[5] for line in lines(after) if line]

@@ -5,6 +5,7 @@
 #include "ap_msg/message.h"
 #include "command/values.h"
 #include "platform/platform.h"
+#include "rvkctl/status_view.h"
 #include "rvkctl/subcommands.h"
 
 #include <CLI/CLI.hpp>
@@ -163,6 +164,9 @@ int run_command_line(int argc, char** argv)
     } catch (const failure& failed) {
         run.command = line.command;
         run.failed = failed;
+        if (status_of(failed.what) == exit_no_answer && line.command != "status") {
+            run.failed.text += why_deaf(line.used.board);
+        }
     } catch (const std::exception& error) { // no memory
         run.command = line.command;
         run.failed = {problem::wrong_usage, error.what()};

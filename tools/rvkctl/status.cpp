@@ -29,6 +29,10 @@ std::optional<status_view> look(const settings& used, outcome& run, const std::o
         run.facts["status"] = now.figures;
         run.failed = judge_age(now);
         run.answer = status_table(now, before);
+        if (const std::string log = kept_log(); !log.empty()) {
+            run.facts["log_of_last_end"] = log;
+            run.answer += "log of the last end: " + log + "\n";
+        }
         return now;
     } catch (const failure& failed) {
         run.failed = failed;

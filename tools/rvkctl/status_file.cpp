@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <glob.h>
 #include <vector>
 
 namespace rvk::ctl {
@@ -59,6 +60,32 @@ failure judge_age(const status_view& now)
             format("the figures in %s are %.1f s old, and rvkd writes them each second: has it ended, or does a "
                    "real-time process keep it from the processors?",
                    status_path().c_str(), now.age_s)};
+}
+
+// Their names carry the time.
+std::string kept_log()
+{
+    std::string newest;
+    glob_t found{};
+    if (glob("/var/log/rvk_end_*.txt", 0, nullptr, &found) == 0) { newest = found.gl_pathv[found.gl_pathc - 1]; }
+    globfree(&found);
+    return newest;
+}
+
+std::string why_deaf(int board)
+{
+    try {
+        const status_view now = read_status();
+        if (judge_age(now).what != problem::none || now.figures.at("board") != board ||
+            now.figures.at("endpoint") != 0) {
+            return {};
+        }
+        return format("; rvkd runs (process %d), but has no endpoint in its folder: its log says why, restart it",
+                      now.figures.at("pid").get<int>());
+    } catch (const failure&) {
+    } catch (const nlohmann::json::exception&) {
+    }
+    return {};
 }
 
 } // namespace rvk::ctl

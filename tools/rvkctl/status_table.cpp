@@ -150,10 +150,13 @@ std::string status_table(const status_view& now, const std::optional<status_view
     std::string out = format("rvkd of board %" PRIu64 " (process %" PRIu64 "), up %s; figures %.1f s old\n",
                              count_in(figures.at("board")), count_in(figures.at("pid")),
                              duration_text(count_in(figures.at("up_ms"))).c_str(), now.age_s);
+    if (count_in(figures.at("endpoint")) == 0) { out += row("endpoint", "NONE: no requester is heard"); }
     out += row("commands", kinds(all.member("commands"))) + row("refused", kinds(all.member("refused"))) +
            row("dropped", with_rate(all.member("dropped_in_update")) + " during an update") +
            row("jobs done", kinds(all.member("jobs_done"))) + row("jobs failed", kinds(all.member("jobs_failed"))) +
            row("transfer", transfers(figures)) +
+           row("file job", with_rate(all.member("steps")) + " exchanges with the card, " +
+                               with_rate(all.member("steps_unanswered")) + " not answered") +
            row("answers lost",
                with_rate(all.member("messages_dropped")) + ", to requesters that are gone or do not read") +
            row("pool", pool_text(figures));

@@ -26,6 +26,13 @@ struct status_view {
 // Why figures of that age say nothing of now; problem::none when they do.
 [[nodiscard]] failure judge_age(const status_view& now);
 
+// What a board's daemon that does not answer says of itself, to be put behind an error's text; empty when it says
+// nothing that explains it. Throws nothing.
+[[nodiscard]] std::string why_deaf(int board);
+
+// The log of the daemon's last end, as its unit keeps it; empty when there is none.
+[[nodiscard]] std::string kept_log();
+
 // The table. before: an earlier view of the same daemon, to show rates beside what only grows.
 [[nodiscard]] std::string status_table(const status_view& now, const std::optional<status_view>& before);
 

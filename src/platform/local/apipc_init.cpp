@@ -1,11 +1,13 @@
 // Registers the process: its endpoint is bound here and given back by the kernel when the process ends.
 #include "platform/local/endpoint.h"
 
+#include "base/counters.h"
 #include "main/log.h"
 #include "platform/platform.h"
 
 #include <cerrno>
 #include <cstring>
+#include <sys/stat.h>
 
 namespace {
 
@@ -21,12 +23,26 @@ void log_refusal(uint32_t identity, int error)
     rvk::log_print(LOG_HERE, "endpoint %08x in %s refused: %s\n", static_cast<unsigned>(identity), directory, reason);
 }
 
+uint32_t own_identity;
+struct stat own_socket; // its file, as it was bound
+
+// Whether the socket's file is still there, and not another's.
+bool is_reached()
+{
+    sockaddr_un address;
+    struct stat now;
+    return rvk::local::endpoint_address(own_identity, address) && lstat(address.sun_path, &now) == 0 &&
+           now.st_dev == own_socket.st_dev && now.st_ino == own_socket.st_ino;
+}
+
 int try_to_bind(uint32_t identity, rvk::unique_fd& out)
 {
     sockaddr_un address;
     if (!rvk::local::endpoint_address(identity, address)) { return ENAMETOOLONG; } // before a folder is made of it
-    const int error = rvk::local::create_endpoint_directory();
-    return error != 0 ? error : rvk::local::bind_endpoint(identity, out);
+    int error = rvk::local::create_endpoint_directory();
+    if (error == 0) { error = rvk::local::bind_endpoint(identity, out); }
+    if (error == 0 && lstat(address.sun_path, &own_socket) != 0) { error = errno; }
+    return error;
 }
 
 } // namespace
@@ -45,5 +61,7 @@ int apipc_init(uint32_t identity, int)
     }
     rvk::local::force_large_send_buffer(fd.get());
     rvk::local::process_endpoint.store(fd.release());
+    own_identity = identity;
+    rvk::endpoint_is_reached = is_reached;
     return 0;
 }

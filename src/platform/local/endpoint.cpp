@@ -28,7 +28,7 @@ constexpr char name_format[] = "%08x.sock";
 constexpr size_t name_length = 13;
 constexpr int directory_lock_tries = 1000;   // 1 ms apart
 constexpr int send_buffer_bytes = 256 << 20; // a bound, not a reservation: many stuck peers with full queues
-constexpr mode_t directory_mode = 0770, socket_mode = 0660;
+constexpr mode_t directory_mode = 03770, socket_mode = 0660;
 
 // Held while an endpoint is bound, so that nobody takes a socket file for stale that its owner has just made. On the
 // folder itself: it needs no file of its own and ends with its holder. Bounded: a stopped holder must not stop a start.
@@ -80,31 +80,59 @@ int clear_stale(const sockaddr_un& address)
     struct stat entry {};
     if (::lstat(address.sun_path, &entry) != 0) { return errno; }
     if (!S_ISSOCK(entry.st_mode)) { return EEXIST; }
-    return ::unlink(address.sun_path) == 0 ? 0 : errno;
+    if (::unlink(address.sun_path) == 0) { return 0; }
+    return errno == EPERM ? EADDRINUSE : errno; // another user's, in a sticky folder
 }
 
-// The identity that a sender is bound to. By its file's name alone: the folder may be spelled in many ways.
-bool identity_of_sender(const sockaddr_un& from, socklen_t length, uint32_t& out)
+// Where a sender is bound. Too short a path is none of an endpoint's.
+bool path_of_sender(const sockaddr_un& from, socklen_t length, char (&out)[sizeof from.sun_path + 1])
 {
     // The kernel counts the terminator of a path that fills sun_path, though it stands behind it.
     const size_t known = std::min<size_t>(length, sizeof from);
-    const size_t path_bytes = known > offsetof(sockaddr_un, sun_path) ? known - offsetof(sockaddr_un, sun_path) : 0;
-    const size_t path_length = strnlen(from.sun_path, path_bytes);
-    if (path_length < name_length) { return false; }
-    char name[name_length + 1];
-    memcpy(name, from.sun_path + path_length - name_length, name_length);
-    name[name_length] = '\0';
+    const size_t bytes = known > offsetof(sockaddr_un, sun_path) ? known - offsetof(sockaddr_un, sun_path) : 0;
+    const size_t path_length = strnlen(from.sun_path, bytes);
+    memcpy(out, from.sun_path, path_length);
+    out[path_length] = '\0';
+    return path_length >= name_length;
+}
+
+// The identity in a socket's name.
+bool identity_in(const char* path, uint32_t& out)
+{
+    const char* const name = path + strlen(path) - name_length;
     out = static_cast<uint32_t>(strtoul(name, nullptr, 16));
     char expected[name_length + 1];
     snprintf(expected, sizeof expected, name_format, static_cast<unsigned>(out));
     return strcmp(name, expected) == 0;
 }
 
+// Whether a socket lies in the folder of ours, however that is spelled, and is no link: an answer would go where it
+// leads. One that is gone already has sent all the same.
+bool is_in_our_folder(const char* path)
+{
+    struct stat entry {};
+    struct stat its {};
+    struct stat ours {};
+    if (::lstat(path, &entry) == 0 && !S_ISSOCK(entry.st_mode)) { return false; }
+    const char* const end = strrchr(path, '/');
+    char folder[sizeof(sockaddr_un::sun_path) + 1] = ".";
+    if (end != nullptr) { snprintf(folder, static_cast<size_t>(end - path) + 1, "%s", path); }
+    if (strcmp(folder, endpoint_directory()) == 0) { return true; } // nearly always
+    return ::stat(folder, &its) == 0 && ::stat(endpoint_directory(), &ours) == 0 && its.st_dev == ours.st_dev &&
+           its.st_ino == ours.st_ino;
+}
+
 bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from, socklen_t from_length)
 {
     uint32_t bound = 0;
-    if (!identity_of_sender(from, from_length, bound)) {
+    char path[sizeof from.sun_path + 1];
+    if (!path_of_sender(from, from_length, path) || !identity_in(path, bound)) {
         log_print(LOG_HERE, "message of %zu bytes dropped: its sender has no endpoint of its own\n", message.size());
+        return false;
+    }
+    if (!is_in_our_folder(path)) {
+        log_print(LOG_HERE, "message of %zu bytes dropped: its sender's socket %s is not one in %s\n", message.size(),
+                  printable(path).text, endpoint_directory());
         return false;
     }
     if (message.size() < sizeof bound) {
@@ -141,10 +169,10 @@ bool endpoint_address(uint32_t identity, sockaddr_un& out)
 
 int create_endpoint_directory()
 {
-    if (::mkdir(endpoint_directory(), directory_mode) == 0) {
-        return ::chmod(endpoint_directory(), directory_mode) == 0 ? 0 : errno; // whatever the umask took away
-    }
-    return errno == EEXIST ? 0 : errno;
+    if (::mkdir(endpoint_directory(), directory_mode) != 0) { return errno == EEXIST ? 0 : errno; }
+    // Whatever the umask took away, and set-group-ID, which mkdir does not take and a sandbox may refuse.
+    static_cast<void>(::chmod(endpoint_directory(), directory_mode));
+    return 0;
 }
 
 int bind_endpoint(uint32_t identity, unique_fd& out)
@@ -156,10 +184,9 @@ int bind_endpoint(uint32_t identity, unique_fd& out)
     const directory_lock hold;
     if (hold.error != 0) { return hold.error; }
     if (const int error = clear_stale(address); error != 0) { return error; }
-    // Narrowed before the bind, widened to the mode after it: at no moment is it open to more than its group.
+    // Before it has a name that others may lead elsewhere; a umask narrows it further.
     if (::fchmod(fd.get(), socket_mode) != 0) { return errno; }
     if (::bind(fd.get(), generic(address), sizeof address) != 0) { return errno; }
-    if (::chmod(address.sun_path, socket_mode) != 0) { return errno; }
     out = std::move(fd);
     return 0;
 }

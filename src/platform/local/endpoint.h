@@ -30,12 +30,13 @@ const char* endpoint_directory();
 // Where an identity's socket lives. False: the folder's name is too long for a socket address.
 [[nodiscard]] bool endpoint_address(uint32_t identity, sockaddr_un& out);
 
-// Creates the folder with mode 0770 when it is missing; its parent must exist. Result: 0 or an errno value.
+// Creates the folder with mode 3770 (or 1770 where set-group-ID is refused) when it is missing; its parent must exist.
+// Result: 0 or an errno value.
 [[nodiscard]] int create_endpoint_directory();
 
-// Binds an endpoint, mode 0660, and takes over a socket file to which nobody is bound. Of several processes that try at
-// the same moment one wins. Waits at most a second for those that bind just now.
-// Result    0, or EADDRINUSE (alive), ENAMETOOLONG, ENOENT (no folder), EACCES, or another errno value
+// Binds an endpoint, mode 0660 less the umask, and takes over a socket file to which nobody is bound. Of several
+// processes that try at the same moment one wins. Waits at most a second for those that bind just now. Result    0, or
+// EADDRINUSE (alive, or another user's stale file), ENAMETOOLONG, ENOENT (no folder), EACCES, or another errno value
 [[nodiscard]] int bind_endpoint(uint32_t identity, unique_fd& out);
 
 // Whether a process is bound to the identity, whether or not it reads.
@@ -51,7 +52,7 @@ void force_large_send_buffer(int fd);
 
 // Receives one message into the buffer; waits for it unless flags has MSG_DONTWAIT.
 // Result    its length, 4 to datagram_bytes_max; 0 when what came was dropped and logged: too long, or its first word
-//           is not the identity that its sender is bound to; -1 with errno set
+//           is not the identity that its sender is bound to in this folder; -1 with errno set
 [[nodiscard]] ssize_t receive_datagram(int fd, receive_buffer& buffer, int flags);
 
 // The endpoint that apipc_init bound for this process, -1 before that; it lives as long as the process.

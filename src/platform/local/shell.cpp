@@ -7,15 +7,14 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace rvk::local {
 namespace {
 
-constexpr int first_own_descriptor = 3;
-constexpr int descriptors_tried = 65536; // where the kernel cannot close a range: more than this process ever has
-constexpr int exec_failed = 127;         // as system() reports it
+constexpr int exec_failed = 127; // as system() reports it
 
 void default_signals()
 {
@@ -35,12 +34,6 @@ void normal_scheduling()
     static_cast<void>(sched_setaffinity(0, sizeof all, &all)); // the kernel keeps those that there are
 }
 
-void close_own_descriptors()
-{
-    if (close_range(first_own_descriptor, ~0U, 0) == 0) { return; }
-    for (int fd = first_own_descriptor; fd < descriptors_tried; ++fd) { ::close(fd); }
-}
-
 bool redirect_output(int output)
 {
     if (output == STDOUT_FILENO) { return fcntl(output, F_SETFD, 0) == 0; }
@@ -52,7 +45,7 @@ bool redirect_output(int output)
     default_signals();
     normal_scheduling();
     if (redirect_output(output)) {
-        close_own_descriptors();
+        umask(0077); // the daemon's is 0
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);

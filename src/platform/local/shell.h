@@ -7,8 +7,9 @@
 
 namespace rvk::local {
 
-// Starts `/bin/sh -c line` with normal scheduling, all processors, default signals, an empty mask and no descriptor but
-// 0 to 2. Touches no signal disposition of this process.
+// Starts `/bin/sh -c line` with normal scheduling, all processors, default signals, an empty mask, umask 0077 and no
+// descriptor but 0 to 2 and what is not close-on-exec: that is meant for it. Touches no signal disposition of this
+// process.
 // output    becomes the child's standard output; -1 leaves it this process's own
 // Result    the child, to be waited for with wait_for_shell; -1 with errno set
 [[nodiscard]] pid_t start_shell(const char* line, int output);
