@@ -41,9 +41,8 @@ class Field(bench.BenchTest):
             file.write(str(self.queue))
         self.at = self.cards("--priority", 97, *options, kept=False)
         self.d, self.me = self.daemon(*arguments, **how), self.requester()
-        assert wait_until(lambda: set(LAYOUTS[layout]) <= set(self.d.threads()))
         for name, processor in LAYOUTS[layout].items():
-            os.sched_setaffinity(int(self.d.threads()[name].rpartition("/")[2]), {processor})
+            os.sched_setaffinity(self.d.thread(name), {processor})
 
     def wait_for_demo(self):
         def is_over():
@@ -205,10 +204,10 @@ def given_up(field, figures, writes, pause, deaf=0, deaf_writes=300):
         who.close()  # what is kept for them goes
 
 
-# Frames that are no card's, by the kernel's call for many at once.
+# Frames that the daemon drops for this cause, by the kernel's call for many at once.
 @contextlib.contextmanager
-def foreign_frames(field, figures, rate=100_000, seconds=3.0):
-    frame = ctypes.create_string_buffer(b"\xff" * 6 + b"\x02" * 6 + b"\x88\xb5" + bytes(50), 64)
+def frames(field, figures, cause, content, rate=100_000, seconds=3.0):
+    frame = ctypes.create_string_buffer(content, 64)
     piece = (ctypes.c_size_t * 2)(ctypes.addressof(frame), 64)
     many = (ctypes.c_size_t * 8 * 128)(*[(0, 0, ctypes.addressof(piece), 1)] * 128)  # struct mmsghdr, 64 bytes each
     stop, before = threading.Event(), field.status(fresh=True)["links"][0]
@@ -228,8 +227,26 @@ def foreign_frames(field, figures, rate=100_000, seconds=3.0):
         stop.set()
     after = field.status(fresh=True)["links"][0]
     lost = after["kernel_dropped"] - before["kernel_dropped"]
-    figures["frames a second"] = round((after["dropped"]["not_ours"] - before["dropped"]["not_ours"] + lost) / seconds)
+    figures["frames a second"] = round((after["dropped"][cause] - before["dropped"][cause] + lost) / seconds)
     figures["lost in the kernel"] = lost
+
+
+# Commands that nobody knows, as many as the daemon takes.
+@contextlib.contextmanager
+def unknown_commands(field, figures, seconds=3.0):
+    who, stop, end = field.requester(), threading.Event(), time.monotonic() + seconds
+    datagram = who.message(code=0x55, payload=b"\n" * 1000).pack()
+
+    def flood():
+        while not stop.is_set():
+            if not who.try_to_send(datagram):
+                time.sleep(0.0002)
+
+    with running(flood):
+        yield lambda: time.monotonic() > end
+        stop.set()
+    figures["commands a second"] = round(field.status(fresh=True)["commands"]["other"] / seconds)
+    figures["log, MB"] = sum(os.path.getsize(log) for log in bench.LOGS if os.path.exists(log)) / 1e6
 
 
 # A pipe that is full: the end that nobody reads, and the other.
@@ -251,6 +268,8 @@ FAIR = {"failed": 0, "longest": 50, "check gap": 30, "reports missing": 0}
 TAKES_TURNS = {"failed": 0, "exchanges": 3, "check gap": 30}
 PICTURE = {"failed": 0, "pictures failed": 0, f"resends late, ms {BOARD}": 20, f"check gap {BOARD}": 30}
 ALONE = ("alone", (nothing,), {"failed": 0})
+FOREIGN = b"\xff" * 6 + b"\x02" * 6 + b"\x88\xb5" + bytes(50)
+WRONG_SUM = bench.TO_HOST + bench.TO_CARD + b"\0\0\xaa\x55" + bytes(48)
 GROUPS = [  # options of the cards and of the daemon; rows
     ([], [], [
         ALONE,
@@ -262,12 +281,15 @@ GROUPS = [  # options of the cards and of the daemon; rows
         ("1,500 writes given up, a report read per 3 ms", (given_up, 1500, 0.003), FAIR),
         ("20 that never read, 300 writes given up each", (given_up, 0, 0, 20), FAIR),
         # A frame that the kernel has no room for may be an answer, so that its read fails: see docs/operation.md, "Buffers".
-        ("100,000 foreign frames a second", (foreign_frames,), {"longest": 50})]),
+        ("100,000 foreign frames a second", (frames, "not_ours", FOREIGN), {"longest": 50})]),
     (["--delay", "1.0", "--delay-ms", 5], [], [
         ("alone, 5 ms an answer", (nothing,), {"failed": 0}),
         ("a read-back of 640 × 360, 5 ms an answer", (read_back, 640, 360), TAKES_TURNS)]),
     ([], ["-d"], [
         ("300 writes given up, output and errors not read", (given_up, 300, 0.015), FAIR)]),
+    ([], ["-f"], [
+        ("unknown commands without pause", (unknown_commands,), {"failed": 0, "longest": 50, "log, MB": 8}),
+        ("100,000 frames with a wrong sum a second", (frames, "checksum", WRONG_SUM), {"longest": 50})]),
 ]
 
 

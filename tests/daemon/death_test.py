@@ -21,7 +21,7 @@ TOOL = "/usr/vexo/bin/mcu_isp"
 
 def mask(status, key):
     found = re.search(rf"{key}:\s*(\w+)", text_of(status))
-    return [n for n in (2, 3, 11, 13, 14, 15, 17) if found and int(found[1], 16) >> n - 1 & 1]
+    return [n for n in (2, 3, 11, 13, 14, 15, 17, 25) if found and int(found[1], 16) >> n - 1 & 1]
 
 
 def ignore_and_block():
@@ -39,7 +39,7 @@ class Death(bench.BenchTest):
 
         def receivers():
             blocked = {name: mask(f"{folder}/status", "SigBlk") for name, folder in self.d.threads().items()}
-            return {name: [n for n in (2, 3, 11, 13, 14, 15) if n not in blocked[name]] for name in blocked}
+            return {name: [n for n in (2, 3, 11, 13, 14, 15, 25) if n not in blocked[name]] for name in blocked}
 
         self.assertTrue(bench.wait_until(lambda: receivers() == RECEIVERS), receivers())
 
