@@ -1,4 +1,5 @@
-// What the log does once the process is dying: no limit holds, and no lock is waited for whose holder may be dead.
+// What the log does for the thread that buries the process: no limit holds, and no lock is waited for whose holder may
+// be dead.
 #pragma once
 
 #include "base/mutex.h"
@@ -7,9 +8,9 @@
 
 namespace rvk {
 
-inline std::atomic<bool> log_is_last_words{false}; // set by whoever buries the process
+inline thread_local bool log_is_last_words = false; // of the thread that buries the process, from then on
 
-// Locks as always; of the dying process at most 100 ms are given to a lock, once.
+// Locks as always; that thread gives a lock at most 100 ms, once.
 // Result    false: its holder is dead, go past it
 [[nodiscard]] inline bool lock_unless_dead(mutex& m, std::atomic<bool>& holder_is_dead) RVK_TRY_ACQUIRE(true, m)
 {

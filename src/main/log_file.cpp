@@ -73,8 +73,10 @@ const moment& local_moment()
             tm local{};
             localtime_r(&now.tv_sec, &local);
             seconds_east = local.tm_gmtoff;
+            last.local = local;
+        } else {
+            last.local = fields_of(now.tv_sec + seconds_east);
         }
-        last.local = fields_of(now.tv_sec + seconds_east);
     }
     last.now = now;
     return last;

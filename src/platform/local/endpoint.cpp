@@ -28,7 +28,7 @@ constexpr char name_format[] = "%08x.sock";
 constexpr size_t name_length = 13;
 constexpr int directory_lock_tries = 1000;   // 1 ms apart
 constexpr int send_buffer_bytes = 256 << 20; // a bound, not a reservation: many stuck peers with full queues
-constexpr mode_t directory_mode = 03770, socket_mode = 0660;
+constexpr mode_t directory_mode = 03770, made_mode = 01770, socket_mode = 0660;
 
 // Held while an endpoint is bound, so that nobody takes a socket file for stale that its owner has just made. On the
 // folder itself: it needs no file of its own and ends with its holder. Bounded: a stopped holder must not stop a start.
@@ -99,7 +99,8 @@ bool path_of_sender(const sockaddr_un& from, socklen_t length, char (&out)[sizeo
 // The identity in a socket's name.
 bool identity_in(const char* path, uint32_t& out)
 {
-    const char* const name = path + strlen(path) - name_length;
+    const char* const folder_end = strrchr(path, '/');
+    const char* const name = folder_end != nullptr ? folder_end + 1 : path;
     out = static_cast<uint32_t>(strtoul(name, nullptr, 16));
     char expected[name_length + 1];
     snprintf(expected, sizeof expected, name_format, static_cast<unsigned>(out));
@@ -169,8 +170,9 @@ bool endpoint_address(uint32_t identity, sockaddr_un& out)
 
 int create_endpoint_directory()
 {
-    if (::mkdir(endpoint_directory(), directory_mode) != 0) { return errno == EEXIST ? 0 : errno; }
-    // Whatever the umask took away, and set-group-ID, which mkdir does not take and a sandbox may refuse.
+    // Without set-group-ID: a sandbox refuses that of any mkdir, also of a folder that is there.
+    if (::mkdir(endpoint_directory(), made_mode) != 0) { return errno == EEXIST ? 0 : errno; }
+    // Whatever the umask took away, and set-group-ID where it may be had.
     static_cast<void>(::chmod(endpoint_directory(), directory_mode));
     return 0;
 }
