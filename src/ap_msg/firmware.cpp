@@ -118,7 +118,7 @@ int32_t send_image(uint32_t total, uint8_t slot)
 {
     log_print(LOG_HERE, "begin open file! \r\n ");
     int32_t result = -1;
-    if (const unique_fd file = open_regular(update_temp_path, O_RDWR)) {
+    if (const unique_fd file = open_output(update_temp_path, 0)) {
         log_print(LOG_HERE, " file open success！\n");
         result = send_pieces(file, total, slot);
     } else {

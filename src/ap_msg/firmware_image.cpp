@@ -99,7 +99,7 @@ int32_t build_image(const char* source_path, off_t size)
     update_temfile_creat(update_temp_path);
     unique_fd source = open_regular(source_path, O_RDWR);
     unique_fd temporary;
-    if (source) { temporary = open_output(update_temp_path, 0600); }
+    if (source) { temporary = open_output(update_temp_path, 0); }
     if (!temporary) {
         log_open_failure(source ? update_temp_path : source_path);
         return -1;

@@ -40,6 +40,13 @@ void empty(unique_fd* file)
     if (*file && ftruncate(file->get(), 0) != 0) { file->reset(); }
 }
 
+unique_fd open_or_log(const char* path)
+{
+    unique_fd file = open_output(path, file_mode);
+    if (!file) { log_print(LOG_HERE, "%s: %s\n", printable(path).text, strerror(errno)); }
+    return file;
+}
+
 // Whether a path leads to an open file, by name or by link.
 bool is_same_file(const unique_fd& opened, const char* path)
 {
@@ -117,7 +124,7 @@ bool read_into_files(const file_request& r, picture_size size, const char* base)
     char image_name[job_path_bytes + sizeof ".bmp"];
     snprintf(image_name, sizeof image_name, "%s.bmp", base);
     image_name[image_name_max] = '\0';
-    unique_fd image = open_output(image_name, file_mode);
+    unique_fd image = open_or_log(image_name);
     log_print(LOG_HERE, "\n%d ddr to filename:%s\n", r.index, printable(base).text);
     if (is_same_file(image, base)) { // and nothing was emptied
         log_print(LOG_HERE, "\nfile open failed\n");
@@ -131,7 +138,7 @@ bool read_into_files(const file_request& r, picture_size size, const char* base)
     empty(&image);
     bool image_failed = false, raw_failed = false;
     if (image) { write_or_log(image, bmp_head(size.hor, size.ver), 0, "image", &image_failed); }
-    unique_fd raw = open_output(base, file_mode);
+    unique_fd raw = open_or_log(base);
     empty(&raw);
     if (!image || !raw) {
         log_print(LOG_HERE, "\nfile open failed\n");

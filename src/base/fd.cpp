@@ -51,7 +51,7 @@ unique_fd open_output(const char* path, mode_t mode)
         errno = ELOOP;
         return {};
     }
-    const int missing = access(path, F_OK) == 0 ? 0 : O_CREAT;
+    const int missing = mode == 0 || access(path, F_OK) == 0 ? 0 : O_CREAT;
     return open_regular(path, O_RDWR | missing | (is_link ? 0 : O_NOFOLLOW), mode);
 }
 

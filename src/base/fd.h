@@ -45,8 +45,8 @@ void fill_standard_streams(int access);
 // Result  none (errno tells why; EINVAL for a FIFO, device or folder)
 [[nodiscard]] unique_fd open_regular(const char* path, int flags, mode_t mode = 0600);
 
-// Opens what is to be written where others name it, and makes it with `mode` where it is missing: one that is there is
-// opened without O_CREAT, which the system refuses for others' files in /tmp.
+// Opens what is to be written where others name it, and makes it with `mode` where it is missing (0: does not make it).
+// One that is there is opened without O_CREAT, which the system refuses for others' files in /tmp.
 // Result  none (errno tells why; ELOOP for a symbolic link that root did not make)
 [[nodiscard]] unique_fd open_output(const char* path, mode_t mode);
 

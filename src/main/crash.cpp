@@ -117,11 +117,11 @@ void on_signal(int signal, int flags)
 
 bool start_patiently(const char* name, thread_body body)
 {
-    for (int left = 3; left > 0; --left) {
-        if (start_thread(name, 0, body, 0, nullptr) == 0) { return true; }
-        pause_ms(10);
+    int again = 3;
+    for (; start_thread(name, 0, body, 0, nullptr) != 0; pause_ms(10)) {
+        if (again-- == 0) { return false; }
     }
-    return false;
+    return true;
 }
 
 bool start_threads()

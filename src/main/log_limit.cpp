@@ -27,10 +27,10 @@ bool log_limit::admits(const log_place& from, time_t second)
 
 bool log_limit::take_left_out(time_t second, log_place* from, uint32_t* lines)
 {
-    if (overfull == 0) { return false; }
+    if (overfull == 0 || looked_up == second) { return false; }
     const auto is_left_out = [second](const entry& e) { return e.lines > log_place_lines_max && e.second != second; };
     entry* const e = std::find_if(entries.begin(), entries.end(), is_left_out);
-    if (e == entries.end()) { return false; }
+    if (e == entries.end()) { return looked_up = second, false; }
     *from = e->from;
     *lines = e->lines - log_place_lines_max;
     e->lines = 0;

@@ -38,6 +38,7 @@ private:
 
     std::array<entry, 1024> entries{}; // more than the process has places; what finds none free is admitted
     uint32_t overfull = 0;             // places of which lines were left out and not told
+    time_t looked_up = -1;             // the second in which none was found that had to be told
 };
 
 } // namespace rvk

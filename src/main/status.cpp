@@ -10,7 +10,6 @@
 #include "eth_raw/link.h"
 #include "main/log.h"
 #include "main/status_text.h"
-#include "main/watchdog.h"
 #include "platform/platform.h"
 
 #include <algorithm>

@@ -17,4 +17,9 @@ int32_t start_status_thread();
 // written; said in the log once, until it works again.
 bool status_step();
 
+// Sends a sign of life to the service manager's $NOTIFY_SOCKET, if there is one, unless the daemon is stuck: an
+// endpoint that was registered is no longer reached, or the check passes of an open link stand still. One that hears
+// nothing ends the daemon and starts it anew. By the status thread, once a second.
+void feed_watchdog();
+
 } // namespace rvk

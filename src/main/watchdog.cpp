@@ -1,9 +1,8 @@
-#include "main/watchdog.h"
-
 #include "base/counters.h"
 #include "base/elapsed.h"
 #include "base/fd.h"
 #include "eth_raw/link.h"
+#include "main/status.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -186,9 +186,12 @@ int bind_endpoint(uint32_t identity, unique_fd& out)
     const directory_lock hold;
     if (hold.error != 0) { return hold.error; }
     if (const int error = clear_stale(address); error != 0) { return error; }
-    // Before it has a name that others may lead elsewhere; a umask narrows it further.
+    // Before it has a name that others may lead elsewhere. A umask would narrow it, and shut out who answers.
     if (::fchmod(fd.get(), socket_mode) != 0) { return errno; }
-    if (::bind(fd.get(), generic(address), sizeof address) != 0) { return errno; }
+    const mode_t before = ::umask(0);
+    const int error = ::bind(fd.get(), generic(address), sizeof address) == 0 ? 0 : errno;
+    ::umask(before);
+    if (error != 0) { return error; }
     out = std::move(fd);
     return 0;
 }

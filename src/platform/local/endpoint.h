@@ -34,9 +34,10 @@ const char* endpoint_directory();
 // Result: 0 or an errno value.
 [[nodiscard]] int create_endpoint_directory();
 
-// Binds an endpoint, mode 0660 less the umask, and takes over a socket file to which nobody is bound. Of several
-// processes that try at the same moment one wins. Waits at most a second for those that bind just now. Result    0, or
-// EADDRINUSE (alive, or another user's stale file), ENAMETOOLONG, ENOENT (no folder), EACCES, or another errno value
+// Binds an endpoint, mode 0660, and takes over a socket file to which nobody is bound. Of several processes that try at
+// the same moment one wins. Waits at most a second for those that bind just now. The process's umask is 0 meanwhile.
+// Result    0, or EADDRINUSE (alive, or another user's stale file), ENAMETOOLONG, ENOENT (no folder), EACCES, or
+//           another errno value
 [[nodiscard]] int bind_endpoint(uint32_t identity, unique_fd& out);
 
 // Whether a process is bound to the identity, whether or not it reads.
