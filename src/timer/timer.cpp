@@ -1,5 +1,7 @@
 #include "timer/timer.h"
 
+#include "base/elapsed.h"
+
 #include <csignal>
 #include <sys/time.h>
 
@@ -9,10 +11,15 @@ std::atomic<int32_t> elapsed{0};
 
 namespace {
 
-// A SIGALRM that some process sent is no tick.
+// A SIGALRM that some process sent is no tick, unless it stands for the timer's: the kernel drops one while another is
+// pending.
 void take_alarm(int signal, siginfo_t* info, void*)
 {
-    if (info->si_code == SI_KERNEL) { catch_alarm(signal); }
+    static uint32_t last_us = 0;
+    const uint32_t now_us = monotonic_us();
+    if (info->si_code != SI_KERNEL && now_us - last_us < uint32_t{tick_us}) { return; }
+    last_us = now_us;
+    catch_alarm(signal);
 }
 
 } // namespace
