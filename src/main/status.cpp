@@ -24,6 +24,7 @@ namespace rvk {
 namespace {
 
 constexpr uint64_t period_ms = 1000;                   // ours
+constexpr int start_ms = 500;                          // ours: until the command thread has its endpoint
 constexpr mode_t file_mode = 0644, folder_mode = 0755; // the umask is 0
 constexpr size_t path_bytes = 4096;                    // the system's limit
 
@@ -84,6 +85,8 @@ void note(int error)
 
 void run_status_thread(int)
 {
+    // Or the first figures would call an endpoint missing that is only not there yet.
+    for (int ms = 0; ms < start_ms && daemon_count.endpoint_registered.get() == 0; ms += 10) { pause_ms(10); }
     for (;;) {
         static_cast<void>(status_step()); // it has said so
         feed_watchdog();
