@@ -20,8 +20,9 @@ namespace rvk {
 class counter {
 public:
     void add(uint64_t n = 1) { value.fetch_add(n, std::memory_order_relaxed); }
-    void set(uint64_t n) { value.store(n, std::memory_order_relaxed); }
-    uint64_t get() const { return value.load(std::memory_order_relaxed); }
+    // Whoever gets what was set sees what was set before it, too.
+    void set(uint64_t n) { value.store(n, std::memory_order_release); }
+    uint64_t get() const { return value.load(std::memory_order_acquire); }
     uint64_t take() { return value.exchange(0, std::memory_order_relaxed); } // and start from 0 again
 
     // Keeps the larger one; for one writing thread.

@@ -87,6 +87,7 @@ void open_file(const tm& local) RVK_REQUIRES(log_mtx)
     char path[64];
     snprintf(path, sizeof path, "/var/log/rvk_log%d.txt", log_num);
     const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, file_mode);
+    if (fd >= 0) { static_cast<void>(fchmod(fd, file_mode)); } // one that was there, whoever made it
     log_fp = fd < 0 ? nullptr : fdopen(fd, "a+");
     if (log_fp == nullptr && fd >= 0) { close(fd); }
     if (log_fp == nullptr) { return; }

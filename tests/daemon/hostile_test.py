@@ -1,5 +1,6 @@
 # Peers and surroundings that are not as they should be: others are served all the same, the disk does not fill, and a
 # line says what it was.
+import fcntl
 import json
 import os
 import select
@@ -69,8 +70,14 @@ class Hostile(bench.BenchTest):
         alive.bind("\0rvk-manager")
         self.up(env={"NOTIFY_SOCKET": "@rvk-manager"})
         self.assertEqual(alive.recv(64), b"WATCHDOG=1")
-        second = self.daemon("-d", serves=False, env={"RVK_STATUS_DIR": "/run/second"})
-        self.assertTrue(second.shows("create apipc wex fail") and '"endpoint":0' in text_of("/run/second/status.json"))
+        locked = os.open(os.makedirs("/run/locked", exist_ok=True) or "/run/locked", os.O_RDONLY)
+        fcntl.flock(locked, fcntl.LOCK_EX)
+        for folder in "/run/apipc", "/run/locked":  # the identity is another's; nobody gets an identity
+            second = self.daemon("-d", serves=False, env={"RVK_STATUS_DIR": "/run/second", "APIPC_DIR": folder})
+            self.assertTrue(second.shows("create apipc wex fail"))
+            self.assertTrue(bench.wait_until(lambda: '"endpoint":0' in text_of("/run/second/status.json")))
+            second.kill()
+            os.unlink("/run/second/status.json")
         os.rename("/run/apipc", "/run/gone")
         self.assertTrue(bench.wait_until(lambda: self.figure("endpoint") == 0))
         said = subprocess.run([*bench.program("rvkctl"), "hello"], capture_output=True, text=True)
