@@ -1,6 +1,6 @@
 # How everything here is compiled, and who may include whom.
 #
-# rvk_library(NAME HEADERS … SOURCES … USES …) declares one room of the house. Its headers are put into an include folder
+# rvk_library(NAME HEADERS … SOURCES … USES …) declares a library. Its headers are put into an include folder
 # of their own, and that folder is given to exactly those that name the library in USES: an include of anything else does
 # not compile, and a library that stands further down cannot be named. Linking is transitive, headers are not.
 

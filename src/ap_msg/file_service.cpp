@@ -28,6 +28,7 @@ void note_end(job kind, const mailbox_area& message_head)
     daemon_count.last_requester[kind].set(load_le32(&message_head[message::aptid]));
     daemon_count.last_steps[kind].set(daemon_count.steps.get());
     daemon_count.last_unanswered[kind].set(daemon_count.steps_unanswered.get());
+    // Last: who reads it first sees this job's other figures.
     daemon_count.last_number[kind].set(load_le16(&message_head[message::seq]));
 }
 

@@ -80,9 +80,9 @@ int32_t copy_image(const unique_fd& source, const unique_fd& temporary, off_t si
 
 void log_open_failure(const char* path)
 {
-    const int error = errno;
+    const char* const why = open_failure();
     log_print(LOG_HERE, " file open fail\n");
-    log_print(LOG_HERE, "%s: %s\n", printable(path).text, error == EINVAL ? "it is no regular file" : strerror(error));
+    log_print(LOG_HERE, "%s: %s\n", printable(path).text, why);
 }
 
 image_kind kind_of(const char* path)

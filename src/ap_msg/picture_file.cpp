@@ -46,9 +46,9 @@ std::unique_ptr<page_buffer> read_picture_file(const char* path, picture_size si
     const unique_fd file = open_regular(path, O_RDONLY);
     const off_t bytes = file ? size_of(file) : -1;
     if (bytes < 0) {
-        const int error = errno;
+        const char* const why = open_failure();
         log_print(LOG_HERE, "open file %s failed\n", printable(path).text);
-        log_print(LOG_HERE, "%s\n", error == EINVAL ? "it is no regular file" : strerror(error));
+        log_print(LOG_HERE, "%s\n", why);
         return nullptr;
     }
     log_print(LOG_HERE, " hor=%d, ver=%d, filesize=%lld\n", static_cast<int>(size.hor), static_cast<int>(size.ver),

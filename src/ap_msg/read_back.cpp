@@ -43,7 +43,7 @@ void empty(unique_fd* file)
 unique_fd open_or_log(const char* path)
 {
     unique_fd file = open_output(path, file_mode);
-    if (!file) { log_print(LOG_HERE, "%s: %s\n", printable(path).text, strerror(errno)); }
+    if (!file) { log_print(LOG_HERE, "%s: %s\n", printable(path).text, open_failure()); }
     return file;
 }
 
@@ -126,12 +126,12 @@ bool read_into_files(const file_request& r, picture_size size, const char* base)
     image_name[image_name_max] = '\0';
     unique_fd image = open_or_log(image_name);
     log_print(LOG_HERE, "\n%d ddr to filename:%s\n", r.index, printable(base).text);
-    if (is_same_file(image, base)) { // and nothing was emptied
+    if (is_same_file(image, base)) { // one file cannot hold both; it is left as it is
         log_print(LOG_HERE, "\nfile open failed\n");
         return false;
     }
     const page_buffer buffer(picture_bytes(size)), work(work_bytes(size));
-    if (!buffer || !work) { // nor here
+    if (!buffer || !work) {
         log_print(LOG_HERE, "\nmalloc p failed\n");
         return false;
     }
@@ -144,7 +144,10 @@ bool read_into_files(const file_request& r, picture_size size, const char* base)
         log_print(LOG_HERE, "\nfile open failed\n");
         return false;
     }
-    if (image_failed) { return empty(&image), false; } // a disk that is full already
+    if (image_failed) { // the disk is full: nothing is read
+        empty(&image);
+        return false;
+    }
     read_card(r, size, work.bytes(), buffer.bytes());
     static_cast<void>(my_system("sync")); // nothing here depends on it
     log_print(LOG_HERE, "\nwait for bmp file generatiiiiing....\n");

@@ -142,8 +142,7 @@ int32_t run_tool(const update_request& request)
         return -1;
     }
     if (!open_regular(request.path.data(), O_RDONLY)) { // a FIFO would keep the tool, and with it every command
-        log_print(LOG_HERE, "image %s refused: %s\n", request.path.data(),
-                  errno == EINVAL ? "it is no regular file" : strerror(errno));
+        log_print(LOG_HERE, "image %s refused: %s\n", request.path.data(), open_failure());
         return -1;
     }
     const unique_fd lock = lock_for_tool();

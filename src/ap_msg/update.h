@@ -1,4 +1,4 @@
-// Update requests: what kind of image, for which generation of card, and by which road. Runs on the file-service
+// Update requests: what kind of image, for which generation of card, and by which way. Runs on the file-service
 // thread; every request that comes this far is answered.
 #pragma once
 

@@ -2,7 +2,8 @@
 // them.
 //
 // The one place for them. No lock: each figure is an atomic of its own, so figures of one moment may be one event
-// apart. Nothing is decided by them. Links are counted by their index, 0 to 2.
+// apart. Two are decided by: `endpoint_…` and `last_check_us` tell whether the watchdog is fed. Links are counted by
+// their index, 0 to 2.
 #pragma once
 
 #include "base/card_links.h"
@@ -130,7 +131,7 @@ struct daemon_counters {
     counters_by<job> jobs_done, jobs_failed;             // as their requesters are told
     counters_by<transfer> transfer_total, transfer_done; // bytes of the running one; 0 while none runs
     counter messages_dropped;                            // to requesters that are gone or do not read
-    counter endpoint_registered, endpoint_up;            // 1 once it was; 1 while requesters can reach the daemon
+    counter endpoint_registered, endpoint_up;            // 1 once it was registered; 1 while requesters can reach it
     counter steps, steps_unanswered;                     // of the file job that runs, or ran last
     counters_by<job> last_requester, last_number, last_steps, last_unanswered; // of the last one that ended
 };
@@ -165,7 +166,7 @@ private:
 
 // What a file job asks of the card and needs an answer to: a picture's control writes, a read-back's steps, an update's
 // writes. The demo's, on a thread of its own, do not count.
-inline thread_local bool runs_a_job = false;
+inline thread_local bool runs_a_job = false; // on the file thread
 inline void count_step(bool answered)
 {
     if (!runs_a_job) { return; }

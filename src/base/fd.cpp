@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <poll.h>
@@ -18,7 +19,7 @@ constexpr size_t at_once_bytes = 512 * 1024; // ours: some 100 µs of copying, b
 
 } // namespace
 
-void fill_standard_streams(int access)
+void prepare_descriptors(int access)
 {
     int fd = open("/dev/null", access);
     while (fd >= 0 && fd <= STDERR_FILENO) { fd = dup(fd); }
@@ -41,6 +42,12 @@ unique_fd open_regular(const char* path, int flags, mode_t mode)
         errno = EINVAL;
     }
     return file;
+}
+
+const char* open_failure()
+{
+    if (errno == EINVAL) { return "it is no regular file"; }
+    return errno == ELOOP ? "it is a symbolic link that is not followed" : strerror(errno);
 }
 
 unique_fd open_output(const char* path, mode_t mode)

@@ -38,12 +38,15 @@ private:
 // Puts /dev/null in the place of standard descriptors that are closed, so that no file or socket gets their numbers;
 // whatever else was inherited is kept from the commands that this process runs. To be called before anything is opened.
 // access  O_RDWR: what is printed is lost in silence; O_RDONLY: it fails
-void fill_standard_streams(int access);
+void prepare_descriptors(int access);
 
 // Opens a file without ever blocking; it must be a regular one.
 // flags   as open(): the access mode, O_CREAT; a file that is created gets `mode` less the umask
 // Result  none (errno tells why; EINVAL for a FIFO, device or folder)
 [[nodiscard]] unique_fd open_regular(const char* path, int flags, mode_t mode = 0600);
+
+// Why one of these two gave none, by errno: to be asked before anything else sets it.
+[[nodiscard]] const char* open_failure();
 
 // Opens what is to be written where others name it, and makes it with `mode` where it is missing (0: does not make it).
 // One that is there is opened without O_CREAT, which the system refuses for others' files in /tmp.

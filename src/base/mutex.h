@@ -47,7 +47,7 @@ public:
     void lock() RVK_ACQUIRE() { pthread_mutex_lock(&m); }
     void unlock() RVK_RELEASE() { pthread_mutex_unlock(&m); }
 
-    // For whoever must get on when the holder is dead. Result: false when it was not given back for so long.
+    // Waits at most `ms` milliseconds, in steps of 1. Result: false when another thread still holds it.
     [[nodiscard]] bool lock_within(int ms) RVK_TRY_ACQUIRE(true)
     {
         for (; pthread_mutex_trylock(&m) != 0; pause_ms(1)) {

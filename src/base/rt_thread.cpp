@@ -1,5 +1,7 @@
 #include "base/rt_thread.h"
 
+#include "base/pause.h"
+
 #include <csignal>
 #include <memory>
 #include <new>
@@ -13,6 +15,9 @@ namespace {
 
 constexpr size_t signal_stack_bytes = 128 * 1024; // ours: a trace of 100 frames walks the unwind tables on it
 constexpr size_t stack_bytes = 512 * 1024;        // ours, whatever limit was inherited; the deepest takes some 30 KiB
+
+constexpr int start_tries = 4;          // ours
+constexpr uint64_t start_retry_ms = 10; // ours
 
 struct start_record {
     const char* name;
@@ -57,6 +62,15 @@ int start_thread(const char* name, int priority, thread_body body, int argument,
     static_cast<void>(start.release()); // the thread's own from here on
     if (out != nullptr) { *out = thread; }
     return 0;
+}
+
+int start_thread_or_retry(const char* name, thread_body body)
+{
+    for (int left = start_tries; left > 0; --left) {
+        if (start_thread(name, 0, body, 0, nullptr) == 0) { return 0; }
+        pause_ms(start_retry_ms);
+    }
+    return -1;
 }
 
 void use_alternate_signal_stack()

@@ -16,6 +16,10 @@ using thread_body = void (*)(int argument);
 // its stack is used up.
 [[nodiscard]] int start_thread(const char* name, int priority, thread_body body, int argument, pthread_t* out);
 
+// The same for an ordinary thread that nobody joins, up to three times more, 10 ms apart: memory may be short for a
+// moment.
+[[nodiscard]] int start_thread_or_retry(const char* name, thread_body body);
+
 // Gives the calling thread an alternate signal stack, as start_thread does; for the main thread.
 void use_alternate_signal_stack();
 

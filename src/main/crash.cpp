@@ -26,13 +26,13 @@ struct stack_trace {
     int count;
 };
 
-// Written by the thread that owns the death, before it posts.
-stack_trace trace_of_the_dead;
-int signal_of_the_dead;
+// Written by the owner before it posts.
+stack_trace crash_trace;
+int crash_signal;
 
-std::atomic<int> owner{0};         // its kernel thread id
+std::atomic<int> owner{0};         // kernel thread id of the first thread that was hit
 std::atomic<int> signal_thread{0}; // kernel thread id of the one that serves terminations, once it does
-semaphore death{0};
+semaphore trace_taken{0};
 semaphore handlers_set{0};
 
 // At once, whatever is locked: not by a call that a sanitizer puts a flush in front of.
@@ -55,25 +55,20 @@ void log_trace(const stack_trace& trace)
     free(symbols);
 }
 
-[[noreturn]] void bury()
+[[noreturn]] void log_and_exit(int)
 {
-    // The heap of the dead may be broken: whoever finds out waits for the end, as the dead do.
-    signal(SIGABRT, task_die);
-    log_is_last_words = true;
-    log_print(LOG_HERE, "ended by signal %d, SIG%s\n", signal_of_the_dead, sigabbrev_np(signal_of_the_dead));
-    log_print(LOG_HERE, "task_die!!!\n");
-    log_trace(trace_of_the_dead);
-    mem_uinit();
-    exit(0);
-}
-
-void bury_when_dead(int)
-{
-    // An arena of its own: the dead may hold the lock of another. Volatile, or the compiler drops the pair.
+    // An arena of its own: the thread that was hit may hold another's lock. Volatile, or the compiler drops the pair.
     void* volatile own_arena = malloc(1);
     free(own_arena);
-    death.wait();
-    bury();
+    trace_taken.wait();
+    // The heap may be broken: an abort of this thread waits for the end, as the thread that was hit does.
+    signal(SIGABRT, task_die);
+    log_is_last_words = true;
+    log_print(LOG_HERE, "ended by signal %d, SIG%s\n", crash_signal, sigabbrev_np(crash_signal));
+    log_print(LOG_HERE, "task_die!!!\n");
+    log_trace(crash_trace);
+    mem_uinit();
+    exit(0);
 }
 
 void unblock_termination()
@@ -93,7 +88,7 @@ void wait_for_termination(int)
 }
 
 // Also a SIGSEGV that somebody sends: the kernel picks any thread for it, one that is writing to the log, or the one
-// that is burying. It goes to the thread that holds no lock, and adds nothing once the process is dying.
+// that logs the end. It goes to the thread that holds no lock, and adds nothing once the process is dying.
 void fault_or_termination(int signal, siginfo_t* info, void*)
 {
     const bool sent = info->si_code <= 0;
@@ -115,21 +110,13 @@ void on_signal(int signal, int flags)
     sigaction(signal, &action, nullptr);
 }
 
-bool start_patiently(const char* name, thread_body body)
-{
-    int again = 3;
-    for (; start_thread(name, 0, body, 0, nullptr) != 0; pause_ms(10)) {
-        if (again-- == 0) { return false; }
-    }
-    return true;
-}
-
 bool start_threads()
 {
     stack_trace first;
     take_trace(&first); // backtrace loads a library at its first call, which no handler may do
     use_alternate_signal_stack();
-    return start_patiently("rvk-death", bury_when_dead) && start_patiently("rvk-signal", wait_for_termination);
+    return start_thread_or_retry("rvk-death", log_and_exit) == 0 &&
+           start_thread_or_retry("rvk-signal", wait_for_termination) == 0;
 }
 
 } // namespace
@@ -146,7 +133,7 @@ void signal_set()
 {
     signal(SIGHUP, SIG_IGN);
     if (!start_threads()) {
-        log_print(LOG_HERE, "failed to create thread : a signal ends the process without a word here\n");
+        log_print(LOG_HERE, "failed to create thread : a signal will end the process without lines in this log\n");
         return unblock_termination();
     }
     on_signal(SIGINT, 0);
@@ -161,11 +148,11 @@ void task_die(int sig)
     const int self = kernel_thread_id();
     int first = 0;
     if (owner.compare_exchange_strong(first, self)) {
-        signal_of_the_dead = sig;
-        take_trace(&trace_of_the_dead);
-        death.post();
+        crash_signal = sig;
+        take_trace(&crash_trace);
+        trace_taken.post();
     } else if (first == self) {
-        death.post(); // hit again while taking the trace: without it
+        trace_taken.post(); // hit again while taking the trace: without it
     }
     pause_ms(last_words_ms);
     end_now();

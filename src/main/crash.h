@@ -7,16 +7,17 @@
 
 namespace rvk {
 
-// Blocks the signals that must not hit a thread at work: termination, ticks, SIGPIPE. Threads started later inherit it.
+// Blocks the signals that must not hit a thread at work: termination, ticks, SIGPIPE, SIGXFSZ. Threads started later
+// inherit it.
 void block_signals();
 
 // Starts the two threads, then installs the handlers: SIGHUP ignored; SIGINT, SIGQUIT, SIGSEGV and SIGTERM end the
-// process through task_die. Without the threads, said in one line, there are no handlers: a signal does what it does to
-// any process.
+// process through task_die. Without the threads, said in one line, there are no handlers, and these four do what the
+// system does by default.
 void signal_set();
 
 // Signal handler. Logs which signal it was, "task_die!!!" and the stack trace, empties the pool, exits with status 0;
-// within 2 s in any case, also when logging cannot finish because a lock is held by the dead.
+// within 2 s in any case, also when logging cannot finish because the thread that was hit holds a lock.
 [[noreturn]] void task_die(int sig);
 
 // Logs the calling thread's stack trace.

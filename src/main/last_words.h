@@ -1,5 +1,4 @@
-// What the log does for the thread that buries the process: no limit holds, and no lock is waited for whose holder may
-// be dead.
+// What the log does for the thread that logs the end: no limits, and no wait for a lock whose owner may have crashed.
 #pragma once
 
 #include "base/mutex.h"
@@ -8,15 +7,16 @@
 
 namespace rvk {
 
-inline thread_local bool log_is_last_words = false; // of the thread that buries the process, from then on
+inline thread_local bool log_is_last_words = false; // of the thread that logs the end
+inline constexpr int owner_wait_ms = 100;           // ours
 
-// Locks as always; that thread gives a lock at most 100 ms, once.
-// Result    false: its holder is dead, go past it
-[[nodiscard]] inline bool lock_unless_dead(mutex& m, std::atomic<bool>& holder_is_dead) RVK_TRY_ACQUIRE(true, m)
+// Locks. The thread that logs the end waits at most 100 ms, and not again once that was in vain.
+// Result: false when it is not locked; go on without.
+[[nodiscard]] inline bool lock_unless_stuck(mutex& m, std::atomic<bool>& owner_is_stuck) RVK_TRY_ACQUIRE(true, m)
 {
     if (!log_is_last_words) { return m.lock(), true; }
-    if (!holder_is_dead && m.lock_within(100)) { return true; }
-    holder_is_dead = true;
+    if (!owner_is_stuck && m.lock_within(owner_wait_ms)) { return true; }
+    owner_is_stuck = true;
     return false;
 }
 

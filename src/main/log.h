@@ -23,7 +23,7 @@ void log_print(const char* module, const char* function, int line, const char* f
     __attribute__((format(printf, 4, 5)));
 
 // A peer's text as a line takes it, to be an argument, never a format: cut at 4,096 bytes, bytes below 0x20 and 0x7F as
-// \xNN, so that it neither forges a line nor moves a terminal's cursor.
+// \xNN, so that it forges no line and begins no escape sequence.
 struct printable {
     explicit printable(std::string_view peers);
     char text[4096 + 1];

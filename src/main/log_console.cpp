@@ -21,7 +21,7 @@ namespace {
 
 struct stream {
     mutex lock;
-    std::atomic<bool> holder_is_dead{false};
+    std::atomic<bool> owner_is_stuck{false};
     int own RVK_GUARDED_BY(lock) = -1;
     uint64_t lost RVK_GUARDED_BY(lock) = 0;
 };
@@ -55,7 +55,7 @@ bool write_now(int fd, const char* bytes, size_t count)
 bool console_write(int fd, const char* bytes, size_t count)
 {
     stream& to = streams[fd - STDOUT_FILENO];
-    if (!lock_unless_dead(to.lock, to.holder_is_dead)) { return write_now(fd, bytes, count); }
+    if (!lock_unless_stuck(to.lock, to.owner_is_stuck)) { return write_now(fd, bytes, count); }
     if (to.own < 0) { to.own = opened_again(fd); }
     if (to.lost != 0) {
         char line[64];

@@ -1,7 +1,8 @@
 // The log sink of the daemon: two files that alternate by calendar day, and standard output.
 //
 // A line is formatted before the lock and written in one call under it, so that the lock is held for a few instructions
-// and one write: a real-time thread may wait for it. It is the innermost lock of the process.
+// and one write: a real-time thread may wait for it. Once a second also for a look at the file's size and a search of
+// 1,024 places, with a line for each of which lines were left out. It is the innermost lock of the process.
 #include "base/mutex.h"
 #include "main/last_words.h"
 #include "main/log.h"
@@ -32,20 +33,23 @@ namespace {
 constexpr size_t header_bytes = 1024; // ours: longer headers are cut
 constexpr size_t text_bytes = 6144;   // ours: longer texts are cut
 constexpr mode_t file_mode = 0640;
-mutex log_mtx;
-std::atomic<int> file_fd{-1}; // the open file's, for the last words
-log_limit limit RVK_GUARDED_BY(log_mtx);
-uint64_t file_bytes RVK_GUARDED_BY(log_mtx); // the open file's, looked up once a second: it may be emptied
-time_t looked_up_second RVK_GUARDED_BY(log_mtx);
-bool full RVK_GUARDED_BY(log_mtx);
-std::atomic<long> seconds_east{0}; // of the local time from UTC
+constexpr time_t late_s = 2; // ours: a line that waits for the lock is no older
 
 struct moment {
     timespec now;
     tm local;
 };
 
-// As gmtime_r, without its lock, whose holder may be dead.
+mutex log_mtx;
+std::atomic<int> file_fd{-1}; // the open file's, for the last words
+log_limit limit RVK_GUARDED_BY(log_mtx);
+moment newest RVK_GUARDED_BY(log_mtx);       // of all lines
+uint64_t file_bytes RVK_GUARDED_BY(log_mtx); // the open file's, looked up once a second: it may be emptied
+time_t looked_up_second RVK_GUARDED_BY(log_mtx);
+bool full RVK_GUARDED_BY(log_mtx);
+std::atomic<long> seconds_east{0}; // of the local time from UTC
+
+// As gmtime_r, without its lock, which the thread that crashed may hold.
 tm fields_of(time_t at)
 {
     using namespace std::chrono;
@@ -87,12 +91,15 @@ void open_file(const tm& local) RVK_REQUIRES(log_mtx)
     char path[64];
     snprintf(path, sizeof path, "/var/log/rvk_log%d.txt", log_num);
     const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, file_mode);
+    file_fd = fd;
     if (fd >= 0) { static_cast<void>(fchmod(fd, file_mode)); } // one that was there, whoever made it
     log_fp = fd < 0 ? nullptr : fdopen(fd, "a+");
-    if (log_fp == nullptr && fd >= 0) { close(fd); }
+    if (log_fp == nullptr && fd >= 0) {
+        file_fd = -1;
+        close(fd);
+    }
     if (log_fp == nullptr) { return; }
     log_lastday = local.tm_mday;
-    file_fd = fd;
     file_bytes = 0;
 }
 
@@ -146,16 +153,24 @@ bool has_room(const moment& at) RVK_REQUIRES(log_mtx)
     return !full;
 }
 
-// Within the limits, which last words do not have; what they leave out is said.
+// A line, and before it how many were left out earlier, within the limits; a crash's lines have none.
 void write_limited(const moment& at, const log_place& from, std::string_view line) RVK_REQUIRES(log_mtx)
 {
     const bool last_words = log_is_last_words;
     if (!last_words && !has_room(at)) { return; }
-    const time_t second = last_words ? 0 : at.now.tv_sec;
+    const time_t second = last_words ? 0 : at.now.tv_sec; // 0, a second of no line: all that was left out is told
     log_place place{};
     uint32_t left_out = 0;
     while (limit.take_left_out(second, &place, &left_out)) { write_note(at, place, "(%u more)\n", left_out); }
     if (last_words || limit.admits(from, second)) { write_text(line); }
+}
+
+// What day it is: a thread that waited for the lock over midnight brings one that is over.
+const tm& day_of(const moment& at) RVK_REQUIRES(log_mtx)
+{
+    const time_t behind = newest.now.tv_sec - at.now.tv_sec;
+    if (behind <= 0 || behind > late_s) { newest = at; }
+    return newest.local;
 }
 
 void roll_over(const tm& local) RVK_REQUIRES(log_mtx)
@@ -170,12 +185,13 @@ void roll_over(const tm& local) RVK_REQUIRES(log_mtx)
 // Result: false when no file can be opened.
 bool write_to_file(const moment& at, const log_place& from, std::string_view line)
 {
-    static std::atomic<bool> holder_is_dead{false};
-    if (!lock_unless_dead(log_mtx, holder_is_dead)) { return write(file_fd, line.data(), line.size()) >= 0; }
-    if (log_fp == nullptr) { open_file(at.local); }
+    static std::atomic<bool> owner_is_stuck{false};
+    if (!lock_unless_stuck(log_mtx, owner_is_stuck)) { return write(file_fd, line.data(), line.size()) >= 0; }
+    const tm& day = day_of(at);
+    if (log_fp == nullptr) { open_file(day); }
     const bool open = log_fp != nullptr;
     if (open && !line.empty()) { write_limited(at, from, line); }
-    if (open) { roll_over(at.local); }
+    if (open) { roll_over(day); }
     log_mtx.unlock();
     return open;
 }
@@ -195,7 +211,9 @@ void log_print(const char* module, const char* function, int line, const char* f
         bytes += format_text(text + bytes, format, arguments);
         va_end(arguments);
     }
-    if (!write_to_file(at, from, {text, log_d != 0 ? bytes : 0})) { fflush(nullptr); }
+    if (!write_to_file(at, from, {text, log_d != 0 ? bytes : 0})) {
+        if (!log_is_last_words) { fflush(nullptr); } // which takes locks
+    }
     if (log_debug != 0) { console_write(STDOUT_FILENO, text, bytes); }
 }
 

@@ -12,7 +12,7 @@ namespace rvk {
 inline constexpr uint32_t log_place_lines_max = 200;        // ours: of one place in a second
 inline constexpr uint64_t log_file_bytes_max = 64ull << 20; // ours
 
-// Where a line comes from. Known by the function's name, as the compiler laid it out once, and the line.
+// Where a line comes from. Two are the same if the line and the address of the function's name are.
 struct log_place {
     const char* module;
     const char* function;

@@ -47,7 +47,7 @@ void raise_send_buffers()
 
 int main(int argc, char** argv)
 {
-    rvk::fill_standard_streams(O_RDWR);
+    rvk::prepare_descriptors(O_RDWR);
     umask(0); // whatever it was: each file gets the mode that its open names
     rvk::block_signals();
     signal(SIGCHLD, SIG_DFL); // inherited as ignored it would take the status of every command away

@@ -109,7 +109,7 @@ void run_status_thread(int)
 
 int32_t start_status_thread()
 {
-    if (start_thread("rvk-status", 0, run_status_thread, 0, nullptr) == 0) { return 0; }
+    if (start_thread_or_retry("rvk-status", run_status_thread) == 0) { return 0; }
     log_print(LOG_HERE, "failed to create thread : no status is written\n");
     return -1;
 }

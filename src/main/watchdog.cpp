@@ -2,6 +2,7 @@
 #include "base/elapsed.h"
 #include "base/fd.h"
 #include "eth_raw/link.h"
+#include "main/log.h"
 #include "main/status.h"
 
 #include <cstddef>
@@ -23,23 +24,30 @@ bool stands_still(int link)
     return is_open(g_eth_init[link]) && last != 0 && monotonic_us() - last > still_us;
 }
 
-bool is_stuck()
+// nullptr: nothing.
+const char* what_is_stuck()
 {
-    if (daemon_count.endpoint_registered.get() != 0 && daemon_count.endpoint_up.get() == 0) { return true; }
-    for (int link = 0; link < MAX_ETH; ++link) {
-        if (stands_still(link)) { return true; }
+    if (daemon_count.endpoint_registered.get() != 0 && daemon_count.endpoint_up.get() == 0) {
+        return "its endpoint's socket is gone, or another's";
     }
-    return false;
+    for (int link = 0; link < MAX_ETH; ++link) {
+        if (stands_still(link)) { return "a link's check passes stand still"; }
+    }
+    return nullptr;
 }
 
 } // namespace
 
 void feed_watchdog()
 {
+    static const char* said; // the status thread's own
+    const char* const what = what_is_stuck();
+    if (what != nullptr && what != said) { log_print(LOG_HERE, "nobody is served: %s; restart the daemon\n", what); }
+    said = what;
     constexpr std::string_view alive = "WATCHDOG=1";
     const char* const named = getenv("NOTIFY_SOCKET");
     sockaddr_un manager{AF_UNIX, ""};
-    if (named == nullptr || strlen(named) > sizeof manager.sun_path || is_stuck()) { return; }
+    if (named == nullptr || strlen(named) > sizeof manager.sun_path || what != nullptr) { return; }
     memcpy(manager.sun_path, named, strlen(named));
     if (manager.sun_path[0] == '@') { manager.sun_path[0] = '\0'; } // abstract
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(named));

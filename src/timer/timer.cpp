@@ -15,7 +15,7 @@ namespace {
 // pending.
 void take_alarm(int signal, siginfo_t* info, void*)
 {
-    static uint32_t last_us = 0;
+    static std::atomic<uint32_t> last_us{0};
     const uint32_t now_us = monotonic_us();
     if (info->si_code != SI_KERNEL && now_us - last_us < uint32_t{tick_us}) { return; }
     last_us = now_us;

@@ -34,6 +34,7 @@ ERRORS = {
     "pwrite": "ENOSPC EIO EINTR EFBIG 0 1",
     "fork malloc mmap madvise thread sigaltstack": "ENOMEM",
     "poll waitpid sleep flock setitimer": "EINTR",
+    "log": "",
     "socket bind connect setsockopt ioctl affinity chmod fchmod mkdir unlink ftruncate": "EMFILE EACCES EADDRINUSE EROFS",
 }
 ERRORS = {name: errors.split() for names, errors in ERRORS.items() for name in names.split()}
@@ -223,16 +224,24 @@ class FaultsTest(bench.BenchTest):
         self.assertTrue(self.rvkd.alive())
         self.assertEqual(self.rvkd.end(signal.SIGTERM), 0)
 
-    # A fault of its own, in the main thread or another: it ends with the last words, whose it was among them.
+    def test_no_memory_for_any_thread(self):
+        self.plan.arm("thread", 1, "ENOMEM", lasting=1)
+        self.start()
+        self.assertTrue(self.rvkd.shows("a signal will end the process without lines in this log"))
+        self.assertEqual(self.rvkd.end(signal.SIGTERM), -signal.SIGTERM)
+
+    # A fault of its own, in the main thread or another, or under the log's lock: it ends with the last words, whose it was
+    # among them.
     def test_faults_of_its_own(self):
-        for call in ("ioctl", "recv_frame", "recv_message"):
+        for call in ("ioctl", "recv_frame", "recv_message", "log"):
             for error, says in ("wild", r"(?s)\(fault_here\+0x.*\(clone|main"), ("endless", r"returned 100 addresses\n"):
                 with self.subTest(f"{call} {error}"):
                     self.plan.arm(call, 1, error)
                     self.start(ASAN_OPTIONS="detect_leaks=0")  # a block may be in a register of the dead only
                     self.assertEqual(self.rvkd.end(), 0)
-                    self.assertEqual(fault_in_last_words(self.rvkd.output), "", self.rvkd.output)
-                    self.assertRegex(self.rvkd.output, says)
+                    for log in self.rvkd.output, bench.text_of(bench.LOGS[0]):
+                        self.assertEqual(fault_in_last_words(log), "", log)
+                        self.assertRegex(log, says)
 
 
 if __name__ == "__main__":

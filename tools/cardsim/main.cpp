@@ -101,7 +101,7 @@ int run(const cardsim_options& options)
 
 int main(int argc, char** argv)
 {
-    rvk::fill_standard_streams(O_RDONLY); // a link's socket with such a number would send what is printed
+    rvk::prepare_descriptors(O_RDONLY); // a link's socket with such a number would send what is printed
     const rvk::parsed_options parsed = rvk::parse_options(argc, argv);
     if (parsed.given) { return rvk::run(*parsed.given); }
     std::fputs(parsed.text.c_str(), parsed.status == 0 ? stdout : stderr);

@@ -18,6 +18,7 @@ constexpr char clear_screen[] = "\033[H\033[J";
 // Fills what there is to say of now. Result: the view, none when there is no status.
 std::optional<status_view> look(const settings& used, outcome& run, const std::optional<status_view>& before)
 {
+    const std::string log = kept_log();
     try {
         const status_view now = read_status();
         if (const uint64_t board = now.figures.at("board"); board != used.board) {
@@ -29,13 +30,14 @@ std::optional<status_view> look(const settings& used, outcome& run, const std::o
         run.facts["status"] = now.figures;
         run.failed = judge_age(now);
         run.answer = status_table(now, before);
-        if (const std::string log = kept_log(); !log.empty()) {
+        if (!log.empty()) {
             run.facts["log_of_last_end"] = log;
             run.answer += "log of the last end: " + log + "\n";
         }
         return now;
     } catch (const failure& failed) {
         run.failed = failed;
+        if (!log.empty()) { run.failed.text += "; log of the last end: " + log; }
     } catch (const nlohmann::json::exception& error) { // members that are missing or no figures
         run.failed = {problem::no_status,
                       status_path() + " is not a status of this program's version (" + error.what() + ")"};

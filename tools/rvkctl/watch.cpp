@@ -4,6 +4,7 @@
 
 #include "command/values.h"
 #include "rvkctl/interrupt.h"
+#include "rvkctl/status_view.h"
 
 #include <chrono>
 #include <ctime>
@@ -71,6 +72,9 @@ private:
             check_length(what, data);
         } catch (const failure& failed) {
             line.failed = failed;
+            if (status_of(failed.what) == exit_no_answer) {
+                line.failed.text += why_deaf(line.facts.value("board", -1));
+            }
         }
         line.facts["time"] = time_text(true);
     }

@@ -7,6 +7,6 @@
 // A link's socket with a standard stream's number would send what is printed to the cards.
 int main(int argc, char** argv)
 {
-    rvk::fill_standard_streams(O_RDONLY);
+    rvk::prepare_descriptors(O_RDONLY);
     return rvk::diag::run_command_line(argc, argv);
 }

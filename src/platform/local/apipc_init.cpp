@@ -15,7 +15,7 @@ namespace {
 void log_refusal(uint32_t identity, int error)
 {
     const char* directory = rvk::local::endpoint_directory();
-    const char* reason = error == EADDRINUSE     ? "another process is bound to it and alive"
+    const char* reason = error == EADDRINUSE     ? "another process is bound to it, or another user's left it behind"
                          : error == ENAMETOOLONG ? "the folder's name is too long for a socket, set a shorter APIPC_DIR"
                          : error == EWOULDBLOCK  ? "another process has kept the folder locked for a second"
                          : error == EEXIST       ? "a file that is not a socket has its name, remove it"

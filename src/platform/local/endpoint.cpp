@@ -84,8 +84,8 @@ int clear_stale(const sockaddr_un& address)
     return errno == EPERM ? EADDRINUSE : errno; // another user's, in a sticky folder
 }
 
-// Where a sender is bound. Too short a path is none of an endpoint's.
-bool path_of_sender(const sockaddr_un& from, socklen_t length, char (&out)[sizeof from.sun_path + 1])
+// Where a sender is bound.
+void path_of_sender(const sockaddr_un& from, socklen_t length, char (&out)[sizeof from.sun_path + 1])
 {
     // The kernel counts the terminator of a path that fills sun_path, though it stands behind it.
     const size_t known = std::min<size_t>(length, sizeof from);
@@ -93,7 +93,6 @@ bool path_of_sender(const sockaddr_un& from, socklen_t length, char (&out)[sizeo
     const size_t path_length = strnlen(from.sun_path, bytes);
     memcpy(out, from.sun_path, path_length);
     out[path_length] = '\0';
-    return path_length >= name_length;
 }
 
 // The identity in a socket's name.
@@ -107,8 +106,22 @@ bool identity_in(const char* path, uint32_t& out)
     return strcmp(name, expected) == 0;
 }
 
+// Whether nobody but root could lead a path elsewhere since it was bound. The path is cut meanwhile.
+bool has_only_links_of_root(char* path)
+{
+    for (char* end = path; *end != '\0'; ++end) {
+        if (end[1] != '/' && end[1] != '\0') { continue; }
+        const char next = std::exchange(end[1], '\0');
+        struct stat entry {};
+        const bool is_others = ::lstat(path, &entry) != 0 || (S_ISLNK(entry.st_mode) && entry.st_uid != 0);
+        end[1] = next;
+        if (is_others) { return false; }
+    }
+    return true;
+}
+
 // Whether a socket lies in the folder of ours, however that is spelled, and is no link: an answer would go where it
-// leads. One that is gone already has sent all the same.
+// leads. A file that is gone by now is no fault.
 bool is_in_our_folder(const char* path)
 {
     struct stat entry {};
@@ -119,15 +132,16 @@ bool is_in_our_folder(const char* path)
     char folder[sizeof(sockaddr_un::sun_path) + 1] = ".";
     if (end != nullptr) { snprintf(folder, static_cast<size_t>(end - path) + 1, "%s", path); }
     if (strcmp(folder, endpoint_directory()) == 0) { return true; } // nearly always
-    return ::stat(folder, &its) == 0 && ::stat(endpoint_directory(), &ours) == 0 && its.st_dev == ours.st_dev &&
-           its.st_ino == ours.st_ino;
+    return has_only_links_of_root(folder) && ::stat(folder, &its) == 0 && ::stat(endpoint_directory(), &ours) == 0 &&
+           its.st_dev == ours.st_dev && its.st_ino == ours.st_ino;
 }
 
 bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from, socklen_t from_length)
 {
     uint32_t bound = 0;
     char path[sizeof from.sun_path + 1];
-    if (!path_of_sender(from, from_length, path) || !identity_in(path, bound)) {
+    path_of_sender(from, from_length, path);
+    if (!identity_in(path, bound)) {
         log_print(LOG_HERE, "message of %zu bytes dropped: its sender has no endpoint of its own\n", message.size());
         return false;
     }
@@ -172,8 +186,8 @@ int create_endpoint_directory()
 {
     // Without set-group-ID: a sandbox refuses that of any mkdir, also of a folder that is there.
     if (::mkdir(endpoint_directory(), made_mode) != 0) { return errno == EEXIST ? 0 : errno; }
-    // Whatever the umask took away, and set-group-ID where it may be had.
-    static_cast<void>(::chmod(endpoint_directory(), directory_mode));
+    // Whatever the umask took away; set-group-ID where it may be had.
+    for (const mode_t mode : {made_mode, directory_mode}) { static_cast<void>(::chmod(endpoint_directory(), mode)); }
     return 0;
 }
 
@@ -186,7 +200,8 @@ int bind_endpoint(uint32_t identity, unique_fd& out)
     const directory_lock hold;
     if (hold.error != 0) { return hold.error; }
     if (const int error = clear_stale(address); error != 0) { return error; }
-    // Before it has a name that others may lead elsewhere. A umask would narrow it, and shut out who answers.
+    // bind() gives the file the socket's mode less the umask, which would shut out who answers. Not by its name after
+    // that, which a link could lead elsewhere.
     if (::fchmod(fd.get(), socket_mode) != 0) { return errno; }
     const mode_t before = ::umask(0);
     const int error = ::bind(fd.get(), generic(address), sizeof address) == 0 ? 0 : errno;
