@@ -159,24 +159,32 @@ void RawMsgBuffFree(uint8_t* payload)
 
 void RawMsgFreeBuf(uint8_t* payload) { RawMsgBuffFree(payload); }
 
-int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,
-                       uint8_t* payload, unsigned len)
-{
-    if (!can_be_sent(index, payload, len)) { return -1; }
-    uint8_t* frame = payload;
-    const unsigned count = RawMsgHeaderPack(model, slot, code, addr, seq, &frame, static_cast<uint16_t>(len));
-    return send_packed(index, payload, count, len);
-}
+namespace {
 
-int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len)
+int32_t send_or_log(int index, uint8_t* payload, unsigned frame_bytes, unsigned len)
 {
-    if (!can_be_sent(index, payload, len)) { return -1; }
     const send_outcome outcome = transmit(index, RawMsgBuffHeadGet(payload), frame_bytes);
     if (outcome.sent == static_cast<ssize_t>(frame_bytes)) { return static_cast<int32_t>(frame_bytes); }
     print_send_error(outcome.error);
     log_print(LOG_HERE, "sendto fail:len = %d, ret_len = %d, packet_length= %d, errno = %d\n", static_cast<int>(len),
               static_cast<int>(outcome.sent), static_cast<int>(frame_bytes), outcome.error);
     return -1;
+}
+
+} // namespace
+
+int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,
+                       uint8_t* payload, unsigned len)
+{
+    if (!can_be_sent(index, payload, len)) { return -1; }
+    uint8_t* frame = payload;
+    const unsigned count = RawMsgHeaderPack(model, slot, code, addr, seq, &frame, static_cast<uint16_t>(len));
+    return send_or_log(index, payload, count, len);
+}
+
+int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len)
+{
+    return can_be_sent(index, payload, len) ? send_or_log(index, payload, frame_bytes, len) : -1;
 }
 
 int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes)

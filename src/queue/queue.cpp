@@ -5,7 +5,9 @@
 #include "main/log.h"
 #include "mem/mem.h"
 
+#include <algorithm>
 #include <atomic>
+#include <utility>
 
 namespace rvk {
 
@@ -19,38 +21,28 @@ namespace {
 
 QNode* Qtail[MAX_ETH][queue_numbers];
 
-// The youngest node of those whose sequence numbers share a slot; from it `same_slot` leads round from the oldest.
-constexpr size_t slots = 4096; // ours: a full queue has 16 in each
-QNode* youngest[MAX_ETH][queue_numbers][slots];
-QNode** slot_of(int index, int queue, uint16_t seq) { return &youngest[index][queue][seq % slots]; }
+// The nodes whose sequence numbers share a slot, oldest first; nearly always one. Where senders wait, few are filed at
+// once. The other index's pages are taken when its queue is first used, not as the numbers go up.
+constexpr size_t slots = 65'536, waiting_slots = 1024; // ours
+QNode* oldest[MAX_ETH][queue_numbers][slots];
+bool has_pages[MAX_ETH][queue_numbers];
 
-void index_add(QNode** slot, QNode* node)
+QNode** slot_of(int index, int queue, uint16_t seq)
 {
-    node->same_slot = *slot == nullptr ? node : (*slot)->same_slot;
-    if (*slot != nullptr) { (*slot)->same_slot = node; }
-    *slot = node;
+    return &oldest[index][queue][seq % (waits(queue) ? waiting_slots : slots)];
 }
 
-// Result: the node before `node` in its ring, null when it is not in it.
-QNode* ring_neighbour(QNode* last, const QNode* node)
+void take_pages(int index, int queue) RVK_REQUIRES(mtx[index][queue])
 {
-    if (last == nullptr) { return nullptr; }
-    QNode* before = last;
-    while (before->same_slot != node) {
-        before = before->same_slot;
-        if (before == last) { return nullptr; }
-    }
-    return before;
+    if (std::exchange(has_pages[index][queue], true) || waits(queue)) { return; }
+    std::fill_n(static_cast<QNode* volatile*>(oldest[index][queue]), slots, nullptr);
 }
 
-// Result: false when the node is not filed here.
-bool index_remove(QNode** slot, QNode* node)
+// Result: what points to the node; at the end of the slot, to null, when it is not in it.
+QNode** pointer_to(QNode** slot, const QNode* node)
 {
-    QNode* before = ring_neighbour(*slot, node);
-    if (before == nullptr) { return false; }
-    before->same_slot = node->same_slot;
-    if (*slot == node) { *slot = before == node ? nullptr : before; }
-    return true;
+    while (*slot != nullptr && *slot != node) { slot = &(*slot)->same_slot; }
+    return slot;
 }
 
 // Written so that queue_length() may look without the mutex.
@@ -64,7 +56,9 @@ int32_t change_count(int index, int queue, int32_t by) RVK_REQUIRES(mtx[index][q
 // Result: false when the node is not filed here.
 bool unlink(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue])
 {
-    if (!index_remove(slot_of(index, queue, node->seq), node)) { return false; }
+    QNode** const indexed = pointer_to(slot_of(index, queue, node->seq), node);
+    if (*indexed == nullptr) { return false; }
+    *indexed = node->same_slot;
     (node->prev == nullptr ? Qlist[index][queue] : node->prev->next) = node->next;
     (node->next == nullptr ? Qtail[index][queue] : node->next->prev) = node->prev;
     node->filed = false;
@@ -78,19 +72,15 @@ void link_tail(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue]
     (node->prev == nullptr ? Qlist[index][queue] : node->prev->next) = node;
     Qtail[index][queue] = node;
     node->filed = true;
-    index_add(slot_of(index, queue, node->seq), node);
+    node->same_slot = nullptr;
+    *pointer_to(slot_of(index, queue, node->seq), node) = node;
 }
 
 QNode* oldest_match(int index, int queue, uint32_t addr, uint16_t seq) RVK_REQUIRES(mtx[index][queue])
 {
-    QNode* last = *slot_of(index, queue, seq);
-    if (last == nullptr) { return nullptr; }
-    QNode* node = last;
-    do {
-        node = node->same_slot;
-        if (node->seq == seq && node->addr == addr) { return node; }
-    } while (node != last);
-    return nullptr;
+    QNode* node = *slot_of(index, queue, seq);
+    while (node != nullptr && (node->seq != seq || node->addr != addr)) { node = node->same_slot; }
+    return node;
 }
 
 // Result: the old head; the nodes stay chained by `next`.
@@ -140,12 +130,8 @@ void queue_init()
 {
     for (int index = 0; index < MAX_ETH; ++index) {
         for (int queue = 0; queue < queue_numbers; ++queue) {
+            static_cast<void>(detach_all(index, queue)); // the nodes are still their other owners'
             const scoped_lock hold(mtx[index][queue]);
-            for (QNode* node = Qlist[index][queue]; node != nullptr; node = node->next) {
-                *slot_of(index, queue, node->seq) = nullptr;
-            }
-            Qlist[index][queue] = nullptr;
-            Qtail[index][queue] = nullptr;
             change_count(index, queue, -Qcount[index][queue]);
         }
     }
@@ -155,6 +141,7 @@ int32_t queue_add(int index, int queue, QNode* node)
 {
     {
         const scoped_lock hold(mtx[index][queue]);
+        take_pages(index, queue);
         if (Qcount[index][queue] < queue_nodes_max) {
             node->asked_us = monotonic_us();
             link_tail(index, queue, node);

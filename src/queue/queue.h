@@ -58,7 +58,7 @@ struct QNode {
     QNode* next;        // younger neighbour, null at the tail
     // ours:
     QNode* prev;                  // older neighbour, null at the head
-    QNode* same_slot;             // next younger in its slot of the index; the youngest points at the oldest
+    QNode* same_slot;             // next younger in its slot of the index, null at the end
     QNode* next_expired;          // of one call of queue_check
     uint32_t dest_size;           // bytes that dest can take
     uint32_t asked_us;            // when it was filed, or asked again after a refusal; low bits of the monotonic clock

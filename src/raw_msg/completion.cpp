@@ -217,11 +217,8 @@ int32_t ReadWaitRawMsg(int index, uint32_t addr, uint8_t ack, uint16_t seq, uint
 }
 
 int32_t CheckAckRawMsg(int index) { return queue_check(index, ACK_QUEUE, AckCompleteMsg); }
-
 int32_t CheckAckWaitRawMsg(int index) { return queue_check(index, ACK_WAIT_QUEUE, AckWaitCompleteMsg); }
-
 int32_t CheckReadRawMsg(int index) { return queue_check(index, READ_QUEUE, ReadCompleteMsg); }
-
 int32_t CheckReadWaitRawMsg(int index) { return queue_check(index, READ_WAIT_QUEUE, ReadWaitCompleteMsg); }
 
 } // namespace rvk
