@@ -162,8 +162,10 @@ struct player : story {
     // Its queue has as many requests as it takes; room for one comes with a pause of its sender, if at all.
     void fill()
     {
-        while (queue_length(0, queue()) < queue_nodes_max) {
-            static_cast<void>(queue_add(0, queue(), new (mem_alloc(sizeof(QNode))) QNode{}));
+        for (int32_t i = 0; i < queue_nodes_max; ++i) {
+            auto* node = new (mem_alloc(sizeof(QNode))) QNode{};
+            node->seq = static_cast<uint16_t>(i);
+            static_cast<void>(queue_add(0, queue(), node));
         }
         w.on_pause = [this, pauses = 0u](uint64_t pause) mutable {
             QNode* oldest = Qlist[0][queue()];
