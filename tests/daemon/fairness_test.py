@@ -49,8 +49,9 @@ class Fairness(fairness.Field):
         self.assertEqual(self.d.end(15), 0)
         shown, file = os.read(out, 1 << 20).decode(), bench.text_of(bench.LOGS[0])
         lost = re.findall(r"^\((\d+) texts lost: nobody read\)$", shown, re.M)
-        missing = lines_meant(file) + lines_meant(file, "log_end") - int(*lost) - shown.count(" ]:: ")
-        self.assertIn(missing, (0, 1), "none but of a read that ended so too, of which no report tells")
+        ends = lines_meant(file, "log_end") - file.count("no resp msg")  # a read has no report
+        missing = lines_meant(file) + ends - int(*lost) - shown.count(" ]:: ")
+        self.assertIn(missing, (0, 1), "none, unless a read's end is left out of the file")
 
     # The sender waits for a link that is slower. Where the interface's queue is shorter than what its socket holds, frames are
     # lost there, and counted.
