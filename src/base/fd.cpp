@@ -44,12 +44,6 @@ unique_fd open_regular(const char* path, int flags, mode_t mode)
     return file;
 }
 
-const char* open_failure()
-{
-    if (errno == EINVAL) { return "it is no regular file"; }
-    return errno == ELOOP ? "it is a symbolic link that is not followed" : strerror(errno);
-}
-
 unique_fd open_output(const char* path, mode_t mode)
 {
     struct stat named = {};
@@ -60,6 +54,12 @@ unique_fd open_output(const char* path, mode_t mode)
     }
     const int missing = mode == 0 || access(path, F_OK) == 0 ? 0 : O_CREAT;
     return open_regular(path, O_RDWR | missing | (is_link ? 0 : O_NOFOLLOW), mode);
+}
+
+const char* open_failure()
+{
+    if (errno == EINVAL) { return "it is no regular file"; }
+    return errno == ELOOP ? "it is a symbolic link that is not followed" : strerror(errno);
 }
 
 // By poll, since where time has 64 bits and 32-bit processors run it, glibc 2.36 binds a fortified ppoll to the one

@@ -45,13 +45,13 @@ void prepare_descriptors(int access);
 // Result  none (errno tells why; EINVAL for a FIFO, device or folder)
 [[nodiscard]] unique_fd open_regular(const char* path, int flags, mode_t mode = 0600);
 
-// Why one of these two gave none, by errno: to be asked before anything else sets it.
-[[nodiscard]] const char* open_failure();
-
 // Opens what is to be written where others name it, and makes it with `mode` where it is missing (0: does not make it).
 // One that is there is opened without O_CREAT, which the system refuses for others' files in /tmp.
 // Result  none (errno tells why; ELOOP for a symbolic link that root did not make)
 [[nodiscard]] unique_fd open_output(const char* path, mode_t mode);
+
+// Why open_regular or open_output gave none, by errno: to be asked before anything else sets it.
+[[nodiscard]] const char* open_failure();
 
 // Waits until a descriptor can be read, in milliseconds. Result: false when the time ran out or a signal came (EINTR).
 [[nodiscard]] bool wait_readable(int fd, uint64_t at_most_ms);

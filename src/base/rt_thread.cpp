@@ -66,11 +66,10 @@ int start_thread(const char* name, int priority, thread_body body, int argument,
 
 int start_thread_or_retry(const char* name, thread_body body)
 {
-    for (int left = start_tries; left > 0; --left) {
-        if (start_thread(name, 0, body, 0, nullptr) == 0) { return 0; }
-        pause_ms(start_retry_ms);
+    for (int left = start_tries; start_thread(name, 0, body, 0, nullptr) != 0; pause_ms(start_retry_ms)) {
+        if (--left == 0) { return -1; }
     }
-    return -1;
+    return 0;
 }
 
 void use_alternate_signal_stack()

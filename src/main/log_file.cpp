@@ -94,11 +94,11 @@ void open_file(const tm& local) RVK_REQUIRES(log_mtx)
     file_fd = fd;
     if (fd >= 0) { static_cast<void>(fchmod(fd, file_mode)); } // one that was there, whoever made it
     log_fp = fd < 0 ? nullptr : fdopen(fd, "a+");
-    if (log_fp == nullptr && fd >= 0) {
+    if (log_fp == nullptr) {
         file_fd = -1;
-        close(fd);
+        if (fd >= 0) { close(fd); }
+        return;
     }
-    if (log_fp == nullptr) { return; }
     log_lastday = local.tm_mday;
     file_bytes = 0;
 }
@@ -211,9 +211,8 @@ void log_print(const char* module, const char* function, int line, const char* f
         bytes += format_text(text + bytes, format, arguments);
         va_end(arguments);
     }
-    if (!write_to_file(at, from, {text, log_d != 0 ? bytes : 0})) {
-        if (!log_is_last_words) { fflush(nullptr); } // which takes locks
-    }
+    const bool open = write_to_file(at, from, {text, log_d != 0 ? bytes : 0});
+    if (!open && !log_is_last_words) { fflush(nullptr); } // takes locks
     if (log_debug != 0) { console_write(STDOUT_FILENO, text, bytes); }
 }
 

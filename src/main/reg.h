@@ -1,6 +1,7 @@
 // Register peek and poke, for people at the bench: a read that prints what it got, a write of one zero byte, the usage
-// text of a command line, and a receive that hands one reply to a hook. The daemon calls none of it; the bench tool
-// reads and prints by it. Owns nothing but the hook; what is printed goes to standard output.
+// text of a command line, a receive that hands one reply to a hook, and the terminal as standard output. The daemon
+// calls none of it; the bench tool reads and prints by it. Owns nothing but the hook; what is printed goes to standard
+// output.
 #pragma once
 
 #include <cstddef>
@@ -36,5 +37,8 @@ extern void (*read_buffer)(const uint8_t* payload, uint32_t addr, uint16_t len);
 // Waits for a reply on link 0 that comes while the hook is set, and hands it over. Result: 0. Must not run beside that
 // link's receive thread: both use the process's one receive buffer.
 int32_t msg_recv();
+
+// Points standard output at the terminal that the command "tty" names, if there is one.
+void ptoc();
 
 } // namespace rvk

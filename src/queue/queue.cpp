@@ -130,7 +130,7 @@ void queue_init()
 {
     for (int index = 0; index < MAX_ETH; ++index) {
         for (int queue = 0; queue < queue_numbers; ++queue) {
-            static_cast<void>(detach_all(index, queue)); // the nodes are still their other owners'
+            static_cast<void>(detach_all(index, queue)); // nodes are not given back
             const scoped_lock hold(mtx[index][queue]);
             change_count(index, queue, -Qcount[index][queue]);
         }

@@ -19,9 +19,15 @@ def leads_to_the_daemon(path):
     return os.rename(path, path + ".away"), os.symlink(socket_file(identity()), path)
 
 
+def is_led_here_later(path):
+    folder = os.path.dirname(path)
+    return os.rename(folder, "/run/away"), os.symlink("/run/apipc", folder), os.lchown(folder, 1000, -1)
+
+
 SENDERS = [
     ("/run/./apipc/010a7f70.sock", 0x010A7F70, None, None),
     ("/run/010a3b00.sock", identity(), None, "not one in /run/apipc"),
+    ("/run/other/010a7f74.sock", 0x010A7F74, is_led_here_later, "not one in /run/apipc"),
     ("/run/apipc/x010a7f73.sock", 0x010A7F73, None, "no endpoint"),
     ("/run/apipc/010a7f72.sock", 0x010A7F72, leads_to_the_daemon, "not one in /run/apipc"),
     ("/run/apipc/020a3b00.sock", 0x020A3B00, None, "a daemon asks for nothing"),
@@ -39,8 +45,8 @@ class Hostile(bench.BenchTest):
         self.up()
         for path, named, then, said in SENDERS:
             with self.subTest(path), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+                os.makedirs(os.path.dirname(path), exist_ok=True)
                 sender.bind(path)
-                self.addCleanup(os.unlink, path)
                 if then:
                     then(path)
                 before = text_of(LOGS[0])
@@ -70,8 +76,8 @@ class Hostile(bench.BenchTest):
         alive.bind("\0rvk-manager")
         self.up(env={"NOTIFY_SOCKET": "@rvk-manager"})
         self.assertEqual(alive.recv(64), b"WATCHDOG=1")
-        locked = os.open(os.makedirs("/run/locked", exist_ok=True) or "/run/locked", os.O_RDONLY)
-        fcntl.flock(locked, fcntl.LOCK_EX)
+        os.mkdir("/run/locked")
+        fcntl.flock(os.open("/run/locked", os.O_RDONLY), fcntl.LOCK_EX)
         for folder in "/run/apipc", "/run/locked":  # the identity is another's; nobody gets an identity
             second = self.daemon("-d", serves=False, env={"RVK_STATUS_DIR": "/run/second", "APIPC_DIR": folder})
             self.assertTrue(second.shows("create apipc wex fail"))

@@ -75,8 +75,7 @@ class Loads(bench.BenchTest):
                 ip(f"link set {end} {way}")
                 turns, until = turns + 1, time.monotonic() + 0.15
                 dying.append(self.requester())
-                for _ in range(2):
-                    dying[-1].tell(slot=3, addr=0x1000, len=16)
+                dying[-1].tell(slot=3, addr=0x1000, len=16)
                 if len(dying) > 3:
                     dying.pop(0).socket.close()
             return turns < self.turns

@@ -165,7 +165,7 @@ int run_command_line(int argc, char** argv)
         run.command = line.command;
         run.failed = failed;
         if (status_of(failed.what) == exit_no_answer && line.command != "status") {
-            run.failed.text += why_deaf(line.used.board);
+            run.failed.text += why_unreached(line.used.board);
         }
     } catch (const std::exception& error) { // no memory
         run.command = line.command;

@@ -67,7 +67,7 @@ std::string kept_log()
     return access(newest, F_OK) == 0 ? newest : "";
 }
 
-std::string why_deaf(int board)
+std::string why_unreached(int board)
 {
     try {
         const status_view now = read_status();

@@ -28,7 +28,7 @@ struct status_view {
 
 // What a board's daemon that does not answer says of itself, to be put behind an error's text; empty when it says
 // nothing that explains it. Throws nothing.
-[[nodiscard]] std::string why_deaf(int board);
+[[nodiscard]] std::string why_unreached(int board);
 
 // The log of the daemon's last end, as its unit keeps it; empty when there is none.
 [[nodiscard]] std::string kept_log();

@@ -73,7 +73,7 @@ private:
         } catch (const failure& failed) {
             line.failed = failed;
             if (status_of(failed.what) == exit_no_answer) {
-                line.failed.text += why_deaf(line.facts.value("board", -1));
+                line.failed.text += why_unreached(line.facts.value("board", -1));
             }
         }
         line.facts["time"] = time_text(true);
