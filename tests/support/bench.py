@@ -102,10 +102,10 @@ class Process:
         return wait_until(lambda: text in self.output)
 
     # Sends a signal, waits. Result: exit status, or minus the signal that killed it; None: it still runs.
-    def end(self, number=None):
+    def end(self, number=None, seconds=PATIENCE):
         if number is not None and self.alive():
             self.child.send_signal(number)
-        wait_until(lambda: not self.alive())
+        wait_until(lambda: not self.alive(), seconds)
         return self.child.returncode
 
     def kill(self):
@@ -126,9 +126,9 @@ class Cards(Process):
         super().__init__([*program("rvk-cardsim"), *named, *files, *urgent, *map(str, options)])
         assert self.shows("ready\n"), f"the cards did not start: {self.output}"
 
-    # Ends them. Result: their summary; the state is written then.
+    # Ends them. Result: their summary; the state is written then, which may be all pictures of a demo.
     def stop(self):
-        assert self.end(signal.SIGTERM) == 0, f"the cards ended badly: {self.output}"
+        assert self.end(signal.SIGTERM, 4 * PATIENCE) == 0, f"the cards ended badly: {self.output}"
         return self.output.partition("ready\n")[2]
 
     def file(self, name):
