@@ -10,17 +10,17 @@ endif()
 rvk_library(log_discard  SOURCES ${here}/log_discard.cpp  USES base log)
 rvk_library(fuzz_messages
     SOURCES ${here}/message_input.cpp
-    USES base world message endpoint cardsim)
+    USES base ap_msg world cardsim)
 target_include_directories(fuzz_messages_headers INTERFACE ${CMAKE_CURRENT_LIST_DIR})
 
-rvk_fuzz(frame  USES base frame)
-rvk_fuzz(bus_answer  USES base link bus_block  WRAPS recvfrom)
-rvk_fuzz(message  USES base world fuzz_messages message endpoint mailbox link cardsim)
-rvk_fuzz(cards  USES base frame bus_packet cardsim)
-rvk_fuzz(delivery  USES base world fuzz_messages message endpoint mailbox cardsim)
+rvk_fuzz(frame  USES base eth_raw)
+rvk_fuzz(bus_answer  USES base eth_raw bus_block  WRAPS recvfrom)
+rvk_fuzz(message  USES base eth_raw ap_msg world fuzz_messages cardsim)
+rvk_fuzz(cards  USES base eth_raw bus_block cardsim)
+rvk_fuzz(delivery  USES base ap_msg world fuzz_messages cardsim)
 rvk_fuzz(picture
-    USES base frame mailbox message file_request send_plain exchange picture_write platform private_files
+    USES base eth_raw raw_msg platform ap_msg private_files
     WRAPS read)
 rvk_fuzz(jobs
     SOURCES ${here}/job_input.cpp
-    USES world fuzz_messages private_files base frame message endpoint file_service mailbox cardsim tool_files)
+    USES base eth_raw ap_msg world fuzz_messages private_files cardsim tool_files)
