@@ -5,7 +5,7 @@
 #include "command/values.h"
 #include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
-#include "main/reg.h"
+#include "main/diagnosis.h"
 #include "rvkdiag/commands.h"
 
 #include <CLI/CLI.hpp>

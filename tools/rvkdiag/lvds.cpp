@@ -4,7 +4,7 @@
 #include "base/pause.h"
 #include "command/values.h"
 #include "eth_raw/frame.h"
-#include "main/lvds_test.h"
+#include "main/diagnosis.h"
 #include "rvkdiag/direct_link.h"
 
 namespace rvk::diag {
