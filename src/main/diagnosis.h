@@ -6,22 +6,17 @@
 
 namespace rvk {
 
-// index, model, slot, addr: link (0 to 2) and card address. Both wait for the card, at most three periods of 180 ms,
-// and may be called by any thread but the link's own two.
-
 // What became of a read.
 struct reg_answer {
     uint8_t ack;       // the answer's status: 0 good, 255 none came, other: the card's refusal
     uint32_t received; // bytes printed
 };
 
-// Reads `length` bytes, 1 to 1,400, and prints what came; a read that fails prints the address alone.
+// Reads `length` bytes, 1 to 1,400, of a link (0 to 2) and card address, and prints what came; a read that fails prints
+// the address alone. Waits for the card, at most three periods of 180 ms. Any thread but the link's own two.
 // answer  out, may be null
 // Result  0 when data came, negative otherwise
 int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int length, reg_answer* answer = nullptr);
-
-// Writes one zero byte with acknowledgement. Result: 0 when an answer came, good or not; negative otherwise.
-int32_t write_reg(int index, uint16_t model, uint8_t slot, uint32_t addr);
 
 // Prints bytes, four words a line behind their address; null data prints nothing. Flushes, so that a pipe's reader sees
 // it while the program waits for the next answer.
@@ -37,7 +32,10 @@ int32_t LvdsTestTaskCreate(int argument);
 // said otherwise, and reboots. The argument is not used. Never returns.
 void LvdsTest(int argument);
 
-// Called by nobody, like write_reg.
+// Called by nobody; named by the device's people.
+
+// Writes one zero byte and waits as read_reg does. Result: 0 when an answer came, good or not; negative otherwise.
+int32_t write_reg(int index, uint16_t model, uint8_t slot, uint32_t addr);
 
 // Waits for a reply on link 0 that comes while the hook is set, and hands it over. Result: 0. Must not run beside that
 // link's receive thread: both use the process's one receive buffer.

@@ -64,8 +64,8 @@ uint32_t overfull RVK_GUARDED_BY(log_mtx);                    // places of which
 time_t searched_second RVK_GUARDED_BY(log_mtx) = -1;          // when none was found that had to be told
 std::atomic<long> seconds_east{0};                            // of the local time from UTC
 
-// Locks. The thread that logs the process's end waits at most 100 ms, and not again once that was in vain: the owner
-// may have crashed. Result: false when it is not locked; go on without.
+// Locks. The thread that logs the process's end waits at most 100 ms, and no second time: the owner may have crashed.
+// Result: false when it is not locked; go on without.
 [[nodiscard]] bool lock_unless_stuck(mutex& m, std::atomic<bool>& owner_is_stuck) RVK_TRY_ACQUIRE(true, m)
 {
     if (!logs_process_end) { return m.lock(), true; }

@@ -41,11 +41,11 @@ constexpr uint32_t still_us = 5'000'000;               // ours: a check pass com
 constexpr size_t text_bytes = 32 * 1024;               // ours: some three times what either text has
 constexpr mode_t file_mode = 0644, folder_mode = 0755; // the umask is 0
 
-// The text that the status thread is writing; what does not fit is cut off, and `whole` is false then.
+// The text that the status thread is writing.
 struct {
     char bytes[text_bytes];
-    size_t used = 0;
-    bool whole = true;
+    size_t used;
+    bool cut; // something did not fit
 } text;
 
 constexpr std::array one_key{""};
@@ -143,8 +143,8 @@ __attribute__((format(printf, 1, 2))) void print(const char* format, ...)
     va_start(arguments, format);
     const int length = vsnprintf(text.bytes + text.used, space, format, arguments);
     va_end(arguments);
-    text.whole = text.whole && length >= 0 && static_cast<size_t>(length) < space;
-    if (text.whole) { text.used += static_cast<size_t>(length); }
+    text.cut = text.cut || length < 0 || static_cast<size_t>(length) >= space;
+    if (!text.cut) { text.used += static_cast<size_t>(length); }
 }
 
 void json_family(const family& f, int link)
@@ -248,7 +248,7 @@ int replace(const char* name)
     char path[4096]; // the system's limit
     char beside[sizeof path];
     const size_t bytes = std::exchange(text.used, 0);
-    if (!std::exchange(text.whole, true)) { return EMSGSIZE; }
+    if (std::exchange(text.cut, false)) { return EMSGSIZE; }
     snprintf(path, sizeof path, "%s/%s", status_folder(), name);
     if (snprintf(beside, sizeof beside, "%s.%d", path, getpid()) >= static_cast<int>(sizeof beside)) {
         return ENAMETOOLONG;
@@ -310,7 +310,7 @@ const char* what_is_stuck()
     return nullptr;
 }
 
-// Sends a sign of life to the service manager's $NOTIFY_SOCKET, if there is one, unless the daemon is stuck. A manager
+// Tells the service manager's $NOTIFY_SOCKET, if there is one, that the daemon works, unless it is stuck. A manager
 // that hears nothing ends the daemon and starts it anew.
 void feed_watchdog()
 {
