@@ -86,7 +86,7 @@ void wait_for_termination(int)
 }
 
 // Also a SIGSEGV that somebody sends: the kernel picks any thread for it, one that is writing to the log, or the one
-// that logs the end. It goes to the thread that holds no lock, and adds nothing once the process is dying.
+// that logs the end. It goes to the thread that holds no lock, and adds nothing once the process is ending.
 void fault_or_termination(int signal, siginfo_t* info, void*)
 {
     const bool sent = info->si_code <= 0;

@@ -54,7 +54,7 @@ struct place_lines {
 };
 
 mutex log_mtx;
-std::atomic<int> file_fd{-1};                // the open file's, for whoever cannot have the lock
+std::atomic<int> file_fd{-1};                // the open file's, for a thread that gives the lock up
 moment newest RVK_GUARDED_BY(log_mtx);       // of all lines
 uint64_t file_bytes RVK_GUARDED_BY(log_mtx); // the open file's, looked up once a second: it may be emptied
 time_t looked_up_second RVK_GUARDED_BY(log_mtx);
@@ -97,7 +97,7 @@ void open_file(int day) RVK_REQUIRES(log_mtx)
     char path[64];
     snprintf(path, sizeof path, "/var/log/rvk_log%d.txt", log_num);
     unique_fd fd{open(path, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, file_mode)};
-    if (fd) { static_cast<void>(fchmod(fd.get(), file_mode)); } // one that was there, whoever made it
+    if (fd) { static_cast<void>(fchmod(fd.get(), file_mode)); } // one that was there may have another
     log_fp = fd ? fdopen(fd.get(), "a+") : nullptr;
     if (log_fp == nullptr) { return; }
     file_fd = fd.release();
@@ -242,7 +242,7 @@ bool write_now(int fd, const char* bytes, size_t count)
     if (n < 0 && errno == ENOTSOCK) {
         pollfd writable{fd, POLLOUT, 0}; // where it could not be opened again
         if (poll(&writable, 1, 0) == 0) { return false; }
-        n = write(fd, bytes, std::min<size_t>(count, PIPE_BUF)); // as much as poll promises
+        n = write(fd, bytes, std::min<size_t>(count, PIPE_BUF)); // as much as poll guarantees
     }
     if (n < 0) { return errno != EAGAIN && errno != EWOULDBLOCK; }
     return static_cast<size_t>(n) == count || write_now(fd, bytes + n, count - static_cast<size_t>(n));

@@ -1,5 +1,4 @@
-// The log sink of tools: the text alone, on standard error. A tool waits for whoever reads what it prints, as any
-// filter does; nothing is lost.
+// The log sink of tools: the text alone, on standard error. A tool waits for the reader of its output; nothing is lost.
 #include "main/log.h"
 
 #include <cerrno>
