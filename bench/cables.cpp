@@ -63,12 +63,12 @@ std::vector<uint8_t> simulated_cards::picture(uint8_t buffer) const { return far
 
 frame_bytes ready_made(uint8_t code, uint32_t at, uint16_t seq, size_t data_bytes)
 {
-    frame_bytes room(request_bytes_max);
-    uint8_t* start = room.data() + request::payload;
+    frame_bytes buffer(request_bytes_max);
+    uint8_t* start = buffer.data() + request::payload;
     for (size_t i = 0; code != code_read && i < data_bytes; ++i) { start[i] = static_cast<uint8_t>(i * 3); }
     const unsigned length = RawMsgHeaderPack(model, slot, code, at, seq, &start, static_cast<uint16_t>(data_bytes));
-    room.resize(length);
-    return room;
+    buffer.resize(length);
+    return buffer;
 }
 
 bare_link::bare_link(int socket) : fd(socket)
@@ -109,7 +109,7 @@ void bare_link::check_replies_come() const
     }
 }
 
-void bare_link::make_room_for_replies() const
+void bare_link::make_buffer_for_replies() const
 {
     setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer_bytes, sizeof receive_buffer_bytes);
 }

@@ -1,4 +1,4 @@
-"""Instructions that the daemon executes for one command, counted by callgrind: what a change to the road of commands costs.
+"""Instructions that the daemon executes for one command, counted by callgrind: what a change to the path of a command costs.
 
     scripts/in-bench python3 bench/command_instructions.py FOLDER_OF_THE_PROGRAMS [-f]      -f: the daemon logs to its file
 

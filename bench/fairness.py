@@ -276,7 +276,7 @@ GROUPS = [  # options of the cards and of the daemon; rows
     ([], [], [
         ALONE,
         ("a read-back of 1280 × 720", (read_back, 1280, 720), TAKES_TURNS),
-        ("a read-back of a dead card", (read_back, 64, 64, SILENT, 5), {"failed": 0, "longest": 1000, "check gap": 30}),
+        ("a read-back of a silent card", (read_back, 64, 64, SILENT, 5), {"failed": 0, "longest": 1000, "check gap": 30}),
         ("3 pictures of 3840 × 2160", (pictures, 3840, 2160, 3), PICTURE),
         ("a picture of 7680 × 4320", (pictures, 7680, 4320, 1), PICTURE),
         ("300 writes given up, a report read per 15 ms", (given_up, 300, 0.015), FAIR),

@@ -9,12 +9,12 @@
 namespace rvk::bench {
 
 // Everything that belongs to a figure runs on this one processor, as `pin_to_processor` takes it: waking a second one
-// that is idle costs ten times an exchange and would drown it. The daemon's link threads go there by themselves.
+// that is idle costs ten times an exchange and would hide it. The daemon's link threads go there by themselves.
 inline constexpr int processor = 1;
 
 // SCHED_FIFO. The cards answer before anybody else runs, the requester last, as an ordinary process would.
 inline constexpr int card_priority = 97;
-inline constexpr int sender_priority = 88;    // a bare loop, and whoever calls the send operations: the daemon's own
+inline constexpr int sender_priority = 88;    // a bare loop, and the caller of the send operations: the daemon's own
 inline constexpr int slow_card_priority = 80; // cards that answer when the sender waits
 inline constexpr int requester_priority = 50;
 

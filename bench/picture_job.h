@@ -9,7 +9,7 @@
 
 namespace rvk::bench {
 
-// Makes a file, in the bench's memory. Fails when there is no room.
+// Makes a file, in the bench's memory. Fails when there is not enough.
 void make_file(const std::string& path, const std::vector<uint8_t>& bytes);
 
 // Bytes that no neighbour shares: what is lost, moved or black shows.

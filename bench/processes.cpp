@@ -64,7 +64,7 @@ void wait_for_greeting()
     while (!asker.receive(milliseconds{200}).empty()) {}
 }
 
-// At rest it also is in the pauses before the demo; that the demo is over only its cards know.
+// It is idle also in the pauses before the demo; that the demo is over only its cards know.
 void wait_for_demo(const simulated_cards& cards)
 {
     for (int tries = start_seconds * 10; !cards.demo_is_over(); --tries) {

@@ -53,7 +53,7 @@ private:
 // Starts rvkd, found beside this program, without options, on the bench's processor. Waits for nothing.
 [[nodiscard]] child launch_daemon();
 
-// The same, and waits until its start is over: greeting answered, demo done, at rest. `cards` are those that it talks
+// The same, and waits until its start is over: greeting answered, demo done, idle. `cards` are those that it talks
 // to; every thread of it is then on the bench's processor.
 [[nodiscard]] child start_daemon(const simulated_cards& cards);
 

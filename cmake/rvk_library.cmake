@@ -78,7 +78,7 @@ function(rvk_precompile TARGET)
     target_compile_options(${TARGET} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>)
 endfunction()
 
-# Files that include the library of command lines: nothing there is in a hurry, and its templates take a third more time
+# Files that include the library of command lines: nothing there is time-critical, and its templates take a third more time
 # with -O2, twice as much with a sanitizer of arithmetic.
 function(rvk_command_line)
     if(RVK_SANITIZE)
