@@ -1,7 +1,7 @@
 #include "ap_msg/outbox.h"
 
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
 #include "base/mutex.h"
 #include "main/log.h"
 #include "platform/platform.h"

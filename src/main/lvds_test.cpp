@@ -3,7 +3,7 @@
 // through the platform, whose results there is nobody to tell.
 #include "main/lvds_test.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
 #include "base/rt_thread.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"

@@ -1,5 +1,5 @@
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
 #include "base/fd.h"
 #include "eth_raw/link.h"
 #include "main/log.h"

@@ -1,7 +1,7 @@
 #include "queue/queue.h"
 
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
 #include "main/log.h"
 #include "mem/mem.h"
 

@@ -10,7 +10,7 @@
 // All functions trust their link index (0 to 2) and queue number (0 to 5).
 #pragma once
 
-#include "base/card_links.h"
+#include "base/board.h"
 #include "base/mutex.h"
 #include "timer/timer.h"
 

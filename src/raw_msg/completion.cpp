@@ -1,7 +1,7 @@
 #include "raw_msg/completion.h"
 
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/raw_sock.h"
 #include "main/log.h"

@@ -1,6 +1,6 @@
 #include "raw_msg/exchange.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/raw_sock.h"
 #include "main/log.h"

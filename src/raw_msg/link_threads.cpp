@@ -1,8 +1,7 @@
 #include "raw_msg/link_threads.h"
 
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
-#include "base/pause.h"
 #include "base/rt_thread.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"

@@ -4,10 +4,8 @@
 #include "raw_msg/load_picture.h"
 
 #include "base/bytes.h"
-#include "base/elapsed.h"
+#include "base/clock.h"
 #include "base/fd.h"
-#include "base/page_buffer.h"
-#include "base/pause.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "raw_msg/send_plain.h"

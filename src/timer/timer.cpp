@@ -1,6 +1,6 @@
 #include "timer/timer.h"
 
-#include "base/elapsed.h"
+#include "base/clock.h"
 
 #include <csignal>
 #include <sys/time.h>
