@@ -8,7 +8,7 @@
 #include "base/fd.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
-#include "raw_msg/send_plain.h"
+#include "raw_msg/send.h"
 
 #include <algorithm>
 #include <array>

@@ -5,7 +5,7 @@
 #include "base/clock.h"
 #include "base/mutex.h"
 #include "mem/mem.h"
-#include "raw_msg/completion.h"
+#include "raw_msg/link_threads.h"
 
 #include <utility>
 
