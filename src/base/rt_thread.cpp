@@ -35,15 +35,6 @@ void* trampoline(void* opaque)
     return nullptr;
 }
 
-bool set_real_time(pthread_attr_t* attributes, int priority)
-{
-    sched_param parameter{};
-    parameter.sched_priority = priority;
-    return pthread_attr_setinheritsched(attributes, PTHREAD_EXPLICIT_SCHED) == 0 &&
-           pthread_attr_setschedpolicy(attributes, SCHED_FIFO) == 0 &&
-           pthread_attr_setschedparam(attributes, &parameter) == 0;
-}
-
 } // namespace
 
 int start_thread(const char* name, int priority, thread_body body, int argument, pthread_t* out)
@@ -54,8 +45,12 @@ int start_thread(const char* name, int priority, thread_body body, int argument,
     if (pthread_attr_init(&attributes) != 0) { return -1; }
     pthread_t thread{};
     if (out == nullptr) { pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED); } // nobody could join it
+    sched_param parameter{};
+    parameter.sched_priority = priority;
     const bool started = pthread_attr_setstacksize(&attributes, stack_bytes) == 0 &&
-                         (priority == 0 || set_real_time(&attributes, priority)) &&
+                         (priority == 0 || (pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED) == 0 &&
+                                            pthread_attr_setschedpolicy(&attributes, SCHED_FIFO) == 0 &&
+                                            pthread_attr_setschedparam(&attributes, &parameter) == 0)) &&
                          pthread_create(&thread, &attributes, trampoline, start.get()) == 0;
     pthread_attr_destroy(&attributes);
     if (!started) { return -1; }

@@ -42,8 +42,9 @@ int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int len
     log_print(LOG_HERE, "read reg 0x%x\n", addr);
     uint8_t* buffer = whole_buffer();
     if (buffer == nullptr) { return -1; }
-    const int32_t result = read_and_wait({index, model, slot, addr}, code_read, static_cast<uint32_t>(length),
-                                         {buffer, frame_data_max}, &got.received, &got.ack, reg_ticks);
+    const int32_t result =
+        RawSockSendMsgWithReadWait(index, model, slot, addr, code_read, static_cast<uint32_t>(length),
+                                   {buffer, frame_data_max}, &got.received, reg_ticks, &got.ack);
     if (result != 0) { got.received = 0; } // an answer that is too long says so there, and nothing of it is copied
     process_recvbuf(buffer, addr, static_cast<int>(got.received));
     RawMsgBuffFree(buffer);

@@ -92,32 +92,6 @@ QNode* detach_all(int index, int queue)
     return head;
 }
 
-// Result: the oldest of the expired nodes, the others chained behind it.
-QNode* collect_expired(int index, int queue)
-{
-    QNode* first = nullptr;
-    QNode** end = &first;
-    size_t n = 0;
-    const scoped_lock hold(mtx[index][queue]);
-    for (QNode* node = Qlist[index][queue]; node != nullptr && n < expired_max; node = node->next) {
-        if (timerExpired(&node->timer) == 0 || node->being_sent) { continue; }
-        *end = node;
-        end = &node->next_expired;
-        ++n;
-    }
-    *end = nullptr;
-    return first;
-}
-
-void age(Timer* timer, int32_t ticks)
-{
-    const int32_t period = timer->period;
-    if (period <= 0) { return; }
-    const int32_t left = timer->remaining - ticks;
-    timer->remaining = left > 0 ? left : period;
-    if (left <= 0) { timer->expired = 1; }
-}
-
 } // namespace
 
 void queue_init()
@@ -167,7 +141,19 @@ int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t se
 
 int32_t queue_check(int index, int queue, completion_handler handler)
 {
-    QNode* next = collect_expired(index, queue);
+    QNode* next = nullptr; // the oldest of the expired nodes
+    {
+        QNode** end = &next;
+        size_t n = 0;
+        const scoped_lock hold(mtx[index][queue]);
+        for (QNode* node = Qlist[index][queue]; node != nullptr && n < expired_max; node = node->next) {
+            if (timerExpired(&node->timer) == 0 || node->being_sent) { continue; }
+            *end = node;
+            end = &node->next_expired;
+            ++n;
+        }
+        *end = nullptr;
+    }
     const scoped_lock hold(mutex_check);
     while (QNode* node = next) {
         next = node->next_expired;
@@ -183,7 +169,14 @@ void timerUpdate(int index, int queues)
     if (ticks <= 0) { return; }
     for (int queue = 0; queue < queues; ++queue) {
         const scoped_lock hold(mtx[index][queue]);
-        for (QNode* node = queue_get(index, queue); node != nullptr; node = node->next) { age(&node->timer, ticks); }
+        for (QNode* node = queue_get(index, queue); node != nullptr; node = node->next) {
+            Timer* timer = &node->timer;
+            const int32_t period = timer->period;
+            if (period <= 0) { continue; }
+            const int32_t left = timer->remaining - ticks;
+            timer->remaining = left > 0 ? left : period;
+            if (left <= 0) { timer->expired = 1; }
+        }
     }
 }
 

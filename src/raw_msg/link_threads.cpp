@@ -74,28 +74,10 @@ outcome judge_answer(int queue, const QNode& node)
     return node.recv_len <= frame_data_max || waits(queue) ? outcome::done : outcome::failed;
 }
 
-void count_outcome(const QNode& node, outcome means, bool answered)
-{
-    link_counters& figures = link_count[node.index];
-    if (means == outcome::refused && answered) { figures.wrong_acks.add(); }
-    if (means == outcome::given_up) { figures.given_up.add(); }
-    const bool unusable = means == outcome::nothing || means == outcome::failed ||
-                          (means == outcome::done && node.recv_len > frame_data_max);
-    if (answered && unusable) { figures.dropped[drop::unusable].add(); }
-}
-
 void forget_answer(QNode* node)
 {
     node->ack = no_answer;
     node->recv_len = 0;
-}
-
-// Copies a read's answer to where its caller wants it, and no further; from then on recv_len is what was copied.
-void take_data(QNode* node, const uint8_t* data)
-{
-    if (node->recv_len > frame_data_max) { return; }
-    node->recv_len = std::min(node->recv_len, node->dest_size);
-    memcpy(node->dest, data, node->recv_len);
 }
 
 void resend(int queue, QNode* node, outcome why)
@@ -114,8 +96,12 @@ void end(int queue, QNode* node, outcome how, const uint8_t* data)
     take_note({node, queue, how, node->ack, node->count, 0}, node->index);
     timerStop(&node->timer);
     node->end = how;
-    if (how == outcome::done && node->dest != nullptr) { take_data(node, data); }
-    if (how != outcome::done) { node->recv_len = 0; }
+    if (how != outcome::done) {
+        node->recv_len = 0;
+    } else if (node->dest != nullptr && node->recv_len <= frame_data_max) { // of a longer answer nothing is copied
+        node->recv_len = std::min(node->recv_len, node->dest_size);
+        memcpy(node->dest, data, node->recv_len);
+    }
     if (!waits(queue)) { node->count = 0; }
     hold_node(node);                                         // the pass
     static_cast<void>(queue_del(node->index, queue, &node)); // logs a count that went wrong; there is no one to tell
@@ -145,7 +131,12 @@ void complete(int queue, QNode* node, const uint8_t* data)
     const bool answered = data != nullptr;
     if (answered) { passes[node->index]->met_a_request = true; }
     const outcome means = answered ? judge_answer(queue, *node) : judge_expiry(queue, *node);
-    count_outcome(*node, means, answered);
+    const bool unusable = means == outcome::nothing || means == outcome::failed ||
+                          (means == outcome::done && node->recv_len > frame_data_max);
+    link_counters& figures = link_count[node->index];
+    if (answered && unusable) { figures.dropped[drop::unusable].add(); }
+    if (answered && means == outcome::refused) { figures.wrong_acks.add(); }
+    if (means == outcome::given_up) { figures.given_up.add(); }
     switch (means) {
     case outcome::nothing:
         if (answered) { forget_answer(node); }
@@ -183,22 +174,19 @@ void log_note(const note& n)
     if (n.error != 0) { print_send_error(n.error); }
 }
 
-// Wakes its sender, or tells its requester; a write that was acknowledged well has no report.
-void tell_end(const note& n)
-{
-    const bool well = n.means == outcome::done;
-    if (waits(n.queue)) { return n.ended->sem.post(); }
-    if (n.queue == READ_QUEUE || !well) { request_ended(n.ended, well ? 0 : -1); }
-}
-
-// With no lock of a link held.
+// Logs, wakes, reports and gives back; with no lock of a link held.
 void close_pass(const pass& closed)
 {
     for (size_t i = 0; i < closed.used; ++i) {
         const note& n = closed.notes[i];
         log_note(n);
         if (n.ended == nullptr) { continue; }
-        tell_end(n);
+        const bool well = n.means == outcome::done;
+        if (waits(n.queue)) {
+            n.ended->sem.post();
+        } else if (n.queue == READ_QUEUE || !well) { // a write that was acknowledged well has no report
+            request_ended(n.ended, well ? 0 : -1);
+        }
         release(n.ended);
     }
 }
@@ -248,6 +236,26 @@ void pin(const char* thread, int index)
     }
 }
 
+void RawMsgRecv(int index)
+{
+    pin(__func__, index);
+    log_print(LOG_HERE, "thread id : %d index = %d\n", kernel_thread_id(), index);
+    for (;;) { receive_step(index); }
+}
+
+void RawMsgAckReadCheck(int index)
+{
+    pin(__func__, index);
+    log_print(LOG_HERE, "thread1 id : %d index = %d\n", kernel_thread_id(), index);
+    receive_ticks_here();
+    for (;;) {
+        note_check_pass(index);
+        const bool more = check_step(index);
+        if (after_check_pass != nullptr) { after_check_pass(); }
+        pause_us(more ? busy_pause_us : check_period_us);
+    }
+}
+
 int32_t create(const char* name, int priority, thread_body body, int index, pthread_t* out)
 {
     log_print(LOG_HERE, "index=%d\n", index);
@@ -277,26 +285,6 @@ int32_t RawMsgRecvTaskCreate(int index, pthread_t* out)
 int32_t RawMsgRecvCheckTaskCreate(int index, pthread_t* out)
 {
     return create("rvk-check", check_priority, RawMsgAckReadCheck, index, out);
-}
-
-void RawMsgRecv(int index)
-{
-    pin(__func__, index);
-    log_print(LOG_HERE, "thread id : %d index = %d\n", kernel_thread_id(), index);
-    for (;;) { receive_step(index); }
-}
-
-void RawMsgAckReadCheck(int index)
-{
-    pin(__func__, index);
-    log_print(LOG_HERE, "thread1 id : %d index = %d\n", kernel_thread_id(), index);
-    receive_ticks_here();
-    for (;;) {
-        note_check_pass(index);
-        const bool more = check_step(index);
-        if (after_check_pass != nullptr) { after_check_pass(); }
-        pause_us(more ? busy_pause_us : check_period_us);
-    }
 }
 
 void receive_step(int index)

@@ -40,19 +40,15 @@ int32_t RawMsgModuleInit(int index, pthread_t* recv, pthread_t* check);
 // Closes the link's socket; the threads are not stopped. Nobody calls it.
 void RawMsgModuleUnInit(int index);
 
-// Result: 0, or -1 (logged) when the thread cannot be created.
+// Start one thread. Result: 0, or -1 (logged) when it cannot be created.
 [[nodiscard]] int32_t RawMsgRecvTaskCreate(int index, pthread_t* out);
 [[nodiscard]] int32_t RawMsgRecvCheckTaskCreate(int index, pthread_t* out);
 
-// The threads' bodies; never return.
-void RawMsgRecv(int index);
-void RawMsgAckReadCheck(int index);
-
-// What RawMsgRecv repeats: waits for one frame and offers it, when it is an answer, to the queues of its kind.
+// What the receive thread repeats: waits for one frame and offers it, when it is an answer, to the queues of its kind.
 void receive_step(int index);
 
-// What RawMsgAckReadCheck repeats every 10 ms: ages all queues of the link and deals with what expired. Result: whether
-// more may have expired, and the next pass should follow at once; answers get their turn in between.
+// What the check thread repeats every 10 ms: ages all queues of the link and deals with what expired. Result: whether
+// more may have expired, and the next pass is to follow at once, but for a pause in which answers get their turn.
 [[nodiscard]] bool check_step(int index);
 
 // Gives a request up as one of its owners; the last one gives its frame back too.

@@ -90,8 +90,8 @@ QNode* make_request(const request_fields& r, unsigned* frame_bytes)
     node->requester = r.requester;
     node->being_sent = true;
     node->holders.store(1, std::memory_order_relaxed); // its sender; its queue is the other owner
-    *frame_bytes =
-        RawMsgHeaderPack(r.card.model, r.card.slot, r.code, r.card.addr, node->seq, &buf, static_cast<uint16_t>(r.len));
+    const card_address& to = r.card;
+    *frame_bytes = RawMsgHeaderPack(to.model, to.slot, r.code, to.addr, node->seq, &buf, static_cast<uint16_t>(r.len));
     node->send_len = *frame_bytes;
     if (r.queue == READ_WAIT_QUEUE) { node->send_len = frame_data_min; } // the payload's; it is never sent again
     return node;
@@ -134,9 +134,7 @@ standing after_send(const request_fields& r, QNode* node, bool sent)
         timerStart(r.timeout_ticks, &node->timer);
         return standing::asked;
     }
-    QNode* filed = node;
-    static_cast<void>(
-        queue_del(node->index, r.queue, &filed)); // logs a count that went wrong; the sender holds it still
+    static_cast<void>(queue_del(node->index, r.queue, &node)); // logs a wrong count; the sender holds the node
     return standing::unsent;
 }
 
@@ -194,8 +192,7 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
 int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data)
 {
     if (data.empty()) { return 0; }
-    uint8_t* buf =
-        get_buffer(std::min(frame_data_max, data.size())); // for all pieces: each is out when its send returns
+    uint8_t* buf = get_buffer(std::min(frame_data_max, data.size())); // for all: a piece is out when its send returns
     if (buf == nullptr) { return -1; }
     int32_t unsent = 0;
     for (uint32_t at = 0; at < data.size(); at += frame_data_max) {
@@ -262,28 +259,21 @@ int32_t RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, ui
 }
 
 int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
-                                   std::span<uint8_t> dest, uint32_t* recv_len, uint32_t timeout_ticks)
-{
-    uint8_t ack = no_answer;
-    return read_and_wait({index, model, slot, addr}, code, len, dest, recv_len, &ack, timeout_ticks);
-}
-
-int32_t read_and_wait(const card_address& from, uint8_t code, uint32_t len, std::span<uint8_t> dest, uint32_t* recv_len,
-                      uint8_t* ack, uint32_t timeout_ticks)
+                                   std::span<uint8_t> dest, uint32_t* recv_len, uint32_t timeout_ticks, uint8_t* ack)
 {
     *recv_len = 0;
-    *ack = no_answer;
-    if (!link_exists(from.link) || !is_read(code)) { return -1; }
+    if (ack != nullptr) { *ack = no_answer; }
+    if (!link_exists(index) || !is_read(code)) { return -1; }
     const scoped_lock hold(write_read_ack_wait_mtx);
-    const answer got = exchange({READ_WAIT_QUEUE, from, code, timeout_ticks, 0, len, {}, dest});
+    const answer got = exchange({READ_WAIT_QUEUE, {index, model, slot, addr}, code, timeout_ticks, 0, len, {}, dest});
     if (got.result != 0) { return got.result; }
     *recv_len = got.recv_len;
-    *ack = got.ack;
+    if (ack != nullptr) { *ack = got.ack; }
     if (got.recv_len >= 1 && got.recv_len <= frame_data_max) { return 0; }
     log_print(
         LOG_HERE,
         "#######error read index:%d slot:%d model:%d addr:0x%x length:%d failed:*length=%d, timeout or ack error\n",
-        from.link, from.slot, from.model, from.addr, static_cast<int>(len), static_cast<int>(got.recv_len));
+        index, slot, model, addr, static_cast<int>(len), static_cast<int>(got.recv_len));
     return -1;
 }
 
