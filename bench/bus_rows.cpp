@@ -3,7 +3,7 @@
 // Both sides use one and the same socket, in this process: neither way has a thread of its own. The bare loops send the
 // very packets that ours sent, recorded at the cards; the picture is timed there too, from its first frame to its last.
 #include "base/bytes.h"
-#include "base/pause.h"
+#include "base/clock.h"
 #include "cardsim/link.h"
 #include "eth_raw/bus_block.h"
 #include "eth_raw/bus_packet.h"

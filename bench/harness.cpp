@@ -1,7 +1,7 @@
 // See the header.
 #include "harness.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
 #include "base/rt_thread.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // The idle daemon: the processor time of the real rvkd beside that of a bare process with its two clocks, and its
 // resident memory. Each is alone while it is measured: of two that tick side by side, the one that wakes behind the
 // other finds a processor that is awake, and half the time is that.
-#include "base/pause.h"
+#include "base/clock.h"
 #include "cables.h"
 #include "harness.h"
 #include "processes.h"

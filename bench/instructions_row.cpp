@@ -6,7 +6,7 @@
 #include "harness.h"
 #include "mem/mem.h"
 #include "processes.h"
-#include "raw_msg/send_plain.h"
+#include "raw_msg/send.h"
 #include "rows.h"
 
 #include <cstdlib>

@@ -5,8 +5,7 @@
 #include "link_contest.h"
 #include "processes.h"
 #include "queue/queue.h"
-#include "raw_msg/exchange.h"
-#include "raw_msg/send_plain.h"
+#include "raw_msg/send.h"
 #include "rows.h"
 
 #include <algorithm>

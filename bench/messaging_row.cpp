@@ -6,7 +6,7 @@
 #include "ap_msg/message.h"
 #include "asking.h"
 #include "base/bytes.h"
-#include "base/pause.h"
+#include "base/clock.h"
 #include "cables.h"
 #include "eth_raw/frame.h"
 #include "harness.h"

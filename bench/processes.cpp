@@ -3,7 +3,7 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
-#include "base/pause.h"
+#include "base/clock.h"
 #include "base/rt_thread.h"
 #include "harness.h"
 #include "requester/requester.h"

@@ -2,7 +2,7 @@
 // takes, and gives back.
 #include "ap_msg/message.h"
 #include "asking.h"
-#include "base/pause.h"
+#include "base/clock.h"
 #include "cables.h"
 #include "demo/demo.h"
 #include "harness.h"

@@ -11,8 +11,7 @@
 #include "base/bytes.h"
 #include "eth_raw/frame.h"
 #include "platform/platform.h"
-#include "raw_msg/exchange.h"
-#include "raw_msg/send_plain.h"
+#include "raw_msg/send.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -3,7 +3,7 @@
 #include "ap_msg/mailbox.h"
 #include "ap_msg/picture_write.h"
 #include "eth_raw/frame.h"
-#include "raw_msg/exchange.h"
+#include "raw_msg/send.h"
 
 namespace rvk {
 namespace {

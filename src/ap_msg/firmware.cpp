@@ -2,13 +2,13 @@
 
 #include "ap_msg/firmware_image.h"
 #include "base/bytes.h"
+#include "base/clock.h"
 #include "base/counters.h"
 #include "base/fd.h"
-#include "base/pause.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
-#include "raw_msg/exchange.h"
+#include "raw_msg/send.h"
 
 #include <algorithm>
 #include <array>
@@ -38,13 +38,6 @@ struct info_field {
     int attempts;
     std::array<uint8_t, 4> value;
 };
-
-std::array<uint8_t, 4> le32(uint32_t value)
-{
-    std::array<uint8_t, 4> bytes;
-    store_le32(bytes.data(), value);
-    return bytes;
-}
 
 // In the order in which the card wants them.
 std::array<info_field, 7> file_info(uint32_t size, uint16_t model, uint8_t slot)

@@ -1,6 +1,6 @@
 #include "ap_msg/mailbox.h"
 
-#include "base/semaphore.h"
+#include "base/mutex.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 #include "ap_msg/outbox.h"
 
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
 #include "base/mutex.h"
 #include "main/log.h"
 #include "platform/platform.h"
@@ -19,7 +19,7 @@ namespace {
 // requester's first.
 struct kept_message {
     kept_message *next, *last, *next_requester;
-    uint32_t to, since_us, bytes, count; // kept since, by the clock of elapsed.h
+    uint32_t to, since_us, bytes, count; // kept since, as monotonic_us() says
 };
 struct loss {
     uint32_t to;

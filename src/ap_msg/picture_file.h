@@ -3,7 +3,7 @@
 #pragma once
 
 #include "ap_msg/file_request.h"
-#include "base/page_buffer.h"
+#include "base/fd.h"
 
 #include <cstdint>
 #include <memory>

@@ -3,13 +3,11 @@
 #include "ap_msg/file_request.h"
 #include "ap_msg/message.h"
 #include "ap_msg/picture_file.h"
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
-#include "base/pause.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
-#include "raw_msg/exchange.h"
-#include "raw_msg/send_plain.h"
+#include "raw_msg/send.h"
 
 #include <algorithm>
 #include <array>

@@ -3,15 +3,13 @@
 #include "ap_msg/bitmap.h"
 #include "ap_msg/file_request.h"
 #include "base/bytes.h"
+#include "base/clock.h"
 #include "base/counters.h"
 #include "base/fd.h"
-#include "base/page_buffer.h"
-#include "base/pause.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
-#include "raw_msg/exchange.h"
-#include "raw_msg/send_plain.h"
+#include "raw_msg/send.h"
 
 #include <algorithm>
 #include <array>

@@ -9,7 +9,7 @@
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
-#include "raw_msg/exchange.h"
+#include "raw_msg/send.h"
 
 #include <algorithm>
 #include <array>

@@ -1,12 +1,10 @@
-// What the daemon has seen and done since its start, as numbers: kept where things happen, read by whoever reports
-// them.
+// What the daemon has seen and done since its start, as numbers: counted where things happen, read by the status.
 //
-// The one place for them. No lock: each figure is an atomic of its own, so figures of one moment may be one event
-// apart. Two are decided by: `endpoint_…` and `last_check_us` tell whether the watchdog is fed. Links are counted by
-// their index, 0 to 2.
+// No lock: each figure is an atomic of its own, so figures of one moment may be one event apart. Some decide something:
+// the endpoint's and `last_check_us` tell whether the watchdog is fed.
 #pragma once
 
-#include "base/card_links.h"
+#include "base/board.h"
 
 #include <algorithm>
 #include <array>
@@ -21,12 +19,12 @@ namespace rvk {
 class counter {
 public:
     void add(uint64_t n = 1) { value.fetch_add(n, std::memory_order_relaxed); }
-    // Whoever gets what was set sees what was set before it, too.
+    // A thread that gets what was set also sees what the setting thread wrote before it.
     void set(uint64_t n) { value.store(n, std::memory_order_release); }
     uint64_t get() const { return value.load(std::memory_order_acquire); }
-    uint64_t take() { return value.exchange(0, std::memory_order_relaxed); } // and start from 0 again
+    uint64_t take() { return value.exchange(0, std::memory_order_relaxed); } // starts from 0 again
 
-    // Keeps the larger one; for one writing thread.
+    // Keeps the larger value; for one writing thread.
     void raise_to(uint64_t n)
     {
         if (n > get()) { set(n); }
@@ -37,58 +35,49 @@ private:
     static_assert(std::atomic<uint64_t>::is_always_lock_free);
 };
 
-// Figures of one kind, one per cause; the names of the causes, in the same order, are what reports call them.
+// Figures of one kind, one per cause.
 template <typename Cause>
 struct counters_by {
     std::array<counter, static_cast<size_t>(Cause::count)> all;
     counter& operator[](Cause cause) { return all[static_cast<size_t>(cause)]; }
 };
 
+// What reports call the causes, in their order.
+template <typename Cause, typename... Name>
+consteval auto names_of(Name... names)
+{
+    static_assert(sizeof...(names) == static_cast<size_t>(Cause::count));
+    return std::array<const char*, sizeof...(names)>{names...};
+}
+
 // Why a received frame was dropped.
-enum class drop : uint8_t { foreign, length, checksum, code, no_request, unusable, count };
-inline constexpr std::array drop_names{"not_ours",      "length",          "checksum",
-                                       "not_an_answer", "no_such_request", "unusable"};
+enum class drop { foreign, length, checksum, code, no_request, unusable, count };
+inline constexpr auto drop_names =
+    names_of<drop>("not_ours", "length", "checksum", "not_an_answer", "no_such_request", "unusable");
 
 // Why a frame was not sent, or not at once.
-enum class send_failure : uint8_t { not_open, would_block, link_down, no_buffers, no_device, cut_short, other, count };
-inline constexpr std::array send_failure_names{"not_open",  "would_block", "link_down", "no_buffers",
-                                               "no_device", "cut_short",   "other"};
+enum class send_failure { not_open, would_block, link_down, no_buffers, no_device, cut_short, other, count };
+inline constexpr auto send_failure_names =
+    names_of<send_failure>("not_open", "would_block", "link_down", "no_buffers", "no_device", "cut_short", "other");
 
-enum class command_kind : uint8_t { read, write, write_ack, file_write, file_read, update, greeting, other, count };
-inline constexpr std::array command_names{"read",      "write",  "write_ack", "file_write",
-                                          "file_read", "update", "greeting",  "other"};
+enum class command_kind { read, write, write_ack, file_write, file_read, update, greeting, other, count };
+inline constexpr auto command_names =
+    names_of<command_kind>("read", "write", "write_ack", "file_write", "file_read", "update", "greeting", "other");
 
 // Why a command was not carried out.
-enum class refusal : uint8_t {
-    wrong_sender,
-    wrong_type,
-    daemon,
-    broadcast,
-    too_long,
-    cut,
-    no_thread,
-    no_memory,
-    count
-};
-inline constexpr std::array refusal_names{"wrong_sender", "wrong_type", "daemon",    "broadcast",
-                                          "too_long",     "cut",        "no_thread", "no_memory"};
+enum class refusal { wrong_sender, wrong_type, daemon, broadcast, too_long, cut, no_thread, no_memory, count };
+inline constexpr auto refusal_names =
+    names_of<refusal>("wrong_sender", "wrong_type", "daemon", "broadcast", "too_long", "cut", "no_thread", "no_memory");
 
-enum class job : uint8_t { picture_write, read_back, update, count };
-inline constexpr std::array job_names{"picture_write", "read_back", "update"};
+enum class job { picture_write, read_back, update, count };
+inline constexpr auto job_names = names_of<job>("picture_write", "read_back", "update");
 
-// Pictures, those of the demo too, read-backs and firmware each run one at a time.
-enum class transfer : uint8_t { picture, read_back, firmware, count };
-inline constexpr std::array transfer_names{"picture", "read_back", "firmware"};
+// Transfers of each of these kinds (pictures: those of the demo too) run one at a time.
+enum class transfer { picture, read_back, firmware, count };
+inline constexpr auto transfer_names = names_of<transfer>("picture", "read_back", "firmware");
 
-static_assert(drop_names.size() == static_cast<size_t>(drop::count));
-static_assert(send_failure_names.size() == static_cast<size_t>(send_failure::count));
-static_assert(command_names.size() == static_cast<size_t>(command_kind::count));
-static_assert(refusal_names.size() == static_cast<size_t>(refusal::count));
-static_assert(job_names.size() == static_cast<size_t>(job::count));
-static_assert(transfer_names.size() == static_cast<size_t>(transfer::count));
-
-// How long answers took: entry i counts those of at most 16 µs << i that the entry before it does not, the last one
-// those above 512 ms.
+// How long answers took: entry i counts those of at most 16 µs << i that entry i - 1 does not, the last one those above
+// 524 ms.
 inline constexpr size_t answer_time_bounds = 16;
 constexpr uint64_t answer_time_bound_us(size_t i) { return uint64_t{16} << i; }
 
@@ -102,19 +91,19 @@ static_assert(answer_time_entry(0) == 0 && answer_time_entry(16) == 0 && answer_
 static_assert(answer_time_entry(524'288) == 15 && answer_time_entry(524'289) == answer_time_bounds);
 
 struct link_counters {
-    counter frames_sent, frames_received; // those that are sent again and dropped ones included
+    counter frames_sent, frames_received; // with resends, and with those that are dropped
     counter bytes_sent, bytes_received;   // from the destination address to the checksum
     counters_by<drop> dropped;
     counters_by<send_failure> send_failed;
-    counter kernel_dropped; // frames for which the socket had no room
+    counter kernel_dropped; // frames that the socket had no memory for
     counter resends, given_up, wrong_acks;
-    counter answers; // that met a request: the sum of the entries below
+    counter answers; // that found a request: the sum of the entries below
     std::array<counter, answer_time_bounds + 1> answer_time;
     counter answer_time_us;              // their sum
-    std::atomic<uint32_t> last_check_us; // when the check thread last began a pass, by the clock of elapsed.h; 0: never
-    counter check_gap_us;                // longest time between two of its passes since the status thread took it
-    counter check_gap_shown_us;          // what that thread took, or a time that still runs
-    counter check_gap_most_us;           // the longest of those since the start
+    std::atomic<uint32_t> last_check_us; // monotonic_us() when the check thread last began a pass; 0: never
+    counter check_gap_us;                // longest time between two passes since the status thread last took it
+    counter check_gap_shown_us;          // what that thread took, or the time since the last pass when that is longer
+    counter check_gap_most_us;           // the longest since the start
 
     void count_answer(uint32_t us)
     {
@@ -136,13 +125,13 @@ struct daemon_counters {
     counters_by<job> last_requester, last_number, last_steps, last_unanswered; // of the last one that ended
 };
 
-// Set by a messaging service that can tell whether an endpoint that it registered is still reached.
+// Whether the endpoint is still reached; set by a messaging service that can tell.
 inline std::atomic<bool (*)()> endpoint_is_reached{nullptr};
 
 inline link_counters link_count[MAX_ETH];
 inline daemon_counters daemon_count;
 
-// A transfer from its first byte to its last, for whoever wants to see how far it is.
+// A transfer that runs as long as this lives, shown in the status.
 class counted_transfer {
 public:
     counted_transfer(transfer running, uint64_t total_bytes) : kind(running)
@@ -164,9 +153,9 @@ private:
     transfer kind;
 };
 
-// What a file job asks of the card and needs an answer to: a picture's control writes, a read-back's steps, an update's
-// writes. The demo's, on a thread of its own, do not count.
-inline thread_local bool runs_a_job = false; // on the file thread
+// Counts what a file job asks of the card and needs an answer to: a picture's control writes, a read-back's steps, an
+// update's writes. Those of the demo, which runs on another thread, do not count.
+inline thread_local bool runs_a_job = false; // true on the file thread
 inline void count_step(bool answered)
 {
     if (!runs_a_job) { return; }

@@ -1,6 +1,6 @@
 #include "base/fd.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 namespace rvk {
@@ -16,6 +17,7 @@ namespace {
 
 constexpr int tried_descriptors = 65536;     // where the kernel cannot mark a range: more than this process ever has
 constexpr size_t at_once_bytes = 512 * 1024; // ours: some 100 µs of copying, between which others may run
+constexpr size_t large_page = size_t{2} * 1024 * 1024; // of x86-64 and of ARM with 4 KiB pages
 
 } // namespace
 
@@ -62,8 +64,8 @@ const char* open_failure()
     return errno == ELOOP ? "it is a symbolic link that is not followed" : strerror(errno);
 }
 
-// By poll, since where time has 64 bits and 32-bit processors run it, glibc 2.36 binds a fortified ppoll to the one
-// that takes 32-bit times: it would not wait at all.
+// By poll: on 32-bit processors with 64-bit time glibc 2.36 binds a fortified ppoll to the one that takes 32-bit times,
+// and it would not wait at all.
 bool wait_readable(int fd, uint64_t at_most_ms)
 {
     pollfd entry{fd, POLLIN, 0};
@@ -101,6 +103,23 @@ bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
         let_others_run(copy_turn_us);
     }
     return true;
+}
+
+page_buffer::page_buffer(size_t bytes)
+{
+    if (bytes + large_page < bytes) { return; }
+    void* pages = mmap(nullptr, bytes + large_page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED) { return; }
+    mapped = pages;
+    size = bytes;
+    const auto address = reinterpret_cast<uintptr_t>(pages);
+    start = static_cast<uint8_t*>(pages) + (large_page - address % large_page) % large_page;
+    madvise(start, bytes, MADV_HUGEPAGE); // a hint: without large pages the buffer only costs more faults
+}
+
+page_buffer::~page_buffer()
+{
+    if (mapped != nullptr) { munmap(mapped, size + large_page); }
 }
 
 } // namespace rvk

@@ -1,6 +1,8 @@
-// File descriptors: their ownership, and whole reads and writes of regular files.
+// File descriptors and their ownership, whole reads and writes of regular files, and the big buffers for what is in
+// them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <sys/types.h>
@@ -36,34 +38,52 @@ private:
 };
 
 // Puts /dev/null in the place of standard descriptors that are closed, so that no file or socket gets their numbers;
-// whatever else was inherited is kept from the commands that this process runs. To be called before anything is opened.
-// access  O_RDWR: what is printed is lost in silence; O_RDONLY: it fails
+// whatever else was inherited is kept from the commands that this process runs. Before anything is opened.
+// access  O_RDWR: what is printed is lost in silence; O_RDONLY: printing fails
 void prepare_descriptors(int access);
 
-// Opens a file without ever blocking; it must be a regular one.
+// Opens a regular file without blocking.
 // flags   as open(): the access mode, O_CREAT; a file that is created gets `mode` less the umask
 // Result  none (errno tells why; EINVAL for a FIFO, device or folder)
 [[nodiscard]] unique_fd open_regular(const char* path, int flags, mode_t mode = 0600);
 
-// Opens what is to be written where others name it, and makes it with `mode` where it is missing (0: does not make it).
-// One that is there is opened without O_CREAT, which the system refuses for others' files in /tmp.
+// Opens a regular file for writing at a path that others may have prepared; one that is missing is created with `mode`
+// (0: is not created). An existing one is opened without O_CREAT, which the system refuses for others' files in /tmp.
 // Result  none (errno tells why; ELOOP for a symbolic link that root did not make)
 [[nodiscard]] unique_fd open_output(const char* path, mode_t mode);
 
-// Why open_regular or open_output gave none, by errno: to be asked before anything else sets it.
+// Why open_regular or open_output gave none, in words; by errno, so before anything else sets it.
 [[nodiscard]] const char* open_failure();
 
-// Waits until a descriptor can be read, in milliseconds. Result: false when the time ran out or a signal came (EINTR).
+// Waits until a descriptor can be read. Result: false when the time ran out or a signal came (EINTR).
 [[nodiscard]] bool wait_readable(int fd, uint64_t at_most_ms);
 
 // Size of an open file in bytes, -1 when it cannot be had.
 [[nodiscard]] off_t size_of(const unique_fd& file);
 
-// Lets others run meanwhile (base/pause.h), as write_full does. Result: bytes read from the file's position on; fewer
-// than asked for only at its end or on an error.
+// Reads from the file's position on, and lets others run meanwhile (clock.h), as write_full does.
+// Result: bytes read; fewer than asked for only at the file's end or on an error.
 [[nodiscard]] size_t read_full(const unique_fd& file, std::span<uint8_t> into);
 
 // Writes at an offset. Result: false (errno tells why) when not all of it could be written.
 [[nodiscard]] bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at);
+
+// Zero-filled pages straight from the system, given back at once, so that the daemon is as small after a picture as
+// before it; large ones where the system has them, since page faults are most of what a picture in memory costs.
+class page_buffer {
+public:
+    explicit page_buffer(size_t bytes); // 0 is a buffer too
+    ~page_buffer();
+    page_buffer(const page_buffer&) = delete;
+    page_buffer& operator=(const page_buffer&) = delete;
+
+    explicit operator bool() const { return start != nullptr; } // false when the system has no memory
+    std::span<uint8_t> bytes() const { return {start, size}; }
+
+private:
+    void* mapped = nullptr;
+    uint8_t* start = nullptr; // the first large page
+    size_t size = 0;
+};
 
 } // namespace rvk

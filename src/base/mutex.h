@@ -1,4 +1,4 @@
-// The process's mutexes, annotated so that clang refuses a read of guarded data or a call without the lock.
+// Mutexes, annotated so that clang refuses a read of guarded data or a call without the lock; and a semaphore.
 //
 // Lock order: a thread that holds one of these takes only locks further in.
 //   file_mutex                              one file job, from its first byte to its reply
@@ -9,17 +9,18 @@
 //             mutex_find | mutex_check      calls of completion handlers
 //               a queue's mtx | send_mutex | a counter's | mutex_mem     none of these under another
 //                 the log's | a console stream's                     innermost: anybody may log
-// The outbox's stands alone: under it messages are offered, which never waits.
+// The outbox's stands alone: messages are offered under it, which never waits.
 // Under find_check_mtx and all further in nothing waits for a card, a file, another process or a reader of the console.
-// A resend's `sendto` is the one system call there (1 ms later a second one where the socket would block); only what is
-// rare is logged there: a link that is not open, once; a count that went wrong.
+// The one system call there is a resend's `sendto`, with a second one 1 ms later where the socket would block; the one
+// thing logged is what is rare: a socket that would block, a link that is not open (once), a count that went wrong.
 #pragma once
 
-#include "base/pause.h"
-#include "base/semaphore.h"
+#include "base/clock.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <pthread.h>
+#include <semaphore.h>
 
 #if defined(__clang__)
 #define RVK_TSA(x) __attribute__((x))
@@ -60,14 +61,29 @@ private:
     pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
 };
 
+// Counts posts; a wait lasts until there is one, whatever signals arrive meanwhile. No destructor, as above; an unnamed
+// POSIX semaphore holds nothing that would have to be given back.
+class semaphore {
+public:
+    semaphore() : semaphore(0) {}
+    explicit semaphore(unsigned initial) { sem_init(&s, 0, initial); }
+    semaphore(const semaphore&) = delete;
+    semaphore& operator=(const semaphore&) = delete;
+
+    void post() { sem_post(&s); } // from any thread, and from a signal handler
+    void wait()
+    {
+        while (sem_wait(&s) != 0 && errno == EINTR) {}
+    }
+
+private:
+    sem_t s;
+};
+
 // As a mutex, but given to whoever has waited longest, whatever the priorities: for what is held while a card is waited
 // for. Under an ordinary one a thread that takes it again at once keeps every thread below its priority out.
 class RVK_TSA(capability("mutex")) fair_mutex {
 public:
-    fair_mutex() = default;
-    fair_mutex(const fair_mutex&) = delete;
-    fair_mutex& operator=(const fair_mutex&) = delete;
-
     void lock() RVK_ACQUIRE() RVK_NO_TSA
     {
         inner.lock();
@@ -89,8 +105,7 @@ private:
     static constexpr uint32_t threads_max = 16; // ours: more than the process has that take it
     mutex inner;                                // for a few instructions
     uint32_t asked = 0, served = 0;             // numbers in the order of asking: the next one's, the holder's
-    semaphore
-        turns[threads_max]; // by number; not on the waiter's stack, which may be gone while post() still touches it
+    semaphore turns[threads_max]; // by number; on a waiter's stack one might be gone while post() still touches it
 };
 
 template <typename Mutex>

@@ -1,6 +1,6 @@
 #include "base/rt_thread.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
 
 #include <csignal>
 #include <memory>
@@ -35,15 +35,6 @@ void* trampoline(void* opaque)
     return nullptr;
 }
 
-int real_time_attributes(pthread_attr_t* attributes, int priority)
-{
-    sched_param parameter{};
-    parameter.sched_priority = priority;
-    if (pthread_attr_setinheritsched(attributes, PTHREAD_EXPLICIT_SCHED) != 0) { return -1; }
-    if (pthread_attr_setschedpolicy(attributes, SCHED_FIFO) != 0) { return -1; }
-    return pthread_attr_setschedparam(attributes, &parameter) == 0 ? 0 : -1;
-}
-
 } // namespace
 
 int start_thread(const char* name, int priority, thread_body body, int argument, pthread_t* out)
@@ -53,12 +44,16 @@ int start_thread(const char* name, int priority, thread_body body, int argument,
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) { return -1; }
     pthread_t thread{};
-    int result = pthread_attr_setstacksize(&attributes, stack_bytes) == 0 ? 0 : -1;
-    if (result == 0 && priority != 0) { result = real_time_attributes(&attributes, priority); }
     if (out == nullptr) { pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED); } // nobody could join it
-    if (result == 0) { result = pthread_create(&thread, &attributes, trampoline, start.get()) == 0 ? 0 : -1; }
+    sched_param parameter{};
+    parameter.sched_priority = priority;
+    const bool started = pthread_attr_setstacksize(&attributes, stack_bytes) == 0 &&
+                         (priority == 0 || (pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED) == 0 &&
+                                            pthread_attr_setschedpolicy(&attributes, SCHED_FIFO) == 0 &&
+                                            pthread_attr_setschedparam(&attributes, &parameter) == 0)) &&
+                         pthread_create(&thread, &attributes, trampoline, start.get()) == 0;
     pthread_attr_destroy(&attributes);
-    if (result != 0) { return -1; }
+    if (!started) { return -1; }
     static_cast<void>(start.release()); // the thread's own from here on
     if (out != nullptr) { *out = thread; }
     return 0;

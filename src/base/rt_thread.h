@@ -9,15 +9,14 @@ using thread_body = void (*)(int argument);
 
 // Starts a thread that runs body(argument).
 // name      at most 15 characters, as the kernel shows it
-// priority  SCHED_FIFO 1 to 99, asked for explicitly and not inherited; 0 for an ordinary thread
+// priority  SCHED_FIFO 1 to 99; 0 for an ordinary thread
 // out       receives the thread's handle; null: nobody will join it
 // Result    0, or -1 when the thread could not be created (no privilege, no memory)
-// The thread inherits the creator's signal mask. It gets an alternate signal stack, so that a handler still runs when
-// its stack is used up.
+// The thread inherits its creator's signal mask. On its alternate signal stack a handler runs even when its own stack
+// is used up.
 [[nodiscard]] int start_thread(const char* name, int priority, thread_body body, int argument, pthread_t* out);
 
-// The same for an ordinary thread that nobody joins, up to three times more, 10 ms apart: memory may be short for a
-// moment.
+// The same for an ordinary thread that nobody joins, with up to three more tries 10 ms apart: memory may be short.
 [[nodiscard]] int start_thread_or_retry(const char* name, thread_body body);
 
 // Gives the calling thread an alternate signal stack, as start_thread does; for the main thread.

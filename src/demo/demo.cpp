@@ -2,9 +2,8 @@
 
 #include "ap_msg/demo_io.h"
 #include "base/bytes.h"
+#include "base/clock.h"
 #include "base/fd.h"
-#include "base/page_buffer.h"
-#include "base/pause.h"
 #include "main/log.h"
 
 #include <algorithm>
@@ -139,9 +138,7 @@ void DemoTimingResetRelease(int index) { set(index, reset, 1); }
 void DemoPlayIntervalSet(int index, int interval)
 {
     const float value = static_cast<float>(interval) / 5.0F * 1'000'000'000.0F;
-    std::array<uint8_t, 4> bytes;
-    store_le32(bytes.data(), clamped(value));
-    set(index, interval_register, bytes);
+    set(index, interval_register, le32(clamped(value)));
 }
 
 void DemoPlayPicNumberSet(int index, int number) { set(index, number_register, static_cast<uint8_t>(number)); }

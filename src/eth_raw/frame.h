@@ -12,6 +12,14 @@ inline constexpr std::array<uint8_t, 6> eth_raw_tx_header{0xEB, 0x90, 0xEB, 0x90
 inline constexpr std::array<uint8_t, 6> eth_raw_rx_header{0x44, 0x44, 0x44, 0x44, 0x44, 0x44}; // the controller's
 inline constexpr std::array<uint8_t, 2> eth_raw_transfer_IP{0x07, 0x00};                       // type of requests
 
+// A card behind a link (0 to 2), and a place in it.
+struct card_address {
+    int link;
+    uint16_t model;
+    uint8_t slot;
+    uint32_t addr;
+};
+
 // Request, controller to card: offsets from the frame's first byte, little-endian, no padding between fields.
 namespace request {
 inline constexpr size_t destination = 0, source = 6;                           // 6 6  tx_header, rx_header

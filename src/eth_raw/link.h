@@ -5,7 +5,7 @@
 // are left in promiscuous mode: the cards send to a fixed address that is not the interface's own.
 #pragma once
 
-#include "base/card_links.h"
+#include "base/board.h"
 #include "base/mutex.h"
 
 #include <atomic>

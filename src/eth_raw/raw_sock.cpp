@@ -1,7 +1,7 @@
 #include "eth_raw/raw_sock.h"
 
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/pause.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
 #include "main/log.h"

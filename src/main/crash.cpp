@@ -1,8 +1,8 @@
 #include "main/main.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
+#include "base/mutex.h"
 #include "base/rt_thread.h"
-#include "base/semaphore.h"
 #include "main/log.h"
 #include "mem/mem.h"
 

@@ -1,13 +1,13 @@
 #include "main/diagnosis.h"
 
+#include "base/clock.h"
 #include "base/fd.h"
-#include "base/pause.h"
 #include "base/rt_thread.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/raw_sock.h"
 #include "main/log.h"
 #include "platform/platform.h"
-#include "raw_msg/exchange.h"
+#include "raw_msg/send.h"
 
 #include <array>
 #include <cstdio>
@@ -71,8 +71,9 @@ int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int len
     log_print(LOG_HERE, "read reg 0x%x\n", addr);
     uint8_t* buffer = whole_buffer();
     if (buffer == nullptr) { return -1; }
-    const int32_t result = read_and_wait(index, model, slot, addr, code_read, static_cast<uint32_t>(length),
-                                         {buffer, frame_data_max}, &got.received, &got.ack, reg_ticks);
+    const int32_t result =
+        RawSockSendMsgWithReadWait(index, model, slot, addr, code_read, static_cast<uint32_t>(length),
+                                   {buffer, frame_data_max}, &got.received, reg_ticks, &got.ack);
     if (result != 0) { got.received = 0; } // an answer that is too long says so there, and nothing of it is copied
     process_recvbuf(buffer, addr, static_cast<int>(got.received));
     RawMsgBuffFree(buffer);

@@ -1,12 +1,11 @@
 // The status files, and what else the daemon looks after once a second: one table of figures, written as JSON and as
 // Prometheus text. It reads the counters, the queues' lengths and the pool without a lock, and allocates nothing.
 #include "ap_msg/outbox.h"
+#include "base/board.h"
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
 #include "base/fd.h"
-#include "base/pause.h"
 #include "base/rt_thread.h"
-#include "base/status_place.h"
 #include "eth_raw/link.h"
 #include "main/log.h"
 #include "main/main.h"

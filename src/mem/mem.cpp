@@ -7,13 +7,8 @@
 #include <bit>
 #include <cstdlib>
 
-#if defined(__has_feature) // clang's way to tell; g++ has a macro
-#if __has_feature(address_sanitizer)
-#define __SANITIZE_ADDRESS__ 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/asan_interface.h>
+#if __has_include(<sanitizer/asan_interface.h>)
+#include <sanitizer/asan_interface.h> // without the sanitizer its macros do nothing
 #else
 #define ASAN_POISON_MEMORY_REGION(data, size) static_cast<void>(0)
 #define ASAN_UNPOISON_MEMORY_REGION(data, size) static_cast<void>(0)
@@ -30,7 +25,7 @@ mem_block* mem_tail[mem_classes] RVK_GUARDED_BY(mutex_mem); // last block of eac
 std::atomic<int32_t> made[mem_classes];                     // blocks the pool has, waiting or handed out
 std::atomic<int32_t> waiting[mem_classes];                  // blocks in each list; written under mutex_mem
 
-// The classes' sizes double from the first one's 64 bytes on.
+// Sizes double from class to class.
 constexpr int class_of(unsigned size)
 {
     return size == 0 ? 0 : static_cast<int>(std::bit_width((size - 1) / mem_type.front()));
@@ -40,13 +35,6 @@ static_assert(class_of(64) == 0 && class_of(65) == 1 && class_of(mem_type.back()
 void change_waiting(int type, int32_t by) RVK_REQUIRES(mutex_mem)
 {
     waiting[type].store(waiting[type].load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
-}
-
-mem_block* new_block(int type)
-{
-    auto* block = static_cast<mem_block*>(malloc(sizeof(mem_block) + mem_type[static_cast<size_t>(type)]));
-    if (block != nullptr) { ++made[type]; }
-    return block;
 }
 
 } // namespace
@@ -64,10 +52,9 @@ void mem_uinit()
 {
     const scoped_lock hold(mutex_mem);
     for (size_t type = 0; type < mem_classes; ++type) {
-        while (mem_list[type] != nullptr) {
-            mem_block* next = mem_list[type]->next;
-            free(mem_list[type]);
-            mem_list[type] = next;
+        while (mem_block* block = mem_list[type]) {
+            mem_list[type] = block->next;
+            free(block);
             --made[type];
             change_waiting(static_cast<int>(type), -1);
         }
@@ -78,13 +65,16 @@ void* mem_alloc(unsigned size)
 {
     if (size > mem_type.back()) { return nullptr; }
     const int type = class_of(size);
+    const uint32_t bytes = mem_type[static_cast<size_t>(type)];
     mem_block* block = mem_pop(type);
-    if (block == nullptr) { block = new_block(type); }
-    if (block == nullptr) { return nullptr; }
-    void* data = block + 1;
-    *block = {block, static_cast<uint32_t>(type), data, mem_type[static_cast<size_t>(type)], 1, nullptr};
-    ASAN_UNPOISON_MEMORY_REGION(data, block->size);
-    return data;
+    if (block == nullptr) {
+        block = static_cast<mem_block*>(malloc(sizeof(mem_block) + bytes));
+        if (block == nullptr) { return nullptr; }
+        ++made[type];
+    }
+    *block = {block, static_cast<uint32_t>(type), block + 1, bytes, 1, nullptr};
+    ASAN_UNPOISON_MEMORY_REGION(block->data, bytes);
+    return block->data;
 }
 
 void mem_free(void* data)

@@ -1,7 +1,7 @@
 #include "queue/queue.h"
 
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
 #include "main/log.h"
 #include "mem/mem.h"
 
@@ -21,8 +21,9 @@ namespace {
 
 QNode* Qtail[MAX_ETH][queue_numbers];
 
-// The nodes whose sequence numbers share a slot, oldest first; nearly always one. Where senders wait, few are filed at
-// once. The other index's pages are taken when its queue is first used, not as the numbers go up.
+// The index: of the nodes whose sequence numbers share a slot the oldest, chained by same_slot; nearly always one. A
+// queue of waiting senders, which are few, uses 1,024 slots. Of any other queue the whole index is written when the
+// first node is filed, so that its memory does not grow as the numbers go up.
 constexpr size_t slots = 65'536, waiting_slots = 1024; // ours
 QNode* oldest[MAX_ETH][queue_numbers][slots];
 bool has_pages[MAX_ETH][queue_numbers];
@@ -38,14 +39,14 @@ void take_pages(int index, int queue) RVK_REQUIRES(mtx[index][queue])
     std::fill_n(static_cast<QNode* volatile*>(oldest[index][queue]), slots, nullptr);
 }
 
-// Result: what points to the node; at the end of the slot, to null, when it is not in it.
+// Result: the pointer to the node; the null pointer at the slot's end when it is not in it.
 QNode** pointer_to(QNode** slot, const QNode* node)
 {
     while (*slot != nullptr && *slot != node) { slot = &(*slot)->same_slot; }
     return slot;
 }
 
-// Written so that queue_length() may look without the mutex.
+// Atomic for queue_length(), which looks without the mutex.
 int32_t change_count(int index, int queue, int32_t by) RVK_REQUIRES(mtx[index][queue])
 {
     const int32_t count = Qcount[index][queue] + by;
@@ -76,13 +77,6 @@ void link_tail(int index, int queue, QNode* node) RVK_REQUIRES(mtx[index][queue]
     *pointer_to(slot_of(index, queue, node->seq), node) = node;
 }
 
-QNode* oldest_match(int index, int queue, uint32_t addr, uint16_t seq) RVK_REQUIRES(mtx[index][queue])
-{
-    QNode* node = *slot_of(index, queue, seq);
-    while (node != nullptr && (node->seq != seq || node->addr != addr)) { node = node->same_slot; }
-    return node;
-}
-
 // Result: the old head; the nodes stay chained by `next`.
 QNode* detach_all(int index, int queue)
 {
@@ -98,39 +92,13 @@ QNode* detach_all(int index, int queue)
     return head;
 }
 
-// Result: the oldest of the expired nodes, the others chained behind it.
-QNode* collect_expired(int index, int queue)
-{
-    QNode* first = nullptr;
-    QNode** end = &first;
-    size_t n = 0;
-    const scoped_lock hold(mtx[index][queue]);
-    for (QNode* node = Qlist[index][queue]; node != nullptr && n < expired_max; node = node->next) {
-        if (timerExpired(&node->timer) == 0 || node->being_sent) { continue; }
-        node->next_expired = nullptr;
-        *end = node;
-        end = &node->next_expired;
-        ++n;
-    }
-    return first;
-}
-
-void age(Timer* timer, int32_t ticks)
-{
-    const int32_t period = timer->period;
-    if (period <= 0) { return; }
-    const int32_t left = timer->remaining - ticks;
-    timer->remaining = left > 0 ? left : period;
-    if (left <= 0) { timer->expired = 1; }
-}
-
 } // namespace
 
 void queue_init()
 {
     for (int index = 0; index < MAX_ETH; ++index) {
         for (int queue = 0; queue < queue_numbers; ++queue) {
-            static_cast<void>(detach_all(index, queue)); // nodes are not given back
+            static_cast<void>(detach_all(index, queue)); // nodes filed before are not given back
             const scoped_lock hold(mtx[index][queue]);
             change_count(index, queue, -Qcount[index][queue]);
         }
@@ -159,7 +127,8 @@ int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t se
     QNode* node = nullptr;
     {
         const scoped_lock hold(mtx[index][queue]);
-        node = oldest_match(index, queue, addr, seq);
+        node = *slot_of(index, queue, seq);
+        while (node != nullptr && (node->seq != seq || node->addr != addr)) { node = node->same_slot; }
     }
     if (node == nullptr) { return 0; }
     link_count[index].count_answer(monotonic_us() - node->asked_us);
@@ -172,13 +141,24 @@ int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t se
 
 int32_t queue_check(int index, int queue, completion_handler handler)
 {
-    QNode* node = collect_expired(index, queue);
+    QNode* next = nullptr; // the oldest of the expired nodes
+    {
+        QNode** end = &next;
+        size_t n = 0;
+        const scoped_lock hold(mtx[index][queue]);
+        for (QNode* node = Qlist[index][queue]; node != nullptr && n < expired_max; node = node->next) {
+            if (timerExpired(&node->timer) == 0 || node->being_sent) { continue; }
+            *end = node;
+            end = &node->next_expired;
+            ++n;
+        }
+        *end = nullptr;
+    }
     const scoped_lock hold(mutex_check);
-    while (node != nullptr) {
-        QNode* next = node->next_expired;
+    while (QNode* node = next) {
+        next = node->next_expired;
         ++node->count;
         handler(node, nullptr, 0);
-        node = next;
     }
     return 0;
 }
@@ -189,7 +169,14 @@ void timerUpdate(int index, int queues)
     if (ticks <= 0) { return; }
     for (int queue = 0; queue < queues; ++queue) {
         const scoped_lock hold(mtx[index][queue]);
-        for (QNode* node = queue_get(index, queue); node != nullptr; node = node->next) { age(&node->timer, ticks); }
+        for (QNode* node = queue_get(index, queue); node != nullptr; node = node->next) {
+            Timer* timer = &node->timer;
+            const int32_t period = timer->period;
+            if (period <= 0) { continue; }
+            const int32_t left = timer->remaining - ticks;
+            timer->remaining = left > 0 ? left : period;
+            if (left <= 0) { timer->expired = 1; }
+        }
     }
 }
 
@@ -217,11 +204,10 @@ int32_t queue_del(int index, int queue, QNode** handle)
 
 void queue_empty(int index, int queue)
 {
-    QNode* node = detach_all(index, queue);
-    while (node != nullptr) {
-        QNode* next = node->next;
+    QNode* next = detach_all(index, queue);
+    while (QNode* node = next) {
+        next = node->next;
         let_go_of_node(node);
-        node = next;
     }
 }
 

@@ -1,16 +1,16 @@
-// Pending requests: every frame that still owes us an answer.
+// Pending requests: every frame that waits for its answer.
 //
 // One list per link and kind, filed at the tail and searched from the head, so that the oldest request wins. Senders
 // file nodes; the link's receive and check threads find, age, expire and delete them. Nothing here sends or reports.
 //
-// Owners: the queue while a node is filed, and whoever else holds it (its sender; a link thread that still has to tell
-// of its end). The last one gives the node back to the pool; the frame that it points to is the holders' alone.
-// A node is filed by its sender; it is changed and unlinked under its link's find_check_mtx. The queue's own mutex
-// guards list, count and index, and is released before a handler runs.
-// All functions trust their link index (0 to 2) and queue number (0 to 5).
+// Owners: the queue while a node is filed, and whoever else holds it (its sender; a link thread that is to tell of its
+// end). The last one gives the node back to the pool; the frame that it points to is the holders' alone.
+// Once filed, a node is changed (but for its timer, which ages) and unlinked under its link's find_check_mtx. A queue's
+// own mutex guards list, count and index and is released before a handler runs. Link index (0 to 2) and queue number (0
+// to 5) are not checked.
 #pragma once
 
-#include "base/card_links.h"
+#include "base/board.h"
 #include "base/mutex.h"
 #include "timer/timer.h"
 
@@ -20,9 +20,9 @@
 
 namespace rvk {
 
-inline constexpr int ACK_QUEUE = 0;                // asynchronous acknowledged writes: the outcome is reported later
+inline constexpr int ACK_QUEUE = 0;                // asynchronous acknowledged writes: a failure is reported later
 inline constexpr int ACK_WAIT_QUEUE = 1;           // synchronous acknowledged writes: a sender waits
-inline constexpr int READ_QUEUE = 2;               // asynchronous reads
+inline constexpr int READ_QUEUE = 2;               // asynchronous reads: data or failure is reported later
 inline constexpr int READ_WAIT_QUEUE = 3;          // synchronous reads
 inline constexpr int queue_numbers = 6;            // 4 and 5 are prepared and aged, never filled
 inline constexpr int32_t queue_nodes_max = 65'535; // ours: as many as there are sequence numbers, less one
@@ -43,7 +43,7 @@ enum class outcome : uint8_t {
 
 // A node is a zero-filled block of the pool.
 struct QNode {
-    uint8_t* buf; // payload of the message buffer that holds the frame, packed before it was filed; sent as it is
+    uint8_t* buf; // payload of the message buffer that holds the frame, which is packed before the node is filed
     Timer timer;
     int32_t index;      // link
     uint32_t addr;      // card address; first match key
@@ -54,7 +54,7 @@ struct QNode {
     uint16_t seq;       // second match key
     semaphore sem;      // a synchronous sender waits on it
     uint32_t count;     // expiries seen; asynchronous requests start at 1
-    uint32_t requester; // identity to report to; asynchronous requests only
+    uint32_t requester; // identity to report to, of an asynchronous request
     QNode* next;        // younger neighbour, null at the tail
     // ours:
     QNode* prev;                  // older neighbour, null at the head
@@ -63,11 +63,11 @@ struct QNode {
     uint32_t dest_size;           // bytes that dest can take
     uint32_t asked_us;            // when it was filed, or asked again after a refusal; low bits of the monotonic clock
     uint16_t refusals;            // wrong answers seen
-    uint8_t kept_refusal;         // the status of one that its timer is to deal with; 0: none
+    uint8_t kept_refusal;         // status of a refusal that is resent when the timer runs out; 0: none
     bool being_sent;              // its first send is not over: expiries do not count
     bool filed;                   // in its queue
     outcome end;                  // how its request ended
-    std::atomic<uint8_t> holders; // owners beside the first
+    std::atomic<uint8_t> holders; // owners, less one
 };
 
 // Called with a node whose answer matched (data not null) or whose timer expired (data null, length meaningless).
@@ -90,33 +90,30 @@ int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t se
                    completion_handler handler, const uint8_t* data);
 
 // Counts an expiry of every node whose timer ran out and calls the handler for it, oldest first, for at most
-// expired_max nodes. An expiry of a node that is still being sent does not count. Always 0.
-// The handler ends no other node than the one it is called with.
+// expired_max nodes; not for one that is still being sent. The handler ends no other node than its own. Always 0.
 int32_t queue_check(int index, int queue, completion_handler handler);
 
-// The aging pass: hands the ticks counted since the last one to every pending request of queues 0 to queues - 1 of a
-// link, each queue under its own mutex. Called by the link's check thread. With several links running, whichever passes
-// first takes the ticks.
+// The aging pass: hands the ticks counted since the last one to every pending request of a link's queues 0 to queues
+// - 1. Called by the link's check thread; with several links running, whichever passes first takes the ticks.
 void timerUpdate(int index, int queues);
 
-// Nodes filed, at a glance without the mutex: for reports, not for decisions.
+// Nodes filed; without the mutex, for reports.
 [[nodiscard]] int32_t queue_length(int index, int queue);
 
 // Head of the list, null when empty.
 [[nodiscard]] QNode* queue_get(int index, int queue) RVK_REQUIRES(mtx[index][queue]);
 
-// Unlinks *handle, and gives it back to the pool unless somebody else holds it. A node that is not filed is left alone,
-// but still lowers the count. Result: 0, or -1 when the count went below zero.
+// Unlinks *handle, and gives it back to the pool unless somebody holds it. A node that is not filed is left alone, but
+// lowers the count. Result: 0, or -1 (logged) when the count went below zero.
 int32_t queue_del(int index, int queue, QNode** handle);
 
-// Drops every request of a queue, as queue_del does each: no report, no semaphore, frames and destinations stay with
-// those they belong to.
+// Drops every request of a queue: no report, no post; frames and destinations stay with their owners.
 void queue_empty(int index, int queue);
 
-// Unlinks and gives back the oldest node whose `buf` is this, without changing the count.
+// Drops the oldest node whose `buf` is this, without changing the count. Nobody calls it.
 void queue_del_buf(int index, int queue, const uint8_t* buf);
 
-// One more owner of a node; one less. Result: true when that was the last one, and the node is the pool's again.
+// One more owner of a node; one less. Result: true when that was the last one and the node went back to the pool.
 void hold_node(QNode* node);
 bool let_go_of_node(QNode* node);
 

@@ -1,19 +1,23 @@
 #include "raw_msg/link_threads.h"
 
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/elapsed.h"
-#include "base/pause.h"
 #include "base/rt_thread.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
 #include "eth_raw/raw_sock.h"
 #include "main/log.h"
-#include "queue/queue.h"
-#include "raw_msg/completion.h"
 #include "timer/timer.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
 
 namespace rvk {
 
+mutex find_check_mtx[MAX_ETH];
+end_of_request request_ended;
 void (*after_check_pass)();
 
 namespace {
@@ -21,31 +25,200 @@ namespace {
 constexpr int receive_priority = 90, check_priority = 89; // ours, SCHED_FIFO
 constexpr uint64_t check_period_us = 10'000;              // ours; shorter than a tick
 constexpr uint64_t busy_pause_us = 100;                   // ours; between passes that found as many as they take
+constexpr uint32_t give_up_count = 4;      // ours: expiries, counted from 1, that end an asynchronous request
+constexpr uint32_t give_up_count_wait = 3; // ours: expiries, counted from 0, that end a synchronous one
+constexpr uint16_t refusals_at_once = 32;  // ours: resent as they come; later ones when the timer runs out, or a card
+                                           // would be asked without end at wire speed
 
-struct received_answer {
+// What is to be said and done about one request once the lock is released.
+struct note {
+    QNode* ended; // held; null: it was sent again and may be anybody's by now
+    int queue;
+    outcome means;
+    int32_t ack;    // that was decided on
+    uint32_t count; // expiries, likewise
+    int error;      // errno of a resend that failed
+};
+
+// What one pass found: at most four queues' expiries, or the two requests that one answer may end.
+struct pass {
+    std::array<note, 4 * expired_max> notes;
+    size_t used;
+    bool met_a_request;
+};
+pass* passes[MAX_ETH]; // the one that is open; under find_check_mtx
+
+void open_pass(int index, pass* opened) RVK_REQUIRES(find_check_mtx[index])
+{
+    opened->used = 0;
+    opened->met_a_request = false;
+    passes[index] = opened;
+}
+
+void take_note(const note& n, int index) { passes[index]->notes[passes[index]->used++] = n; }
+
+outcome judge_expiry(int queue, const QNode& node)
+{
+    if (waits(queue)) { return node.count >= give_up_count_wait ? outcome::given_up : outcome::nothing; }
+    if (node.kept_refusal != 0) { return outcome::refused; }
+    return node.count >= give_up_count ? outcome::given_up : outcome::late;
+}
+
+// A synchronous reader is woken at once by a good answer without data, and by one that is too long.
+outcome judge_answer(int queue, const QNode& node)
+{
+    if (node.ack == no_answer) { return outcome::nothing; } // a card that says "no answer" has said nothing
+    if (node.ack != ack_good) { return outcome::refused; }
+    if (!reads(queue)) { return outcome::done; }
+    if (node.recv_len == 0) { return waits(queue) ? outcome::failed : outcome::nothing; }
+    return node.recv_len <= frame_data_max || waits(queue) ? outcome::done : outcome::failed;
+}
+
+void forget_answer(QNode* node)
+{
+    node->ack = no_answer;
+    node->recv_len = 0;
+}
+
+void resend(int queue, QNode* node, outcome why)
+{
+    note n{nullptr, queue, why, node->ack, node->count, 0};
+    forget_answer(node);
+    link_count[node->index].resends.add();
+    // The timer runs, so the next expiry makes up for a resend that fails, or gives up.
+    static_cast<void>(send_again(node->index, node->buf, node->send_len, &n.error));
+    timerStart(retry_ticks, &node->timer);
+    take_note(n, node->index);
+}
+
+void end(int queue, QNode* node, outcome how, const uint8_t* data)
+{
+    take_note({node, queue, how, node->ack, node->count, 0}, node->index);
+    timerStop(&node->timer);
+    node->end = how;
+    if (how != outcome::done) {
+        node->recv_len = 0;
+    } else if (node->dest != nullptr && node->recv_len <= frame_data_max) { // of a longer answer nothing is copied
+        node->recv_len = std::min(node->recv_len, node->dest_size);
+        memcpy(node->dest, data, node->recv_len);
+    }
+    if (!waits(queue)) { node->count = 0; }
+    hold_node(node);                                         // the pass
+    static_cast<void>(queue_del(node->index, queue, &node)); // logs a count that went wrong; there is no one to tell
+}
+
+// Of an asynchronous request: when the refusal comes, or when the timer runs out for one that was kept.
+void refuse(int queue, QNode* node, bool answered)
+{
+    if (!answered) {
+        --node->count; // that expiry was no unanswered send
+        node->ack = std::exchange(node->kept_refusal, uint8_t{0});
+    } else if (++node->refusals >= refusals_max) {
+        link_count[node->index].given_up.add();
+        return end(queue, node, outcome::given_up, nullptr);
+    } else if (node->refusals > refusals_at_once) {
+        node->kept_refusal = static_cast<uint8_t>(node->ack);
+        return forget_answer(node);
+    }
+    node->asked_us = monotonic_us();
+    resend(queue, node, outcome::refused);
+}
+
+// Called back by queue_find and queue_check, under the link's find_check_mtx.
+// data  of an answer; null: the timer ran out
+void complete(int queue, QNode* node, const uint8_t* data)
+{
+    const bool answered = data != nullptr;
+    if (answered) { passes[node->index]->met_a_request = true; }
+    const outcome means = answered ? judge_answer(queue, *node) : judge_expiry(queue, *node);
+    const bool unusable = means == outcome::nothing || means == outcome::failed ||
+                          (means == outcome::done && node->recv_len > frame_data_max);
+    link_counters& figures = link_count[node->index];
+    if (answered && unusable) { figures.dropped[drop::unusable].add(); }
+    if (answered && means == outcome::refused) { figures.wrong_acks.add(); }
+    if (means == outcome::given_up) { figures.given_up.add(); }
+    switch (means) {
+    case outcome::nothing:
+        if (answered) { forget_answer(node); }
+        return;
+    case outcome::late: return resend(queue, node, means);
+    case outcome::refused:
+        if (!waits(queue)) { return refuse(queue, node, answered); }
+        [[fallthrough]]; // a sender that waits is told
+    case outcome::done:
+    case outcome::failed:
+    case outcome::given_up: return end(queue, node, means, data);
+    }
+}
+
+void log_note(const note& n)
+{
+    const auto ack = static_cast<unsigned>(n.ack);
+    const auto count = static_cast<int>(n.count);
+    const bool resent = n.ended == nullptr, waited = waits(n.queue), given_up = n.means == outcome::given_up;
+    if (resent && n.means == outcome::late) {
+        log_print(LOG_HERE, "no ack msg (0x%x), send msg again (%d)!\n", ack, count);
+    } else if (resent) {
+        log_print(LOG_HERE, "wrong ack (0x%x), send msg again (%d)!\n", ack, count);
+    } else if (waited && n.means == outcome::refused) {
+        log_print(LOG_HERE, "wrong ack (0x%x)!\n", ack);
+    } else if (waited && n.means == outcome::failed) {
+        log_print(LOG_HERE, "wrong msg and  recv_len, Read error!\n");
+    } else if (given_up && n.queue == ACK_QUEUE) {
+        log_print(LOG_HERE, "wrong ack (0x%x), send msg count (%d), not send again!\n", ack, count);
+    } else if (given_up && n.queue == ACK_WAIT_QUEUE) {
+        log_print(LOG_HERE, "no ack msg (0x%x) write error!\n", ack);
+    } else if (given_up && n.queue == READ_WAIT_QUEUE) {
+        log_print(LOG_HERE, "no resp msg (0x%x) read error no msg!\n", ack);
+    }
+    if (n.error != 0) { print_send_error(n.error); }
+}
+
+// Logs, wakes, reports and gives back; with no lock of a link held.
+void close_pass(const pass& closed)
+{
+    for (size_t i = 0; i < closed.used; ++i) {
+        const note& n = closed.notes[i];
+        log_note(n);
+        if (n.ended == nullptr) { continue; }
+        const bool well = n.means == outcome::done;
+        if (waits(n.queue)) {
+            n.ended->sem.post();
+        } else if (n.queue == READ_QUEUE || !well) { // a write that was acknowledged well has no report
+            request_ended(n.ended, well ? 0 : -1);
+        }
+        release(n.ended);
+    }
+}
+
+// The handlers of the four kinds of requests; then what offers an answer to the queue of a kind, and what deals with
+// the expiries there.
+void AckCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(ACK_QUEUE, node, data); }
+void AckWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(ACK_WAIT_QUEUE, node, data); }
+void ReadCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(READ_QUEUE, node, data); }
+void ReadWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(READ_WAIT_QUEUE, node, data); }
+
+struct received {
     uint8_t ack, slot, code;
     uint16_t model, seq, len;
     uint32_t addr;
     const uint8_t* data;
 };
 
-// One answer may end one request in each of the two queues of its kind: their sequence numbers are counted separately.
-void offer(int index, const received_answer& a)
+void offer(int index, int queue, completion_handler handler, const received& a)
 {
-    if (a.code == code_read) {
-        ReadRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
-        ReadWaitRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
-    } else {
-        AckRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
-        AckWaitRawMsg(index, a.addr, a.ack, a.seq, a.len, a.data);
-    }
+    queue_find(index, queue, a.addr, a.ack, a.seq, a.len, handler, a.data);
 }
 
-// No other reply answers a request of ours.
-constexpr bool is_an_answer(uint8_t code)
-{
-    return code == code_write_ack || code == code_ack_short || code == code_read;
-}
+void AckRawMsg(int index, const received& a) { offer(index, ACK_QUEUE, AckCompleteMsg, a); }
+void AckWaitRawMsg(int index, const received& a) { offer(index, ACK_WAIT_QUEUE, AckWaitCompleteMsg, a); }
+void ReadRawMsg(int index, const received& a) { offer(index, READ_QUEUE, ReadCompleteMsg, a); }
+void ReadWaitRawMsg(int index, const received& a) { offer(index, READ_WAIT_QUEUE, ReadWaitCompleteMsg, a); }
+
+void CheckAckRawMsg(int index) { queue_check(index, ACK_QUEUE, AckCompleteMsg); }
+void CheckAckWaitRawMsg(int index) { queue_check(index, ACK_WAIT_QUEUE, AckWaitCompleteMsg); }
+void CheckReadRawMsg(int index) { queue_check(index, READ_QUEUE, ReadCompleteMsg); }
+void CheckReadWaitRawMsg(int index) { queue_check(index, READ_WAIT_QUEUE, ReadWaitCompleteMsg); }
 
 // A pass that comes late delays every resend. Only the link's check thread writes these two.
 void note_check_pass(int index)
@@ -60,6 +233,26 @@ void pin(const char* thread, int index)
 {
     if (pin_to_processor(index) != 0) {
         log_print(LOG_HERE, "%s : index %d sched_setaffinity failed\n", thread, index);
+    }
+}
+
+void RawMsgRecv(int index)
+{
+    pin(__func__, index);
+    log_print(LOG_HERE, "thread id : %d index = %d\n", kernel_thread_id(), index);
+    for (;;) { receive_step(index); }
+}
+
+void RawMsgAckReadCheck(int index)
+{
+    pin(__func__, index);
+    log_print(LOG_HERE, "thread1 id : %d index = %d\n", kernel_thread_id(), index);
+    receive_ticks_here();
+    for (;;) {
+        note_check_pass(index);
+        const bool more = check_step(index);
+        if (after_check_pass != nullptr) { after_check_pass(); }
+        pause_us(more ? busy_pause_us : check_period_us);
     }
 }
 
@@ -94,58 +287,45 @@ int32_t RawMsgRecvCheckTaskCreate(int index, pthread_t* out)
     return create("rvk-check", check_priority, RawMsgAckReadCheck, index, out);
 }
 
-void RawMsgRecv(int index)
-{
-    pin(__func__, index);
-    log_print(LOG_HERE, "thread id : %d index = %d\n", kernel_thread_id(), index);
-    for (;;) { receive_step(index); }
-}
-
-void RawMsgAckReadCheck(int index)
-{
-    pin(__func__, index);
-    log_print(LOG_HERE, "thread1 id : %d index = %d\n", kernel_thread_id(), index);
-    receive_ticks_here();
-    for (;;) {
-        note_check_pass(index);
-        const bool more = check_step(index);
-        if (after_check_pass != nullptr) { after_check_pass(); }
-        pause_us(more ? busy_pause_us : check_period_us);
-    }
-}
-
 void receive_step(int index)
 {
-    static completion_pass passes[MAX_ETH]; // each its link's receive thread's own
-    received_answer a{};
+    static pass own[MAX_ETH]; // each its link's receive thread's
+    received a{};
     a.data = RawSockMsgRecv(index, &a.ack, &a.model, &a.slot, &a.addr, &a.code, &a.seq, &a.len);
     if (a.data == nullptr) { return; }
-    if (!is_an_answer(a.code)) { return link_count[index].dropped[drop::code].add(); }
-    completion_pass& pass = passes[index];
+    const bool acknowledges = a.code == code_write_ack || a.code == code_ack_short;
+    if (!acknowledges && a.code != code_read) { return link_count[index].dropped[drop::code].add(); }
     {
         const scoped_lock hold(find_check_mtx[index]);
-        open_pass(index, &pass);
-        offer(index, a);
+        open_pass(index, &own[index]);
+        // One answer may end one request in each of the two queues of its kind, whose numbers are counted separately.
+        (acknowledges ? AckRawMsg : ReadRawMsg)(index, a);
+        (acknowledges ? AckWaitRawMsg : ReadWaitRawMsg)(index, a);
     }
-    if (!pass.met_a_request) { link_count[index].dropped[drop::no_request].add(); }
-    close_pass(&pass);
+    if (!own[index].met_a_request) { link_count[index].dropped[drop::no_request].add(); }
+    close_pass(own[index]);
 }
 
 bool check_step(int index)
 {
-    static completion_pass passes[MAX_ETH]; // each its link's check thread's own
-    completion_pass& pass = passes[index];
+    static pass own[MAX_ETH]; // each its link's check thread's
     timerUpdate(index, queue_numbers);
     {
         const scoped_lock hold(find_check_mtx[index]);
-        open_pass(index, &pass);
+        open_pass(index, &own[index]);
         CheckAckRawMsg(index);
         CheckAckWaitRawMsg(index);
         CheckReadRawMsg(index);
         CheckReadWaitRawMsg(index);
     }
-    close_pass(&pass);
-    return pass.used >= expired_max;
+    close_pass(own[index]);
+    return own[index].used >= expired_max;
+}
+
+void release(QNode* node)
+{
+    uint8_t* buf = node->buf;
+    if (let_go_of_node(node)) { RawMsgFreeBuf(buf); }
 }
 
 } // namespace rvk

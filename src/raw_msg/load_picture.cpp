@@ -1,16 +1,11 @@
-// The way of a picture: the file, read whole; the card's pixels; lines at the card's stride; pieces of 15,360 bytes.
-// This DDR2Write and its two piece writers are the loader's own, since this FPGA takes pictures otherwise than those
-// that the file service writes to. Nothing is acknowledged: what a link loses or cannot send is missing in the picture.
 #include "raw_msg/load_picture.h"
 
 #include "base/bytes.h"
-#include "base/elapsed.h"
+#include "base/clock.h"
 #include "base/fd.h"
-#include "base/page_buffer.h"
-#include "base/pause.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
-#include "raw_msg/send_plain.h"
+#include "raw_msg/send.h"
 
 #include <algorithm>
 #include <array>
@@ -40,18 +35,13 @@ struct target {
 
 char at(const char* text, size_t position) { return strlen(text) > position ? text[position] : '\0'; }
 
-bool ends_in(const char* name, std::string_view suffix) { return std::string_view{name}.ends_with(suffix); }
-
 size_t round_up(size_t bytes, size_t to) { return (bytes + to - 1) / to * to; }
 
 uint16_t bursts_of(size_t bytes) { return static_cast<uint16_t>(round_up(bytes, burst_bytes) / burst_bytes); }
 
-bool sends(const target& to) { return to.ts_sel == 'e' && (to.fpga_sel == 0 || to.fpga_sel == 1); }
-
-// Frames that fail are logged by the transport; the picture goes on.
 void write_port(const target& to, uint32_t port, std::span<const uint8_t> bytes)
 {
-    static_cast<void>(RawSockSendMsg(to.fpga_sel == 1 ? 1 : 2, 0, 0, port, code_write, bytes));
+    RawSockSendMsg(to.fpga_sel == 1 ? 1 : 2, 0, 0, port, code_write, bytes); // logs what fails; the picture goes on
 }
 
 // What makes the card take the piece at its data port into its memory.
@@ -67,7 +57,6 @@ std::array<uint8_t, 7> command_block(uint32_t addr, size_t piece_length)
 // One piece to memory 0.
 void DDR2WriteProcess(const target& to, uint32_t addr, std::span<const uint8_t> piece)
 {
-    if (!sends(to)) { return; }
     write_port(to, 0xB0000, piece);
     write_port(to, 0xA0001, command_block(addr, piece.size()));
     pause_us(near_pause_us);
@@ -76,20 +65,9 @@ void DDR2WriteProcess(const target& to, uint32_t addr, std::span<const uint8_t> 
 // One piece to memory 1.
 void DDR2WriteProcess2(const target& to, uint32_t addr, std::span<const uint8_t> piece)
 {
-    if (!sends(to)) { return; }
     write_port(to, 0xF0000, piece);
     log_print(LOG_HERE, "addr = 0x%x\n", addr);
     write_port(to, 0xE0001, command_block(addr, piece.size()));
-}
-
-void write_staged(const target& to, uint32_t addr, std::span<const uint8_t> staged)
-{
-    for (size_t from = 0; from < staged.size(); from += piece_bytes) {
-        const auto piece = staged.subspan(from, std::min(piece_bytes, staged.size() - from));
-        if (to.ddr_sel == 0) { DDR2WriteProcess(to, addr, piece); }
-        if (to.ddr_sel == 1) { DDR2WriteProcess2(to, addr, piece); }
-        addr += burst_units * bursts_of(piece.size());
-    }
 }
 
 // Stages the lines at the stride that the card wants, and sends them. Lines that `picture` has too little stay zero.
@@ -105,7 +83,13 @@ void DDR2Write(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std:
         const auto from = picture.subspan(y * line, std::min(line, picture.size() - y * line));
         std::copy(from.begin(), from.end(), staging.bytes().begin() + static_cast<ptrdiff_t>(y * stride));
     }
-    write_staged(to, addr, staging.bytes());
+    if (to.ts_sel != 'e' || (to.fpga_sel != 0 && to.fpga_sel != 1)) { return; }
+    for (size_t from = 0; from < stride * ver; from += piece_bytes) {
+        const auto piece = staging.bytes().subspan(from, std::min(piece_bytes, stride * ver - from));
+        if (to.ddr_sel == 0) { DDR2WriteProcess(to, addr, piece); }
+        if (to.ddr_sel == 1) { DDR2WriteProcess2(to, addr, piece); }
+        addr += burst_units * bursts_of(piece.size());
+    }
 }
 
 // A file's rows stand bottom up, each padded to a multiple of 4 bytes; pixels that the file has too little stay zero.
@@ -140,24 +124,13 @@ int32_t load_bmp(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, st
     return 0;
 }
 
-int32_t load(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, const char* name,
+int32_t load(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::string_view name,
              std::span<const uint8_t> file)
 {
-    if (ends_in(name, ".bmp")) { return load_bmp(to, addr, hor, ver, file); }
+    if (name.ends_with(".bmp")) { return load_bmp(to, addr, hor, ver, file); }
     DDR2Write(to, addr, hor, ver, file);
-    if (!ends_in(name, ".txt")) { log_print(LOG_HERE, "\nfile format error\n"); }
+    if (!name.ends_with(".txt")) { log_print(LOG_HERE, "\nfile format error\n"); }
     return 0;
-}
-
-bool is_size(int hor, int ver)
-{
-    if (hor < 0 || ver < 0 || hor > side_max || ver > side_max) {
-        log_print(LOG_HERE, "picture %d x %d refused: hor and ver are 0 to %d\n", hor, ver, side_max);
-        return false;
-    }
-    if (static_cast<uint64_t>(hor) * static_cast<uint64_t>(ver) < pixels_end) { return true; }
-    log_print(LOG_HERE, "picture %d x %d refused: it has 2^29 pixels or more\n", hor, ver);
-    return false;
 }
 
 } // namespace
@@ -165,7 +138,14 @@ bool is_size(int hor, int ver)
 int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* name, const char* ts_sel, const char* fpga_sel)
 {
     log_print(LOG_HERE, "%s file %s\n", access(name, F_OK) == 0 ? "found" : "not found", name);
-    if (!is_size(hor, ver)) { return -1; }
+    if (hor < 0 || ver < 0 || hor > side_max || ver > side_max) {
+        log_print(LOG_HERE, "picture %d x %d refused: hor and ver are 0 to %d\n", hor, ver, side_max);
+        return -1;
+    }
+    if (static_cast<uint64_t>(hor) * static_cast<uint64_t>(ver) >= pixels_end) {
+        log_print(LOG_HERE, "picture %d x %d refused: it has 2^29 pixels or more\n", hor, ver);
+        return -1;
+    }
     const unique_fd opened = open_regular(name, O_RDONLY);
     const off_t bytes = opened ? size_of(opened) : -1;
     if (bytes < 0) { return -1; }
@@ -174,7 +154,7 @@ int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* name, const cha
         log_print(LOG_HERE, "\nmalloc p failed\n");
         return -1;
     }
-    if (read_full(opened, file.bytes()) < file.bytes().size()) {
+    if (read_full(opened, file.bytes()) != file.bytes().size()) {
         log_print(LOG_HERE, "\nfread failed\n");
         return -1;
     }
@@ -188,15 +168,8 @@ int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* name, const cha
 
 int convert_index(char c)
 {
-    switch (c) {
-    case '0':
-    case 'B':
-    case 'b': return 0;
-    case '1':
-    case 'A':
-    case 'a': return 1;
-    default: return -1;
-    }
+    if (c == '0' || c == 'B' || c == 'b') { return 0; }
+    return c == '1' || c == 'A' || c == 'a' ? 1 : -1;
 }
 
 void RawMsgWriteTest() {}

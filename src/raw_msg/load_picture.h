@@ -1,5 +1,9 @@
-// The picture loader: a picture file into one of two memories of an FPGA card behind link 1 or 2, by plain writes. It
-// has a card-memory write of its own, unlike the file service's. Nothing in the daemon calls it; the bench tool does.
+// The picture loader: a picture file into one of two memories of an FPGA card behind link 1 or 2. Nothing in the daemon
+// calls it; the bench tool does.
+//
+// The file is read whole, turned into the card's pixels, staged with lines at the card's stride, and sent in pieces by
+// plain writes: what a link loses or cannot send is missing in the picture. Its DDR2Write is its own, since this FPGA
+// takes pictures otherwise than those that the file service writes to.
 //
 // Selectors are short strings read by position; one that is too short selects nothing, and nothing is sent then:
 // ts_sel    second character: 'e' sends

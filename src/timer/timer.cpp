@@ -1,6 +1,6 @@
 #include "timer/timer.h"
 
-#include "base/elapsed.h"
+#include "base/clock.h"
 
 #include <csignal>
 #include <sys/time.h>
@@ -11,7 +11,7 @@ std::atomic<int32_t> elapsed{0};
 
 namespace {
 
-// A SIGALRM that some process sent is no tick, unless it stands for the timer's: the kernel drops one while another is
+// A SIGALRM that a process sent is no tick, unless it came in the place of the timer's own: the kernel keeps only one
 // pending.
 void take_alarm(int signal, siginfo_t* info, void*)
 {
@@ -60,7 +60,7 @@ void timerStop(Timer* timer) { timer->period = 0; }
 
 int timerExpired(Timer* timer)
 {
-    if (timer->expired == 0) { return 0; } // the rule: a look costs no locked operation
+    if (timer->expired == 0) { return 0; } // nearly always: no locked operation
     return timer->expired.exchange(0) != 0 ? 1 : 0;
 }
 

@@ -1,9 +1,8 @@
 // The request timer: one process-wide tick of 30 ms, and the record that turns ticks into an expiry.
 //
-// The signal handler only counts; a link's check thread hands the counted ticks to the pending requests
-// (timerUpdate in queue/queue.h). A Timer is armed and stopped by senders and handlers while the aging pass reads it,
-// without a lock: each of its words is one atomic word, and a start seen half done costs at most one early or late
-// expiry.
+// The signal handler only counts; a link's check thread hands the ticks to the pending requests (timerUpdate in
+// queue.h). Senders and handlers arm and stop a Timer while the aging pass reads it, without a lock: each of its words
+// is atomic, and a start seen half done costs at most one early or late expiry.
 #pragma once
 
 #include <atomic>
@@ -21,16 +20,16 @@ struct Timer {
 };
 static_assert(std::atomic<int32_t>::is_always_lock_free);
 
-extern std::atomic<int32_t> elapsed; // ticks not yet handed out; the signal handler adds, the aging pass takes them all
+extern std::atomic<int32_t> elapsed; // ticks not yet handed out
 
 // Starts the ticks. Result: 0 or -1, as of arming the interval timer. Once, before the first link is started.
 int initTimer();
 
-// What a SIGALRM of the kernel's timer does: adds one tick and nothing else.
+// What a SIGALRM of the kernel's timer does: adds one tick.
 void catch_alarm(int signal);
 
-// SIGALRM is blocked in every thread but the one that calls this: a tick then neither cuts short another thread's
-// sleep, wait or read, nor waits for a starved one. Called by a link's check thread.
+// Called by a link's check thread; SIGALRM is blocked in every other one. So a tick neither cuts short another thread's
+// sleep, wait or read, nor waits for a starved thread.
 void receive_ticks_here();
 
 // Arms a timer; ticks are taken as an unsigned 16-bit value, 0 leaves it stopped.

@@ -2,7 +2,7 @@
 
 #include "mem/mem.h"
 #include "queue/queue.h"
-#include "raw_msg/completion.h"
+#include "raw_msg/link_threads.h"
 
 #include <algorithm>
 #include <chrono>

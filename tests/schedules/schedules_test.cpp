@@ -8,9 +8,8 @@
 #include "explorer.h"
 #include "mem/mem.h"
 #include "queue/queue.h"
-#include "raw_msg/completion.h"
-#include "raw_msg/exchange.h"
 #include "raw_msg/link_threads.h"
+#include "raw_msg/send.h"
 #include "timer/timer.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 // when. Whatever it is, every request ends once, as the ledger says, and nothing is left over.
 //
 // RVK_SIM_SEED=n runs one seed only, RVK_SIM_SEEDS=n that many fresh ones.
-#include "raw_msg/exchange.h"
+#include "raw_msg/send.h"
 #include "replay/seeds.h"
 #include "sim/ledger.h"
 #include "sim/world.h"

@@ -11,9 +11,8 @@
 #include "eth_raw/frame.h"
 #include "mem/mem.h"
 #include "queue/queue.h"
-#include "raw_msg/completion.h"
-#include "raw_msg/exchange.h"
-#include "raw_msg/send_plain.h"
+#include "raw_msg/link_threads.h"
+#include "raw_msg/send.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -145,7 +144,7 @@ struct player : story {
         uint32_t got = 0;
         int32_t result = -2;
         const auto& again = RawSockSendMsgWithAckWait_Try_nTimes;
-        if (is("plain")) { result = send_plain_counted(link, 0, 1, at, code_write, data); }
+        if (is("plain")) { result = send_plain({link, 0, 1, at}, code_write, data); }
         if (is("write")) { result = RawSockSendMsgWithAck(client, link, 0, 1, at, code_write_ack, data); }
         if (is("write_wait")) { result = RawSockSendMsgWithAckWait(link, 0, 1, at, code_write_ack, data, &ack, ticks); }
         if (is("write_again")) { result = again(2, link, 0, 1, at, code_write_ack, data, &ack, ticks); }

@@ -7,7 +7,6 @@
 #include "mem/mem.h"
 #include "platform/platform.h"
 #include "queue/queue.h"
-#include "raw_msg/completion.h"
 #include "raw_msg/link_threads.h"
 #include "timer/timer.h"
 

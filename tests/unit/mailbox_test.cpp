@@ -7,7 +7,7 @@
 #include "ap_msg/read_back.h"
 #include "ap_msg/update.h"
 #include "base/bytes.h"
-#include "base/pause.h"
+#include "base/clock.h"
 
 #include <gtest/gtest.h>
 

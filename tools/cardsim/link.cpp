@@ -1,6 +1,6 @@
 #include "cardsim/link.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
 #include "base/rt_thread.h"
 
 #include <algorithm>

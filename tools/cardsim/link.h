@@ -4,7 +4,7 @@
 #pragma once
 
 #include "base/fd.h"
-#include "base/semaphore.h"
+#include "base/mutex.h"
 #include "cardsim/cards.h"
 
 #include <atomic>

@@ -2,7 +2,7 @@
 #include "requester/requester.h"
 
 #include "ap_msg/message.h"
-#include "base/pause.h"
+#include "base/clock.h"
 #include "platform/local/endpoint.h"
 
 #include <algorithm>

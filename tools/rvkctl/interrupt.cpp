@@ -1,7 +1,7 @@
 // See the header.
 #include "rvkctl/interrupt.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
 
 #include <algorithm>
 

@@ -1,8 +1,9 @@
 // The status file: found, read, and how old it is.
 #include "rvkctl/status_view.h"
 
+#include "base/board.h"
+#include "base/clock.h"
 #include "base/fd.h"
-#include "base/status_place.h"
 #include "command/values.h"
 
 #include <algorithm>

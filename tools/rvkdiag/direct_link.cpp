@@ -11,7 +11,6 @@
 #include "mem/mem.h"
 #include "platform/local/endpoint.h"
 #include "queue/queue.h"
-#include "raw_msg/completion.h"
 #include "raw_msg/link_threads.h"
 #include "rvkdiag/reports.h"
 #include "timer/timer.h"

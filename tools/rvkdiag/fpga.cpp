@@ -8,8 +8,7 @@
 #include "eth_raw/frame.h"
 #include "main/diagnosis.h"
 #include "queue/queue.h"
-#include "raw_msg/exchange.h"
-#include "raw_msg/send_plain.h"
+#include "raw_msg/send.h"
 #include "rvkdiag/direct_link.h"
 #include "rvkdiag/reports.h"
 
@@ -84,7 +83,7 @@ void peek(const fpga_options& o)
 std::string poke(const fpga_options& o)
 {
     const std::string what = what_text(o, "write", o.bytes.size());
-    const int32_t unsent = send_plain_counted(o.link, o.model, o.slot, o.addr, code_write, o.bytes);
+    const int32_t unsent = send_plain({o.link, o.model, o.slot, o.addr}, code_write, o.bytes);
     if (unsent < 0) { throw failure{problem::no_answer, what + ": not sent, no buffer left"}; }
     if (unsent > 0) {
         throw failure{problem::no_answer,

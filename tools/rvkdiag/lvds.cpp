@@ -1,7 +1,7 @@
 // Runs the LVDS test on link 0 until it reboots this machine, or until somebody ends it.
 #include "rvkdiag/commands.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
 #include "command/values.h"
 #include "eth_raw/frame.h"
 #include "main/diagnosis.h"

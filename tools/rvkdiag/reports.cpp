@@ -2,10 +2,10 @@
 #include "rvkdiag/reports.h"
 
 #include "ap_msg/message.h"
+#include "base/clock.h"
 #include "base/mutex.h"
-#include "base/pause.h"
 #include "mem/mem.h"
-#include "raw_msg/completion.h"
+#include "raw_msg/link_threads.h"
 
 #include <utility>
 

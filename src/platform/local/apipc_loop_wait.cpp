@@ -2,7 +2,7 @@
 // must neither spin it nor fill the log, so the wait between errors lives here and grows while they last.
 #include "platform/local/endpoint.h"
 
-#include "base/pause.h"
+#include "base/clock.h"
 #include "main/log.h"
 #include "platform/platform.h"
 

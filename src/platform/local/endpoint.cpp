@@ -2,8 +2,8 @@
 #include "platform/local/endpoint.h"
 
 #include "base/bytes.h"
+#include "base/clock.h"
 #include "base/counters.h"
-#include "base/pause.h"
 #include "main/log.h"
 
 #include <algorithm>

@@ -1,12 +1,10 @@
-#include "raw_msg/exchange.h"
+#include "raw_msg/send.h"
 
-#include "base/pause.h"
-#include "eth_raw/frame.h"
+#include "base/clock.h"
 #include "eth_raw/raw_sock.h"
 #include "main/log.h"
 #include "mem/mem.h"
-#include "queue/queue.h"
-#include "raw_msg/completion.h"
+#include "raw_msg/link_threads.h"
 
 #include <algorithm>
 #include <cstring>
@@ -21,13 +19,13 @@ sequence read_ack{read_ack_mtx, 0}, read_wait{read_wait_mtx, 0};
 
 namespace {
 
-constexpr uint64_t full_retry_ms = 1;     // ours
-constexpr uint64_t full_patience_ms = 10; // ours
+constexpr uint64_t full_retry_ms = 1, full_wait_ms = 10; // ours
+constexpr uint16_t no_sequence = 0;                      // of plain writes: nothing answers
 
 // What tells the four kinds apart; by their queues' numbers.
 struct kind {
     const char* operation;
-    const char* queue_name; // null: its queue is never emptied to make room
+    const char* queue_name; // null: its queue is never emptied when it is full
     sequence* numbers;
 };
 constexpr kind kinds[] = {
@@ -39,18 +37,18 @@ constexpr kind kinds[] = {
 
 // One request as its caller gave it.
 struct request_fields {
-    int queue, index;
-    uint16_t model;
-    uint8_t slot, code;
-    uint32_t addr;
-    std::span<const uint8_t> data; // of a write
-    uint32_t len;                  // bytes to write, or asked for
-    std::span<uint8_t> dest;       // of a read
-    uint32_t requester;            // not waited for
+    int queue;
+    card_address card;
+    uint8_t code;
     uint32_t timeout_ticks;
+    uint32_t requester;                 // not waited for
+    uint32_t len;                       // bytes to write, or asked for
+    std::span<const uint8_t> data = {}; // of a write
+    std::span<uint8_t> dest = {};       // of a read
 };
 
 struct answer {
+    int32_t result; // 0: of a kind that waits, the rest is what came
     uint8_t ack = no_answer;
     uint32_t recv_len = 0; // bytes copied to the destination
 };
@@ -61,15 +59,18 @@ uint16_t take_number(sequence* from)
     return from->seq++;
 }
 
+uint8_t* get_buffer(size_t bytes)
+{
+    uint8_t* buf = RawMsgBuffGet(static_cast<unsigned>(bytes));
+    if (buf == nullptr) { log_print(LOG_HERE, "RawMsgBuffGet fail\n"); }
+    return buf;
+}
+
 // A node that waits for its first answer, its frame packed in its buffer. Result: null when the pool has no memory.
 QNode* make_request(const request_fields& r, unsigned* frame_bytes)
 {
-    const kind& k = kinds[r.queue];
-    uint8_t* buf = RawMsgBuffGet(reads(r.queue) ? static_cast<unsigned>(frame_data_min) : r.len);
-    if (buf == nullptr) {
-        log_print(LOG_HERE, "RawMsgBuffGet fail\n");
-        return nullptr;
-    }
+    uint8_t* buf = get_buffer(reads(r.queue) ? frame_data_min : r.len);
+    if (buf == nullptr) { return nullptr; }
     void* block = mem_alloc(sizeof(QNode));
     if (block == nullptr) {
         RawMsgBuffFree(buf);
@@ -79,26 +80,33 @@ QNode* make_request(const request_fields& r, unsigned* frame_bytes)
     if (!r.data.empty()) { memcpy(buf, r.data.data(), r.data.size()); }
     auto* node = new (block) QNode{};
     node->buf = buf;
-    node->index = r.index;
-    node->addr = r.addr;
+    node->index = r.card.link;
+    node->addr = r.card.addr;
     node->ack = no_answer;
     node->dest = r.dest.data();
     node->dest_size = static_cast<uint32_t>(r.dest.size());
-    node->seq = take_number(k.numbers);
+    node->seq = take_number(kinds[r.queue].numbers);
     node->count = waits(r.queue) ? 0 : 1;
     node->requester = r.requester;
     node->being_sent = true;
-    uint8_t* frame = buf;
-    *frame_bytes = RawMsgHeaderPack(r.model, r.slot, r.code, r.addr, node->seq, &frame, static_cast<uint16_t>(r.len));
-    node->send_len =
-        r.queue == READ_WAIT_QUEUE ? static_cast<uint32_t>(frame_data_min) : *frame_bytes; // a waited read is sent once
+    node->holders.store(1, std::memory_order_relaxed); // its sender; its queue is the other owner
+    const card_address& to = r.card;
+    *frame_bytes = RawMsgHeaderPack(to.model, to.slot, r.code, to.addr, node->seq, &buf, static_cast<uint16_t>(r.len));
+    node->send_len = *frame_bytes;
+    if (r.queue == READ_WAIT_QUEUE) { node->send_len = frame_data_min; } // the payload's; it is never sent again
     return node;
 }
 
-// Files a node; when its queue stays full for 1 ms, everything in that queue is dropped to make room.
-bool file_or_empty(const kind& k, int queue, QNode* node)
+// Files a node. An asynchronous write waits while its queue is full; of any other kind, everything in a queue that
+// stays full for 1 ms is dropped.
+bool file(int queue, QNode* node)
 {
+    const kind& k = kinds[queue];
     const int index = node->index;
+    if (k.queue_name == nullptr) {
+        while (queue_add(index, queue, node) != 0) { pause_ms(full_wait_ms); }
+        return true;
+    }
     if (queue_add(index, queue, node) == 0) { return true; }
     log_print(LOG_HERE, "%s : queue_add %s fail\n", k.operation, k.queue_name);
     pause_ms(full_retry_ms);
@@ -113,54 +121,43 @@ bool file_or_empty(const kind& k, int queue, QNode* node)
     return false;
 }
 
-bool file(int queue, QNode* node)
-{
-    const kind& k = kinds[queue];
-    if (k.queue_name != nullptr) { return file_or_empty(k, queue, node); }
-    while (queue_add(node->index, queue, node) != 0) { pause_ms(full_patience_ms); }
-    return true;
-}
-
-enum class standing { pending, over, dropped, unsent };
+enum class standing { asked, dropped, unsent };
 
 // Where a request stands when its first send is over. Its timer starts here: the time before was the sender's own.
 standing after_send(const request_fields& r, QNode* node, bool sent)
 {
-    const scoped_lock hold(find_check_mtx[r.index]);
+    const scoped_lock hold(find_check_mtx[node->index]);
     node->being_sent = false;
-    if (node->end != outcome::nothing) { return standing::over; } // by an answer, so it was sent whatever the send says
+    if (node->end != outcome::nothing) { return standing::asked; } // answered: so it was sent whatever the send says
     if (!node->filed) { return standing::dropped; }
     if (sent) {
         timerStart(r.timeout_ticks, &node->timer);
-        return standing::pending;
+        return standing::asked;
     }
-    QNode* filed = node;
-    static_cast<void>(queue_del(r.index, r.queue, &filed)); // logs a count that went wrong; the sender holds it still
+    static_cast<void>(queue_del(node->index, r.queue, &node)); // logs a wrong count; the sender holds the node
     return standing::unsent;
 }
 
-// got  out: the answer, of the kinds that wait; null: the others
-int32_t exchange(const request_fields& r, answer* got)
+answer exchange(const request_fields& r)
 {
-    const kind& k = kinds[r.queue];
     unsigned frame_bytes = 0;
     QNode* node = make_request(r, &frame_bytes);
-    if (node == nullptr) { return -1; }
-    hold_node(node); // before others know it
+    if (node == nullptr) { return {-1}; }
     if (!file(r.queue, node)) {
         let_go_of_node(node);
         release(node);
-        return -1;
+        return {-1};
     }
-    const int32_t sent = send_packed(r.index, node->buf, frame_bytes, r.len);
+    const int32_t sent = send_packed(node->index, node->buf, frame_bytes, r.len);
     const standing now = after_send(r, node, sent > 0);
-    if (got != nullptr && (now == standing::pending || now == standing::over)) {
+    answer got{now == standing::asked ? 0 : now == standing::unsent ? sent : -1};
+    if (waits(r.queue) && now == standing::asked) {
         node->sem.wait();
-        *got = {static_cast<uint8_t>(node->ack), node->recv_len};
+        got = {0, static_cast<uint8_t>(node->ack), node->recv_len};
     }
     release(node);
-    if (now == standing::unsent) { log_print(LOG_HERE, "%s : send fail\n", k.operation); }
-    return now == standing::unsent ? sent : now == standing::dropped ? -1 : 0;
+    if (now == standing::unsent) { log_print(LOG_HERE, "%s : send fail\n", kinds[r.queue].operation); }
+    return got;
 }
 
 // There is no queue to file a request in where there is no link.
@@ -171,7 +168,7 @@ bool link_exists(int index)
     return false;
 }
 
-// A request of another code would carry `len` bytes, and its buffer has room for a read's 64.
+// A request of another code would carry `len` bytes, and its buffer takes a read's 64.
 bool is_read(uint8_t code)
 {
     if (code == code_read) { return true; }
@@ -186,16 +183,41 @@ std::span<const uint8_t> piece_at(std::span<const uint8_t> data, size_t at)
 
 } // namespace
 
+int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
+                       std::span<const uint8_t> data)
+{
+    return send_plain({index, model, slot, addr}, code, data) < 0 ? -1 : 0;
+}
+
+int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data)
+{
+    if (data.empty()) { return 0; }
+    uint8_t* buf = get_buffer(std::min(frame_data_max, data.size())); // for all: a piece is out when its send returns
+    if (buf == nullptr) { return -1; }
+    int32_t unsent = 0;
+    for (uint32_t at = 0; at < data.size(); at += frame_data_max) {
+        const auto piece = piece_at(data, at);
+        uint8_t* end = std::copy(piece.begin(), piece.end(), buf); // over the piece before it
+        if (piece.size() < frame_data_min) { std::fill(end, buf + frame_data_min, uint8_t{0}); }
+        const auto length = static_cast<unsigned>(piece.size());
+        if (RawSockMsgSend(to.link, to.model, to.slot, to.addr + at, code, no_sequence, buf, length) < 1) {
+            ++unsent;
+            log_print(LOG_HERE, "#######error RawSockSendMsg : index:%d addr:0x%x length:%d send fail\n", to.link,
+                      to.addr, static_cast<int>(data.size()));
+        }
+    }
+    RawMsgBuffFree(buf);
+    return unsent;
+}
+
 int32_t RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                               std::span<const uint8_t> data)
 {
-    for (size_t at = 0; at < data.size(); at += frame_data_max) {
-        const auto piece_addr = static_cast<uint32_t>(addr + at);
-        const int32_t result =
-            RawSockSendOneMsgWithAck(requester, index, model, slot, piece_addr, code, piece_at(data, at));
-        if (result != 0) { return result; }
+    int32_t result = 0;
+    for (uint32_t at = 0; at < data.size() && result == 0; at += frame_data_max) {
+        result = RawSockSendOneMsgWithAck(requester, index, model, slot, addr + at, code, piece_at(data, at));
     }
-    return 0;
+    return result;
 }
 
 int32_t RawSockSendOneMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
@@ -203,21 +225,20 @@ int32_t RawSockSendOneMsgWithAck(uint32_t requester, int index, uint16_t model, 
 {
     if (!link_exists(index)) { return -1; }
     const auto len = static_cast<uint32_t>(data.size());
-    return exchange({ACK_QUEUE, index, model, slot, code, addr, data, len, {}, requester, retry_ticks}, nullptr);
+    return exchange({ACK_QUEUE, {index, model, slot, addr}, code, retry_ticks, requester, len, data}).result;
 }
 
 int32_t RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                   std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks)
 {
     int32_t result = 0;
-    for (size_t at = 0; at < data.size(); at += frame_data_max) {
+    for (uint32_t at = 0; at < data.size(); at += frame_data_max) {
         const auto piece = piece_at(data, at);
-        const auto piece_addr = static_cast<uint32_t>(addr + at);
         *ack = no_answer;
-        result = RawSockSendOneMsgWithAckWait(index, model, slot, piece_addr, code, piece, ack, timeout_ticks);
+        result = RawSockSendOneMsgWithAckWait(index, model, slot, addr + at, code, piece, ack, timeout_ticks);
         if (*ack != ack_good) {
             log_print(LOG_HERE, "write ack wait error: ack wrong index:%d model:%d slot:%d addr:0x%x len:%d ack:0x%x\n",
-                      index, model, slot, piece_addr, static_cast<int>(piece.size()), *ack);
+                      index, model, slot, addr + at, static_cast<int>(piece.size()), *ack);
         }
     }
     return result;
@@ -229,10 +250,8 @@ int32_t RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, ui
     if (!link_exists(index)) { return -1; }
     const auto len = static_cast<uint32_t>(data.size());
     const scoped_lock hold(write_read_ack_wait_mtx);
-    answer got;
-    const int32_t result =
-        exchange({ACK_WAIT_QUEUE, index, model, slot, code, addr, data, len, {}, 0, timeout_ticks}, &got);
-    if (result != 0) { return result; }
+    const answer got = exchange({ACK_WAIT_QUEUE, {index, model, slot, addr}, code, timeout_ticks, 0, len, data});
+    if (got.result != 0) { return got.result; }
     *ack = got.ack;
     if (got.ack != no_answer) { return 0; }
     log_print(LOG_HERE, "ack failed, no ack\n");
@@ -240,25 +259,16 @@ int32_t RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, ui
 }
 
 int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
-                                   std::span<uint8_t> dest, uint32_t* recv_len, uint32_t timeout_ticks)
-{
-    uint8_t ack = no_answer;
-    return read_and_wait(index, model, slot, addr, code, len, dest, recv_len, &ack, timeout_ticks);
-}
-
-int32_t read_and_wait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
-                      std::span<uint8_t> dest, uint32_t* recv_len, uint8_t* ack, uint32_t timeout_ticks)
+                                   std::span<uint8_t> dest, uint32_t* recv_len, uint32_t timeout_ticks, uint8_t* ack)
 {
     *recv_len = 0;
-    *ack = no_answer;
+    if (ack != nullptr) { *ack = no_answer; }
     if (!link_exists(index) || !is_read(code)) { return -1; }
     const scoped_lock hold(write_read_ack_wait_mtx);
-    answer got;
-    const int32_t result =
-        exchange({READ_WAIT_QUEUE, index, model, slot, code, addr, {}, len, dest, 0, timeout_ticks}, &got);
-    if (result != 0) { return result; }
+    const answer got = exchange({READ_WAIT_QUEUE, {index, model, slot, addr}, code, timeout_ticks, 0, len, {}, dest});
+    if (got.result != 0) { return got.result; }
     *recv_len = got.recv_len;
-    *ack = got.ack;
+    if (ack != nullptr) { *ack = got.ack; }
     if (got.recv_len >= 1 && got.recv_len <= frame_data_max) { return 0; }
     log_print(
         LOG_HERE,
@@ -271,7 +281,7 @@ int32_t RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, ui
                                uint32_t len, std::span<uint8_t> dest)
 {
     if (!link_exists(index) || !is_read(code)) { return -1; }
-    return exchange({READ_QUEUE, index, model, slot, code, addr, {}, len, dest, requester, retry_ticks}, nullptr);
+    return exchange({READ_QUEUE, {index, model, slot, addr}, code, retry_ticks, requester, len, {}, dest}).result;
 }
 
 } // namespace rvk

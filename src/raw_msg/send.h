@@ -1,16 +1,18 @@
-// The send operations whose frames need an answer: acknowledged writes and reads, each waited for or not.
+// raw_msg, the transport: requests to the cards and their answers. It knows nothing of messages.
 //
-// All kinds are one exchange with one table of what differs (exchange.cpp): take a buffer, a node and a number, pack
-// the frame, file the node, send, wait or leave the node to the link's threads. A waited one holds
-// write_read_ack_wait_mtx throughout, so there is one at a time in the process, and each frame is sent once.
+// This header: the send operations. A plain write is not answered and not tracked. All other kinds are one exchange
+// with one table of what differs: take a buffer, a node and a number, pack the frame, file the node, send, then wait or
+// leave the node to the link's threads (link_threads.h). One that waits holds write_read_ack_wait_mtx throughout, so
+// there is one at a time in the process, and sends each frame once.
 //
 // index, model, slot, addr: link (0 to 2) and card address of the first byte. Data longer than 1,400 bytes is cut into
-// pieces; piece i goes to addr + 1,400 i. Without data RawSockSendMsgWithAck and RawSockSendMsgWithAckWait send nothing
-// and return 0. timeout_ticks: ticks of 30 ms, 1 to 65,535; a request fails after three such periods without an answer.
-// Threads: any but a link's own two, which would wait for themselves.
+// pieces; piece i goes to addr + 1,400 i; without data nothing is sent and the result is 0, but by the two operations
+// for one piece. timeout_ticks: ticks of 30 ms, 1 to 65,535; a request fails after three such periods without an
+// answer. Threads: any but a link's own two, which would wait for themselves.
 #pragma once
 
 #include "base/mutex.h"
+#include "eth_raw/frame.h"
 
 #include <cstdint>
 #include <span>
@@ -20,8 +22,8 @@ namespace rvk {
 // Every synchronous exchange of the process, one at a time, from taking its buffer to letting go of its node.
 extern fair_mutex write_read_ack_wait_mtx;
 
-// The sequence numbers of the four kinds, each with the mutex that is held while one is taken: the next number,
-// wrapping from 65,535 to 0.
+// The next sequence number of each kind that is answered, wrapping from 65,535 to 0, and the mutex under which one is
+// taken.
 struct sequence {
     mutex& mtx;
     uint16_t seq RVK_GUARDED_BY(mtx);
@@ -29,13 +31,22 @@ struct sequence {
 extern mutex write_ack_mtx, write_ack_wait_mtx, read_ack_mtx, read_wait_mtx;
 extern sequence write_ack, write_ack_wait, read_ack, read_wait;
 
-// Writes without waiting. What a card then does not acknowledge in three sends, or refuses 200 times, is reported to
-// `requester`, per piece. While 65,535 writes are pending it waits for room. Result  0 when every piece was sent; else
-// the first failing piece's result, and the rest is not sent
+// Writes and does not ask.
+// Result  0, also when a frame could not be sent (logged; the next ones still go out); -1: no message buffer could be
+// had
+int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
+                       std::span<const uint8_t> data);
+
+// The same. Result: frames that could not be sent; -1: no message buffer could be had.
+[[nodiscard]] int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data);
+
+// Writes without waiting. A piece that the card then does not acknowledge in three sends, or refuses 200 times, is
+// reported to `requester`. While 65,535 writes are pending it waits.
+// Result  0 when every piece was sent; else the first failing piece's, and the rest is not sent
 [[nodiscard]] int32_t RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
                                             uint8_t code, std::span<const uint8_t> data);
 
-// One piece of the above, at most 1,400 bytes.
+// One piece of the above, 1 to 1,400 bytes.
 [[nodiscard]] int32_t RawSockSendOneMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot,
                                                uint32_t addr, uint8_t code, std::span<const uint8_t> data);
 
@@ -45,29 +56,24 @@ extern sequence write_ack, write_ack_wait, read_ack, read_wait;
 [[nodiscard]] int32_t RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                 std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks);
 
-// One piece of the above, at most 1,400 bytes.
-// Result  0 when an answer came, good or not; -1 when none came or the request could not be filed or sent
+// One piece of the above, 1 to 1,400 bytes.
+// Result  0 when an answer came, good or not; -1: none came, or the request could not be filed or sent
 [[nodiscard]] int32_t RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                    std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks);
 
 // Reads and waits for the data.
 // len       bytes asked for, 1 to 1,400
 // dest      receives the data and bounds it: nothing is written past it
-// recv_len  out: bytes copied; above 1,400 none were; 0 when none came
+// recv_len  out: bytes copied, 0 when none came; above 1,400: what an answer that is too long had, and none are copied
+// ack       out, where it is asked for: 0 good, 255 none came, other: the card's refusal
 // Result    0 when data came; -1: no answer, refused by the card, no buffer left, or the request was not sent
 [[nodiscard]] int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                  uint32_t len, std::span<uint8_t> dest, uint32_t* recv_len,
-                                                 uint32_t timeout_ticks);
+                                                 uint32_t timeout_ticks, uint8_t* ack = nullptr);
 
-// The same, and says what a failed one met.
-// ack  out: 0 good, 255 none came, other: the card's refusal
-[[nodiscard]] int32_t read_and_wait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint32_t len,
-                                    std::span<uint8_t> dest, uint32_t* recv_len, uint8_t* ack, uint32_t timeout_ticks);
-
-// Reads without waiting: data or failure is reported to `requester`.
-// dest    the payload area of a message buffer, which is the completion's from a result of 0 on
+// Reads without waiting: data or failure is reported to `requester`. Nothing in the daemon calls it.
+// dest    the payload area of a message buffer, which is the callee's of request_ended from a result of 0 on
 // Result  0 when the request was sent; -1 otherwise, or when it was dropped with its queue meanwhile
-// Nothing in the daemon calls it.
 [[nodiscard]] int32_t RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
                                              uint8_t code, uint32_t len, std::span<uint8_t> dest);
 

@@ -1,9 +1,6 @@
-#include "base/pause.h"
-
-#include "base/elapsed.h"
+#include "base/clock.h"
 
 #include <cerrno>
-#include <ctime>
 
 namespace rvk {
 namespace {

@@ -1,0 +1,44 @@
+// The clocks, and the one way to sleep.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+
+namespace rvk {
+
+// Seconds, in whole microseconds.
+inline double seconds_since(std::chrono::steady_clock::time_point start)
+{
+    using namespace std::chrono;
+    return static_cast<double>(duration_cast<microseconds>(steady_clock::now() - start).count()) / 1'000'000.0;
+}
+
+// Microseconds of the monotonic clock modulo 2^32: for differences of up to 71 minutes.
+inline uint32_t monotonic_us()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint32_t>(now.tv_sec) * 1'000'000u + static_cast<uint32_t>(now.tv_nsec) / 1000u;
+}
+
+// Milliseconds since the machine's start, time asleep included; nobody sets that clock. For the age of a status file.
+inline uint64_t boot_ms()
+{
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
+// Sleeps for the whole of the time given, in microseconds of the monotonic clock, whatever signals arrive meanwhile.
+void pause_us(uint64_t us);
+inline void pause_ms(uint64_t ms) { pause_us(ms * 1000); }
+
+// For a thread that computes above the priority of others on its processor: sleeps 50 µs when it has not slept here for
+// that long. So those others get a turn, and so does whoever waits elsewhere for a lock that one of them was preempted
+// with: priority inheritance would not help where nobody who waits is above the thread that computes.
+void let_others_run(uint32_t after_us);
+inline constexpr uint32_t picture_turn_us = 8000; // ours: a resend is at most 20 ms late
+inline constexpr uint32_t copy_turn_us = 250;     // ours: a read that is waited for takes some four turns
+
+} // namespace rvk
