@@ -90,7 +90,7 @@ std::string run_bus_read(const bus_options& o)
     const stop_watch watch;
     if (Read_FPGA_Bus_Block(&handle, o.addr, o.len, block.data()) != 0) { throw why_unread(handle, o, block); }
     const double seconds = watch.seconds();
-    write_file(o.file, block);
+    save(o.file, block);
     return what_text(o, "read", o.len) + " into " + o.file + ": " + rate_text(o.len, seconds);
 }
 

@@ -90,13 +90,13 @@ access kind_in(const std::string& text)
 
 bool is_read(access kind) { return kind == access::read || kind == access::read_wait; }
 
-std::vector<uint8_t> value_or_file(const std::string& text, uint64_t most)
+std::vector<uint8_t> value_or_file(const std::string& text)
 {
     const bool value = std::all_of(text.begin(), text.end(),
                                    [](unsigned char c) { return std::isxdigit(c) != 0 || c == ' ' || c == '\t'; });
     if (value) { return bytes_of_hex("VALUE", {text}); }
     try {
-        return bytes_of_file(text, most);
+        return bytes_of_file(text);
     } catch (failure& failed) {
         failed.text = "VALUE \"" + text + "\" is not hex digits alone, so it names a file: " + failed.text;
         throw;
@@ -115,7 +115,7 @@ fpga_options fpga_options_of(const raw_text& raw)
         out.len = static_cast<uint16_t>(hex_number_in("LEN", raw.last, 1, frame_data_max));
         check_room(out.addr, out.len);
     } else {
-        out.bytes = value_or_file(raw.last, room_from(out.addr));
+        out.bytes = value_or_file(raw.last);
         check_room(out.addr, out.bytes.size());
     }
     return out;
@@ -143,11 +143,7 @@ bus_options bus_options_of(const raw_text& raw, bool reads)
         check_room(out.addr, out.len);
         return out;
     }
-    out.bytes = bytes_of_file(raw.file, bus_block_max);
-    if (out.bytes.size() > bus_block_max) {
-        throw failure{problem::wrong_usage, format("file \"%s\" is larger than a block, which has at most %u bytes",
-                                                   raw.file.c_str(), bus_block_max)};
-    }
+    out.bytes = bytes_of_file(raw.file);
     check_room(out.addr, out.bytes.size());
     return out;
 }
