@@ -48,7 +48,8 @@ const char* name_of(problem what) { return row_of(what).name; }
 
 bool write_out(const std::string& text)
 {
-    return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+    const bool written = fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+    return written && ferror(stdout) == 0; // nor was one before, of what was printed otherwise
 }
 
 } // namespace rvk::tool

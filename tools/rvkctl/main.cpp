@@ -215,17 +215,6 @@ uint8_t default_board()
     return static_cast<uint8_t>(number_in("APCARD_SELF", named, 0, UINT8_MAX));
 }
 
-[[noreturn]] void refuse_words(const CLI::App& app, const std::vector<std::string>& words)
-{
-    const auto usage = [](const std::string& text) { return failure{problem::wrong_usage, text}; };
-    if (app.got_subcommand("picture")) { throw usage("picture: give put or get; see rvkctl picture --help"); }
-    if (words.empty()) { throw usage(format("no command given: one of %s; see rvkctl --help", commands)); }
-    if (app.get_subcommands().empty() && words[0][0] != '-') {
-        throw usage(format("\"%s\" is no command; there are %s", words[0].c_str(), commands));
-    }
-    throw usage("\"" + words[0] + "\" was not expected; see rvkctl COMMAND --help");
-}
-
 // Fills `line` as far as it gets; throws a failure of wrong usage. Result: what was asked for in place of a run.
 std::string parse(int argc, char** argv, command_line& line)
 {
@@ -246,8 +235,7 @@ std::string parse(int argc, char** argv, command_line& line)
     } catch (const CLI::ParseError& error) {
         throw failure{problem::wrong_usage, std::string(error.what()) + "; see rvkctl --help"};
     }
-    const auto words = app.remaining(true);
-    if (!line.run || !words.empty()) { refuse_words(app, words); }
+    refuse_extras(app, commands, line.run != nullptr);
     line.used.board = line.board ? *line.board : default_board();
     return {};
 }
