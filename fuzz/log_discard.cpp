@@ -5,13 +5,6 @@
 
 namespace rvk {
 
-int log_debug = 0;
-int log_d = 0;
-int log_num = 0;
-FILE* log_fp = nullptr;
-int log_lastday = 0;
-int print_flag = 0;
-
 void log_print(const char*, const char*, int, const char* format, ...)
 {
     static thread_local char text[1 << 16];
@@ -22,6 +15,5 @@ void log_print(const char*, const char*, int, const char* format, ...)
 }
 
 bool console_write(int, const char*, size_t) { return true; }
-bool console_print(int, const char*, ...) { return true; }
 
 } // namespace rvk

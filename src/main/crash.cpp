@@ -1,9 +1,8 @@
-#include "main/crash.h"
+#include "main/main.h"
 
 #include "base/pause.h"
 #include "base/rt_thread.h"
 #include "base/semaphore.h"
-#include "main/last_words.h"
 #include "main/log.h"
 #include "mem/mem.h"
 
@@ -12,14 +11,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
+#include <initializer_list>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace rvk {
 namespace {
 
-constexpr int trace_frames_max = 100;     // ours: deeper frames are dropped
-constexpr uint64_t last_words_ms = 1'500; // ours: the process is gone within 2 s
+constexpr int trace_frames_max = 100;  // ours: deeper frames are dropped
+constexpr uint64_t logging_ms = 1'500; // ours: the process is gone within 2 s
 
 struct stack_trace {
     void* addresses[trace_frames_max];
@@ -35,13 +35,13 @@ std::atomic<int> signal_thread{0}; // kernel thread id of the one that serves te
 semaphore trace_taken{0};
 semaphore handlers_set{0};
 
-// At once, whatever is locked: not by a call that a sanitizer puts a flush in front of.
-[[noreturn]] void end_now()
+sigset_t set_of(std::initializer_list<int> signals)
 {
-    for (;;) { syscall(SYS_exit_group, 0); }
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : signals) { sigaddset(&set, signal); }
+    return set;
 }
-
-void take_trace(stack_trace* trace) { trace->count = backtrace(trace->addresses, trace_frames_max); }
 
 void log_trace(const stack_trace& trace)
 {
@@ -63,7 +63,7 @@ void log_trace(const stack_trace& trace)
     trace_taken.wait();
     // The heap may be broken: an abort of this thread waits for the end, as the thread that was hit does.
     signal(SIGABRT, task_die);
-    log_is_last_words = true;
+    logs_process_end = true;
     log_print(LOG_HERE, "ended by signal %d, SIG%s\n", crash_signal, sigabbrev_np(crash_signal));
     log_print(LOG_HERE, "task_die!!!\n");
     log_trace(crash_trace);
@@ -73,9 +73,7 @@ void log_trace(const stack_trace& trace)
 
 void unblock_termination()
 {
-    sigset_t termination;
-    sigemptyset(&termination);
-    for (const int signal : {SIGINT, SIGQUIT, SIGTERM}) { sigaddset(&termination, signal); }
+    const sigset_t termination = set_of({SIGINT, SIGQUIT, SIGTERM});
     pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
 }
 
@@ -88,7 +86,7 @@ void wait_for_termination(int)
 }
 
 // Also a SIGSEGV that somebody sends: the kernel picks any thread for it, one that is writing to the log, or the one
-// that logs the end. It goes to the thread that holds no lock, and adds nothing once the process is dying.
+// that logs the end. It goes to the thread that holds no lock, and adds nothing once the process is ending.
 void fault_or_termination(int signal, siginfo_t* info, void*)
 {
     const bool sent = info->si_code <= 0;
@@ -101,45 +99,33 @@ void fault_or_termination(int signal, siginfo_t* info, void*)
     task_die(signal);
 }
 
-void on_signal(int signal, int flags)
-{
-    struct sigaction action = {};
-    action.sa_sigaction = fault_or_termination;
-    action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK | flags;
-    for (const int other : {SIGINT, SIGQUIT, SIGTERM}) { sigaddset(&action.sa_mask, other); }
-    sigaction(signal, &action, nullptr);
-}
-
-bool start_threads()
-{
-    stack_trace first;
-    take_trace(&first); // backtrace loads a library at its first call, which no handler may do
-    use_alternate_signal_stack();
-    return start_thread_or_retry("rvk-death", log_and_exit) == 0 &&
-           start_thread_or_retry("rvk-signal", wait_for_termination) == 0;
-}
-
 } // namespace
 
 void block_signals()
 {
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE, SIGXFSZ}) { sigaddset(&blocked, signal); }
+    const sigset_t blocked = set_of({SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE, SIGXFSZ});
     pthread_sigmask(SIG_SETMASK, &blocked, nullptr); // whatever mask we were started with
 }
 
 void signal_set()
 {
     signal(SIGHUP, SIG_IGN);
-    if (!start_threads()) {
+    stack_trace first;
+    backtrace(first.addresses, trace_frames_max); // loads a library at its first call, which no handler may do
+    use_alternate_signal_stack();
+    if (start_thread_or_retry("rvk-death", log_and_exit) != 0 ||
+        start_thread_or_retry("rvk-signal", wait_for_termination) != 0) {
         log_print(LOG_HERE, "failed to create thread : a signal will end the process without lines in this log\n");
         return unblock_termination();
     }
-    on_signal(SIGINT, 0);
-    on_signal(SIGQUIT, 0);
-    on_signal(SIGSEGV, SA_NODEFER); // a fault inside the handler comes back to it
-    on_signal(SIGTERM, 0);
+    struct sigaction action = {};
+    action.sa_sigaction = fault_or_termination;
+    action.sa_mask = set_of({SIGINT, SIGQUIT, SIGTERM});
+    for (const int signal : {SIGINT, SIGQUIT, SIGSEGV, SIGTERM}) {
+        action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
+        if (signal == SIGSEGV) { action.sa_flags |= SA_NODEFER; } // a fault inside the handler comes back to it
+        sigaction(signal, &action, nullptr);
+    }
     handlers_set.post();
 }
 
@@ -149,19 +135,19 @@ void task_die(int sig)
     int first = 0;
     if (owner.compare_exchange_strong(first, self)) {
         crash_signal = sig;
-        take_trace(&crash_trace);
+        crash_trace.count = backtrace(crash_trace.addresses, trace_frames_max);
         trace_taken.post();
     } else if (first == self) {
         trace_taken.post(); // hit again while taking the trace: without it
     }
-    pause_ms(last_words_ms);
-    end_now();
+    pause_ms(logging_ms);
+    for (;;) { syscall(SYS_exit_group, 0); } // at once, whatever is locked: a sanitizer puts a flush in front of _exit
 }
 
 void putstackinfo()
 {
     stack_trace trace;
-    take_trace(&trace);
+    trace.count = backtrace(trace.addresses, trace_frames_max);
     log_trace(trace);
 }
 

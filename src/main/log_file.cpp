@@ -1,199 +1,251 @@
-// The log sink of the daemon: two files that alternate by calendar day, and standard output.
+// The log sink of the daemon: two files that alternate by calendar day, and the console.
 //
 // A line is formatted before the lock and written in one call under it, so that the lock is held for a few instructions
 // and one write: a real-time thread may wait for it. Once a second also for a look at the file's size and a search of
 // 1,024 places, with a line for each of which lines were left out. It is the innermost lock of the process.
+#include "base/fd.h"
 #include "base/mutex.h"
-#include "main/last_words.h"
 #include "main/log.h"
-#include "main/log_limit.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cinttypes>
+#include <climits>
 #include <cstdarg>
 #include <ctime>
 #include <fcntl.h>
-#include <string_view>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
 namespace rvk {
-
-int log_debug = 0;
-int log_d = 0;
-int log_num = 0;
-FILE* log_fp = nullptr;
-int log_lastday = 0;
-int print_flag = 0;
-
 namespace {
 
-constexpr size_t header_bytes = 1024; // ours: longer headers are cut
-constexpr size_t text_bytes = 6144;   // ours: longer texts are cut
+constexpr size_t header_bytes = 1024, text_bytes = 6144; // ours: longer ones are cut
+constexpr uint32_t place_lines_max = 200;                // ours: lines of one place in a second
+constexpr uint64_t file_bytes_max = 64ull << 20;         // ours: nobody fills the disk with lines
 constexpr mode_t file_mode = 0640;
-constexpr time_t late_s = 2; // ours: a line that waits for the lock is no older
+constexpr time_t day_s = 86'400;
+constexpr time_t late_s = 2;       // ours: a line that waits for the lock is no older
+constexpr int owner_wait_ms = 100; // ours
 
 struct moment {
     timespec now;
-    tm local;
+    std::chrono::year_month_day date; // local
+    int second;                       // of the day
+};
+
+// Where a line comes from. Two are the same if the line and the address of the function's name are.
+struct place {
+    const char* module;
+    const char* function;
+    int line;
+};
+
+struct place_lines {
+    place from;
+    time_t second;
+    uint32_t lines; // in that second
 };
 
 mutex log_mtx;
-std::atomic<int> file_fd{-1}; // the open file's, for the last words
-log_limit limit RVK_GUARDED_BY(log_mtx);
+std::atomic<int> file_fd{-1};                // the open file's, for a thread that gives the lock up
 moment newest RVK_GUARDED_BY(log_mtx);       // of all lines
 uint64_t file_bytes RVK_GUARDED_BY(log_mtx); // the open file's, looked up once a second: it may be emptied
 time_t looked_up_second RVK_GUARDED_BY(log_mtx);
 bool full RVK_GUARDED_BY(log_mtx);
-std::atomic<long> seconds_east{0}; // of the local time from UTC
+std::array<place_lines, 1024> places RVK_GUARDED_BY(log_mtx); // more than there are; what finds none free is written
+uint32_t overfull RVK_GUARDED_BY(log_mtx);                    // places of which lines were left out and not told
+time_t searched_second RVK_GUARDED_BY(log_mtx) = -1;          // when none was found that had to be told
+std::atomic<long> seconds_east{0};                            // of the local time from UTC
 
-// As gmtime_r, without its lock, which the thread that crashed may hold.
-tm fields_of(time_t at)
+// Locks. The thread that logs the process's end waits at most 100 ms, and no second time: the owner may have crashed.
+// Result: false when it is not locked; go on without.
+[[nodiscard]] bool lock_unless_stuck(mutex& m, std::atomic<bool>& owner_is_stuck) RVK_TRY_ACQUIRE(true, m)
 {
-    using namespace std::chrono;
-    const sys_seconds when{seconds{at}};
-    const year_month_day date{floor<days>(when)};
-    const hh_mm_ss time{when - floor<days>(when)};
-    tm out{};
-    out.tm_year = static_cast<int>(date.year()) - 1900;
-    out.tm_mon = static_cast<int>(static_cast<unsigned>(date.month())) - 1;
-    out.tm_mday = static_cast<int>(static_cast<unsigned>(date.day()));
-    out.tm_hour = static_cast<int>(time.hours().count());
-    out.tm_min = static_cast<int>(time.minutes().count());
-    out.tm_sec = static_cast<int>(time.seconds().count());
-    return out;
+    if (!logs_process_end) { return m.lock(), true; }
+    if (!owner_is_stuck && m.lock_within(owner_wait_ms)) { return true; }
+    owner_is_stuck = true;
+    return false;
 }
 
-// The local time. The broken-down form is computed once a second: most calls with neither switch set need only the day.
+// The local time, broken down once a second: most calls with neither switch set need only the day. localtime_r takes a
+// lock, which a thread that crashed may hold; the process's end goes by the last offset from UTC instead.
 const moment& local_moment()
 {
-    static thread_local moment last{{-1, 0}, {}};
+    static thread_local moment last{{-1, 0}, {}, 0};
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     if (now.tv_sec != last.now.tv_sec) {
-        if (!log_is_last_words) {
-            tm local{};
-            localtime_r(&now.tv_sec, &local);
-            seconds_east = local.tm_gmtoff;
-            last.local = local;
-        } else {
-            last.local = fields_of(now.tv_sec + seconds_east);
-        }
+        tm local{};
+        if (!logs_process_end) { seconds_east = localtime_r(&now.tv_sec, &local)->tm_gmtoff; }
+        const time_t at = now.tv_sec + (logs_process_end ? seconds_east.load() : local.tm_gmtoff);
+        last.date = std::chrono::sys_days{std::chrono::days{at / day_s}};
+        last.second = static_cast<int>(at % day_s);
     }
     last.now = now;
     return last;
 }
 
-void open_file(const tm& local) RVK_REQUIRES(log_mtx)
+void open_file(int day) RVK_REQUIRES(log_mtx)
 {
     char path[64];
     snprintf(path, sizeof path, "/var/log/rvk_log%d.txt", log_num);
-    const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, file_mode);
-    file_fd = fd;
-    if (fd >= 0) { static_cast<void>(fchmod(fd, file_mode)); } // one that was there, whoever made it
-    log_fp = fd < 0 ? nullptr : fdopen(fd, "a+");
-    if (log_fp == nullptr) {
-        file_fd = -1;
-        if (fd >= 0) { close(fd); }
-        return;
-    }
-    log_lastday = local.tm_mday;
+    unique_fd fd{open(path, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, file_mode)};
+    if (fd) { static_cast<void>(fchmod(fd.get(), file_mode)); } // one that was there may have another
+    log_fp = fd ? fdopen(fd.get(), "a+") : nullptr;
+    if (log_fp == nullptr) { return; }
+    file_fd = fd.release();
+    log_lastday = day;
     file_bytes = 0;
 }
 
-// Result: bytes.
-size_t format_header(char (&out)[header_bytes + text_bytes], const moment& at, const log_place& from)
+// Formats a line, header and text. Result: bytes.
+__attribute__((format(printf, 4, 0))) size_t format_line(char (&out)[header_bytes + text_bytes], const moment& at,
+                                                         const place& from, const char* format, va_list arguments)
 {
-    const tm& t = at.local;
-    const int header = snprintf(
-        out, header_bytes, "[%04d/%02d/%02d %02d:%02d:%02d.%03d pid=%d] [ %10s/%30s/%5d ]:: ", t.tm_year + 1900,
-        t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, static_cast<int>(at.now.tv_nsec / 1'000'000),
-        static_cast<int>(getpid()), from.module, from.function, from.line);
-    return std::min(static_cast<size_t>(header), header_bytes - 1);
-}
-
-// Result: bytes.
-__attribute__((format(printf, 2, 0))) size_t format_text(char* out, const char* format, va_list arguments)
-{
-    const int text = vsnprintf(out, text_bytes, format, arguments);
-    return std::min(static_cast<size_t>(std::max(text, 0)), text_bytes - 1);
+    const int header =
+        snprintf(out, header_bytes,
+                 "[%04d/%02u/%02u %02d:%02d:%02d.%03d pid=%d] [ %10s/%30s/%5d ]:: ", static_cast<int>(at.date.year()),
+                 static_cast<unsigned>(at.date.month()), static_cast<unsigned>(at.date.day()), at.second / 3600,
+                 at.second / 60 % 60, at.second % 60, static_cast<int>(at.now.tv_nsec / 1'000'000),
+                 static_cast<int>(getpid()), from.module, from.function, from.line);
+    const size_t text_at = std::min(static_cast<size_t>(header), header_bytes - 1);
+    const int text = vsnprintf(out + text_at, text_bytes, format, arguments);
+    return text_at + std::min(static_cast<size_t>(std::max(text, 0)), text_bytes - 1);
 }
 
 // An error of the write has nobody to be told to.
-void write_text(std::string_view text) RVK_REQUIRES(log_mtx)
+void write_text(const char* text, size_t bytes) RVK_REQUIRES(log_mtx)
 {
-    const ssize_t written = write(fileno(log_fp), text.data(), text.size());
+    const ssize_t written = write(fileno(log_fp), text, bytes);
     if (written > 0) { file_bytes += static_cast<uint64_t>(written); }
 }
 
 // A line of the log's own about a place.
-__attribute__((format(printf, 3, 4))) void write_note(const moment& at, const log_place& from, const char* format, ...)
+__attribute__((format(printf, 3, 4))) void write_note(const moment& at, const place& from, const char* format, ...)
     RVK_REQUIRES(log_mtx)
 {
     char line[header_bytes + text_bytes];
-    size_t bytes = format_header(line, at, from);
     va_list arguments;
     va_start(arguments, format);
-    bytes += format_text(line + bytes, format, arguments);
+    write_text(line, format_line(line, at, from, format, arguments));
     va_end(arguments);
-    write_text({line, bytes});
 }
 
-// A file that is full says so once.
-bool has_room(const moment& at) RVK_REQUIRES(log_mtx)
+// Result: false when the file is full; it says so once.
+bool takes_more(const moment& at) RVK_REQUIRES(log_mtx)
 {
     struct stat status = {};
     if (std::exchange(looked_up_second, at.now.tv_sec) != at.now.tv_sec && fstat(fileno(log_fp), &status) == 0) {
         file_bytes = static_cast<uint64_t>(status.st_size);
     }
-    const bool was_full = std::exchange(full, file_bytes > log_file_bytes_max);
+    const bool was_full = std::exchange(full, file_bytes > file_bytes_max);
     if (full && !was_full) { write_note(at, {LOG_HERE}, "this file is full: nothing more is written to it\n"); }
     return !full;
 }
 
-// A line, and before it how many were left out earlier, within the limits; a crash's lines have none.
-void write_limited(const moment& at, const log_place& from, std::string_view line) RVK_REQUIRES(log_mtx)
+// Of which places lines were left out in an earlier second, and how many.
+void tell_left_out(const moment& at, time_t second) RVK_REQUIRES(log_mtx)
 {
-    const bool last_words = log_is_last_words;
-    if (!last_words && !has_room(at)) { return; }
-    const time_t second = last_words ? 0 : at.now.tv_sec; // 0, a second of no line: all that was left out is told
-    log_place place{};
-    uint32_t left_out = 0;
-    while (limit.take_left_out(second, &place, &left_out)) { write_note(at, place, "(%u more)\n", left_out); }
-    if (last_words || limit.admits(from, second)) { write_text(line); }
+    if (overfull == 0 || searched_second == second) { return; }
+    for (place_lines& of : places) {
+        if (of.lines <= place_lines_max || of.second == second) { continue; }
+        write_note(at, of.from, "(%u more)\n", of.lines - place_lines_max);
+        of.lines = 0;
+        --overfull;
+    }
+    if (overfull != 0) { searched_second = second; }
 }
 
-// What day it is: a thread that waited for the lock over midnight brings one that is over.
-const tm& day_of(const moment& at) RVK_REQUIRES(log_mtx)
+// Result: whether a line of this place may be written in this second.
+bool admits(const place& from, time_t second) RVK_REQUIRES(log_mtx)
+{
+    const size_t first = reinterpret_cast<uintptr_t>(from.function) / alignof(void*) + static_cast<size_t>(from.line);
+    for (size_t i = 0; i < places.size(); ++i) {
+        place_lines& of = places[(first + i) % places.size()];
+        if (of.from.function == nullptr) { of = {from, second, 0}; }
+        if (of.from.function != from.function || of.from.line != from.line) { continue; }
+        if (of.second != second) { of = {from, second, 0}; }
+        if (++of.lines == place_lines_max + 1) { ++overfull; }
+        return of.lines <= place_lines_max;
+    }
+    return true;
+}
+
+// A line, and before it how many were left out earlier, within the limits; the process's end has none.
+void write_limited(const moment& at, const place& from, const char* line, size_t bytes) RVK_REQUIRES(log_mtx)
+{
+    if (!logs_process_end && !takes_more(at)) { return; }
+    const time_t second = logs_process_end ? 0 : at.now.tv_sec; // 0, a second of no line: all that was left out is told
+    tell_left_out(at, second);
+    if (logs_process_end || admits(from, second)) { write_text(line, bytes); }
+}
+
+// The day of the month: a thread that waited for the lock over midnight brings one that is over.
+int day_of(const moment& at) RVK_REQUIRES(log_mtx)
 {
     const time_t behind = newest.now.tv_sec - at.now.tv_sec;
     if (behind <= 0 || behind > late_s) { newest = at; }
-    return newest.local;
-}
-
-void roll_over(const tm& local) RVK_REQUIRES(log_mtx)
-{
-    if (local.tm_mday == log_lastday) { return; }
-    file_fd = -1;
-    fclose(log_fp);
-    log_fp = nullptr;
-    log_num = 1 - log_num;
+    return static_cast<int>(static_cast<unsigned>(newest.date.day()));
 }
 
 // Result: false when no file can be opened.
-bool write_to_file(const moment& at, const log_place& from, std::string_view line)
+bool write_to_file(const moment& at, const place& from, const char* line, size_t bytes)
 {
     static std::atomic<bool> owner_is_stuck{false};
-    if (!lock_unless_stuck(log_mtx, owner_is_stuck)) { return write(file_fd, line.data(), line.size()) >= 0; }
-    const tm& day = day_of(at);
+    if (!lock_unless_stuck(log_mtx, owner_is_stuck)) { return write(file_fd, line, bytes) >= 0; }
+    const int day = day_of(at);
     if (log_fp == nullptr) { open_file(day); }
     const bool open = log_fp != nullptr;
-    if (open && !line.empty()) { write_limited(at, from, line); }
-    if (open) { roll_over(day); }
+    if (open && bytes != 0) { write_limited(at, from, line, bytes); }
+    if (open && day != log_lastday) { // the next line goes to the other file
+        file_fd = -1;
+        fclose(log_fp);
+        log_fp = nullptr;
+        log_num = 1 - log_num;
+    }
     log_mtx.unlock();
     return open;
+}
+
+// Standard output or standard error. A pipe or a terminal is opened again, as ours alone: a flag set on the inherited
+// one would be everybody's.
+struct stream {
+    mutex lock;
+    std::atomic<bool> owner_is_stuck{false};
+    int own RVK_GUARDED_BY(lock) = -1;
+    uint64_t lost RVK_GUARDED_BY(lock) = 0; // texts
+};
+stream streams[2];
+
+int opened_again(int fd)
+{
+    struct stat status {};
+    if (fstat(fd, &status) != 0 || !(S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) { return fd; }
+    char path[32];
+    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    const int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    return own >= 0 ? own : fd;
+}
+
+// Result: false when its reader is behind. A file that fails, a reader that is gone: nobody is waited for, nothing
+// lost.
+bool write_now(int fd, const char* bytes, size_t count)
+{
+    ssize_t n = send(fd, bytes, count, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) {
+        pollfd writable{fd, POLLOUT, 0}; // where it could not be opened again
+        if (poll(&writable, 1, 0) == 0) { return false; }
+        n = write(fd, bytes, std::min<size_t>(count, PIPE_BUF)); // as much as poll guarantees
+    }
+    if (n < 0) { return errno != EAGAIN && errno != EWOULDBLOCK; }
+    return static_cast<size_t>(n) == count || write_now(fd, bytes + n, count - static_cast<size_t>(n));
 }
 
 } // namespace
@@ -202,18 +254,33 @@ void log_print(const char* module, const char* function, int line, const char* f
 {
     char text[header_bytes + text_bytes];
     const moment& at = local_moment();
-    const log_place from{module, function, line};
+    const place from{module, function, line};
     size_t bytes = 0;
     if (log_d != 0 || log_debug != 0) {
-        bytes = format_header(text, at, from);
         va_list arguments;
         va_start(arguments, format);
-        bytes += format_text(text + bytes, format, arguments);
+        bytes = format_line(text, at, from, format, arguments);
         va_end(arguments);
     }
-    const bool open = write_to_file(at, from, {text, log_d != 0 ? bytes : 0});
-    if (!open && !log_is_last_words) { fflush(nullptr); } // takes locks
+    const bool open = write_to_file(at, from, text, log_d != 0 ? bytes : 0);
+    if (!open && !logs_process_end) { fflush(nullptr); } // takes locks
     if (log_debug != 0) { console_write(STDOUT_FILENO, text, bytes); }
+}
+
+bool console_write(int fd, const char* bytes, size_t count)
+{
+    stream& to = streams[fd - STDOUT_FILENO];
+    if (!lock_unless_stuck(to.lock, to.owner_is_stuck)) { return write_now(fd, bytes, count); }
+    if (to.own < 0) { to.own = opened_again(fd); }
+    if (to.lost != 0) {
+        char line[64];
+        const int length = snprintf(line, sizeof line, "(%" PRIu64 " texts lost: nobody read)\n", to.lost);
+        if (write_now(to.own, line, static_cast<size_t>(length))) { to.lost = 0; }
+    }
+    const bool written = to.lost == 0 && write_now(to.own, bytes, count);
+    if (!written) { ++to.lost; }
+    to.lock.unlock();
+    return written;
 }
 
 } // namespace rvk

@@ -1,16 +1,11 @@
-// The log sink of tools: the text alone, on standard error.
+// The log sink of tools: the text alone, on standard error. A tool waits for the reader of its output; nothing is lost.
 #include "main/log.h"
 
+#include <cerrno>
 #include <cstdarg>
+#include <unistd.h>
 
 namespace rvk {
-
-int log_debug = 0;
-int log_d = 0;
-int log_num = 0;
-FILE* log_fp = nullptr;
-int log_lastday = 0;
-int print_flag = 0;
 
 void log_print(const char*, const char*, int, const char* format, ...)
 {
@@ -18,6 +13,18 @@ void log_print(const char*, const char*, int, const char* format, ...)
     va_start(arguments, format);
     vfprintf(stderr, format, arguments); // locks the stream for the whole text
     va_end(arguments);
+}
+
+bool console_write(int fd, const char* bytes, size_t count)
+{
+    while (count != 0) {
+        const ssize_t written = write(fd, bytes, count);
+        if (written < 0 && errno == EINTR) { continue; }
+        if (written <= 0) { return false; }
+        bytes += written;
+        count -= static_cast<size_t>(written);
+    }
+    return true;
 }
 
 } // namespace rvk

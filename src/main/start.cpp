@@ -8,9 +8,8 @@
 #include "base/fd.h"
 #include "base/pause.h"
 #include "demo/demo.h"
-#include "main/crash.h"
 #include "main/log.h"
-#include "main/status.h"
+#include "main/main.h"
 #include "mem/mem.h"
 #include "platform/platform.h"
 #include "queue/queue.h"
@@ -28,21 +27,6 @@ namespace {
 constexpr int link_slots[] = {0, -1}; // board: eth0, and none
 constexpr int ipc_processor = 3;      // board
 
-void parse_options(int argc, char** argv)
-{
-    for (int option = 0; (option = getopt(argc, argv, "df")) != -1;) {
-        if (option == 'd') { rvk::log_debug = 1; }
-        if (option == 'f') { rvk::log_d = 1; } // any other is ignored
-    }
-}
-
-void raise_send_buffers()
-{
-    // The blank behind each '=' is part of the command; most systems' sysctl rejects it, and nothing depends on it.
-    static_cast<void>(my_system("sysctl -w net.core.wmem_max= 8388608"));
-    static_cast<void>(my_system("sysctl -w net.core.wmem_default= 8388608"));
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -51,8 +35,13 @@ int main(int argc, char** argv)
     umask(0); // whatever it was: each file gets the mode that its open names
     rvk::block_signals();
     signal(SIGCHLD, SIG_DFL); // inherited as ignored it would take the status of every command away
-    parse_options(argc, argv);
-    raise_send_buffers();
+    for (int option = 0; (option = getopt(argc, argv, "df")) != -1;) {
+        if (option == 'd') { rvk::log_debug = 1; }
+        if (option == 'f') { rvk::log_d = 1; } // any other is ignored
+    }
+    // The blank behind each '=' is part of the command; most systems' sysctl rejects it, and nothing depends on it.
+    static_cast<void>(my_system("sysctl -w net.core.wmem_max= 8388608"));
+    static_cast<void>(my_system("sysctl -w net.core.wmem_default= 8388608"));
     rvk::signal_set();
     rvk::queue_init();
     rvk::mem_init();

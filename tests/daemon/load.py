@@ -66,17 +66,20 @@ class Load:
                 time.sleep(0.0002)
             self.test.assertLess(time.monotonic() - last, bench.PATIENCE, "a command is not answered")
 
-    # An update's commands beside it, until they are answered or certainly will not be: in their order the greeting was last.
+    # An update, commands beside it, until those are answered or certainly will not be: in their order the last read is last.
     def update(self, **fields):
         asking, most, self.updating = self.test.requester(), self.commands + 100, True
         asking.tell(**fields)
         while (answer := asking.receive(0.0002)) is None:
-            for who in self.asking:
-                self.step(who, self.commands < most)
+            any([self.step(who, self.commands < most) for who in self.asking])
         self.test.assertIn(answer.result, (0, -1))
-        while not asking.greeted(2):
-            self.silenced += 1
-        asking.close()
+        asked = heard = last = 0
+        while last != asked or not asked:
+            asked += 1
+            asking.tell(seq=asked, slot=WAITED, addr=0x1000, len=4)
+            while late := asking.receive(2):
+                heard, last = heard + 1, late.seq
+        self.silenced += asked - heard
         self.updating = False
         self.updates.append(answer.result)
         for who in self.asking:
@@ -103,8 +106,7 @@ class Load:
         return moved
 
     def take(self, who, answer):
-        key = answer.code, answer.addr
-        piece = self.deciding.get(key) or self.ledger.get(key)
+        piece = self.deciding.get((answer.code, answer.addr)) or self.ledger.get((answer.code, answer.addr))
         self.test.assertTrue(piece and answer.result in (0, -1) and answer.aptid == bench.identity(), answer)
         piece.answers, piece.result = piece.answers + 1, answer.result
         if piece.slot == UNWAITED:
@@ -127,10 +129,8 @@ class Load:
                 self.silenced += 1
                 for piece in last.command:
                     del self.ledger[piece.code, piece.addr]
-        held = {}
-        for slot in (WAITED, UNWAITED):
-            for at, stretch in cards.held(slot).items():
-                held.update({at + n: stretch[n : n + PIECE] for n in range(0, len(stretch), PIECE)})
+        written = [*cards.held(WAITED).items(), *cards.held(UNWAITED).items()]
+        held = {at + n: there[n : n + PIECE] for at, there in written for n in range(0, len(there), PIECE)}
         faults = [(why, vars(p)) for p in self.ledger.values() if (why := fault_of(p, held.get(p.addr, b""), broken))]
         self.test.assertEqual(faults[:5], [])
 

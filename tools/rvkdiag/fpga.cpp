@@ -5,7 +5,7 @@
 
 #include "ap_msg/message.h"
 #include "eth_raw/frame.h"
-#include "main/reg.h"
+#include "main/diagnosis.h"
 #include "queue/queue.h"
 #include "raw_msg/exchange.h"
 #include "raw_msg/send_plain.h"

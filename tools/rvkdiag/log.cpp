@@ -10,13 +10,6 @@
 
 namespace rvk {
 
-int log_debug = 0;
-int log_d = 0;
-int log_num = 0;
-FILE* log_fp = nullptr;
-int log_lastday = 0;
-int print_flag = 0;
-
 namespace {
 
 struct place {
@@ -63,6 +56,12 @@ void log_print(const char*, const char* function, int line, const char* format, 
     } else {
         keep(function, line, text);
     }
+}
+
+bool console_write(int fd, const char* bytes, size_t count)
+{
+    FILE* const stream = fd == 1 ? stdout : stderr;
+    return fwrite(bytes, 1, count, stream) == count && fflush(stream) == 0;
 }
 
 namespace diag {

@@ -4,7 +4,7 @@
 #include "command/options.h"
 #include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
-#include "main/reg.h"
+#include "main/diagnosis.h"
 #include "rvkdiag/commands.h"
 #include "rvkdiag/log.h"
 

@@ -7,7 +7,7 @@
 #include "base/fd.h"
 #include "base/pause.h"
 #include "eth_raw/frame.h"
-#include "main/lvds_test.h"
+#include "main/diagnosis.h"
 #include "raw_msg/load_picture.h"
 #include "rvkdiag/link.h"
 #include "rvkdiag/log.h"

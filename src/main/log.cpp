@@ -1,4 +1,8 @@
+// Of the log what all sinks share.
 #include "main/log.h"
+
+#include <algorithm>
+#include <cstdarg>
 
 namespace rvk {
 
@@ -17,6 +21,16 @@ printable::printable(std::string_view peers)
         for (const char shown : {'\\', 'x', digits[byte >> 4], digits[byte & 0xF]}) { text[used++] = shown; }
     }
     text[used] = '\0';
+}
+
+bool console_print(int fd, const char* format, ...)
+{
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    return console_write(fd, text, std::min(static_cast<size_t>(std::max(length, 0)), sizeof text - 1));
 }
 
 } // namespace rvk
