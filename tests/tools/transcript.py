@@ -9,7 +9,7 @@
 #     ~ until COMMAND         waits until it ends well; `~ needs TOOL`: where that is missing, the whole program is skipped
 #     & COMMAND               runs beside all that follows
 #     > STEPS                 frames that the test sends to the cards itself, and their answers (controller.py)
-#     $ COMMAND               a shell's. Below it stands all that it says; of rvkdiag's standard error what is not its log
+#     $ COMMAND               a shell's. Below it stands all that it says
 #       a line                on standard output; `| a line` where it would look like something else
 #       {"exit_status": 0}    with --json: an object of the answer's has these members; each must be as its schema says
 #       ? code, code          what the liar was asked since the last such line, or `nothing`
@@ -182,8 +182,6 @@ class Play:
         if (out := self.built_in(step.text)) is None:
             process = self.start(step.text)
             status, out, err = process.end(), process.output, process.errors
-        if "rvkdiag" in step.text:
-            err = "".join(line for line in err.splitlines(True) if re.match(r"[a-z]+: ", line))
         said = f"said: {out}\n! {err}\n= {status}"
         if step.objects:
             self.check_objects(step.objects, [json.loads(text) for text in re.split("^(?={)", out, flags=re.M) if text], said)

@@ -1,4 +1,4 @@
-// See the header. The table is all there is to say about a kind of failure.
+// The table is all there is to say about a kind of failure.
 #include "command/failure.h"
 
 #include <cstdio>
@@ -27,6 +27,9 @@ constexpr problem_row problems[] = {
     {problem::refused, exit_no, "refused"},
     {problem::short_answer, exit_no, "short_answer"},
     {problem::differs, exit_no, "differs"},
+    {problem::io_error, exit_no, "io_error"},
+    {problem::no_memory, exit_no, "no_memory"},
+    {problem::interrupted, exit_no_answer, "interrupted"},
 };
 
 const problem_row& row_of(problem what)
@@ -45,7 +48,8 @@ const char* name_of(problem what) { return row_of(what).name; }
 
 bool write_out(const std::string& text)
 {
-    return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+    const bool written = fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+    return written && ferror(stdout) == 0; // nor was one before, of what was printed otherwise
 }
 
 } // namespace rvk::tool

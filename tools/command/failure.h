@@ -21,7 +21,10 @@ enum class problem {
     endpoint_error, // anything else that the messaging service said
     refused,        // the daemon or the card said no
     short_answer,   // the card sent less than was asked for
-    differs         // what was read back is not what was written
+    differs,        // what was read back is not what was written
+    io_error,       // a file or standard output could not be written
+    no_memory,
+    interrupted // by a signal, while waiting
 };
 
 enum exit_status { exit_done = 0, exit_no = 1, exit_usage = 2, exit_no_answer = 3 };

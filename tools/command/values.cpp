@@ -1,7 +1,7 @@
-// See the header.
 #include "command/values.h"
 
 #include "command/failure.h"
+#include "files/write_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -18,9 +18,9 @@ namespace rvk::tool {
 namespace {
 
 constexpr size_t dump_line_bytes = 16;
-constexpr size_t file_step_bytes = 64 * 1024;
-constexpr uint64_t side_max = 65'535;           // card
-constexpr uint64_t pixels_max = (1u << 29) - 1; // daemon
+constexpr size_t file_step_bytes = 64 * 1024, file_bytes_max = 64u << 20; // ours
+constexpr uint64_t side_max = 65'535;                                     // card
+constexpr uint64_t pixels_max = (1u << 29) - 1;                           // daemon
 
 // -1: not a hex digit.
 int hex_digit(char c)
@@ -146,32 +146,43 @@ std::vector<uint8_t> bytes_of_hex(const char* name, const std::vector<std::strin
     return out;
 }
 
-std::vector<uint8_t> bytes_of_file(const std::string& path, uint64_t most)
+std::vector<uint8_t> bytes_of_file(const std::string& path)
 {
+    const auto refused = [&](const std::string& why) {
+        return failure{problem::wrong_usage, "file \"" + path + "\" " + why};
+    };
     const owned_file file{fopen(path.c_str(), "rbe")};
-    if (!file) { throw failure{problem::wrong_usage, "file \"" + path + "\" cannot be opened: " + strerror(errno)}; }
+    if (!file) { throw refused(std::string("cannot be opened: ") + strerror(errno)); }
     std::vector<uint8_t> out;
-    for (size_t got = file_step_bytes; got == file_step_bytes && out.size() <= most;) {
+    for (size_t got = file_step_bytes; got == file_step_bytes;) {
         const size_t before = out.size();
         out.resize(before + file_step_bytes);
         got = fread(out.data() + before, 1, file_step_bytes, file.get());
         out.resize(before + got);
+        if (out.size() > file_bytes_max) { throw refused("has more than 64 MiB"); }
     }
-    if (ferror(file.get()) != 0) {
-        throw failure{problem::wrong_usage, "file \"" + path + "\" cannot be read: " + strerror(errno)};
-    }
-    if (out.empty()) { throw failure{problem::wrong_usage, "file \"" + path + "\" is empty: nothing to write"}; }
+    if (ferror(file.get()) != 0) { throw refused(std::string("cannot be read: ") + strerror(errno)); }
+    if (out.empty()) { throw refused("is empty: nothing to write"); }
     return out;
 }
 
-void write_file(const std::string& path, std::span<const uint8_t> bytes)
+void save(const std::string& path, std::span<const uint8_t> bytes)
 {
-    owned_file file{fopen(path.c_str(), "wbe")};
-    bool written = file && fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
-    if (file) { written = fclose(file.release()) == 0 && written; }
-    if (!written) {
-        throw failure{problem::wrong_usage, "file \"" + path + "\" cannot be written: " + strerror(errno)};
+    if (const std::string wrong = write_file(path, bytes); !wrong.empty()) { throw failure{problem::io_error, wrong}; }
+}
+
+std::string printable_lines(const std::string& text)
+{
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<uint8_t>(c);
+        if ((byte < 0x20 && c != '\n') || byte == 0x7F) {
+            out += format("\\x%02x", byte);
+        } else {
+            out += c;
+        }
     }
+    return out;
 }
 
 std::string hex_text(std::span<const uint8_t> bytes)
@@ -201,7 +212,7 @@ std::string rate_text(uint64_t bytes, double seconds)
 std::string absolute_path(const std::string& path, const char* name, size_t most)
 {
     if (path.empty()) { throw failure{problem::wrong_usage, std::string(name) + " \"\": give the path of a file"}; }
-    std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
+    std::string absolute = std::filesystem::absolute(path).string(); // no ".." is taken out: a folder may be a link
     if (absolute.size() <= most) { return absolute; }
     throw failure{problem::wrong_usage, format("%s \"%s\" has %zu characters as an absolute path, at most %zu", name,
                                                absolute.c_str(), absolute.size(), most)};

@@ -29,11 +29,14 @@ void check_room(uint32_t addr, uint64_t bytes);
 // Bytes as hex digits in memory order, each word a whole number of bytes; throws a failure.
 std::vector<uint8_t> bytes_of_hex(const char* name, const std::vector<std::string>& words);
 
-// The bytes of a file, at least one; of a larger one than `most` somewhat more than that. Throws a failure.
-std::vector<uint8_t> bytes_of_file(const std::string& path, uint64_t most);
+// The bytes of a file or a pipe, 1 to 64 MiB. Throws a failure.
+std::vector<uint8_t> bytes_of_file(const std::string& path);
 
 // Writes a file anew; throws a failure.
-void write_file(const std::string& path, std::span<const uint8_t> bytes);
+void save(const std::string& path, std::span<const uint8_t> bytes);
+
+// Text for a terminal: control bytes but line ends as \xNN, since names and answers come from elsewhere.
+std::string printable_lines(const std::string& text);
 
 std::string hex_text(std::span<const uint8_t> bytes); // lower case, no blanks
 
@@ -45,8 +48,8 @@ std::string byte_count(uint64_t bytes); // "1 byte", "2 bytes"
 // "33177600 bytes in 0.31 s, 107.0 MB/s" and a line end.
 std::string rate_text(uint64_t bytes, double seconds);
 
-// A path as the daemon needs it, which runs in another folder; throws a failure that names the argument when it is
-// empty or longer than `most` characters.
+// A path as the daemon needs it, which runs in another folder, and which the kernel takes for the same file; throws a
+// failure that names the argument when it is empty or longer than `most` characters.
 std::string absolute_path(const std::string& path, const char* name, size_t most);
 
 uint64_t file_bytes(const std::string& path); // 0 when it cannot be had

@@ -14,49 +14,37 @@
 
 namespace rvk::ctl {
 
-// Of a read that is repeated.
-struct repetition {
-    uint64_t times = 0;                       // 0: until a signal ends it
-    std::chrono::milliseconds interval{1000}; // from the start of one to the start of the next
-    bool all = false;                         // a line each time, not only for what is new
-};
-
-struct read_options {
+// A card, and where in it.
+struct card_options {
     uint8_t slot = 0;
     uint16_t model = 0;
     uint32_t addr = 0;
-    uint16_t len = 0;       // 1 to frame_data_max
-    std::string out_file{}; // empty: a dump on standard output
-    std::optional<repetition> repeat{};
 };
 
-struct write_options {
-    uint8_t slot = 0;
-    uint16_t model = 0;
-    uint32_t addr = 0;
+struct read_options : card_options {
+    uint16_t len = 0;                      // 1 to command_data_max
+    std::string out_file{};                // empty: a dump on standard output
+    std::optional<uint32_t> repeat{};      // so many times, 0: until a signal ends it; none: once, and in full
+    std::optional<uint32_t> interval_ms{}; // from the start of one to the start of the next; 1,000 unless given
+    bool all = false;                      // a line each time, not only for what is new
+};
+
+struct write_options : card_options {
     bool no_ack = false;
-    bool verify = false; // read it back and compare
-    std::vector<uint8_t> bytes;
+    bool verify = false;              // read it back and compare
+    std::vector<std::string> words{}; // bytes as they were typed
+    std::string file{};               // or where they stand
 };
 
-struct picture_options {
-    std::string file; // to write; or the base of the files to make
-    uint32_t hor = 0, ver = 0;
-    uint32_t where = 0; // buffer number of a put; card memory address of a get, in words of 8 bytes
-    uint8_t slot = 1;
-    uint16_t model = 0;
-    std::optional<uint32_t> verify_at{}; // of a put: where the buffer begins in card memory, to read it back from there
+// addr: of a put the buffer's number; of a get where it begins in card memory, in words of 8 bytes.
+struct picture_options : card_options {
+    std::string file{}; // to write; or the base of the files to make
+    picture_size size{};
 };
 
-struct update_options {
-    std::string file;
+struct update_options : card_options {
+    std::string file{};
     uint8_t type = 0;
-    uint8_t slot = 0;
-    uint16_t model = 0;
-};
-
-struct status_options {
-    bool watch = false; // each second, until a signal ends it
 };
 
 // An update type by its name or number; throws a failure. All names, for the help.
@@ -71,6 +59,10 @@ void run_write(const settings& used, const write_options& options, outcome& run)
 void run_picture_put(const settings& used, const picture_options& options, outcome& run);
 void run_picture_get(const settings& used, const picture_options& options, outcome& run);
 void run_update(const settings& used, const update_options& options, outcome& run);
-void run_status(const settings& used, const status_options& options, outcome& run);
+void run_status(const settings& used, bool watch, outcome& run); // watch: each second, until a signal ends it
+
+// Reads once and notes what came in `facts`. Result: the data. Throws a failure when the card gave none, or less than
+// was asked for (facts then have what came).
+std::vector<uint8_t> read_card(session& talk, const read_options& what, nlohmann::ordered_json& facts);
 
 } // namespace rvk::ctl

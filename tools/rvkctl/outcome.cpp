@@ -1,5 +1,6 @@
-// See the header.
 #include "rvkctl/outcome.h"
+
+#include "rvkctl/waiting.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -38,11 +39,12 @@ std::string object_text(const outcome& run, exit_status status)
 
 void say(const outcome& run, bool json)
 {
-    const bool written = run.told || write_out(json ? object_text(run, status_of(run.failed.what)) : run.answer);
+    const bool written =
+        run.told || write_out(json ? object_text(run, status_of(run.failed.what)) : printable_lines(run.answer));
     const int error = errno;
-    if (run.failed.what != problem::none) { fprintf(stderr, "rvkctl: %s\n", run.failed.text.c_str()); }
+    if (run.failed.what != problem::none) { fprintf(stderr, "rvkctl: %s\n", printable_lines(run.failed.text).c_str()); }
     if (written) { return; }
-    throw failure{problem::wrong_usage,
+    throw failure{problem::io_error,
                   std::string("the answer could not be written to standard output: ") + strerror(error)};
 }
 
@@ -52,19 +54,18 @@ int present(const outcome& run, bool json)
     try {
         say(run, json);
     } catch (const failure& unwritten) {
-        fprintf(stderr, "rvkctl: %s\n", unwritten.text.c_str());
-        return status == exit_done ? exit_usage : status;
+        if (!interrupted()) { fprintf(stderr, "rvkctl: %s\n", unwritten.text.c_str()); } // else nobody reads
+        return status == exit_done ? status_of(unwritten.what) : status;
     }
     return status;
 }
 
-std::string_view result_meaning(int32_t result)
+void note_result(int32_t result, nlohmann::ordered_json& facts)
 {
-    switch (result) {
-    case 0: return "success";
-    case -1: return "failure";
-    default: return "a result this program does not know";
-    }
+    facts["result"] = result;
+    facts["result_meaning"] = result == 0    ? "success"
+                              : result == -1 ? "failure"
+                                             : "a result this program does not know";
 }
 
 } // namespace rvk::ctl

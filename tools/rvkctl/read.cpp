@@ -1,30 +1,18 @@
-// Reads from a card, through the daemon, and shows the bytes or puts them into a file.
-#include "rvkctl/reading.h"
+// Asks the daemon whether it is there; reads from a card and shows the bytes, once or again and again. A repeated read
+// shows one line for each change, with its time; one that fails does not end it, since who watches a register wants to
+// see it come back.
+#include "rvkctl/commands.h"
 
 #include "ap_msg/message.h"
-#include "command/values.h"
+#include "rvkctl/status_view.h"
+
+#include <chrono>
+#include <ctime>
 
 namespace rvk::ctl {
 namespace {
 
-std::string what_text(const read_options& what)
-{
-    return format("read of %s at 0x%08x from slot %d, model 0x%x", byte_count(what.len).c_str(), what.addr, what.slot,
-                  what.model);
-}
-
-// The bytes that a good answer says it carries.
-std::vector<uint8_t> data_of(const answer& got, const read_options& what)
-{
-    if (got.length > got.payload.size()) {
-        throw failure{problem::refused, format("%s: the answer claims %u bytes and carries %zu: is this the daemon's "
-                                               "version that belongs to this program?",
-                                               what_text(what).c_str(), got.length, got.payload.size())};
-    }
-    return {got.payload.begin(), got.payload.begin() + static_cast<ptrdiff_t>(got.length)};
-}
-
-} // namespace
+constexpr uint32_t interval_default_ms = 1000;
 
 void note_request(const read_options& what, nlohmann::ordered_json& facts)
 {
@@ -36,51 +24,152 @@ void note_request(const read_options& what, nlohmann::ordered_json& facts)
     facts["len"] = what.len;
 }
 
+void check_usage(const read_options& what)
+{
+    if (what.repeat && !what.out_file.empty()) {
+        throw failure{problem::wrong_usage, "--out and --repeat: a read that is repeated is shown; leave one out"};
+    }
+    if (what.repeat || (!what.interval_ms && !what.all)) { return; }
+    throw failure{problem::wrong_usage, std::string(what.all ? "--all" : "--interval") +
+                                            " is for reads that are repeated: give --repeat N too"};
+}
+
+// Now, in local time as ISO 8601 has it; for a person with a blank and without the zone.
+std::string time_text(bool json)
+{
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local = {};
+    localtime_r(&now.tv_sec, &local);
+    char seconds[32], zone[8];
+    strftime(seconds, sizeof seconds, json ? "%FT%T" : "%F %T", &local);
+    strftime(zone, sizeof zone, "%z", &local); // +hhmm
+    const std::string offset = zone;
+    return format("%s.%03ld", seconds, now.tv_nsec / 1'000'000) +
+           (json ? offset.substr(0, 3) + ":" + offset.substr(3) : "");
+}
+
+std::string pairs_text(std::span<const uint8_t> bytes)
+{
+    std::string out;
+    for (size_t i = 0; i < bytes.size(); ++i) { out += format(i > 0 && i % 2 == 0 ? " %02x" : "%02x", bytes[i]); }
+    return out;
+}
+
+// One of the repeated reads.
+void read_again(session& talk, const read_options& what, outcome& line)
+{
+    try {
+        read_card(talk, what, line.facts);
+    } catch (const failure& failed) {
+        line.failed = failed;
+        if (status_of(failed.what) == exit_no_answer) {
+            line.failed.text += why_unreached(line.facts.value("board", -1));
+        }
+    }
+    line.facts["time"] = time_text(true);
+}
+
+void tell(outcome& line, bool json)
+{
+    if (line.failed.what != problem::none) {
+        line.failed.text = json ? line.failed.text : time_text(false) + "  " + line.failed.text;
+    }
+    say(line, json);
+}
+
+void read_repeatedly(session& talk, const read_options& what, bool json, outcome& run)
+{
+    accept_interrupt();
+    run.told = true;
+    uint64_t reads = 0, failures = 0;
+    problem first = problem::none; // what the first of them failed for
+    std::string before;
+    while (!interrupted() && (*what.repeat == 0 || reads < *what.repeat)) {
+        const auto begun = std::chrono::steady_clock::now();
+        outcome line{.command = run.command, .facts = run.facts, .one_line = true};
+        read_again(talk, what, line);
+        if (line.failed.what == problem::interrupted) { break; } // which says nothing of the card
+        ++reads;
+        if (line.failed.what != problem::none && failures++ == 0) { first = line.failed.what; }
+        const std::string data = line.facts.value("data", std::string());
+        const std::string now = std::string(name_of(line.failed.what)) + data;
+        if (now != before || what.all) {
+            if (!data.empty()) {
+                line.answer = time_text(false) + "  " + pairs_text(bytes_of_hex("data", {data})) + "\n";
+            }
+            tell(line, json);
+        }
+        before = now;
+        if (reads != *what.repeat) {
+            pause_until(begun + std::chrono::milliseconds{what.interval_ms.value_or(interval_default_ms)});
+        }
+    }
+    if (failures > 0) {
+        throw failure{first, format("%llu of %llu reads failed", static_cast<unsigned long long>(failures),
+                                    static_cast<unsigned long long>(reads))};
+    }
+}
+
+} // namespace
+
+void run_hello(const settings& used, outcome& run)
+{
+    run.facts.update(facts_of(used));
+    run.facts["code"] = command::greeting;
+    run.facts["code_meaning"] = "greeting";
+    session talk(used);
+    run.facts["requester_identity"] = talk.identity();
+    const stop_watch watch;
+    const std::string text = talk.greet();
+    const double took_ms = watch.seconds() * 1e3;
+    run.facts["text"] = text;
+    run.facts["elapsed_ms"] = took_ms;
+    run.answer = format("board %d answered in %.1f ms: %s\n", used.board, took_ms, text.c_str());
+}
+
 std::vector<uint8_t> read_card(session& talk, const read_options& what, nlohmann::ordered_json& facts)
 {
-    const answer got = talk.ask({.code = command::read,
-                                 .slot = what.slot,
-                                 .model = what.model,
-                                 .addr = what.addr,
-                                 .len = what.len,
-                                 .payload = {}});
-    facts["result"] = got.result;
-    facts["result_meaning"] = result_meaning(got.result);
+    const answer got =
+        talk.ask({.code = command::read, .slot = what.slot, .model = what.model, .addr = what.addr, .len = what.len});
+    note_result(got.result, facts);
+    const std::string text = format("read of %s at 0x%08x from slot %d, model 0x%x", byte_count(what.len).c_str(),
+                                    what.addr, what.slot, what.model);
     if (got.result != 0) {
         throw failure{problem::refused,
                       format("%s failed (result %d): the card did not answer or refused; check slot, model and address",
-                             what_text(what).c_str(), got.result)};
+                             text.c_str(), got.result)};
     }
-    std::vector<uint8_t> data = data_of(got, what);
+    if (got.length > got.payload.size()) {
+        throw failure{problem::refused, format("%s: the answer claims %u bytes and carries %zu: is this the daemon's "
+                                               "version that belongs to this program?",
+                                               text.c_str(), got.length, got.payload.size())};
+    }
+    std::vector<uint8_t> data{got.payload.begin(), got.payload.begin() + static_cast<ptrdiff_t>(got.length)};
     facts["data_bytes"] = data.size();
     facts["data"] = hex_text(data);
-    return data;
-}
-
-void check_length(const read_options& what, const std::vector<uint8_t>& data)
-{
-    if (data.size() >= what.len) { return; }
+    if (data.size() >= what.len) { return data; }
     throw failure{problem::short_answer, format("%s: the card sent only %s; does that register block end there?",
-                                                what_text(what).c_str(), byte_count(data.size()).c_str())};
+                                                text.c_str(), byte_count(data.size()).c_str())};
 }
 
 void run_read(const settings& used, const read_options& options, outcome& run)
 {
+    check_usage(options);
     run.facts.update(facts_of(used));
     note_request(options, run.facts);
     run.one_line = options.repeat.has_value();
     session talk(used);
     run.facts["requester_identity"] = talk.identity();
-    if (options.repeat) { return watch_card(talk, options, used.json, run); }
+    if (options.repeat) { return read_repeatedly(talk, options, used.json, run); }
     const std::vector<uint8_t> data = read_card(talk, options, run.facts);
     if (options.out_file.empty()) {
         run.answer = hex_dump(options.addr, data);
-    } else {
-        write_file(options.out_file, data);
-        run.facts["out_file"] = options.out_file;
-        run.answer = format("%s written to %s\n", byte_count(data.size()).c_str(), options.out_file.c_str());
+        return;
     }
-    check_length(options, data);
+    save(options.out_file, data);
+    run.facts["out_file"] = options.out_file;
+    run.answer = format("%s written to %s\n", byte_count(data.size()).c_str(), options.out_file.c_str());
 }
 
 } // namespace rvk::ctl

@@ -1,11 +1,10 @@
-// See the header. The texts of everything that can keep a command from its answer stand here, one for each cause.
+// The texts of everything that can keep a command from its answer stand here, one for each cause.
 #include "rvkctl/session.h"
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "command/values.h"
 #include "platform/local/endpoint.h"
-#include "rvkctl/interrupt.h"
 
 #include <algorithm>
 #include <cstring>
@@ -87,12 +86,12 @@ uint64_t socket_inode(uint32_t identity)
 
 std::string wait_text(const settings& used)
 {
-    return format("within %lld ms", static_cast<long long>(used.timeout.count()));
+    return format("within %lld ms", static_cast<long long>(used.timeout().count()));
 }
 
 void check_interrupt()
 {
-    if (interrupted()) { throw failure{problem::no_answer, "interrupted while waiting for an answer"}; }
+    if (interrupted()) { throw failure{problem::interrupted, "interrupted while waiting for an answer"}; }
 }
 
 failure cannot_open(endpoint_status status, const settings& used, int error)
@@ -162,7 +161,7 @@ nlohmann::ordered_json facts_of(const settings& used)
     return {{"board", used.board},
             {"daemon_identity", daemon},
             {"socket", socket_path(daemon)},
-            {"timeout_ms", used.timeout.count()}};
+            {"timeout_ms", used.timeout().count()}};
 }
 
 session::session(const settings& options)
@@ -179,7 +178,7 @@ std::string session::greet()
 {
     tell({.code = command::greeting});
     answer got;
-    if (!wait_for(is_greeting, clock::now() + used.timeout, got)) { throw no_answer(); }
+    if (!wait_for(is_greeting, clock::now() + used.timeout(), got)) { throw no_answer(); }
     const size_t text_bytes = std::min(got.payload.size(), greeting_text_bytes);
     const auto text_end = std::find(got.payload.begin(), got.payload.begin() + static_cast<ptrdiff_t>(text_bytes), 0);
     return {got.payload.begin(), text_end};
@@ -190,7 +189,7 @@ void session::greet_patiently()
     clock::time_point asked{};
     answer got;
     wait_while_alive([&](milliseconds wait) {
-        if (const auto now = clock::now(); now - asked >= used.timeout) {
+        if (const auto now = clock::now(); now - asked >= used.timeout()) {
             tell({.code = command::greeting});
             asked = now;
         }
@@ -200,30 +199,30 @@ void session::greet_patiently()
 
 answer session::ask(const request& command)
 {
-    const uint16_t seq = send(command);
+    const uint16_t seq = tell(command);
     answer got;
-    const auto ours = [&](const answer& a) { return answers(a, command, seq); };
-    if (!wait_for(ours, clock::now() + used.timeout, got)) { throw no_answer(); }
+    const auto its = [&](const answer& a) { return answers(a, command, seq); };
+    if (!wait_for(its, clock::now() + used.timeout(), got)) { throw no_answer(); }
     return got;
 }
 
 answer session::ask_patiently(const request& command)
 {
-    const uint16_t seq = send(command);
+    const uint16_t seq = tell(command);
     answer got;
-    const auto ours = [&](const answer& a) { return answers(a, command, seq); };
-    wait_while_alive([&](milliseconds wait) { return wait_for(ours, clock::now() + wait, got); });
+    const auto its = [&](const answer& a) { return answers(a, command, seq); };
+    wait_while_alive([&](milliseconds wait) { return wait_for(its, clock::now() + wait, got); });
     return got;
 }
 
 void session::wait_while_alive(const std::function<bool(milliseconds)>& done)
 {
-    const auto end = clock::now() + used.timeout;
+    const auto end = clock::now() + used.timeout();
     for (;;) {
         if (done(alive_interval)) { return; }
         check_interrupt();
         life.show(doing);
-        if (used.timeout_given && clock::now() >= end) { throw no_answer(); }
+        if (used.timeout_ms && clock::now() >= end) { throw no_answer(); }
         if (!daemon_is_the_same()) {
             throw failure{problem::nobody_listening,
                           format("board %d's daemon ended before the work did (%s): start it and repeat the command",
@@ -231,8 +230,6 @@ void session::wait_while_alive(const std::function<bool(milliseconds)>& done)
         }
     }
 }
-
-void session::tell(const request& command) { static_cast<void>(send(command)); }
 
 std::optional<uint32_t> session::reported_failure(uint32_t first, uint64_t bytes, milliseconds wait)
 {
@@ -251,11 +248,11 @@ bool session::write_is_answered(const request& command) const
     return companion || command.slot != 1 || command.model != 0 || (command.addr & 0xF0000000u) != 0;
 }
 
-uint16_t session::send(const request& command)
+uint16_t session::tell(const request& command)
 {
     last_seq = next_seq(last_seq);
     const std::vector<uint8_t> message = message_of(command, endpoint.identity(), last_seq);
-    const endpoint_status status = endpoint.send(daemon, message, used.timeout);
+    const endpoint_status status = endpoint.send(daemon, message, used.timeout());
     if (status != endpoint_status::ok) { throw cannot_send(status, used, socket_path(daemon), endpoint.error()); }
     return last_seq;
 }

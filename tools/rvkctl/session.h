@@ -3,8 +3,8 @@
 #pragma once
 
 #include "requester/requester.h"
-#include "rvkctl/life_sign.h"
 #include "rvkctl/outcome.h"
+#include "rvkctl/waiting.h"
 
 #include <chrono>
 #include <cstdint>
@@ -19,10 +19,14 @@ namespace rvk::ctl {
 // Every command's options.
 struct settings {
     uint8_t board = 1;
-    uint8_t module = module_tools;           // ours
-    std::chrono::milliseconds timeout{5000}; // for each answer
-    bool timeout_given = false;              // otherwise long work is waited for as long as the daemon lives
+    uint8_t module = module_tools;      // ours
+    std::optional<uint64_t> timeout_ms; // for each answer; long work is else waited for as long as the daemon lives
     bool json = false;
+
+    [[nodiscard]] std::chrono::milliseconds timeout() const
+    {
+        return std::chrono::milliseconds{timeout_ms.value_or(5000)};
+    }
 };
 
 // Where on a card, and what.
@@ -69,8 +73,8 @@ public:
     // Calls `done` with a time to wait in, until it returns true, as long as ask_patiently waits.
     void wait_while_alive(const std::function<bool(std::chrono::milliseconds)>& done);
 
-    // Sends a command that has no answer of its own.
-    void tell(const request& command);
+    // Sends a command that has no answer of its own. Result: its number.
+    uint16_t tell(const request& command);
 
     // The address at which a write in [first, first + bytes) was given up, as the daemon reported or reports within
     // this time.
@@ -81,12 +85,11 @@ public:
 
     [[nodiscard]] uint32_t identity() const { return endpoint.identity(); }
 
-    std::string doing; // what a long wait shows on a terminal beside the time; may be empty
+    std::function<std::string()> doing; // says what a long wait shows on a terminal beside the time; may be none
 
 private:
     using clock = std::chrono::steady_clock;
 
-    uint16_t send(const request& command);
     // The next answer that is wanted; reports of failed writes that come meanwhile are kept. False: the time ran out.
     bool wait_for(const std::function<bool(const answer&)>& wanted, clock::time_point end, answer& out);
     [[nodiscard]] failure no_answer() const;

@@ -1,8 +1,6 @@
 // The figures as lines: what is zero is left out, so that what is worth a look stands alone.
 #include "rvkctl/status_view.h"
 
-#include "command/values.h"
-
 #include <cinttypes>
 #include <string_view>
 
@@ -64,21 +62,6 @@ std::string us_text(uint64_t us)
     return us < 1000 ? format("%" PRIu64 " us", us) : format("%.1f ms", static_cast<double>(us) / 1e3);
 }
 
-// Of the transfers that run: "firmware 1024 of 4096 bytes (25 %)".
-std::string transfers(const json& figures)
-{
-    std::string out;
-    for (const auto& [kind, total] : figures.at("transfer_total_bytes").items()) {
-        const uint64_t all = count_in(total);
-        if (all == 0) { continue; }
-        const uint64_t done = count_in(figures.at("transfer_bytes").value(kind, json(0u)));
-        out += format("%s%s %" PRIu64 " of %s (%d %%)", out.empty() ? "" : ", ", kind.c_str(), done,
-                      byte_count(all).c_str(),
-                      static_cast<int>(100.0 * static_cast<double>(done) / static_cast<double>(all)));
-    }
-    return out.empty() ? "none" : out;
-}
-
 std::string pool_text(const json& figures)
 {
     uint64_t in_use = 0, made = 0;
@@ -138,7 +121,37 @@ std::string link_lines(const pair_of_views& link)
                                    us_text(count_in(now.at("check_gap_most_us"))));
 }
 
+// What keeps the daemon from its work, in words; empty when nothing does.
+std::string illness(const json& figures)
+{
+    std::string out;
+    const auto add = [&out](const std::string& what) { out += (out.empty() ? "" : "; ") + what; };
+    if (count_in(figures.at("endpoint")) == 0) { add("no requester is heard, its endpoint is gone: restart it"); }
+    const json& link = figures.at("links").at(0);
+    if (count_in(link.at("open")) == 0) {
+        add(link.value("interface", std::string("?")) + " is not open, no card is reached");
+    }
+    if (count_in(link.at("check_gap_us")) > 1'000'000) {
+        add("check passes are more than 1 s apart: who takes the processors?");
+    }
+    return out;
+}
+
 } // namespace
+
+std::string transfer_text(const json& figures)
+{
+    std::string out;
+    for (const auto& [kind, total] : figures.at("transfer_total_bytes").items()) {
+        const uint64_t all = count_in(total);
+        if (all == 0) { continue; }
+        const uint64_t done = count_in(figures.at("transfer_bytes").value(kind, json(0u)));
+        out += format("%s%s %" PRIu64 " of %s (%d %%)", out.empty() ? "" : ", ", kind.c_str(), done,
+                      byte_count(all).c_str(),
+                      static_cast<int>(100.0 * static_cast<double>(done) / static_cast<double>(all)));
+    }
+    return out;
+}
 
 std::string status_table(const status_view& now, const std::optional<status_view>& before)
 {
@@ -147,14 +160,15 @@ std::string status_table(const status_view& now, const std::optional<status_view
         same ? (now.figures.at("boot_ms").get<double>() - before->figures.at("boot_ms").get<double>()) / 1e3 : 0;
     const pair_of_views all{&now.figures, same ? &before->figures : nullptr, seconds};
     const json& figures = now.figures;
-    std::string out = format("rvkd of board %" PRIu64 " (process %" PRIu64 "), up %s; figures %.1f s old\n",
+    const std::string ill = illness(figures), running = transfer_text(figures);
+    std::string out = (ill.empty() ? "well\n" : "NOT WELL: " + ill + "\n") +
+                      format("rvkd of board %" PRIu64 " (process %" PRIu64 "), up %s; figures %.1f s old\n",
                              count_in(figures.at("board")), count_in(figures.at("pid")),
                              duration_text(count_in(figures.at("up_ms"))).c_str(), now.age_s);
-    if (count_in(figures.at("endpoint")) == 0) { out += row("endpoint", "NONE: no requester is heard"); }
     out += row("commands", kinds(all.member("commands"))) + row("refused", kinds(all.member("refused"))) +
            row("dropped", with_rate(all.member("dropped_in_update")) + " during an update") +
            row("jobs done", kinds(all.member("jobs_done"))) + row("jobs failed", kinds(all.member("jobs_failed"))) +
-           row("transfer", transfers(figures)) +
+           row("transfer", running.empty() ? "none" : running) +
            row("file job", with_rate(all.member("steps")) + " exchanges with the card, " +
                                with_rate(all.member("steps_unanswered")) + " not answered") +
            row("answers lost",

@@ -1,10 +1,8 @@
 // Writes to a card, through the daemon, in commands of at most 1,400 bytes, each confirmed before the next is sent.
 // Some writes have no answer of their own; since the daemon handles commands in order, its greetings confirm those.
-#include "rvkctl/reading.h"
+#include "rvkctl/commands.h"
 
 #include "ap_msg/message.h"
-#include "command/values.h"
-#include "rvkctl/verify.h"
 
 #include <algorithm>
 #include <optional>
@@ -23,25 +21,38 @@ std::string target_text(const write_options& options)
     return format("slot %d, model 0x%x", options.slot, options.model);
 }
 
-void note_request(const write_options& options, outcome& run)
+std::vector<uint8_t> bytes_of(const write_options& options)
+{
+    if (options.words.empty() == options.file.empty()) {
+        throw failure{problem::wrong_usage, "write needs either BYTES or --file FILE, and not both"};
+    }
+    std::vector<uint8_t> bytes =
+        options.file.empty() ? bytes_of_hex("BYTES", options.words) : bytes_of_file(options.file);
+    check_room(options.addr, bytes.size());
+    return bytes;
+}
+
+void note_request(const write_options& options, size_t bytes, outcome& run)
 {
     run.facts["code"] = options.no_ack ? command::write : command::write_ack;
     run.facts["code_meaning"] = options.no_ack ? "plain write" : "acknowledged write";
     run.facts["slot"] = options.slot;
     run.facts["model"] = options.model;
     run.facts["addr"] = options.addr;
-    run.facts["data_bytes"] = options.bytes.size();
+    run.facts["data_bytes"] = bytes;
 }
 
 class writer {
 public:
-    writer(session& with, const write_options& given, outcome& into) : talk(with), options(given), run(into) {}
+    writer(session& with, const write_options& given, std::span<const uint8_t> bytes, outcome& into)
+        : talk(with), options(given), all(bytes), run(into)
+    {
+    }
 
     void write_all()
     {
-        const std::span<const uint8_t> all{options.bytes};
         for (size_t at = 0; at < all.size(); at += command_data_max) {
-            talk.doing = format("%zu of %s", at, byte_count(all.size()).c_str());
+            talk.doing = [this, at] { return format("%zu of %s", at, byte_count(all.size()).c_str()); };
             write_piece(static_cast<uint32_t>(options.addr + at),
                         all.subspan(at, std::min(command_data_max, all.size() - at)));
             ++confirmed;
@@ -74,8 +85,7 @@ private:
         const answer got = talk.ask(piece);
         greeted = false;
         confirmed_by = "reply";
-        run.facts["result"] = got.result;
-        run.facts["result_meaning"] = result_meaning(got.result);
+        note_result(got.result, run.facts);
         if (got.result == 0) { return; }
         const size_t before = piece.addr - options.addr;
         throw failure{
@@ -104,68 +114,78 @@ private:
     {
         const std::optional<uint32_t> where = talk.reported_failure(options.addr, last_reported_bytes, wait);
         if (!where) { return; }
-        run.facts["result"] = -1;
-        run.facts["result_meaning"] = result_meaning(-1);
+        note_result(-1, run.facts);
         run.facts["failed_addr"] = *where;
         throw failure{
             problem::refused,
             format("write of %s at 0x%08x to %s failed (reported by the daemon): the card did not answer at 0x%08x; "
                    "check slot, model and address",
-                   byte_count(options.bytes.size()).c_str(), options.addr, target_text(options).c_str(), *where)};
+                   byte_count(all.size()).c_str(), options.addr, target_text(options).c_str(), *where)};
     }
 
     session& talk;
     const write_options& options;
+    std::span<const uint8_t> all;
     outcome& run;
     bool greeted = false;
     uint64_t last_reported_bytes = 0; // from the first byte on: what a report may be about; 0 without such a piece
 };
 
-// Reads the same bytes back, in pieces as they were written.
-void verify_write(session& talk, const write_options& options, outcome& run)
+[[noreturn]] void refuse_difference(const write_options& options, uint64_t at, uint8_t wanted, uint8_t got,
+                                    outcome& run)
 {
-    const std::span<const uint8_t> all{options.bytes};
-    try {
-        for (size_t at = 0; at < all.size(); at += command_data_max) {
-            talk.doing = format("%zu of %s read back", at, byte_count(all.size()).c_str());
-            const auto wanted = all.subspan(at, std::min(command_data_max, all.size() - at));
-            const read_options piece{.slot = options.slot,
-                                     .model = options.model,
-                                     .addr = static_cast<uint32_t>(options.addr + at),
-                                     .len = static_cast<uint16_t>(wanted.size())};
-            nlohmann::ordered_json unused;
-            const std::vector<uint8_t> got = read_card(talk, piece, unused);
-            check_length(piece, got);
-            const auto differing = std::mismatch(wanted.begin(), wanted.end(), got.begin());
-            if (differing.first == wanted.end()) { continue; }
-            const auto in_piece = static_cast<uint64_t>(differing.first - wanted.begin());
-            refuse_difference({at + in_piece, *differing.first, *differing.second},
-                              target_text(options) + format(" at 0x%08x differs from what was written", options.addr),
-                              format("0x%08x", static_cast<uint32_t>(piece.addr + in_piece)), run);
-        }
-    } catch (failure& failed) {
-        if (failed.what != problem::differs) { mark_not_read_back(failed, run); }
-        throw;
-    }
-    note_same(all.size(), run);
+    run.facts["read_back"] = "differs";
+    run.facts["first_difference"] = {{"offset", at}, {"wanted", hex_text({&wanted, 1})}, {"got", hex_text({&got, 1})}};
+    throw failure{
+        problem::differs,
+        format("%s at 0x%08x differs from what was written: first at offset %llu (0x%08llx), wanted %02x, got %02x",
+               target_text(options).c_str(), options.addr, static_cast<unsigned long long>(at),
+               static_cast<unsigned long long>(options.addr + at), wanted, got)};
 }
 
-std::string done_text(const write_options& options, const writer& done)
+// Reads the same bytes back, in pieces as they were written.
+void verify(session& talk, const write_options& options, std::span<const uint8_t> all, outcome& run)
 {
-    const std::string what = format("%s written to %s at 0x%08x", byte_count(options.bytes.size()).c_str(),
-                                    target_text(options).c_str(), options.addr);
+    try {
+        for (size_t at = 0; at < all.size(); at += command_data_max) {
+            talk.doing = [at, &all] { return format("%zu of %s read back", at, byte_count(all.size()).c_str()); };
+            const auto wanted = all.subspan(at, std::min(command_data_max, all.size() - at));
+            read_options piece{options};
+            piece.addr += static_cast<uint32_t>(at);
+            piece.len = static_cast<uint16_t>(wanted.size());
+            nlohmann::ordered_json unused;
+            const std::vector<uint8_t> got = read_card(talk, piece, unused);
+            const auto differing = std::mismatch(wanted.begin(), wanted.end(), got.begin());
+            if (differing.first == wanted.end()) { continue; }
+            refuse_difference(options, at + static_cast<uint64_t>(differing.first - wanted.begin()), *differing.first,
+                              *differing.second, run);
+        }
+    } catch (failure& failed) {
+        if (failed.what == problem::differs) { throw; }
+        run.facts["read_back"] = "none";
+        failed.text = "written, but could not read it back: " + failed.text;
+        throw;
+    }
+    run.facts["read_back"] = "same";
+    run.facts["compared_bytes"] = all.size();
+}
+
+std::string done_text(const write_options& options, size_t bytes, const writer& done)
+{
+    const std::string what =
+        format("%s written to %s at 0x%08x", byte_count(bytes).c_str(), target_text(options).c_str(), options.addr);
     const char* const read_back = options.verify ? ", read back the same\n" : "\n";
     if (options.no_ack) { return what + ": sent, the card is not asked" + read_back; }
     return what + (done.confirmed_by == "reply" ? ": answered" : ": no failure reported") + read_back;
 }
 
-// Added when no answer came: how far the write got.
-std::string progress_text(const write_options& options, const writer& all, problem what)
+// Added when no answer came, or a signal: how far the write got.
+std::string progress_text(size_t bytes, const writer& all, problem what)
 {
     if (all.sent == 0) { return ""; }
-    return format("; %zu of %s confirmed%s", all.confirmed * command_data_max, byte_count(options.bytes.size()).c_str(),
-                  what == problem::no_answer && all.sent > all.confirmed ? ", the next ones may have been written"
-                                                                         : "");
+    const bool unsure = (what == problem::no_answer || what == problem::interrupted) && all.sent > all.confirmed;
+    return format("; %zu of %s confirmed%s", std::min(all.confirmed * command_data_max, bytes),
+                  byte_count(bytes).c_str(), unsure ? ", the next ones may have been written" : "");
 }
 
 void note_progress(const writer& all, outcome& run)
@@ -178,21 +198,22 @@ void note_progress(const writer& all, outcome& run)
 
 void run_write(const settings& used, const write_options& options, outcome& run)
 {
+    const std::vector<uint8_t> bytes = bytes_of(options);
     run.facts.update(facts_of(used));
-    note_request(options, run);
+    note_request(options, bytes.size(), run);
     session talk(used);
     run.facts["requester_identity"] = talk.identity();
-    writer all(talk, options, run);
+    writer all(talk, options, bytes, run);
     try {
         all.write_all();
     } catch (failure& failed) {
         note_progress(all, run);
-        if (failed.what != problem::refused) { failed.text += progress_text(options, all, failed.what); }
+        if (failed.what != problem::refused) { failed.text += progress_text(bytes.size(), all, failed.what); }
         throw;
     }
     note_progress(all, run);
-    if (options.verify) { verify_write(talk, options, run); }
-    run.answer = done_text(options, all);
+    if (options.verify) { verify(talk, options, bytes, run); }
+    run.answer = done_text(options, bytes.size(), all);
 }
 
 } // namespace rvk::ctl

@@ -3,13 +3,20 @@
 // block operation only says that it did.
 #include "rvkdiag/commands.h"
 
-#include "command/values.h"
+#include "base/clock.h"
+#include "base/fd.h"
 #include "eth_raw/bus_block.h"
 #include "eth_raw/bus_packet.h"
 #include "eth_raw/bus_semaphore.h"
-#include "rvkdiag/direct_link.h"
+#include "rvkdiag/link.h"
+#include "rvkdiag/log.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -19,23 +26,41 @@ namespace {
 using namespace tool;
 
 constexpr timeval answer_wait{0, 50'000}; // a card answers within one; 100 of them are a failed block
-constexpr int answer_tries = 10;          // as the block operation's
-constexpr int32_t read_refused = -2;      // link
+constexpr uint64_t look_ms = 20;
+constexpr int answer_tries = 10;     // as the block operation's
+constexpr int32_t read_refused = -2; // link
 
 size_t longest_packet(size_t bytes) { return std::clamp(bytes, bus_data_min, bus_data_max) + bus_packet_overhead; }
+
+// The block operation waits without bound, and says nothing.
+void tell_of_a_wait()
+{
+    const stop_watch watch;
+    while (semctl(sem_id, 0, GETVAL) == 0) {
+        if (watch.seconds() > 1) {
+            fprintf(stderr, "rvkdiag: waiting for the bus-block operation of process %d to end\n",
+                    semctl(sem_id, 0, GETPID));
+            return;
+        }
+        pause_ms(look_ms);
+    }
+}
 
 // The semaphore is every program's on this machine, so it is neither made sure of being free nor removed.
 xfer open_link(int link, size_t bytes)
 {
     xfer handle{};
+    take_link(link);
     open_without_threads(link, longest_packet(bytes));
     const bool set = eth_raw_tranfser_set(&g_eth_init[link], &handle, 1) == 0 &&
                      setsockopt(handle.sock_fd, SOL_SOCKET, SO_RCVTIMEO, &answer_wait, sizeof answer_wait) == 0;
-    if (set && open_semaphore() == 0 && sem_id >= 0) { return handle; }
-    throw failure{
-        problem::no_permission,
-        format("the semaphore of the bus-block link (key %d) cannot be had, the lines above say why; see ipcs -s",
-               bus_semaphore_key)};
+    if (set && open_semaphore() == 0 && sem_id >= 0) {
+        tell_of_a_wait();
+        return handle;
+    }
+    throw failure{problem::no_permission,
+                  format("the semaphore of the bus-block link (key %d) cannot be had; see ipcs -s", bus_semaphore_key) +
+                      said()};
 }
 
 std::string what_text(const bus_options& o, const char* verb, size_t bytes)
@@ -81,26 +106,62 @@ failure why_unread(const xfer& handle, const bus_options& o, std::vector<uint8_t
     return found;
 }
 
+bool is_all(std::span<const uint8_t> bytes, uint8_t what)
+{
+    return std::all_of(bytes.begin(), bytes.end(), [=](uint8_t byte) { return byte == what; });
+}
+
+// The block operation takes a card's "good" for an answer also where it brought no data: a piece that is still as it
+// was filled before, of two different fillings, brought none.
+void read_block(const xfer& handle, const bus_options& o, std::vector<uint8_t>& block)
+{
+    constexpr uint8_t filling = 0xA5, other = 0x5A;
+    std::fill(block.begin(), block.end(), filling);
+    if (Read_FPGA_Bus_Block(&handle, o.addr, o.len, block.data()) != 0) { throw why_unread(handle, o, block); }
+    for (size_t at = 0; at < block.size(); at += bus_data_max) {
+        const auto piece = std::span(block).subspan(at, std::min(bus_data_max, block.size() - at));
+        if (!is_all(piece, filling)) { continue; }
+        std::fill(piece.begin(), piece.end(), other);
+        const auto addr = static_cast<uint32_t>(o.addr + at), bytes = static_cast<uint32_t>(piece.size());
+        if (Read_FPGA_Bus_Block(&handle, addr, bytes, piece.data()) != 0) { throw why_unread(handle, o, block); }
+        if (!is_all(piece, other)) { continue; }
+        throw failure{problem::refused, what_text(o, "read", o.len) +
+                                            format(": the card answered \"good\" without data at 0x%08x", addr)};
+    }
+}
+
+// Before a card is asked.
+void check_output(const std::string& path)
+{
+    const bool was_there = ::access(path.c_str(), F_OK) == 0;
+    const unique_fd file{open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666)};
+    if (!file) { throw failure{problem::io_error, "file \"" + path + "\" cannot be made: " + strerror(errno)}; }
+    if (!was_there) { unlink(path.c_str()); }
+}
+
 } // namespace
 
 std::string run_bus_read(const bus_options& o)
 {
+    check_output(o.file);
     const xfer handle = open_link(o.link, o.len);
     std::vector<uint8_t> block(o.len);
     const stop_watch watch;
-    if (Read_FPGA_Bus_Block(&handle, o.addr, o.len, block.data()) != 0) { throw why_unread(handle, o, block); }
+    read_block(handle, o, block);
     const double seconds = watch.seconds();
-    write_file(o.file, block);
+    save(o.file, block);
     return what_text(o, "read", o.len) + " into " + o.file + ": " + rate_text(o.len, seconds);
 }
 
 std::string run_bus_write(const bus_options& o)
 {
-    const xfer handle = open_link(o.link, o.bytes.size());
-    const auto bytes = static_cast<uint32_t>(o.bytes.size());
+    const std::vector<uint8_t> block = bytes_of_file(o.file); // at most bus_block_max
+    const auto bytes = static_cast<uint32_t>(block.size());
+    check_room(o.addr, bytes);
+    const xfer handle = open_link(o.link, bytes);
     const stop_watch watch;
-    if (Write_FPGA_Bus_Block(&handle, o.addr, bytes, o.bytes.data()) != 0) {
-        throw failure{problem::no_answer, what_text(o, "write", bytes) + ": not sent whole, the lines above say why"};
+    if (Write_FPGA_Bus_Block(&handle, o.addr, bytes, block.data()) != 0) {
+        throw failure{problem::no_answer, what_text(o, "write", bytes) + ": not sent whole" + said()};
     }
     return what_text(o, "write", bytes) + ", not acknowledged: " + rate_text(bytes, watch.seconds());
 }

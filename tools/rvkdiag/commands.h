@@ -4,6 +4,7 @@
 #pragma once
 
 #include "command/failure.h"
+#include "command/values.h"
 
 #include <cstdint>
 #include <string>
@@ -19,22 +20,22 @@ struct fpga_options {
     uint16_t model = 0;
     uint8_t slot = 0;
     uint32_t addr = 0;
-    uint16_t len = 0;           // of a read, 1 to frame_data_max
-    std::vector<uint8_t> bytes; // of a write, at least one
+    std::string last{};           // as typed: what follows the address
+    uint16_t len = 0;             // of a read, 1 to frame_data_max
+    std::vector<uint8_t> bytes{}; // of a write, at least one
 };
 
 struct picture_options {
     uint32_t addr = 0; // card memory, in units of 8 bytes
-    uint32_t hor = 0, ver = 0;
-    std::string file, ts_sel, fpga_sel;
+    tool::picture_size size{};
+    std::string file{}, ts_sel{}, fpga_sel{};
 };
 
 struct bus_options {
     int link = 0;
     uint32_t addr = 0;
     uint32_t len = 0; // of a read, 1 to bus_block_max
-    std::string file;
-    std::vector<uint8_t> bytes; // of a write, 1 to bus_block_max
+    std::string file{};
 };
 
 std::string run_fpga(const fpga_options& options);

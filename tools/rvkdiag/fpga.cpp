@@ -4,13 +4,12 @@
 #include "rvkdiag/commands.h"
 
 #include "ap_msg/message.h"
-#include "command/values.h"
 #include "eth_raw/frame.h"
 #include "main/diagnosis.h"
 #include "queue/queue.h"
 #include "raw_msg/send.h"
-#include "rvkdiag/direct_link.h"
-#include "rvkdiag/reports.h"
+#include "rvkdiag/link.h"
+#include "rvkdiag/log.h"
 
 #include <algorithm>
 #include <span>
@@ -38,14 +37,15 @@ std::string what_text(const fpga_options& o, const char* verb, size_t bytes)
     throw failure{problem::no_answer, what + ": no answer; check card, slot, model and address"};
 }
 
-void check_length(const fpga_options& o, size_t received)
+// Result: nothing more to say than what is printed.
+std::string check_length(const fpga_options& o, size_t received)
 {
-    if (received >= o.len) { return; }
+    if (received >= o.len) { return ""; }
     throw failure{problem::short_answer, format("%s: the card sent only %s; does that register block end there?",
                                                 what_text(o, "read", o.len).c_str(), byte_count(received).c_str())};
 }
 
-void peek_and_wait(const fpga_options& o)
+std::string peek_and_wait(const fpga_options& o)
 {
     reg_answer got{};
     if (read_reg(o.link, o.model, o.slot, o.addr, o.len, &got) == 0) { return check_length(o, got.received); }
@@ -67,17 +67,17 @@ std::vector<report> ask_for_report(const fpga_options& o)
     return await_reports();
 }
 
-void peek(const fpga_options& o)
+std::string peek(const fpga_options& o)
 {
     const std::vector<report> reports = ask_for_report(o);
     const std::string what = what_text(o, "read", o.len);
-    if (reports.empty()) { throw failure{problem::no_answer, what + ": not sent, the lines above say why"}; }
+    if (reports.empty()) { throw failure{problem::no_answer, what + ": not sent" + said()}; }
     const report& end = reports.front();
     static constexpr uint8_t nothing = 0;
     process_recvbuf(end.data.empty() ? &nothing : end.data.data(), o.addr, static_cast<int>(end.data.size()));
     if (end.result == 0) { return check_length(o, end.data.size()); }
     if (!end.answered) { no_answer_to(what + ", sent three times"); }
-    throw failure{problem::refused, what + ": the card refused, or its answer was unusable; the lines above say which"};
+    throw failure{problem::refused, what + ": the card refused, or its answer was unusable" + said()};
 }
 
 std::string poke(const fpga_options& o)
@@ -86,8 +86,7 @@ std::string poke(const fpga_options& o)
     const int32_t unsent = send_plain({o.link, o.model, o.slot, o.addr}, code_write, o.bytes);
     if (unsent < 0) { throw failure{problem::no_answer, what + ": not sent, no buffer left"}; }
     if (unsent > 0) {
-        throw failure{problem::no_answer,
-                      format("%s: %d frames could not be sent, the lines above say why", what.c_str(), unsent)};
+        throw failure{problem::no_answer, format("%s: %d frames could not be sent", what.c_str(), unsent) + said()};
     }
     return what + ": sent, the card is not asked\n";
 }
@@ -116,7 +115,7 @@ std::string poke_and_await_report(const fpga_options& o)
     const std::string what = what_text(o, "write", o.bytes.size());
     const int32_t sent = RawSockSendMsgWithAck(nobody, o.link, o.model, o.slot, o.addr, code_write_ack, o.bytes);
     const std::vector<report> given_up = await_reports();
-    if (sent != 0) { throw failure{problem::no_answer, what + ": not sent whole, the lines above say why"}; }
+    if (sent != 0) { throw failure{problem::no_answer, what + ": not sent whole" + said()}; }
     if (given_up.empty()) { return what + ": acknowledged\n"; }
     const auto lowest = std::min_element(given_up.begin(), given_up.end(),
                                          [](const report& a, const report& b) { return a.addr < b.addr; });
@@ -132,19 +131,32 @@ std::string poke_and_await_report(const fpga_options& o)
 
 std::string run_fpga(const fpga_options& o)
 {
+    const size_t frames = std::max<size_t>((o.bytes.size() + frame_data_max - 1) / frame_data_max, 1);
     if (o.kind == access::write) {
+        take_link(o.link);
         open_without_threads(o.link, request_bytes_max);
         return poke(o);
     }
+    static constexpr struct {
+        access kind;
+        numbers used;
+        std::string (*run)(const fpga_options&);
+    } rows[] = {{access::read, numbers::read_ack, peek},
+                {access::read_wait, numbers::read_wait, peek_and_wait},
+                {access::write_ack, numbers::write_ack, poke_and_await_report},
+                {access::write_ack_wait, numbers::write_ack_wait, poke_and_wait}};
+    const auto* const row =
+        std::find_if(std::begin(rows), std::end(rows), [&](const auto& r) { return r.kind == o.kind; });
+    take_link(o.link, row->used, frames);
     open_with_threads(o.link, request_bytes_max);
-    switch (o.kind) {
-    case access::read: peek(o); return "";
-    case access::read_wait: peek_and_wait(o); return "";
-    case access::write_ack: return poke_and_await_report(o);
-    case access::write: // done above
-    case access::write_ack_wait: break;
+    try {
+        std::string answer = row->run(o);
+        all_answered();
+        return answer;
+    } catch (const failure& failed) {
+        if (status_of(failed.what) == exit_no) { all_answered(); }
+        throw;
     }
-    return poke_and_wait(o);
 }
 
 } // namespace rvk::diag

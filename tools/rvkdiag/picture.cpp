@@ -1,13 +1,18 @@
-// Loads a picture into a memory behind link 1 or 2. The loader itself takes whatever it is given and sends nothing when
-// a selector selects nothing; a person is told.
+// Loads a picture into a memory behind link 1 or 2: the loader itself takes whatever it is given, sends nothing when a
+// selector selects nothing, and goes on where frames cannot be sent; a person is told. Runs the LVDS test on link 0.
 #include "rvkdiag/commands.h"
 
+#include "base/bytes.h"
+#include "base/clock.h"
+#include "base/counters.h"
 #include "base/fd.h"
-#include "command/values.h"
 #include "eth_raw/frame.h"
+#include "main/diagnosis.h"
 #include "raw_msg/load_picture.h"
-#include "rvkdiag/direct_link.h"
+#include "rvkdiag/link.h"
+#include "rvkdiag/log.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -25,11 +30,35 @@ int selected(const std::string& text, size_t position, const char* says)
                   format("FPGA_SEL \"%s\" selects nothing, so nothing was sent: %s", text.c_str(), says)};
 }
 
-void check_file(const std::string& path)
+// A .bmp's head: bmp.
+constexpr size_t head_bytes = 30, hor_at = 18, ver_at = 22, bits_at = 28;
+constexpr unsigned loader_bits = 24;
+
+void check_file(const picture_options& o)
 {
-    if (open_regular(path.c_str(), O_RDONLY)) { return; }
-    throw failure{problem::wrong_usage, "file \"" + path + "\" cannot be read: " +
-                                            (errno == EINVAL ? "it is no regular file" : strerror(errno))};
+    const auto refuse = [&](const std::string& why) {
+        throw failure{problem::wrong_usage, "file \"" + o.file + "\" " + why};
+    };
+    const unique_fd file = open_regular(o.file.c_str(), O_RDONLY);
+    if (!file) {
+        refuse(std::string("cannot be read: ") + (errno == EINVAL ? "it is no regular file" : strerror(errno)));
+    }
+    if (!o.file.ends_with(".bmp")) { return; }
+    std::array<uint8_t, head_bytes> head{};
+    if (read_full(file, head) != head.size() || head[0] != 'B' || head[1] != 'M') { refuse("is no BMP file"); }
+    const uint32_t hor = load_le32(&head[hor_at]), ver = load_le32(&head[ver_at]);
+    const unsigned bits = load_le16(&head[bits_at]);
+    if (hor == o.size.hor && ver == o.size.ver && bits == loader_bits) { return; }
+    refuse(format("is a picture of %d x %d pixels of %u bits: give its size, and one of 24 bits with its bottom line "
+                  "first",
+                  static_cast<int>(hor), static_cast<int>(ver), bits));
+}
+
+uint64_t failed_sends(int link)
+{
+    uint64_t all = 0;
+    for (const counter& of_a_kind : link_count[link].send_failed.all) { all += of_a_kind.get(); }
+    return all;
 }
 
 } // namespace
@@ -44,16 +73,37 @@ std::string run_picture(const picture_options& o)
     const int link =
         selected(o.fpga_sel, 1, "its second character is 1, A or a for link 1, 0, B or b for link 2") == 1 ? 1 : 2;
     const int memory = selected(o.fpga_sel, 2, "its third character is 0, B or b for memory 0, 1, A or a for memory 1");
-    check_file(o.file);
+    check_file(o);
+    take_link(link);
     open_without_threads(link, request_bytes_max);
-    if (LoadPicture(o.addr, static_cast<int>(o.hor), static_cast<int>(o.ver), o.file.c_str(), o.ts_sel.c_str(),
-                    o.fpga_sel.c_str()) != 0) {
-        throw failure{problem::wrong_usage, "picture \"" + o.file + "\" was not sent: the lines above say why"};
+    const std::string what = format("picture of %ux%u from %s", o.size.hor, o.size.ver, o.file.c_str());
+    if (LoadPicture(o.addr, static_cast<int>(o.size.hor), static_cast<int>(o.size.ver), o.file.c_str(),
+                    o.ts_sel.c_str(), o.fpga_sel.c_str()) != 0) {
+        throw failure{problem::no_memory, what + " was not sent" + said()};
     }
-    return format("picture of %ux%u from %s%s sent to memory %d of %s at 0x%08x; its frames are not acknowledged\n",
-                  o.hor, o.ver, o.file.c_str(),
+    if (const uint64_t failed = failed_sends(link); failed != 0) {
+        throw failure{problem::no_answer, format("%s: %llu of its frames could not be sent", what.c_str(),
+                                                 static_cast<unsigned long long>(failed)) +
+                                              said()};
+    }
+    return format("%s%s sent to memory %d of %s at 0x%08x; its frames are not acknowledged\n", what.c_str(),
                   o.file.ends_with(".bmp") ? "" : ", whose bytes are card pixels as they stand,", memory,
                   name_of_link(link).c_str(), o.addr);
+}
+
+void run_lvds()
+{
+    show_log(); // it has no end that could say what was seen
+    open_with_threads(0, request_bytes_max);
+    static_cast<void>(
+        write_out("asking " + name_of_link(0) +
+                  " for its LVDS status every 2 s, one that does not answer without a word; a good status is "
+                  "recorded in /root/lvds_check.txt, and 30 s later this machine reboots; Ctrl-C ends the test\n"));
+    if (LvdsTestTaskCreate(0) != 0) {
+        throw failure{problem::no_permission,
+                      "the test's real-time thread cannot be created: it takes root, or CAP_SYS_NICE"};
+    }
+    for (;;) { pause_ms(1000); }
 }
 
 } // namespace rvk::diag
