@@ -1,5 +1,5 @@
 // base: what the daemon, the tools and the tests stand on; it knows nothing of frames or messages. Any thread may call
-// any of it. No lock of its own is seen outside; the order of everybody's stands in mutex.h.
+// any of it. The order of all locks of the process stands in mutex.h.
 //
 // The words that begin the comment of a constant say where its value comes from:
 //   card, frame   the cards, and the frames that they take and give

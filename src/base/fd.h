@@ -1,5 +1,4 @@
-// File descriptors and their ownership, whole reads and writes of regular files, and the big buffers for what is in
-// them.
+// File descriptors, whole reads and writes of regular files, and big buffers for what is in them.
 #pragma once
 
 #include <cstddef>

@@ -27,11 +27,10 @@ struct start_record {
 
 void* trampoline(void* opaque)
 {
-    const std::unique_ptr<start_record> given{static_cast<start_record*>(opaque)};
-    const start_record start = *given;
-    pthread_setname_np(pthread_self(), start.name);
+    const std::unique_ptr<start_record> start{static_cast<start_record*>(opaque)};
+    pthread_setname_np(pthread_self(), start->name);
     use_alternate_signal_stack();
-    start.body(start.argument);
+    start->body(start->argument);
     return nullptr;
 }
 

@@ -180,13 +180,6 @@ void timerUpdate(int index, int queues)
     }
 }
 
-int32_t queue_length(int index, int queue)
-{
-    return std::atomic_ref(Qcount[index][queue]).load(std::memory_order_relaxed);
-}
-
-QNode* queue_get(int index, int queue) { return Qlist[index][queue]; }
-
 int32_t queue_del(int index, int queue, QNode** handle)
 {
     bool filed = false;
@@ -222,8 +215,6 @@ void queue_del_buf(int index, int queue, const uint8_t* buf)
     }
     if (node != nullptr) { let_go_of_node(node); }
 }
-
-void hold_node(QNode* node) { node->holders.fetch_add(1, std::memory_order_relaxed); }
 
 bool let_go_of_node(QNode* node)
 {

@@ -37,7 +37,7 @@ enum class outcome : uint8_t {
     done,     // a good answer
     failed,   // an answer that ends the request without data
     refused,  // a wrong acknowledgement
-    late,     // an expiry that costs a resend
+    late,     // an expiry, not the last one
     given_up, // the last expiry, or one refusal too many
 };
 
@@ -93,15 +93,21 @@ int32_t queue_find(int index, int queue, uint32_t addr, uint8_t ack, uint16_t se
 // expired_max nodes; not for one that is still being sent. The handler ends no other node than its own. Always 0.
 int32_t queue_check(int index, int queue, completion_handler handler);
 
-// The aging pass: hands the ticks counted since the last one to every pending request of a link's queues 0 to queues
-// - 1. Called by the link's check thread; with several links running, whichever passes first takes the ticks.
+// The aging pass: hands the ticks counted since the last one to every pending request of a link's first `queues`
+// queues. Called by the link's check thread; with several links running, whichever passes first takes the ticks.
 void timerUpdate(int index, int queues);
 
 // Nodes filed; without the mutex, for reports.
-[[nodiscard]] int32_t queue_length(int index, int queue);
+[[nodiscard]] inline int32_t queue_length(int index, int queue)
+{
+    return std::atomic_ref(Qcount[index][queue]).load(std::memory_order_relaxed);
+}
 
 // Head of the list, null when empty.
-[[nodiscard]] QNode* queue_get(int index, int queue) RVK_REQUIRES(mtx[index][queue]);
+[[nodiscard]] inline QNode* queue_get(int index, int queue) RVK_REQUIRES(mtx[index][queue])
+{
+    return Qlist[index][queue];
+}
 
 // Unlinks *handle, and gives it back to the pool unless somebody holds it. A node that is not filed is left alone, but
 // lowers the count. Result: 0, or -1 (logged) when the count went below zero.
@@ -114,7 +120,7 @@ void queue_empty(int index, int queue);
 void queue_del_buf(int index, int queue, const uint8_t* buf);
 
 // One more owner of a node; one less. Result: true when that was the last one and the node went back to the pool.
-void hold_node(QNode* node);
+inline void hold_node(QNode* node) { node->holders.fetch_add(1, std::memory_order_relaxed); }
 bool let_go_of_node(QNode* node);
 
 } // namespace rvk

@@ -151,27 +151,30 @@ void complete(int queue, QNode* node, const uint8_t* data)
     }
 }
 
-void log_note(const note& n)
+void log_resend(const note& n)
 {
     const auto ack = static_cast<unsigned>(n.ack);
     const auto count = static_cast<int>(n.count);
-    const bool resent = n.ended == nullptr, waited = waits(n.queue), given_up = n.means == outcome::given_up;
-    if (resent && n.means == outcome::late) {
+    if (n.means == outcome::late) {
         log_print(LOG_HERE, "no ack msg (0x%x), send msg again (%d)!\n", ack, count);
-    } else if (resent) {
+    } else {
         log_print(LOG_HERE, "wrong ack (0x%x), send msg again (%d)!\n", ack, count);
-    } else if (waited && n.means == outcome::refused) {
-        log_print(LOG_HERE, "wrong ack (0x%x)!\n", ack);
-    } else if (waited && n.means == outcome::failed) {
-        log_print(LOG_HERE, "wrong msg and  recv_len, Read error!\n");
-    } else if (given_up && n.queue == ACK_QUEUE) {
-        log_print(LOG_HERE, "wrong ack (0x%x), send msg count (%d), not send again!\n", ack, count);
-    } else if (given_up && n.queue == ACK_WAIT_QUEUE) {
-        log_print(LOG_HERE, "no ack msg (0x%x) write error!\n", ack);
-    } else if (given_up && n.queue == READ_WAIT_QUEUE) {
-        log_print(LOG_HERE, "no resp msg (0x%x) read error no msg!\n", ack);
     }
     if (n.error != 0) { print_send_error(n.error); }
+}
+
+// Of a good answer nothing is logged, nor of an asynchronous read that was given up.
+void log_end(const note& n)
+{
+    const auto ack = static_cast<unsigned>(n.ack);
+    const bool waited = waits(n.queue), given_up = n.means == outcome::given_up;
+    if (waited && n.means == outcome::refused) { log_print(LOG_HERE, "wrong ack (0x%x)!\n", ack); }
+    if (waited && n.means == outcome::failed) { log_print(LOG_HERE, "wrong msg and  recv_len, Read error!\n"); }
+    if (given_up && n.queue == ACK_QUEUE) {
+        log_print(LOG_HERE, "wrong ack (0x%x), send msg count (%d), not send again!\n", ack, static_cast<int>(n.count));
+    }
+    if (given_up && n.queue == ACK_WAIT_QUEUE) { log_print(LOG_HERE, "no ack msg (0x%x) write error!\n", ack); }
+    if (given_up && n.queue == READ_WAIT_QUEUE) { log_print(LOG_HERE, "no resp msg (0x%x) read error no msg!\n", ack); }
 }
 
 // Logs, wakes, reports and gives back; with no lock of a link held.
@@ -179,8 +182,11 @@ void close_pass(const pass& closed)
 {
     for (size_t i = 0; i < closed.used; ++i) {
         const note& n = closed.notes[i];
-        log_note(n);
-        if (n.ended == nullptr) { continue; }
+        if (n.ended == nullptr) {
+            log_resend(n);
+            continue;
+        }
+        log_end(n);
         const bool well = n.means == outcome::done;
         if (waits(n.queue)) {
             n.ended->sem.post();

@@ -109,8 +109,14 @@ void convert_bmp(std::span<const uint8_t> pixels, size_t hor, size_t ver, std::s
     }
 }
 
-int32_t load_bmp(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::span<const uint8_t> file)
+int32_t load(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::string_view name,
+             std::span<const uint8_t> file)
 {
+    if (!name.ends_with(".bmp")) {
+        DDR2Write(to, addr, hor, ver, file);
+        if (!name.ends_with(".txt")) { log_print(LOG_HERE, "\nfile format error\n"); }
+        return 0;
+    }
     const bool has_head = file.size() >= bmp_offset_end;
     const uint32_t offset = has_head ? load_le32(file.data() + bmp_offset_at) : 0;
     log_print(LOG_HERE, "offset = %d\n", static_cast<int>(offset));
@@ -121,15 +127,6 @@ int32_t load_bmp(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, st
     }
     if (has_head && offset <= file.size()) { convert_bmp(file.subspan(offset), hor, ver, picture.bytes()); }
     DDR2Write(to, addr, hor, ver, picture.bytes());
-    return 0;
-}
-
-int32_t load(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::string_view name,
-             std::span<const uint8_t> file)
-{
-    if (name.ends_with(".bmp")) { return load_bmp(to, addr, hor, ver, file); }
-    DDR2Write(to, addr, hor, ver, file);
-    if (!name.ends_with(".txt")) { log_print(LOG_HERE, "\nfile format error\n"); }
     return 0;
 }
 

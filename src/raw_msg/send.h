@@ -6,9 +6,9 @@
 // there is one at a time in the process, and sends each frame once.
 //
 // index, model, slot, addr: link (0 to 2) and card address of the first byte. Data longer than 1,400 bytes is cut into
-// pieces; piece i goes to addr + 1,400 i; without data nothing is sent and the result is 0, but by the two operations
-// for one piece. timeout_ticks: ticks of 30 ms, 1 to 65,535; a request fails after three such periods without an
-// answer. Threads: any but a link's own two, which would wait for themselves.
+// pieces; piece i goes to addr + 1,400 i. Without data nothing is sent: the result is 0, or -1 of an operation for one
+// piece. timeout_ticks: ticks of 30 ms, 1 to 65,535; a request fails after three such periods without an answer.
+// Threads: any but a link's own two, which would wait for themselves.
 #pragma once
 
 #include "base/mutex.h"
@@ -22,8 +22,7 @@ namespace rvk {
 // Every synchronous exchange of the process, one at a time, from taking its buffer to letting go of its node.
 extern fair_mutex write_read_ack_wait_mtx;
 
-// The next sequence number of each kind that is answered, wrapping from 65,535 to 0, and the mutex under which one is
-// taken.
+// The next sequence number of each kind, wrapping from 65,535 to 0, and the mutex under which one is taken.
 struct sequence {
     mutex& mtx;
     uint16_t seq RVK_GUARDED_BY(mtx);
@@ -31,17 +30,16 @@ struct sequence {
 extern mutex write_ack_mtx, write_ack_wait_mtx, read_ack_mtx, read_wait_mtx;
 extern sequence write_ack, write_ack_wait, read_ack, read_wait;
 
-// Writes and does not ask.
-// Result  0, also when a frame could not be sent (logged; the next ones still go out); -1: no message buffer could be
-// had
+// Plain write.
+// Result  0, also when a frame could not be sent (logged; the others still go out); -1: no message buffer left
 int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                        std::span<const uint8_t> data);
 
-// The same. Result: frames that could not be sent; -1: no message buffer could be had.
+// The same. Result: frames that could not be sent; -1: no message buffer left.
 [[nodiscard]] int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data);
 
 // Writes without waiting. A piece that the card then does not acknowledge in three sends, or refuses 200 times, is
-// reported to `requester`. While 65,535 writes are pending it waits.
+// reported to `requester`. Only while 65,535 writes are pending it waits, until there are fewer.
 // Result  0 when every piece was sent; else the first failing piece's, and the rest is not sent
 [[nodiscard]] int32_t RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
                                             uint8_t code, std::span<const uint8_t> data);
@@ -72,7 +70,7 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
                                                  uint32_t timeout_ticks, uint8_t* ack = nullptr);
 
 // Reads without waiting: data or failure is reported to `requester`. Nothing in the daemon calls it.
-// dest    the payload area of a message buffer, which is the callee's of request_ended from a result of 0 on
+// dest    the payload area of a message buffer; with a result of 0 it is request_ended that gives it back
 // Result  0 when the request was sent; -1 otherwise, or when it was dropped with its queue meanwhile
 [[nodiscard]] int32_t RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
                                              uint8_t code, uint32_t len, std::span<uint8_t> dest);

@@ -48,20 +48,4 @@ void receive_ticks_here()
     pthread_sigmask(SIG_UNBLOCK, &ticks, nullptr);
 }
 
-void timerStart(uint32_t ticks, Timer* timer)
-{
-    const int32_t armed = static_cast<uint16_t>(ticks);
-    timer->expired = 0;
-    timer->remaining = armed;
-    timer->period = armed;
-}
-
-void timerStop(Timer* timer) { timer->period = 0; }
-
-int timerExpired(Timer* timer)
-{
-    if (timer->expired == 0) { return 0; } // nearly always: no locked operation
-    return timer->expired.exchange(0) != 0 ? 1 : 0;
-}
-
 } // namespace rvk

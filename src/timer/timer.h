@@ -33,12 +33,22 @@ void catch_alarm(int signal);
 void receive_ticks_here();
 
 // Arms a timer; ticks are taken as an unsigned 16-bit value, 0 leaves it stopped.
-void timerStart(uint32_t ticks, Timer* timer);
+inline void timerStart(uint32_t ticks, Timer* timer)
+{
+    const int32_t armed = static_cast<uint16_t>(ticks);
+    timer->expired = 0;
+    timer->remaining = armed;
+    timer->period = armed;
+}
 
 // Stops it; an expiry that was flagged already is still reported once.
-void timerStop(Timer* timer);
+inline void timerStop(Timer* timer) { timer->period = 0; }
 
-// Result: 1 when it had run out since the last call, 0 otherwise. Reading consumes.
-[[nodiscard]] int timerExpired(Timer* timer);
+// Result: 1 when it had run out since the last call, 0 otherwise. Reading consumes; nearly always there is nothing to
+// read, and then there is no locked operation.
+[[nodiscard]] inline int timerExpired(Timer* timer)
+{
+    return timer->expired != 0 && timer->expired.exchange(0) != 0 ? 1 : 0;
+}
 
 } // namespace rvk
