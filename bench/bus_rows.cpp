@@ -4,6 +4,7 @@
 // very packets that ours sent, recorded at the cards; the picture is timed there too, from its first frame to its last.
 #include "base/bytes.h"
 #include "base/clock.h"
+#include "cables.h"
 #include "cardsim/link.h"
 #include "eth_raw/bus_block.h"
 #include "eth_raw/bus_packet.h"
@@ -48,13 +49,9 @@ public:
     }
 
     // What arrives while `work` runs, and is taken before `work` is over, since the cards come first.
-    template <typename Work>
-    std::vector<recorded_request> arriving(Work work)
+    std::vector<kept_frame> arriving(const std::function<void()>& work)
     {
-        farm.record_history(frames_max);
-        work();
-        auto all = farm.history();
-        farm.record_history(0);
+        auto all = frames_to_cards(farm, frames_max, work);
         if (all.empty()) { fail("nothing arrived at the cards"); }
         return all;
     }
@@ -65,10 +62,10 @@ private:
     card_link link{farm};
 };
 
-packets frames_of(const std::vector<recorded_request>& recorded)
+packets frames_of(const std::vector<kept_frame>& recorded)
 {
     packets frames;
-    for (const recorded_request& r : recorded) { frames.push_back(r.frame); }
+    for (const kept_frame& r : recorded) { frames.push_back(r.bytes); }
     return frames;
 }
 
@@ -137,7 +134,7 @@ void bus_read_row(const settings& chosen)
     if (Open_Eth_Raw(links.data(), bus_links) != 0) { fail("the block link cannot be opened"); }
     const std::vector<uint8_t> data = block_content();
     std::vector<uint8_t> into(data.size());
-    cards.farm.write_bus(block_addr, data);
+    cards.farm.with([&data](farm_content& c) { c.bus_memory.write(block_addr, data); });
     take_processor(sender_priority);
     const auto read = [&] {
         if (Read_FPGA_Bus_Block(&links[0], block_addr, bus_block_max, into.data()) != 0) { fail("read failed"); }

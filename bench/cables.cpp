@@ -13,16 +13,32 @@ namespace {
 
 constexpr size_t reply_bytes_max = 1450;
 constexpr int receive_buffer_bytes = 64 << 20;
+constexpr size_t foreign_frames = 100; // frames of other programs meanwhile
 
 std::array<uint8_t, reply_bytes_max> received; // as the daemon's: one for the process
 
 } // namespace
 
+std::vector<kept_frame> frames_to_cards(card_farm& farm, size_t max, const std::function<void()>& work)
+{
+    const auto keep = [&farm](size_t frames) { farm.with([frames](farm_content& c) { c.trail.keep(frames); }); };
+    keep(2 * max + foreign_frames); // an answer each
+    work();
+    auto kept = farm.with([](farm_content& c) { return c.trail.frames(); });
+    keep(0);
+    const auto is_ours = [](const kept_frame& frame) {
+        return std::equal(eth_raw_tx_header.begin(), eth_raw_tx_header.end(), frame.bytes.begin());
+    };
+    std::erase_if(kept, std::not_fn(is_ours));
+    kept.resize(std::min(kept.size(), max));
+    return kept;
+}
+
 simulated_cards::simulated_cards(int priority)
 {
     frame_bytes pattern(frame_data_max);
     for (size_t i = 0; i < pattern.size(); ++i) { pattern[i] = static_cast<uint8_t>(i * 7); }
-    farm.write({model, slot}, addr, pattern);
+    farm.with({model, slot}, [&](sim_card& c) { c.registers.write(addr, pattern); });
     link_options how;
     how.processor = processor;
     how.priority = priority;
@@ -46,20 +62,23 @@ bool simulated_cards::demo_plays() const
 bool simulated_cards::demo_is_over() const
 {
     const auto lines = farm.playback();
-    return !lines.empty() && lines.back() == playback_order().back();
+    return !lines.empty() && lines.back() == end_of_playback;
 }
 
 std::vector<frame_bytes> simulated_cards::arriving(size_t max, const std::function<void()>& work)
 {
-    farm.record_history(max);
-    work();
     std::vector<frame_bytes> frames;
-    for (recorded_request& request : farm.history()) { frames.push_back(std::move(request.frame)); }
-    farm.record_history(0);
+    for (kept_frame& frame : frames_to_cards(farm, max, work)) { frames.push_back(std::move(frame.bytes)); }
     return frames;
 }
 
-std::vector<uint8_t> simulated_cards::picture(uint8_t buffer) const { return farm.picture({model, slot}, buffer); }
+std::vector<uint8_t> simulated_cards::picture(uint8_t buffer)
+{
+    return farm.with({model, slot}, [buffer](const sim_card& card) {
+        const auto record = card.buffers.find(buffer);
+        return record == card.buffers.end() ? frame_bytes{} : picture_from(card.pictures, record->second);
+    });
+}
 
 frame_bytes ready_made(uint8_t code, uint32_t at, uint16_t seq, size_t data_bytes)
 {

@@ -20,6 +20,9 @@ inline constexpr uint32_t addr = 0x2000;
 
 using frame_bytes = std::vector<uint8_t>;
 
+// The frames that arrive at these cards while `work` runs, the first `max` at most.
+[[nodiscard]] std::vector<kept_frame> frames_to_cards(card_farm& farm, size_t max, const std::function<void()>& work);
+
 // Cards on card0, with something to read at `addr`, answering at this priority.
 class simulated_cards {
 public:
@@ -34,7 +37,7 @@ public:
 
     // The frames that arrive while `work` runs, `max` at most: a bare loop then sends the very same.
     [[nodiscard]] std::vector<frame_bytes> arriving(size_t max, const std::function<void()>& work);
-    [[nodiscard]] std::vector<uint8_t> picture(uint8_t buffer) const;
+    [[nodiscard]] std::vector<uint8_t> picture(uint8_t buffer);
 
 private:
     card_farm farm;

@@ -56,7 +56,7 @@ void start_row(const settings& chosen)
 
 void memory_row(const settings&)
 {
-    const simulated_cards cards(card_priority);
+    simulated_cards cards(card_priority);
     const child daemon = start_daemon(cards);
     const picture_job job({demo_hor, demo_ver}, buffer);
     asking_process asker;

@@ -39,20 +39,19 @@ void put_right(std::vector<uint8_t>& frame, uint8_t what)
 card_faults faults_of(uint8_t choice)
 {
     card_faults faults{.seed = choice};
-    if (choice != 0) { faults.*fault_table()[choice % fault_count].how_often = 0.5; }
+    if (choice != 0) { faults.how_often[choice % chance_count].part = 0.5; }
     return faults;
 }
 
 bool is_accepted(const reply_frame& reply)
 {
-    if (reply.bytes[bus::type] == bus_read_back) { // of a frame, that is a byte of the source address
-        return judge_packet(reply.view(), load_le32(reply.bytes.data() + bus::addr)) == 0;
+    if (reply[bus::type] == bus_read_back) { // of a frame, that is a byte of the source address
+        return judge_packet(reply, load_le32(&reply[bus::addr])) == 0;
     }
     uint8_t ack = 0, slot = 0, code = 0;
     uint16_t model = 0, seq = 0, len = 0;
     uint32_t addr = 0;
-    const auto bytes = reply.view();
-    return RawMsgHeaderUnpack(bytes.data(), bytes.size(), &ack, &model, &slot, &code, &addr, &seq, &len) != nullptr;
+    return RawMsgHeaderUnpack(reply.data(), reply.size(), &ack, &model, &slot, &code, &addr, &seq, &len) != nullptr;
 }
 
 } // namespace

@@ -107,7 +107,7 @@ std::optional<std::vector<uint8_t>> picture_in_card(const job_input& job)
     const size_t space = (stride * job.ver + step_data - 1) / step_data * step_space;
     const uint64_t from = uint64_t{job.addr} * 8;
     if (job.addr + uint64_t{space} / 8 > UINT32_MAX) { return std::nullopt; }
-    const auto memory = here->farm.read_pictures({job.model, job.slot}, from, space);
+    const auto memory = here->farm.with({job.model, job.slot}, [&](auto& c) { return c.pictures.read(from, space); });
     std::vector<uint8_t> picture(line * job.ver);
     for (size_t at = 0; at < picture.size(); ++at) {
         const size_t padded = at / line * stride + at % line;
@@ -191,7 +191,7 @@ void check_transfer(const job_input& job, const std::string& path, const std::op
     if (was_disk_full()) { require(result == -1 && seen->frames <= 1); } // at most the card's generation is asked for
     if (job.is_faultless()) { require(result == (good_file ? 0 : -1)); }
     if (result != 0) { return; }
-    const auto files = here->farm.firmware({0, job.slot});
+    const auto files = here->farm.with({0, job.slot}, [](auto& c) { return c.firmware.files(); });
     require(good_file && files.size() == 1);
     require(std::ranges::equal(files[0].image(), *image));
     const auto sum = std::accumulate(image->begin(), image->end(), 0x5555u);
@@ -262,10 +262,12 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return next ? next(frame) : w.to_cards(frame);
     };
     w.on_shell = shell;
-    w.farm.set_faults(faults_by_number(job->fault));
-    w.farm.set_behaviour({.generation = job->generation});
+    card_faults faults = faults_by_number(job->fault);
+    faults.generation = job->generation;
+    w.farm.set_faults(faults);
     if (job->code == command::file_read) {
-        w.farm.write_pictures({job->model, job->slot}, uint64_t{job->addr} * 8, job->file);
+        const uint64_t at = uint64_t{job->addr} * 8;
+        w.farm.with({job->model, job->slot}, [&](auto& c) { c.pictures.write(at, job->file); });
     }
     const bool carried_out = run(*job);
     w.drain();

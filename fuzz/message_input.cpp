@@ -19,7 +19,7 @@ void require(bool holds)
 card_faults faults_by_number(uint8_t choice)
 {
     card_faults faults{.seed = choice};
-    if (choice != 0) { faults.*fault_table()[choice % fault_count].how_often = 0.5; }
+    if (choice != 0) { faults.how_often[choice % chance_count].part = 0.5; }
     return faults;
 }
 
@@ -54,7 +54,5 @@ void take_message(world& w, bool make_data, std::span<const uint8_t> bytes)
 void require_good_frames(const world& w)
 {
     const farm_counts counts = w.farm.counts();
-    for (auto v = static_cast<size_t>(verdict::wrong_destination); v < verdict_count; ++v) {
-        require(counts.verdicts[v] == 0);
-    }
+    for (size_t v = first_violation; v < first_of_registers; ++v) { require(counts.violations[v] == 0); }
 }

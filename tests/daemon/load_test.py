@@ -60,7 +60,8 @@ class Loads(bench.BenchTest):
     def test_a_bad_link_loses_nothing_and_doubles_nothing(self):
         others = self.cards(kept=False)
         self.d = self.daemon()
-        self.assertTrue(bench.wait_until(lambda: '"frames":{"sent":213' in text_of("/run/rvkd/status.json")))
+        shown = bench.wait_until(lambda: '"frames":{"sent":213' in text_of("/run/rvkd/status.json"), 4 * bench.PATIENCE)
+        self.assertTrue(shown)
         others.kill()
         for options in [], ["--processor", 1, "--priority", 94]:
             load = self.start_load(*FAULTS, *options)

@@ -1,7 +1,7 @@
 // Small cases of delivery under every interleaving: senders of each kind, the link's two threads, at most two requests
 // of a link at a time. Whatever the schedule, each request ends exactly once and gives everything back, and whoever
 // waits for its turn sees no other sender take two.
-#include "cardsim/replies.h"
+#include "cardsim/frames.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
 #include "eth_raw/raw_sock.h"
@@ -212,8 +212,8 @@ ssize_t __wrap_sendto(int, const void* bytes, size_t count, int, const sockaddr*
 
 ssize_t __wrap_recvfrom(int, void* into, size_t, int, sockaddr*, socklen_t*)
 {
-    std::copy_n(arriving.bytes.begin(), arriving.length, static_cast<uint8_t*>(into));
-    return static_cast<ssize_t>(arriving.length);
+    std::ranges::copy(arriving, static_cast<uint8_t*>(into));
+    return std::ssize(arriving);
 }
 }
 

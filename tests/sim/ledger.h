@@ -7,7 +7,7 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
-#include "cardsim/checks.h"
+#include "cardsim/frames.h"
 #include "eth_raw/frame.h"
 #include "sim/world.h"
 
@@ -66,7 +66,7 @@ public:
     entry* frame(std::span<const uint8_t> bytes)
     {
         request_fields f;
-        if (check_request(bytes, f) != verdict::good || f.model >= entries.size()) {
+        if (check_request(bytes, f) != violation::none || f.model >= entries.size()) {
             return wrong = "a bad frame", nullptr;
         }
         entry& e = entries[f.model];

@@ -29,10 +29,9 @@ card_faults any_faults(dice& d)
 {
     card_faults faults{
         .seed = d.source(), .wrong_status = static_cast<uint8_t>(1 + d.below(254)), .delay_ms = 1 + d.below(400)};
-    for (const fault_row& row : fault_table()) {
-        if (row.kind < fault::bus_refused) { faults.*row.how_often = d.chance() / 1000.0; }
-    }
-    if (d.happens(50)) { faults.loss = 1.0; }
+    const auto of_frames = static_cast<size_t>(fault::bus_refused);
+    for (occurrence& o : std::span(faults.how_often).first(of_frames)) { o.part = d.chance() / 1000.0; }
+    if (d.happens(50)) { faults[fault::loss].part = 1.0; }
     return faults;
 }
 
@@ -127,7 +126,7 @@ private:
         uint8_t* const area = k == later_read ? ApMsgBuffGet(frame_data_max) : nullptr;
         uint8_t ack = 0;
         uint32_t got = 0;
-        w.farm.write({card, 1}, addr, data_at(addr, reply_data_max));
+        w.farm.with({card, 1}, [&](sim_card& c) { c.registers.write(addr, data_at(addr, reply_data_max)); });
         if (waits(k)) { waiting = id, synchronous = true; }
         senders.push_back(id);
         const int32_t result =

@@ -84,7 +84,7 @@ struct player : story {
     void answer(const std::string& says)
     {
         request_fields request;
-        if (check_request(last, request) != verdict::good) { return how.push_back("no good frame to answer"); }
+        if (check_request(last, request) != violation::none) { return how.push_back("no good frame to answer"); }
         const bool reads = request.code == code_read;
         const size_t usual = says == "empty" || !reads ? 0 : request.len;
         const bytes_t data = data_at(request.addr, says == "most" ? 1400 : says == "too_much" ? 1401 : usual);
@@ -96,12 +96,12 @@ struct player : story {
         if (says == "other_address") { ++request.addr; }
         reply_frame reply;
         pack_reply(reply, request, says == "refused" ? 2 : says == "none" ? no_answer : ack_good, code, data);
-        if (says == "damaged") { reply.bytes[reply::model] ^= 0x10; }
-        if (says == "lying") { ++reply.bytes[reply::len], close_reply(reply); }
-        if (says == "stranger") { reply.bytes[reply::source] ^= 1; }
-        if (says == "runt") { reply.length = reply::payload - 1; }
-        if (says == "tail") { reply.bytes[reply.length++] = 0x77; }
-        w.arrive(reply.view());
+        if (says == "damaged") { reply[reply::model] ^= 0x10; }
+        if (says == "lying") { ++reply[reply::len], close_reply(reply); }
+        if (says == "stranger") { reply[reply::source] ^= 1; }
+        if (says == "runt") { reply.resize(reply::payload - 1); }
+        if (says == "tail") { reply.push_back(0x77); }
+        w.arrive(reply);
     }
 
     void play(const std::string& event)
@@ -230,7 +230,7 @@ struct player : story {
         const uint32_t size = is("command") ? number("len", 4) : n;
         for (const bytes_t& frame : w.frames) {
             request_fields f;
-            if (check_request(frame, f) != verdict::good) { return how.push_back("a bad frame"); }
+            if (check_request(frame, f) != violation::none) { return how.push_back("a bad frame"); }
             const uint32_t at = f.addr - number("addr", usual_addr),
                            piece = f.code == code_write ? 0 : at / frame_data_max;
             if (!first || is("write_again")) { first = f.seq; }

@@ -75,7 +75,7 @@ long world::to_cards(std::span<const uint8_t> frame)
 {
     std::vector<reply_frame> out;
     farm.request(frame, now_us, out);
-    for (const reply_frame& reply : out) { wire.emplace_back(reply.view().begin(), reply.view().end()); }
+    wire.insert(wire.end(), out.begin(), out.end());
     return static_cast<long>(frame.size());
 }
 
@@ -94,7 +94,7 @@ void world::tick(int handed_out)
     offer_outbox();
     std::vector<reply_frame> due;
     farm.due(now_us, due);
-    for (const reply_frame& reply : due) { wire.emplace_back(reply.view().begin(), reply.view().end()); }
+    wire.insert(wire.end(), due.begin(), due.end());
 }
 
 void world::step() { return wire.empty() ? tick() : receive_step(0); }

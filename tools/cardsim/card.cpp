@@ -1,20 +1,17 @@
 #include "cardsim/card.h"
 
-#include "cardsim/registers.h"
-
-#include <algorithm>
-
 namespace rvk {
+namespace {
 
-std::optional<size_t> firmware_register_at(uint32_t addr)
-{
-    for (size_t i = 0; i < firmware_registers.size(); ++i) {
-        if (firmware_registers[i].addr == addr) { return i; }
-    }
-    return std::nullopt;
-}
+constexpr uint8_t read_done = 1; // ours: what the read-back's status register says
 
-mistake sim_card::write(const request_fields& request)
+// Only those of model 0, slot 0 are the picture loader's; elsewhere its addresses are plain memory, which a longer
+// write may run across.
+bool is_of_loader(const request_fields& request) { return request.model == 0 && request.slot == 0; }
+
+} // namespace
+
+violation sim_card::write(const request_fields& request)
 {
     switch (request.addr) {
     case demo_data: return demo_port.data(request.data, buffers, pictures);
@@ -22,16 +19,17 @@ mistake sim_card::write(const request_fields& request)
     case firmware_data: return firmware.piece(request.data);
     default: break;
     }
-    if (const auto port = loader_data_at(request)) {
-        return loader[*port].data(request.addr - loader_memories[*port].data, request.data);
+    for (size_t i = 0; is_of_loader(request) && i < loaders.size(); ++i) {
+        const uint32_t offset = request.addr - loader_data[i];
+        if (offset < loader_piece_max) { return loaders[i].data(offset, request.data); }
     }
-    const mistake wrong = write_part(request);
+    const violation wrong = write_part(request);
     if (!is_refused(wrong)) { registers.write(request.addr, request.data); }
     return wrong;
 }
 
 // What a write sets off beside being kept as the register's value.
-mistake sim_card::write_part(const request_fields& request)
+violation sim_card::write_part(const request_fields& request)
 {
     switch (request.addr) {
     case demo_control: return demo_port.control(request.data, buffers);
@@ -40,22 +38,25 @@ mistake sim_card::write_part(const request_fields& request)
     case read_start_register: return read_back.start(request.data);
     default: break;
     }
-    if (const auto port = loader_command_at(request)) { return loader[*port].command(request.data, loaded[*port]); }
-    const auto index = firmware_register_at(request.addr);
-    return index ? firmware.write_register(*index, request.data, request.slot) : mistake::none;
+    for (size_t i = 0; is_of_loader(request) && i < loaders.size(); ++i) {
+        if (request.addr == loader_commands[i]) { return loaders[i].command(request.data); }
+    }
+    for (size_t i = 0; i < firmware_registers.size(); ++i) {
+        if (request.addr == firmware_registers[i]) { return firmware.write_register(i, request.data, request.slot); }
+    }
+    return violation::none;
 }
 
-mistake sim_card::read(const request_fields& request, std::span<uint8_t> out)
+violation sim_card::read(const request_fields& request, std::span<uint8_t> out)
 {
-    switch (request.addr) {
-    case read_window_register: return read_back.window(pictures, out.first(request.len));
-    case read_status_register: {
-        const mistake wrong = read_back.status();
+    if (request.addr == read_window_register) { return read_back.window(pictures, out.first(request.len)); }
+    if (request.addr == read_status_register) {
+        const violation wrong = read_back.status();
         if (!is_refused(wrong)) { out[0] = read_done; }
         return wrong;
     }
-    default: registers.read(request.addr, out); return mistake::none;
-    }
+    registers.read(request.addr, out);
+    return violation::none;
 }
 
 std::optional<uint8_t> sim_card::demo_picture_ended(const request_fields& request) const

@@ -1,10 +1,11 @@
 #include "cardsim/cards.h"
 
 #include "base/bytes.h"
-#include "cardsim/registers.h"
+#include "eth_raw/bus_packet.h"
 #include "eth_raw/frame.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace rvk {
 namespace {
@@ -12,181 +13,184 @@ namespace {
 constexpr uint64_t reorder_wait_us = 5000; // ours: far below any timeout, far above the time between two answers
 constexpr uint16_t len_too_much = 100;     // ours: past the frame's end, and in most cases not past a receive buffer's
 constexpr uint16_t len_beyond_all = 60000; // ours: past every buffer
-constexpr uint8_t stranger_fill = 0xA5;
+constexpr size_t oversized_len = frame_data_max + 1;
+constexpr uint8_t refused_status = 2;   // ours: of injected refusals, unlike ack_refused
+constexpr uint32_t bus_other_addr = 8;  // ours
+constexpr uint8_t bus_no_such_type = 4; // ours
 constexpr card_id playback_card{0, playback_slot};
+
+// "wrong_checksum 2, len_zero 1": those that happened, from the one of this index on.
+template <typename Enum, size_t count>
+std::string listed(const std::array<uint64_t, count>& happened, size_t from)
+{
+    std::string text;
+    for (size_t i = from; i < count; ++i) {
+        if (happened[i] == 0) { continue; }
+        text += text.empty() ? "" : ", ";
+        text += std::string(enumerators<Enum, count>[i]) + ' ' + std::to_string(happened[i]);
+    }
+    return text.empty() ? "none" : text;
+}
 
 } // namespace
 
-card_farm::card_farm(const card_faults& faults) { set_faults(faults); }
+uint64_t farm_counts::refused() const
+{
+    return std::accumulate(violations.begin() + first_violation, violations.end(), uint64_t{0});
+}
+
+std::string farm_counts::refusals() const { return listed<violation>(violations, first_violation); }
+
+std::string farm_counts::injections() const
+{
+    std::string text = listed<fault>(injected, 0);
+    std::replace(text.begin(), text.end(), '_', '-'); // as the options are called
+    return text;
+}
+
+void card_farm::set_faults(const card_faults& faults)
+{
+    scoped_lock hold(lock);
+    injector.load(faults);
+}
 
 bool card_farm::happens(fault kind)
 {
-    const bool yes = dice.happens(kind);
-    if (yes) { ++counted.injected[static_cast<size_t>(kind)]; }
+    const bool yes = injector.happens(kind);
+    content.counts.injected[static_cast<size_t>(kind)] += yes;
     return yes;
 }
-
-void card_farm::note_mistake(mistake m)
-{
-    if (m != mistake::none) { ++counted.mistakes[static_cast<size_t>(m)]; }
-}
-
-void card_farm::misbehave(misbehaviour m) { ++counted.misbehaved[static_cast<size_t>(m)]; }
 
 void card_farm::request(std::span<const uint8_t> frame, uint64_t now_us, std::vector<reply_frame>& out)
 {
     scoped_lock hold(lock);
-    release_due(now_us, out);
-    trail.add(now_us, frame);
-    if (is_bus_packet(frame)) {
-        take_bus_packet(frame, now_us, out);
-        return;
-    }
+    release(false, now_us, out);
+    content.trail.add(now_us, frame);
+    const bool bus = is_bus_packet(frame);
     request_fields fields;
-    if (note_request(frame, now_us, fields)) { carry_out(fields, now_us, out); }
-}
-
-// Result: the request is to be carried out.
-bool card_farm::note_request(std::span<const uint8_t> frame, uint64_t now_us, request_fields& fields)
-{
-    const verdict said = check_request(frame, fields);
-    ++counted.received;
-    ++counted.verdicts[static_cast<size_t>(said)];
-    if (said == verdict::foreign) { return false; }
-    const bool good = said == verdict::good;
-    const bool lost = good && happens(fault::loss);
-    if (good) {
-        counted.reads += fields.code == code_read;
-        counted.plain_writes += fields.code == code_write;
-        counted.acknowledged_writes += fields.code == code_write_ack;
-    }
-    record(frame, now_us, said, lost);
-    return good && !lost;
-}
-
-void card_farm::record(std::span<const uint8_t> frame, uint64_t now_us, verdict said, bool lost)
-{
-    if (recorded.size() < record_max) {
-        recorded.push_back({now_us, said, lost, {frame.begin(), frame.end()}});
-    } else if (record_max > 0) {
-        ++record_overflow;
-    }
-}
-
-// The one place where a card acts.
-void card_farm::carry_out(const request_fields& request, uint64_t now_us, std::vector<reply_frame>& out)
-{
-    uint8_t status = ack_good;
-    if (request.code == code_write) {
-        static_cast<void>(act_on_write(request, status)); // nobody is told
-        return;
-    }
+    const violation said = bus ? check_bus_request(frame, fields) : check_request(frame, fields);
+    ++content.counts.received;
+    content.counts.note(said);
+    if (said != violation::none) { return; }
+    const bool reads = fields.code == (bus ? bus_read : code_read);
+    farm_counts& c = content.counts;
+    uint64_t& of_link = fields.code == code_write ? c.plain_writes : c.acknowledged_writes;
+    ++(bus ? reads ? c.bus_reads : c.bus_writes : reads ? c.reads : of_link);
+    const auto answer = bus ? &card_farm::answer_bus : reads ? &card_farm::answer_read : &card_farm::answer_write;
     reply_frame reply;
-    const bool answered = request.code == code_read ? answer_read(request, reply) : answer_write(request, reply);
-    if (!answered) { return; }
-    spoil(reply);
-    send_strangers(now_us, out);
+    if (happens(fault::loss) || !(this->*answer)(fields, reply)) { return; }
+    bus ? spoil_bus(reply) : spoil(reply);
+    damage(reply);
+    send_foreign(now_us, out);
     deliver(reply, now_us, out);
 }
 
-// Result: there is an answer, of this status.
+// These carry a request out. Result: there is an answer.
 bool card_farm::act_on_write(const request_fields& request, uint8_t& status)
 {
     const card_id id{request.model, request.slot};
-    sim_card& card = all[id];
-    if (const auto wrong = script.on_write(request.addr, card.firmware.next_piece())) {
-        misbehave(*wrong);
-        status = script.record().refused_status;
-        return *wrong != misbehaviour::silent_piece;
+    sim_card& card = content.cards[id];
+    if (const auto wrong = injector.on_write(request, card.firmware.next_piece())) {
+        ++content.counts.injected[static_cast<size_t>(*wrong)];
+        status = refused_status;
+        return *wrong != fault::silent_piece;
     }
-    const mistake wrong = card.write(request);
-    note_mistake(wrong);
+    const violation wrong = card.write(request);
+    content.counts.note(wrong);
     if (is_refused(wrong)) {
         status = ack_refused;
         return true;
     }
-    counted.bytes_written += request.data.size();
+    content.counts.bytes_written += request.data.size();
     if (id == playback_card) {
-        played.note_write(request.addr, request.data);
-        if (const auto buffer = card.demo_picture_ended(request)) { played.note_picture(*buffer); }
+        content.playback.note_write(request.addr, request.data);
+        if (const auto buffer = card.demo_picture_ended(request)) { content.playback.note_picture(*buffer); }
     }
     return true;
 }
 
 bool card_farm::answer_write(const request_fields& request, reply_frame& reply)
 {
-    const bool refuse = happens(fault::wrong_ack);
-    uint8_t status = dice.record().wrong_status;
-    if (!refuse) {
-        status = ack_good;
-        if (!act_on_write(request, status)) { return false; }
-    }
+    const bool acknowledged = request.code == code_write_ack, refuse = acknowledged && happens(fault::wrong_ack);
+    uint8_t status = refuse ? injector.record().wrong_status : ack_good;
+    if (!refuse && !act_on_write(request, status)) { return false; }
+    if (!acknowledged) { return false; }
     const uint8_t code = happens(fault::ack_code_short) ? code_ack_short : code_write_ack;
     pack_reply(reply, request, status, code, {});
     return true;
 }
 
-// Of those that change what a read is answered with, the first that happens.
-std::optional<fault> card_farm::read_fault()
-{
-    for (const fault kind : {fault::wrong_read, fault::read_says_none, fault::read_empty, fault::read_oversized}) {
-        if (happens(kind)) { return kind; }
-    }
-    return std::nullopt;
-}
-
-// Fills `data`, of which `len` bytes are the answer. Result: there is one, of this status.
-bool card_farm::act_on_read(const request_fields& request, std::span<uint8_t> data, uint8_t& status, size_t& len)
-{
-    const auto found = all.find({request.model, request.slot});
-    std::fill_n(data.begin(), len, uint8_t{0});
-    const mistake wrong = found == all.end() ? sim_card{}.read(request, data.first(len)) // one never written to
-                                             : found->second.read(request, data.first(len));
-    note_mistake(wrong);
-    if (is_refused(wrong)) {
-        status = ack_refused;
-        len = 0;
-        return true;
-    }
-    const answer_rule rule = script.on_read(request.model, request.slot, request.addr);
-    if (rule.silent) {
-        misbehave(misbehaviour::silent_readiness);
-        return false;
-    }
-    if (rule.value) { data[0] = *rule.value; }
-    std::copy_n(rule.block.begin(), std::min(rule.block.size(), len), data.begin());
-    if (rule.bytes == 0) { return true; }
-    len = std::min<size_t>(rule.bytes, data.size());
-    std::fill(data.begin() + 1, data.begin() + static_cast<std::ptrdiff_t>(len), stranger_fill);
-    if (len > request.len) { misbehave(misbehaviour::oversized_answer); }
-    return true;
-}
-
 bool card_farm::answer_read(const request_fields& request, reply_frame& reply)
 {
-    std::array<uint8_t, reply_data_max> data;
-    uint8_t status = dice.record().wrong_status;
-    size_t len = 0;
-    bool answered = true;
-    const auto wrong = read_fault();
-    if (wrong != fault::wrong_read) {
-        status = ack_good;
-        len = wrong == fault::read_oversized ? std::max(dice.record().oversized_len, request.len) : request.len;
-        answered = act_on_read(request, data, status, len);
-        if (wrong == fault::read_says_none) { status = no_answer; }
-        if (wrong == fault::read_empty) { len = 0; }
+    const card_id id{request.model, request.slot};
+    std::array<uint8_t, reply_data_max> data{};
+    std::optional<fault> wrong, done;
+    for (const fault kind : {fault::wrong_read, fault::read_says_none, fault::read_empty, fault::read_oversized}) {
+        if (!wrong && happens(kind)) { wrong = kind; }
     }
-    if (request.addr == readiness_register && card_id{request.model, request.slot} == playback_card) {
-        played.note_readiness(answered && len > 0 ? data[0] : -1);
+    uint8_t status = injector.record().wrong_status;
+    size_t len = wrong == fault::read_oversized ? oversized_len : request.len;
+    if (wrong != fault::wrong_read) {
+        const auto found = content.cards.find(id);
+        const auto area = std::span(data).first(len);
+        const violation v = found == content.cards.end() ? sim_card{}.read(request, area) // never written to
+                                                         : found->second.read(request, area);
+        content.counts.note(v);
+        status = is_refused(v) ? ack_refused : ack_good;
+        if (!is_refused(v)) { done = injector.on_read(request, data, len); }
+        if (done) { ++content.counts.injected[static_cast<size_t>(*done)]; }
+    }
+    if (wrong == fault::wrong_read || wrong == fault::read_empty || status == ack_refused) { len = 0; }
+    if (wrong == fault::read_says_none) { status = no_answer; }
+    const bool answered = done != fault::silent_readiness;
+    if (request.addr == readiness_register.addr && id == playback_card) {
+        content.playback.note_readiness(answered && len > 0 ? data[0] : -1);
     }
     if (answered) { pack_reply(reply, request, status, code_read, std::span(data).first(len)); }
     return answered;
 }
 
-// What goes wrong with an answer's bytes on their way.
+bool card_farm::answer_bus(const request_fields& request, reply_frame& reply)
+{
+    if (request.code == bus_write) {
+        content.bus_memory.write(request.addr, request.data);
+        content.counts.bytes_written += request.data.size();
+        return false;
+    }
+    std::array<uint8_t, bus_data_max> data;
+    const auto whole = std::span(data).first(request.len);
+    const auto half = whole.first((whole.size() + 1) / 2);
+    content.bus_memory.read(request.addr, whole);
+    if (happens(fault::bus_refused)) {
+        pack_bus_answer(reply, bus_response, request.addr, {&injector.record().wrong_status, 1});
+    } else if (happens(fault::bus_no_data)) {
+        pack_bus_answer(reply, bus_response, request.addr, {&ack_good, 1});
+    } else if (happens(fault::bus_data_short)) {
+        pack_bus_answer(reply, bus_read_back, request.addr, half);
+    } else if (happens(fault::bus_data_lie)) {
+        pack_bus_answer(reply, bus_read_back, request.addr, half);
+        store_le32(&reply[bus::data_len], request.len);
+    } else {
+        pack_bus_answer(reply, bus_read_back, request.addr, whole);
+    }
+    return true;
+}
+
+// What goes wrong with a bus-block answer whatever it holds; its checksum is right.
+void card_farm::spoil_bus(reply_frame& reply)
+{
+    uint8_t* p = reply.data();
+    if (happens(fault::bus_length_lie)) { store_le32(p + bus::length, load_le32(p + bus::length) + len_too_much); }
+    if (happens(fault::bus_wrong_type)) { p[bus::type] = bus_no_such_type; }
+    if (happens(fault::bus_wrong_addr)) { store_le32(p + bus::addr, load_le32(p + bus::addr) ^ bus_other_addr); }
+    if (happens(fault::bus_wrong_dest)) { p[bus::destination] ^= 1; }
+    close_bus_answer(reply);
+}
+
+// A card that lies about its len is in earnest: everything else about its frame is right.
 void card_farm::spoil(reply_frame& reply)
 {
-    uint8_t* len_field = reply.bytes.data() + reply::len;
+    uint8_t* len_field = &reply[reply::len];
     const uint16_t len = load_le16(len_field);
     if (happens(fault::len_past_end)) {
         store_le16(len_field, static_cast<uint16_t>(len + len_too_much));
@@ -195,41 +199,37 @@ void card_farm::spoil(reply_frame& reply)
     } else if (len > 0 && happens(fault::len_short)) {
         store_le16(len_field, len / 2);
     }
-    close_reply(reply); // a lying card is in earnest: everything else about its frame is right
-    damage(reply);
+    close_reply(reply);
 }
 
+// What goes wrong with an answer's bytes on their way.
 void card_farm::damage(reply_frame& reply)
 {
     if (happens(fault::corrupt)) {
-        const uint32_t bits = static_cast<uint32_t>(reply.length - checksummed_from) * 8;
-        const uint32_t bit = dice.below(fault::corrupt, bits);
-        reply.bytes[checksummed_from + bit / 8] ^= static_cast<uint8_t>(1u << bit % 8);
+        const uint32_t bits = static_cast<uint32_t>(reply.size() - checksummed_from) * 8;
+        const uint32_t bit = injector.below(fault::corrupt, bits);
+        reply[checksummed_from + bit / 8] ^= static_cast<uint8_t>(1u << bit % 8);
     }
-    if (happens(fault::trailing)) {
-        const size_t more = 1 + dice.below(fault::trailing, 16);
-        std::fill_n(reply.bytes.begin() + static_cast<std::ptrdiff_t>(reply.length), more, stranger_fill);
-        reply.length += more;
-    }
+    if (happens(fault::trailing)) { reply.insert(reply.end(), 1 + injector.below(fault::trailing, 16), filler); }
 }
 
-void card_farm::send_strangers(uint64_t now_us, std::vector<reply_frame>& out)
+void card_farm::send_foreign(uint64_t now_us, std::vector<reply_frame>& out)
 {
-    reply_frame stranger;
+    reply_frame extra;
     if (happens(fault::foreign)) {
-        pack_reply(stranger, {}, ack_good, code_write_ack, {});
-        switch (dice.below(fault::foreign, 3)) {
-        case 0: std::fill_n(stranger.bytes.begin() + reply::destination, 6, uint8_t{0xFF}); break; // a broadcast
-        case 1: stranger.bytes[reply::source] ^= 0x01; break;
-        default: std::swap(stranger.bytes[reply::sync], stranger.bytes[reply::sync + 1]); break; // looks like a request
+        pack_reply(extra, {}, ack_good, code_write_ack, {});
+        switch (injector.below(fault::foreign, 3)) {
+        case 0: std::fill_n(extra.begin() + reply::destination, 6, uint8_t{0xFF}); break; // a broadcast
+        case 1: extra[reply::source] ^= 0x01; break;
+        default: std::swap(extra[reply::sync], extra[reply::sync + 1]); break; // looks like a request
         }
-        hand_out(stranger.view(), now_us, out);
+        hand_out(extra, now_us, out);
     }
     if (happens(fault::runt)) {
-        pack_reply(stranger, {}, ack_good, code_write_ack, {});
+        pack_reply(extra, {}, ack_good, code_write_ack, {});
         // From a bare Ethernet header, the least that a raw socket sends, to one byte less than a reply's header.
-        stranger.length = reply::sync + dice.below(fault::runt, reply::payload - reply::sync);
-        hand_out(stranger.view(), now_us, out);
+        extra.resize(reply::sync + injector.below(fault::runt, reply::payload - reply::sync));
+        hand_out(extra, now_us, out);
     }
 }
 
@@ -238,53 +238,43 @@ void card_farm::deliver(const reply_frame& reply, uint64_t now_us, std::vector<r
 {
     if (happens(fault::reply_loss)) { return; }
     const size_t copies = happens(fault::duplicate) ? 2 : 1;
-    if (happens(fault::delay)) {
-        const uint64_t late_us = now_us + uint64_t{dice.record().delay_ms} * 1000;
-        held.insert(held.end(), copies, {late_us, false, {reply.view().begin(), reply.view().end()}});
+    const bool delayed = happens(fault::delay), reordered = !delayed && happens(fault::reorder);
+    if (delayed || reordered) {
+        const uint64_t wait_us = delayed ? uint64_t{injector.record().delay_ms} * 1000 : reorder_wait_us;
+        late.insert(late.end(), copies, {now_us + wait_us, reordered, reply});
         return;
     }
-    if (happens(fault::reorder)) {
-        held.insert(held.end(), copies, {now_us + reorder_wait_us, true, {reply.view().begin(), reply.view().end()}});
-        return;
-    }
-    for (size_t i = 0; i < copies; ++i) { hand_out(reply.view(), now_us, out); }
-    release(now_us, out, [](const held_reply& h) { return h.behind_next; });
+    for (size_t i = 0; i < copies; ++i) { hand_out(reply, now_us, out); }
+    release(true, now_us, out);
 }
 
-void card_farm::hand_out(std::span<const uint8_t> frame, uint64_t now_us, std::vector<reply_frame>& out)
+void card_farm::hand_out(const reply_frame& frame, uint64_t now_us, std::vector<reply_frame>& out)
 {
-    out.emplace_back().assign(frame);
-    trail.add(now_us, frame);
-    ++counted.replies;
+    out.push_back(frame);
+    content.trail.add(now_us, frame);
+    ++content.counts.replies;
 }
 
 void card_farm::due(uint64_t now_us, std::vector<reply_frame>& out)
 {
     scoped_lock hold(lock);
-    release_due(now_us, out);
+    release(false, now_us, out);
 }
 
-void card_farm::release_due(uint64_t now_us, std::vector<reply_frame>& out)
+void card_farm::release(bool behind_next, uint64_t now_us, std::vector<reply_frame>& out)
 {
-    release(now_us, out, [now_us](const held_reply& h) { return h.due_us <= now_us; });
-}
-
-// Hands out the held-back replies that `chosen` picks, the one due first in front, equal ones as they came.
-template <typename Predicate>
-void card_farm::release(uint64_t now_us, std::vector<reply_frame>& out, Predicate chosen)
-{
-    if (held.empty()) { return; }
-    const auto middle = std::stable_partition(held.begin(), held.end(), [&](const auto& h) { return !chosen(h); });
-    std::stable_sort(middle, held.end(), [](const auto& a, const auto& b) { return a.due_us < b.due_us; });
-    for (auto h = middle; h != held.end(); ++h) { hand_out(h->bytes, now_us, out); }
-    held.erase(middle, held.end());
+    const auto stays = [=](const late_reply& r) { return behind_next ? !r.behind_next : r.due_us > now_us; };
+    const auto middle = std::stable_partition(late.begin(), late.end(), stays);
+    std::stable_sort(middle, late.end(), [](const auto& a, const auto& b) { return a.due_us < b.due_us; });
+    for (auto r = middle; r != late.end(); ++r) { hand_out(r->bytes, now_us, out); }
+    late.erase(middle, late.end());
 }
 
 std::optional<uint64_t> card_farm::next_due_us() const
 {
     scoped_lock hold(lock);
-    if (held.empty()) { return std::nullopt; }
-    return std::min_element(held.begin(), held.end(), [](const auto& a, const auto& b) { return a.due_us < b.due_us; })
+    if (late.empty()) { return std::nullopt; }
+    return std::min_element(late.begin(), late.end(), [](const auto& a, const auto& b) { return a.due_us < b.due_us; })
         ->due_us;
 }
 

@@ -7,31 +7,27 @@
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <ctime>
 #include <linux/if_packet.h>
 #include <memory>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
 namespace rvk {
 namespace {
 
-constexpr size_t batch_frames = 64; // frames per system call
-constexpr size_t frame_room = 8192; // a longer frame is cut, and refused as longer than it says
-constexpr int idle_ms = 50;         // how long a quiet thread sleeps before it looks whether it is to stop
-constexpr size_t links_max = 8;
-
-// A started thread is given a number only; this is where it finds its link.
-std::array<std::atomic<card_link*>, links_max> running;
+constexpr size_t batch_frames = 64;      // ours: frames per system call
+constexpr size_t frame_bytes_max = 8192; // ours: a longer frame is cut, and a violation as longer than it says
+constexpr int idle_ms = 50;              // ours: how long a quiet thread sleeps before it looks whether it is to stop
 
 uint64_t now_us()
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
 }
 
 std::string failed(const std::string& interface, const char* what)
@@ -63,12 +59,10 @@ std::string configure(int fd, int index, const link_options& options)
     packet_mreq promiscuous{}; // counted by the kernel and given back with the socket, unlike the interface's flag
     promiscuous.mr_ifindex = index;
     promiscuous.mr_type = PACKET_MR_PROMISC;
-    const timeval idle{.tv_sec = 0, .tv_usec = idle_ms * 1000};
     const std::string& name = options.interface;
     if (!set(fd, SOL_SOCKET, SO_RCVBUFFORCE, options.receive_buffer_bytes)) {
         return failed(name, "no large receive buffer (needs root, as inside scripts/in-bench)");
     }
-    if (!set(fd, SOL_SOCKET, SO_RCVTIMEO, idle)) { return failed(name, "no receive timeout"); }
     // Without it what we sent comes back, and is_our_own() tells.
     if (!set_where_known(fd, PACKET_IGNORE_OUTGOING, 1)) { return failed(name, "cannot leave out sent frames"); }
     // Without it a real interface would keep most frames from us, a veth none.
@@ -99,25 +93,28 @@ std::string open_socket(const link_options& options, unique_fd& out)
     return {};
 }
 
-int take_slot(card_link* link)
+// Makes the calling thread what the options ask for. Result: as of card_link::start.
+std::string prepare_thread(const link_options& options)
 {
-    for (size_t i = 0; i < links_max; ++i) {
-        card_link* none = nullptr;
-        if (running[i].compare_exchange_strong(none, link)) { return static_cast<int>(i); }
+    pthread_setname_np(pthread_self(), "card_link");
+    const sched_param urgent{.sched_priority = options.priority};
+    if (options.priority > 0 && pthread_setschedparam(pthread_self(), SCHED_FIFO, &urgent) != 0) {
+        return "interface " + options.interface + ": no thread of priority " + std::to_string(options.priority);
     }
-    return -1;
+    if (options.processor < 0 || pin_to_processor(options.processor) == 0) { return {}; }
+    return "interface " + options.interface + ": no processor " + std::to_string(options.processor) + " to pin to";
 }
 
 // A batch of frames and the records that the kernel fills in.
 struct receive_batch {
-    std::array<std::array<uint8_t, frame_room>, batch_frames> frames;
+    std::array<std::array<uint8_t, frame_bytes_max>, batch_frames> frames;
     std::array<iovec, batch_frames> parts;
     std::array<sockaddr_ll, batch_frames> senders;
     std::array<mmsghdr, batch_frames> headers{};
     receive_batch()
     {
         for (size_t i = 0; i < batch_frames; ++i) {
-            parts[i] = {frames[i].data(), frame_room};
+            parts[i] = {frames[i].data(), frame_bytes_max};
             headers[i].msg_hdr.msg_iov = &parts[i];
             headers[i].msg_hdr.msg_iovlen = 1;
             headers[i].msg_hdr.msg_name = &senders[i];
@@ -129,45 +126,27 @@ struct receive_batch {
 
 } // namespace
 
-void run_card_link(int slot)
-{
-    card_link& link = *running[static_cast<size_t>(slot)].load();
-    link.pinned = link.chosen.processor < 0 || pin_to_processor(link.chosen.processor) == 0;
-    link.ready.post();
-    if (link.pinned) { link.serve(); }
-}
-
 std::string card_link::start(const link_options& options)
 {
-    if (registered >= 0) { return "interface " + chosen.interface + ": its cards are running already"; }
+    if (thread.joinable()) { return "interface " + options.interface + ": its cards are running already"; }
     if (std::string error = open_socket(options, socket_fd); !error.empty()) { return error; }
-    chosen = options;
     stopping = false;
-    registered = take_slot(this);
-    if (registered < 0) {
-        socket_fd.reset();
-        return "interface " + chosen.interface + ": only " + std::to_string(links_max) + " links at once";
-    }
-    if (start_thread("card_link", chosen.priority, run_card_link, registered, &thread) != 0) {
-        running[static_cast<size_t>(registered)] = nullptr;
-        registered = -1;
-        socket_fd.reset();
-        return "interface " + chosen.interface + ": no thread of priority " + std::to_string(chosen.priority);
-    }
+    thread = std::thread([this, options] {
+        failure = prepare_thread(options);
+        ready.post();
+        if (failure.empty()) { serve(); }
+    });
     ready.wait();
-    if (pinned) { return {}; }
-    stop();
-    return "interface " + chosen.interface + ": no processor " + std::to_string(chosen.processor) + " to pin to";
+    if (!failure.empty()) { stop(); }
+    return failure;
 }
 
 void card_link::stop()
 {
-    if (registered < 0) { return; }
+    if (!thread.joinable()) { return; }
     stopping = true;
-    pthread_join(thread, nullptr);
+    thread.join();
     static_cast<void>(dropped()); // the socket takes its figures with it
-    running[static_cast<size_t>(registered)] = nullptr;
-    registered = -1;
     socket_fd.reset();
 }
 
@@ -184,23 +163,12 @@ uint64_t card_link::dropped()
 // Waits for frames, or for the time when a held-back reply is due. Result: frames received, 0 when there are none.
 int card_link::receive(mmsghdr* batch)
 {
-    int flags = MSG_WAITFORONE;
-    const auto due = farm.next_due_us();
-    if (due || !waits_for_one) {
-        const uint64_t now = now_us();
-        const uint64_t until_us = due.value_or(UINT64_MAX);
-        const uint64_t wait_us = until_us > now ? std::min<uint64_t>(until_us - now, idle_ms * 1000) : 0;
-        if (!wait_readable(socket_fd.get(), (wait_us + 999) / 1000)) { return 0; }
-        flags = MSG_DONTWAIT;
-    }
-    const int count = recvmmsg(socket_fd.get(), batch, batch_frames, flags, nullptr);
-    if (count >= 0) { return count; }
-    if (errno == EINVAL && flags == MSG_WAITFORONE) {
-        waits_for_one = false; // a user-mode emulator hands that flag on to a call that does not know it
-        return 0;
-    }
-    if (errno != EAGAIN && errno != EINTR) { pause_ms(10); } // the link is down; it may come back
-    return 0;
+    const uint64_t now = now_us(), due_us = farm.next_due_us().value_or(UINT64_MAX);
+    const uint64_t wait_us = due_us > now ? std::min<uint64_t>(due_us - now, idle_ms * 1000) : 0;
+    if (!wait_readable(socket_fd.get(), (wait_us + 999) / 1000)) { return 0; }
+    const int count = recvmmsg(socket_fd.get(), batch, batch_frames, MSG_DONTWAIT, nullptr);
+    if (count < 0 && errno != EAGAIN && errno != EINTR) { pause_ms(10); } // the link is down; it may come back
+    return std::max(count, 0);
 }
 
 void card_link::serve()
@@ -226,7 +194,7 @@ void card_link::send_all(std::vector<reply_frame>& replies)
         std::array<mmsghdr, batch_frames> headers{};
         const size_t count = std::min(replies.size() - from, batch_frames);
         for (size_t i = 0; i < count; ++i) {
-            parts[i] = {replies[from + i].bytes.data(), replies[from + i].length};
+            parts[i] = {replies[from + i].data(), replies[from + i].size()};
             headers[i].msg_hdr.msg_iov = &parts[i];
             headers[i].msg_hdr.msg_iovlen = 1;
         }

@@ -8,9 +8,7 @@
 #include "cardsim/cards.h"
 
 #include <atomic>
-#include <cstdint>
-#include <pthread.h>
-#include <string>
+#include <thread>
 
 struct mmsghdr; // the C library's
 
@@ -31,12 +29,11 @@ public:
     card_link(const card_link&) = delete;
     card_link& operator=(const card_link&) = delete;
 
-    // Opens the interface and starts the thread; frames are answered from the return on. Once at a time, and at most
-    // 8 links at once in a process. Result: empty, or one line for a person that says what was wrong and what to do.
+    // Opens the interface and starts the thread; frames are answered from the return on. Once at a time.
+    // Result: empty, or one line for a person that says what was wrong and what to do.
     [[nodiscard]] std::string start(const link_options& options = {});
 
-    // Ends the thread (within 100 ms) and closes the socket; frames still waiting in it are lost. Harmless when
-    // stopped.
+    // Ends the thread (within 100 ms) and closes the socket; frames still waiting in it are lost.
     void stop();
 
     // Frames that the kernel dropped because the receive buffer was full, and replies that could not be sent; since the
@@ -45,20 +42,15 @@ public:
     [[nodiscard]] uint64_t unsent() const { return send_failures.load(); }
 
 private:
-    friend void run_card_link(int slot); // the thread's body
-
     void serve();
     int receive(mmsghdr* batch);
     void send_all(std::vector<reply_frame>& replies);
 
     card_farm& farm;
-    link_options chosen;
     unique_fd socket_fd;
-    int registered = -1; // the slot in the table from which the thread takes its link
-    pthread_t thread{};
+    std::thread thread;
     semaphore ready{0};
-    bool waits_for_one = true; // recvmmsg can; the thread's
-    bool pinned = false;       // written by the thread before it posts `ready`
+    std::string failure; // the thread's, before it posts `ready`
     std::atomic<bool> stopping = false;
     uint64_t kernel_drops = 0;
     std::atomic<uint64_t> send_failures = 0;

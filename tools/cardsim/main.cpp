@@ -1,99 +1,223 @@
 // rvk-cardsim: cards for everyone who has none. Opens the interfaces it is given, serves them with a thread each, and
-// waits for signals on the main thread: SIGUSR1 saves, SIGINT and SIGTERM end it.
+// waits for signals on the main thread: SIGUSR1 saves; SIGINT, SIGTERM and SIGHUP end it.
 #include "base/fd.h"
 #include "cardsim/link.h"
-#include "cardsim/options.h"
 #include "cardsim/state.h"
+#include "command/options.h"
 
+#include <algorithm>
+#include <charconv>
+#include <cinttypes>
 #include <csignal>
-#include <cstdio>
 #include <fcntl.h>
-#include <filesystem>
 #include <list>
+#include <set>
 
 namespace rvk {
 namespace {
 
-struct served_link {
-    explicit served_link(const cardsim_options& options, std::string interface)
-        : name(std::move(interface)), farm(options.faults), link(farm)
-    {
-        farm.set_behaviour(options.behaviour);
-        if (!options.pcap_folder.empty()) { farm.keep_trail(options.pcap_frames); }
+using tool::add_number, tool::failure, tool::problem;
+
+constexpr char about[] =
+    R"(Simulates the cards at the far end of one or more card links: every (model, slot) is there, with 4 GiB of memory
+that reads as 0 until it is written, and behind certain addresses with picture memory, its read-back, and firmware
+memory. Prints "ready" when its links are open, and what it saw when it ends (SIGINT, SIGTERM, SIGHUP). Run it inside
+scripts/in-bench, which makes the links card0, card1 and card2.)";
+
+constexpr char footer[] =
+    R"(Where pictures lie: buffer N begins at address N x 0x1000000 of a read-back (rvkctl picture get --addr): buffer 16
+at 0x10000000, buffer 0 at 0. Each has 128 MiB, enough for 7680 x 4320; a larger picture is refused. Its lines, the
+first one first, are padded to 64 bytes and laid out 1400 bytes to each 1408, as read-backs take them: the picture
+that was put is the one got.
+The picture loader's memories 0 and 1 (data ports 0xB0000 and 0xF0000) and the memory of bus blocks, one per link,
+lie apart from all that.
+What a card would refuse (order, sizes, checksums) is answered with status 1, not carried out, and named at the end.
+
+A fault's HOW is a whole number, the next so many chances (3), or a part of all chances with a point in it
+(0.05: one in twenty; 1.0: all). Each link has chances of its own; which of them are taken depends on --seed, the
+fault and the number of the chance, so the same seed brings the same faults again. Faults are decided in the order
+listed, each on its own; of the four that change what a read is answered with (of either protocol), and of the three
+that change len, the first excludes the rest. An answer is the reply to a read or an acknowledged write; plain writes
+have none.
+
+Exit status: 0 ended by a signal; 1 a link could not be opened, a file not be written, or memory lacked; 2 wrong usage.)";
+
+struct cardsim_options {
+    std::vector<std::string> links{"card0"};
+    std::string state_folder;        // empty: nothing is written
+    std::vector<std::string> loaded; // MEMORY:ADDR:WxH
+    std::string pcap_folder;         // empty: no frames are kept
+    size_t pcap_frames = 1000;
+    int processor = -1, priority = 0; // as link_options
+    card_faults faults;
+};
+
+// "3": the next three; "0.05" or "1.0": this part of all.
+occurrence occurrence_in(const std::string& option, const std::string& text)
+{
+    occurrence how_often;
+    const char* end = text.data() + text.size();
+    const auto [rest, error] = text.find('.') == std::string::npos ? std::from_chars(text.data(), end, how_often.next)
+                                                                   : std::from_chars(text.data(), end, how_often.part);
+    if (error == std::errc{} && rest == end && how_often.part >= 0 && how_often.part <= 1) { return how_often; }
+    throw failure{problem::wrong_usage,
+                  option + " \"" + text + "\": give a number of chances, as 3, or a part of all, as 0.05 or 1.0"};
+}
+
+// "1:0x2000:1920x1080": memory, address, size.
+loaded_picture loaded_in(const std::string& text)
+{
+    const size_t first = text.find(':'), last = text.rfind(':');
+    if (first == last) {
+        throw failure{problem::wrong_usage, "--loaded \"" + text + "\": give MEMORY:ADDR:WxH, as 1:0x2000:1920x1080"};
     }
+    const auto size = tool::size_in("WxH of --loaded", text.substr(last + 1), 1);
+    return {tool::number_in("MEMORY of --loaded", text.substr(0, first), 0, loader_data.size() - 1),
+            static_cast<uint32_t>(
+                tool::number_in("ADDR of --loaded", text.substr(first + 1, last - first - 1), 0, UINT32_MAX)),
+            size.hor, size.ver};
+}
+
+void add_fault_options(CLI::App& app, card_faults& f)
+{
+    app.option_defaults()->group("Registers");
+    constexpr uint64_t times_max = 1'000'000, pieces_max = 1u << 22; // of 1,024 bytes: all that 32 bits count
+    add_number(app, "--generation", f.generation,
+               "the input card's generation (0x10000015 of slot 2): 0 old, 1 new, odd others [0]");
+    add_number(app, "--generation-bytes", f.generation_bytes, "bytes that it answers with", 1, reply_data_max);
+    add_number(app, "--readiness", f.readiness, "the FPGA's readiness (0x00F00009 of slot 1); 255: never ready [0]");
+    add_number(app, "--readiness-bytes", f.readiness_bytes, "bytes that it answers with", 1, reply_data_max);
+    app.add_flag("--readiness-silent", f.readiness_silent, "its reads are not answered");
+    add_number(app, "--status-bytes", f.status_bytes, "bytes that the status of a read-back (0xA0FFD) answers with", 1,
+               reply_data_max);
+    add_number(app, "--lvds-wrong-reads", f.lvds_wrong_reads,
+               "reads of the LVDS status (0x30082 of slot 1) that get a wrong one [its memory]", 0, times_max);
+    add_number(app, "--refuse-register", f.refuse_register,
+               "refuse the N-th register of a firmware transfer's file information", 1, firmware_registers.size());
+    add_number(app, "--refuse-register-times", f.refuse_register_times, "so many times [1]", 1, times_max);
+    add_number(app, "--refuse-piece", f.refuse_piece, "refuse the N-th piece of a firmware transfer", 1, pieces_max);
+    add_number(app, "--refuse-piece-times", f.refuse_piece_times, "so many times [1]", 1, times_max);
+    add_number(app, "--silent-piece", f.silent_piece, "neither take nor answer the N-th such piece", 1, pieces_max);
+    app.option_defaults()->group("Faults");
+    add_number(app, "--seed", f.seed, "of the dice [1]");
+    for (size_t i = 0; i < chance_count; ++i) {
+        std::string name = "--" + std::string(enumerators<fault, fault_count>[i]);
+        std::replace(name.begin(), name.end(), '_', '-');
+        tool::add_value(app, name, help_of(static_cast<fault>(i)), [&f, i, name](const std::string& text) {
+            f.how_often[i] = occurrence_in(name, text);
+        })->type_name("HOW");
+    }
+    add_number(app, "--wrong-status", f.wrong_status, "status of --wrong-ack and --wrong-read, 0 to 255 [2]");
+    add_number(app, "--delay-ms", f.delay_ms, "how late --delay is, at most 60000 [120]", 0, 60'000);
+}
+
+void add_options(CLI::App& app, cardsim_options& options)
+{
+    app.add_option("--link", options.links, "an interface to answer on; may be repeated [card0]")->type_name("IFACE");
+    app.add_option("--state", options.state_folder,
+                   "on SIGUSR1 and at the end, write what the cards hold below this folder: a text file per card,\n"
+                   "pictures as BMP, firmware images as they were before their head")
+        ->type_name("DIR");
+    app.add_option(
+           "--loaded", options.loaded,
+           "with --state, also write what the picture loader put into memory 0 or 1, at this address of its own,\n"
+           "as a picture of this size, which cards are not told (MEMORY:ADDR:WxH, 0:0x2000:1920x1080); may be repeated")
+        ->type_name("PICTURE");
+    app.add_option("--pcap", options.pcap_folder, "at the end, write the last frames of each link to DIR/LINK.pcap")
+        ->type_name("DIR");
+    add_number(app, "--pcap-frames", options.pcap_frames, "how many frames that is, at most 1000000 [1000]", 1,
+               1'000'000);
+    add_number(app, "--processor", options.processor, "pin the links' threads to this processor, 1 to 3", 1, 3);
+    add_number(app, "--priority", options.priority, "run them at this real-time priority (SCHED_FIFO), 1 to 99", 1, 99);
+    add_fault_options(app, options.faults);
+    for (CLI::Option* o : app.get_options([](const CLI::Option* o) { return o->get_type_name() == "TEXT"; })) {
+        o->type_name("N");
+    }
+}
+
+struct served_link {
+    served_link(const std::string& interface, const card_faults& faults) : name(interface), farm(faults), link(farm) {}
     std::string name;
     card_farm farm;
     card_link link;
 };
+using served_links = std::list<served_link>;
 
-bool complained(const std::string& error)
-{
-    if (!error.empty()) { std::fprintf(stderr, "rvk-cardsim: %s\n", error.c_str()); }
-    return !error.empty();
-}
-
-// Blocked before the first thread starts, so that they wait for the main thread.
+// Blocked before the first thread starts, so that they wait for the main thread. Who ignores SIGHUP, as nohup does,
+// means it.
 sigset_t blocked_signals()
 {
     sigset_t set;
     sigemptyset(&set);
     for (const int number : {SIGUSR1, SIGINT, SIGTERM}) { sigaddset(&set, number); }
+    struct sigaction hangup {};
+    if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) { sigaddset(&set, SIGHUP); }
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     return set;
 }
 
-bool save(const cardsim_options& options, std::list<served_link>& links)
+// What the cards hold; at the end, also the last frames. A file that cannot be written keeps no other from it.
+// Result: empty, or one line that says what was wrong.
+std::string save(const cardsim_options& options, const std::vector<loaded_picture>& loaded, served_links& links,
+                 bool ended)
 {
-    if (options.state_folder.empty()) { return true; }
-    bool good = true;
+    std::string wrong;
+    const auto attempt = [&wrong](const auto& write) {
+        try {
+            write();
+        } catch (const failure& failed) {
+            wrong += (wrong.empty() ? "" : "; ") + failed.text;
+        }
+    };
     for (served_link& l : links) {
-        good = !complained(save_state(l.farm, options.state_folder, l.name, options.loaded)) && good;
+        if (!options.state_folder.empty()) {
+            attempt([&] { save_state(l.farm, options.state_folder, l.name, loaded); });
+        }
+        if (ended && !options.pcap_folder.empty()) {
+            const auto file = l.farm.with([](farm_content& c) { return c.trail.as_pcap(); });
+            attempt([&] { tool::save(options.pcap_folder + '/' + l.name + ".pcap", file); });
+        }
     }
-    return good;
+    return wrong;
 }
 
-bool save_frames(const cardsim_options& options, std::list<served_link>& links)
+void run(const cardsim_options& options)
 {
-    if (options.pcap_folder.empty()) { return true; }
-    std::error_code ignored; // a folder that is not there shows when the file is created
-    std::filesystem::create_directories(options.pcap_folder, ignored);
-    bool good = true;
-    for (served_link& l : links) {
-        good = !complained(l.farm.write_pcap(options.pcap_folder + '/' + l.name + ".pcap")) && good;
+    const std::set<std::string> different(options.links.begin(), options.links.end());
+    if (different.size() != options.links.size()) {
+        throw failure{problem::wrong_usage, "--link: the same interface is named twice"};
     }
-    return good;
-}
-
-void serve_until_ended(const cardsim_options& options, std::list<served_link>& links, const sigset_t& signals)
-{
-    int number = 0;
-    while (sigwait(&signals, &number) == 0 && number == SIGUSR1) { static_cast<void>(save(options, links)); }
-}
-
-int run(const cardsim_options& options)
-{
+    for (const std::string& folder : {options.state_folder, options.pcap_folder}) {
+        if (!folder.empty()) { prepare_folder(folder); }
+    }
+    std::vector<loaded_picture> loaded;
+    for (const std::string& text : options.loaded) { loaded.push_back(loaded_in(text)); }
     const sigset_t signals = blocked_signals();
-    std::list<served_link> links;
+    served_links links;
     for (const std::string& name : options.links) {
-        served_link& l = links.emplace_back(options, name);
-        link_options how;
-        how.interface = name;
-        how.processor = options.processor;
-        how.priority = options.priority;
-        if (complained(l.link.start(how))) { return 1; }
+        const link_options how{.interface = name, .processor = options.processor, .priority = options.priority};
+        served_link& l = links.emplace_back(name, options.faults);
+        if (!options.pcap_folder.empty()) {
+            l.farm.with([&](auto& c) { c.trail.keep(options.pcap_frames); });
+        }
+        const std::string wrong = l.link.start(how);
+        if (!wrong.empty()) { throw failure{problem::io_error, wrong}; }
     }
     std::puts("ready");
     std::fflush(stdout);
-    serve_until_ended(options, links, signals);
+    for (int number = 0; sigwait(&signals, &number) == 0 && number == SIGUSR1;) {
+        const std::string wrong = save(options, loaded, links, false);
+        if (!wrong.empty()) { std::fprintf(stderr, "rvk-cardsim: %s\n", wrong.c_str()); }
+    }
     for (served_link& l : links) {
         l.link.stop();
         std::fputs(summary(l.farm, l.name).c_str(), stdout);
-        std::printf("%s: %llu dropped by the kernel, %llu could not be sent\n", l.name.c_str(),
-                    static_cast<unsigned long long>(l.link.dropped()),
-                    static_cast<unsigned long long>(l.link.unsent()));
+        std::printf("%s: %" PRIu64 " dropped by the kernel, %" PRIu64 " could not be sent\n", l.name.c_str(),
+                    l.link.dropped(), l.link.unsent());
     }
-    const bool saved = save(options, links);
-    return save_frames(options, links) && saved ? 0 : 1;
+    if (const std::string wrong = save(options, loaded, links, true); !wrong.empty()) {
+        throw failure{problem::io_error, wrong};
+    }
 }
 
 } // namespace
@@ -102,8 +226,10 @@ int run(const cardsim_options& options)
 int main(int argc, char** argv)
 {
     rvk::prepare_descriptors(O_RDONLY); // a link's socket with such a number would send what is printed
-    const rvk::parsed_options parsed = rvk::parse_options(argc, argv);
-    if (parsed.given) { return rvk::run(*parsed.given); }
-    std::fputs(parsed.text.c_str(), parsed.status == 0 ? stdout : stderr);
-    return parsed.status;
+    rvk::cardsim_options options;
+    CLI::App app{rvk::about, "rvk-cardsim"};
+    app.footer(rvk::footer);
+    app.set_version_flag("--version", "rvk-cardsim " RVK_VERSION);
+    rvk::add_options(app, options);
+    return rvk::tool::run_app(app, argc, argv, [&options] { rvk::run(options); });
 }

@@ -1,56 +1,56 @@
 #include "cardsim/memory.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace rvk {
-namespace {
 
-constexpr uint64_t address_end = uint64_t{1} << 32;
-
-} // namespace
-
-void extent_list::note(uint64_t first, uint64_t end)
-{
-    auto next = extents.upper_bound(first);
-    if (next != extents.begin() && std::prev(next)->second >= first) {
-        --next;
-        next->second = std::max(next->second, end);
-    } else {
-        next = extents.emplace_hint(next, first, end);
-    }
-    for (auto behind = std::next(next); behind != extents.end() && behind->first <= next->second;) {
-        next->second = std::max(next->second, behind->second);
-        behind = extents.erase(behind);
-    }
-}
-
-void card_memory::write(uint32_t addr, std::span<const uint8_t> bytes)
+void card_memory::write(uint64_t addr, std::span<const uint8_t> bytes)
 {
     while (!bytes.empty()) {
-        const auto count = static_cast<size_t>(std::min<uint64_t>(bytes.size(), address_end - addr));
-        pages.write(addr, bytes.first(count));
-        extents.note(addr, uint64_t{addr} + count);
-        addr += static_cast<uint32_t>(count);
+        addr &= mask;
+        const size_t offset = addr % sizeof(page);
+        const size_t count = std::min(bytes.size(), sizeof(page) - offset);
+        std::unique_ptr<page>& entry = pages[addr / sizeof(page)];
+        if (!entry) { entry = std::make_unique<page>(); }
+        std::memcpy(entry->data() + offset, bytes.data(), count);
+        if (lists) { note(addr, addr + count); }
+        addr += count;
         bytes = bytes.subspan(count);
     }
 }
 
-void card_memory::read(uint32_t addr, std::span<uint8_t> out) const
+void card_memory::read(uint64_t addr, std::span<uint8_t> out) const
 {
     while (!out.empty()) {
-        const auto count = static_cast<size_t>(std::min<uint64_t>(out.size(), address_end - addr));
-        pages.read(addr, out.first(count));
-        addr += static_cast<uint32_t>(count);
+        addr &= mask;
+        const size_t offset = addr % sizeof(page);
+        const size_t count = std::min(out.size(), sizeof(page) - offset);
+        const auto found = pages.find(addr / sizeof(page));
+        if (found == pages.end()) {
+            std::memset(out.data(), 0, count);
+        } else {
+            std::memcpy(out.data(), found->second->data() + offset, count);
+        }
+        addr += count;
         out = out.subspan(count);
     }
 }
 
-std::vector<extent> extent_list::list() const
+std::vector<uint8_t> card_memory::read(uint64_t addr, size_t count) const
 {
-    std::vector<extent> result;
-    result.reserve(extents.size());
-    for (const auto& [first, end] : extents) { result.push_back({first, end}); }
-    return result;
+    std::vector<uint8_t> bytes(count);
+    read(addr, bytes);
+    return bytes;
+}
+
+// Joins it with all that it overlaps or touches.
+void card_memory::note(uint64_t first, uint64_t end)
+{
+    auto at = noted.upper_bound(first);
+    if (at != noted.begin() && std::prev(at)->second >= first) { first = (--at)->first; }
+    for (; at != noted.end() && at->first <= end; at = noted.erase(at)) { end = std::max(end, at->second); }
+    noted.emplace_hint(at, first, end);
 }
 
 } // namespace rvk

@@ -1,210 +1,183 @@
 #include "cardsim/state.h"
 
+#include "command/failure.h"
+#include "command/values.h"
 #include "files/bmp.h"
-#include "files/write_file.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
 #include <filesystem>
+#include <unistd.h>
 
 namespace rvk {
 namespace {
 
+using tool::format;
+using bytes_t = std::vector<uint8_t>;
+
 constexpr size_t bytes_per_line = 16;
-constexpr uint64_t text_max = 64 << 10; // ours: four thousand lines; more is for programs
+constexpr size_t text_max = 64 << 10; // ours: four thousand lines; more is for programs
 
-std::string hex(uint64_t value, int digits)
-{
-    char text[17];
-    std::snprintf(text, sizeof text, "%0*llx", digits, static_cast<unsigned long long>(value));
-    return text;
-}
+// The text of one card, or of a link's bus blocks, and where its files lie.
+struct saved_text {
+    card_farm& farm;
+    std::string base; // of every file's name
+    std::string text;
 
-std::string number(uint64_t value) { return std::to_string(value); }
-
-std::string last_part(const std::string& path) { return std::filesystem::path(path).filename().string(); }
-
-void append_lines(std::string& text, uint64_t addr, std::span<const uint8_t> bytes)
-{
-    while (!bytes.empty()) {
-        const auto line = bytes.first(std::min(bytes.size(), bytes_per_line));
-        text += hex(addr, 8) + ' ';
-        for (const uint8_t b : line) { text += ' ' + hex(b, 2); }
-        text += '\n';
-        addr += line.size();
-        bytes = bytes.subspan(line.size());
+    // Writes a file, and tells of it behind what is already said in the line.
+    void save_file(const std::string& name, std::span<const uint8_t> bytes, const std::string& line)
+    {
+        const std::string path = base + name;
+        tool::save(path, bytes);
+        text += line + ", in " + std::filesystem::path(path).filename().string() + '\n';
     }
-}
+    void save() const { tool::save(base + ".txt", {reinterpret_cast<const uint8_t*>(text.data()), text.size()}); }
+};
 
-// Each of these adds its lines to the text. Result: as of save_state.
-std::string save_stretch(const extent& e, std::span<const uint8_t> bytes, const std::string& base, std::string& text)
+// What was written to one of a farm's memories: as text, or as files named in it.
+// file, line  what their names and the lines about them begin with; unit: bytes of an address there
+template <typename Memory>
+void save_memory(saved_text& to, Memory memory, const std::string& file = "", const std::string& line = "",
+                 size_t unit = 1)
 {
-    if (bytes.size() <= text_max) {
-        append_lines(text, e.first, bytes);
-        return {};
-    }
-    const std::string path = base + '-' + hex(e.first, 8) + ".bin";
-    text += hex(e.first, 8) + "  " + number(bytes.size()) + " bytes, in " + last_part(path) + '\n';
-    return write_file(path, bytes);
-}
-
-std::string save_registers(const card_farm& farm, card_id card, const std::string& base, std::string& text)
-{
-    for (const extent& e : farm.written(card)) {
-        const auto bytes = farm.read(card, static_cast<uint32_t>(e.first), static_cast<size_t>(e.end - e.first));
-        if (std::string error = save_stretch(e, bytes, base, text); !error.empty()) { return error; }
-    }
-    return {};
-}
-
-std::string save_loaded(const card_farm& farm, card_id card, const std::string& base, std::string& text)
-{
-    for (size_t memory = 0; memory < loader_memories.size(); ++memory) {
-        for (const extent& e : farm.loaded(card, memory)) {
-            const uint64_t addr = e.first / loader_word;
-            const std::string path = base + "-memory" + number(memory) + '-' + hex(addr, 8) + ".bin";
-            const auto bytes = farm.read_loaded(card, memory, e.first, static_cast<size_t>(e.end - e.first));
-            text += "memory " + number(memory) + "  " + hex(addr, 8) + "  " + number(bytes.size()) + " bytes, in " +
-                    last_part(path) + '\n';
-            if (std::string error = write_file(path, bytes); !error.empty()) { return error; }
+    for (const auto& [first, end] : to.farm.with([&](farm_content& c) { return memory(c).written(); })) {
+        const auto count = static_cast<size_t>(end - first);
+        const bytes_t bytes = to.farm.with([&, at = first](farm_content& c) { return memory(c).read(at, count); });
+        if (count > text_max || !file.empty()) {
+            const std::string addr = format("%08" PRIx64, first / unit);
+            to.save_file(file + '-' + addr + ".bin", bytes, line + addr + format("  %zu bytes", count));
+            continue;
         }
+        for (size_t i = 0; i < count; ++i) {
+            if (i % bytes_per_line == 0) { to.text += format("%s%08" PRIx64 " ", i == 0 ? "" : "\n", first + i); }
+            to.text += format(" %02x", bytes[i]);
+        }
+        to.text += '\n';
     }
-    return {};
 }
 
 // The picture loader pads lines to whole bursts.
-std::string save_loaded_picture(const card_farm& farm, card_id card, const std::string& base, const loaded_picture& p)
+void save_loaded_picture(saved_text& to, card_id card, const loaded_picture& p)
 {
-    const auto written = farm.loaded(card, p.memory);
-    const uint64_t at = uint64_t{p.addr} * loader_word;
-    const bool there =
-        std::any_of(written.begin(), written.end(), [at](const extent& e) { return e.first <= at && at < e.end; });
-    if (!there) { return {}; }
-    const size_t line = size_t{p.hor} * card_pixel_bytes;
-    const size_t stride = (line + loader_burst - 1) / loader_burst * loader_burst;
-    std::vector<uint8_t> pixels;
-    for (size_t y = 0; y < p.ver; ++y) {
-        const auto bytes = farm.read_loaded(card, p.memory, at + y * stride, line);
-        pixels.insert(pixels.end(), bytes.begin(), bytes.end());
+    const uint64_t at = uint64_t{p.addr} * card_word;
+    const size_t line = size_t{p.hor} * card_pixel_bytes, stride = (line + card_burst - 1) / card_burst * card_burst;
+    bytes_t pixels;
+    to.farm.with(card, [&](sim_card& c) {
+        const card_memory& memory = c.loaders[p.memory].memory;
+        const auto holds = [at](const auto& e) { return e.first <= at && at < e.second; };
+        if (std::ranges::none_of(memory.written(), holds)) { return; }
+        pixels.resize(line * p.ver);
+        for (size_t y = 0; y < p.ver; ++y) { memory.read(at + y * stride, std::span(pixels).subspan(y * line, line)); }
+    });
+    if (pixels.empty()) { return; }
+    tool::save(to.base + format("-memory%zu-%08x.bmp", p.memory, p.addr), bmp_of(pixels, p.hor, p.ver, 32));
+}
+
+void save_pictures(saved_text& to, card_id card)
+{
+    for (const auto& [buffer, r] : to.farm.with(card, [](sim_card& c) { return c.buffers; })) {
+        const std::string whole = format("-buffer%u.bmp", buffer),
+                          incomplete = format("-buffer%u-incomplete.bmp", buffer);
+        const bytes_t pixels = to.farm.with(card, [&r = r](sim_card& c) { return picture_from(c.pictures, r); });
+        std::error_code ignored; // there is none, as a rule
+        std::filesystem::remove(to.base + (r.whole ? incomplete : whole), ignored);
+        to.save_file(r.whole ? whole : incomplete, bmp_of(pixels, r.hor, r.ver, 32),
+                     format("buffer %u  %u x %u, %" PRIu64 " bytes%s", buffer, r.hor, r.ver, r.received,
+                            r.whole ? "" : ", incomplete"));
     }
-    const std::string path = base + "-memory" + number(p.memory) + '-' + hex(p.addr, 8) + ".bmp";
-    return write_file(path, bmp_of(pixels, p.hor, p.ver, 32));
 }
 
-std::string save_text(const std::string& base, const std::string& text)
+void save_firmware(saved_text& to, card_id card)
 {
-    return write_file(base + ".txt", {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
-}
-
-std::string save_bus(const card_farm& farm, const std::string& base, const std::string& link)
-{
-    const auto written = farm.written_bus();
-    if (written.empty()) { return {}; }
-    std::string text = "# " + link + ": what bus blocks wrote; hexadecimal, in memory order\n";
-    for (const extent& e : written) {
-        const auto bytes = farm.read_bus(static_cast<uint32_t>(e.first), static_cast<size_t>(e.end - e.first));
-        if (std::string error = save_stretch(e, bytes, base, text); !error.empty()) { return error; }
+    size_t n = 0;
+    for (const firmware_file& f : to.farm.with(card, [](sim_card& c) { return c.firmware.files(); })) {
+        ++n;
+        to.save_file(format("-firmware%zu.bin", n), f.image(),
+                     format("firmware %zu  for model 0x%04x, %zu bytes", n, f.device_type, f.image().size()));
     }
-    return save_text(base, text);
 }
 
-std::string save_pictures(const card_farm& farm, card_id card, const std::string& base, std::string& text)
+std::string describe_files(const farm_content& c, const char* link)
 {
-    for (const picture_record& r : farm.pictures(card)) {
-        const std::string whole = base + "-buffer" + number(r.buffer) + ".bmp";
-        const std::string incomplete = base + "-buffer" + number(r.buffer) + "-incomplete.bmp";
-        const std::string& path = r.whole ? whole : incomplete;
-        auto pixels = farm.picture(card, r.buffer);
-        pixels.resize(size_t{r.hor} * r.ver * card_pixel_bytes); // the buffer may have been set up anew since
-        std::error_code ignored;                                 // there is none, as a rule
-        std::filesystem::remove(r.whole ? incomplete : whole, ignored);
-        if (std::string error = write_file(path, bmp_of(pixels, r.hor, r.ver, 32)); !error.empty()) { return error; }
-        text += "buffer " + number(r.buffer) + "  " + number(r.hor) + " x " + number(r.ver) + ", " +
-                number(r.received) + " bytes" + (r.whole ? "" : ", incomplete") + ", in " + last_part(path) + '\n';
+    size_t whole = 0, incomplete = 0, images = 0, abandoned = 0, running = 0;
+    for (const auto& [id, card] : c.cards) {
+        for (const auto& [buffer, r] : card.buffers) { ++(r.whole ? whole : incomplete); }
+        images += card.firmware.files().size();
+        abandoned += card.firmware.abandoned();
+        running += card.firmware.is_running();
     }
-    return {};
+    return format(
+        "%s: buffers: %zu with a whole picture, %zu with an incomplete one; firmware images: %zu acknowledged, "
+        "%zu abandoned, %zu not finished\n",
+        link, whole, incomplete, images, abandoned, running);
 }
 
-std::string save_firmware(const card_farm& farm, card_id card, const std::string& base, std::string& text)
+std::string describe_playback(const playback_log& log, const char* link)
 {
-    uint64_t n = 0;
-    for (const firmware_file& f : farm.firmware(card)) {
-        const std::string path = base + "-firmware" + number(++n) + ".bin";
-        if (std::string error = write_file(path, f.image()); !error.empty()) { return error; }
-        text += "firmware " + number(n) + "  for model 0x" + hex(f.device_type, 4) + ", " + number(f.image().size()) +
-                " bytes, in " + last_part(path) + '\n';
-    }
-    return {};
-}
-
-std::string save_card(const card_farm& farm, card_id card, const std::string& base, const std::string& title)
-{
-    std::string text = "# " + title + ": what was written; hexadecimal, in memory order\n";
-    for (const auto save : {save_registers, save_pictures, save_loaded, save_firmware}) {
-        if (std::string error = save(farm, card, base, text); !error.empty()) { return error; }
-    }
-    return save_text(base, text);
-}
-
-std::string describe_files(const card_farm& farm, const std::string& link)
-{
-    uint64_t whole = 0, incomplete = 0, images = 0, abandoned = 0, running = 0;
-    for (const card_id card : farm.cards()) {
-        for (const picture_record& r : farm.pictures(card)) { ++(r.whole ? whole : incomplete); }
-        const firmware_progress p = farm.transfer(card);
-        images += p.completed;
-        abandoned += p.abandoned;
-        running += p.registers > 0 && !p.whole;
-    }
-    return link + ": buffers: " + number(whole) + " with a whole picture, " + number(incomplete) +
-           " with an incomplete one; firmware images: " + number(images) + " acknowledged, " + number(abandoned) +
-           " abandoned, " + number(running) + " not finished\n";
-}
-
-std::string describe_playback(const card_farm& farm, const std::string& link)
-{
-    const auto lines = farm.playback();
-    const std::string wrong = check_playback(lines);
-    if (lines.empty()) { return link + ": playback: none\n"; }
-    return link + ": playback: " + (wrong.empty() ? "in order" : wrong) + ", up to '" + lines.back() + "'\n";
-}
-
-// Nothing where there was none, as on most links.
-std::string describe_bus(const farm_counts& counts, const std::string& link)
-{
-    if (counts.bus_reads + counts.bus_writes == 0) { return {}; }
-    return link + ": bus blocks: " + number(counts.bus_reads) + " reads, " + number(counts.bus_writes) + " writes\n";
+    if (log.lines().empty()) { return format("%s: playback: none\n", link); }
+    const std::string wrong = log.check();
+    return format("%s: playback: %s, up to '%s'\n", link, wrong.empty() ? "in order" : wrong.c_str(),
+                  log.lines().back().c_str());
 }
 
 } // namespace
 
-std::string save_state(const card_farm& farm, const std::string& folder, const std::string& link,
-                       std::span<const loaded_picture> loaded)
+void prepare_folder(const std::string& folder)
 {
     std::error_code error;
     std::filesystem::create_directories(folder, error);
-    if (error) { return folder + ": cannot be made: " + error.message(); }
-    for (const card_id card : farm.cards()) {
-        const std::string model = number(card.model), slot = number(card.slot);
-        const std::string base = folder + '/' + link + "-model" + model + "-slot" + slot;
-        const std::string title = link + " model " + model + " slot " + slot;
-        if (std::string wrong = save_card(farm, card, base, title); !wrong.empty()) { return wrong; }
-        for (const loaded_picture& p : loaded) {
-            if (std::string wrong = save_loaded_picture(farm, card, base, p); !wrong.empty()) { return wrong; }
-        }
-    }
-    return save_bus(farm, folder + '/' + link + "-bus", link);
+    if (!error && access(folder.c_str(), W_OK | X_OK) != 0) { error.assign(errno, std::generic_category()); }
+    if (!error) { return; }
+    throw tool::failure{tool::problem::wrong_usage, folder + ": cannot be made or written: " + error.message()};
 }
 
-std::string summary(const card_farm& farm, const std::string& link)
+void save_state(card_farm& farm, const std::string& folder, const std::string& link,
+                std::span<const loaded_picture> loaded)
 {
-    const farm_counts counts = farm.counts();
-    return link + ": received " + number(counts.received) + " frames: " + number(counts.reads) + " reads, " +
-           number(counts.plain_writes) + " plain writes, " + number(counts.acknowledged_writes) +
-           " acknowledged writes, " + number(counts.refused()) + " refused, " + number(counts.of(verdict::foreign)) +
-           " foreign; wrote " + number(counts.bytes_written) + " bytes; sent " + number(counts.replies) + " frames\n" +
-           describe_bus(counts, link) + describe_files(farm, link) + describe_playback(farm, link) + link +
-           ": refused: " + counts.refusals() + '\n' + link + ": injected: " + counts.injections() + '\n';
+    prepare_folder(folder);
+    std::vector<card_id> ids;
+    farm.with([&ids](farm_content& c) {
+        for (const auto& [id, card] : c.cards) { ids.push_back(id); }
+    });
+    for (const card_id card : ids) {
+        saved_text to{farm, format("%s/%s-model%u-slot%u", folder.c_str(), link.c_str(), card.model, card.slot),
+                      format("# %s model %u slot %u: what was written; hexadecimal, in memory order\n", link.c_str(),
+                             card.model, card.slot)};
+        save_memory(to, [card](farm_content& c) -> card_memory& { return c.cards[card].registers; });
+        save_pictures(to, card);
+        for (size_t m = 0; m < loader_data.size(); ++m) {
+            const auto loaded_into = [=](farm_content& c) -> card_memory& { return c.cards[card].loaders[m].memory; };
+            save_memory(to, loaded_into, format("-memory%zu", m), format("memory %zu  ", m), card_word);
+        }
+        save_firmware(to, card);
+        to.save();
+        for (const loaded_picture& p : loaded) { save_loaded_picture(to, card, p); }
+    }
+    saved_text bus{farm, folder + '/' + link + "-bus",
+                   "# " + link + ": what bus blocks wrote; hexadecimal, in memory order\n"};
+    const size_t title = bus.text.size();
+    save_memory(bus, [](farm_content& c) -> card_memory& { return c.bus_memory; });
+    if (bus.text.size() > title) { bus.save(); }
+}
+
+std::string summary(card_farm& farm, const std::string& name)
+{
+    return farm.with([link = name.c_str()](farm_content& content) {
+        const farm_counts& c = content.counts;
+        std::string text = format("%s: received %" PRIu64 " frames: %" PRIu64 " reads, %" PRIu64
+                                  " plain writes, %" PRIu64 " acknowledged writes, %" PRIu64 " refused, %" PRIu64
+                                  " foreign; wrote %" PRIu64 " bytes; sent %" PRIu64 " frames\n",
+                                  link, c.received, c.reads, c.plain_writes, c.acknowledged_writes, c.refused(),
+                                  c.violations[static_cast<size_t>(violation::foreign)], c.bytes_written, c.replies);
+        if (c.bus_reads + c.bus_writes > 0) {
+            text += format("%s: bus blocks: %" PRIu64 " reads, %" PRIu64 " writes\n", link, c.bus_reads, c.bus_writes);
+        }
+        text += describe_files(content, link) + describe_playback(content.playback, link);
+        return text +
+               format("%s: refused: %s\n%s: injected: %s\n", link, c.refusals().c_str(), link, c.injections().c_str());
+    });
 }
 
 } // namespace rvk

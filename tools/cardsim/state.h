@@ -3,12 +3,19 @@
 
 #include "cardsim/cards.h"
 
-#include <span>
-#include <string>
-
 namespace rvk {
 
-// Writes below the folder, which it makes; replaces what is there. Every name begins with BASE = LINK-modelM-slotS:
+// A picture that the picture loader is to have put into memory 0 or 1: the cards are not told its size.
+struct loaded_picture {
+    size_t memory = 0;
+    uint32_t addr = 0; // as the loader was given it, in units of 8 bytes
+    uint32_t hor = 0, ver = 0;
+};
+
+// Makes a folder where there is none; throws a failure of wrong usage when it cannot be made or written.
+void prepare_folder(const std::string& folder);
+
+// Writes below the folder, which is prepared; replaces what is there. Every name begins with BASE = LINK-modelM-slotS:
 //   BASE.txt            every stretch of register addresses that was written: address and up to 16 bytes a line,
 //                       hexadecimal, in memory order; behind them, a line each, the pictures and firmware images
 //   BASE-ADDRESS.bin    a stretch of more than 64 KiB, which the text names
@@ -19,11 +26,12 @@ namespace rvk {
 //   BASE-firmwareN.bin  a firmware image that was acknowledged to its last byte, without its head; N counts from 1
 // and, for the older block protocol, LINK-bus.txt and LINK-bus-ADDRESS.bin, in the manner of the registers.
 // loaded  a card that has nothing at one's place leaves it out
-// Result  empty, or one line that says what was wrong
-[[nodiscard]] std::string save_state(const card_farm& farm, const std::string& folder, const std::string& link,
-                                     std::span<const loaded_picture> loaded = {});
+// Throws a failure. The farm answers meanwhile: its lock is held for no longer than it takes to copy what one file
+// holds.
+void save_state(card_farm& farm, const std::string& folder, const std::string& link,
+                std::span<const loaded_picture> loaded);
 
 // What came, what was refused and what was done wrong on purpose: a few lines for a person, each beginning with LINK.
-[[nodiscard]] std::string summary(const card_farm& farm, const std::string& link);
+[[nodiscard]] std::string summary(card_farm& farm, const std::string& link);
 
 } // namespace rvk

@@ -5,8 +5,10 @@
 #include "command/values.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <functional>
 #include <limits>
+#include <new>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -67,6 +69,31 @@ inline void refuse_extras(const CLI::App& app, const char* commands, bool chosen
         refuse(taken[0]->get_name() + ": give " + own + see);
     }
     if (!chosen) { refuse(std::string("no command given: one of ") + commands + see); }
+}
+
+// The whole of a program that has no subcommands: parses its command line, then does what it was made for. What fails
+// says so in one line on standard error. Result: the exit status.
+inline int run_app(CLI::App& app, int argc, const char* const* argv, const std::function<void()>& run)
+{
+    const auto end = [&app](exit_status status, const std::string& text) {
+        fprintf(stderr, "%s: %s\n", app.get_name().c_str(), text.c_str());
+        return status;
+    };
+    try {
+        app.parse(argc, argv);
+        run();
+        return exit_done;
+    } catch (const CLI::Success& asked) {
+        return write_out(text_of(app, asked)) ? exit_done : exit_no;
+    } catch (const CLI::ParseError& error) {
+        return end(exit_usage, std::string(error.what()) + "; see " + app.get_name() + " --help");
+    } catch (const failure& failed) {
+        return end(status_of(failed.what), failed.text);
+    } catch (const std::bad_alloc&) {
+        return end(exit_no, "there is not enough memory");
+    } catch (const std::exception& error) {
+        return end(exit_no, error.what());
+    }
 }
 
 } // namespace rvk::tool

@@ -1,7 +1,5 @@
 #include "testcard/test_card.h"
 
-#include "testcard/digits.h"
-
 #include <algorithm>
 #include <string>
 
@@ -9,6 +7,21 @@ namespace rvk {
 namespace {
 
 constexpr uint8_t not_shown = 0x55;
+
+// Ten digits as dots, 5 wide and 7 high.
+constexpr uint32_t digit_width = 5, digit_height = 7;
+constexpr const char* shapes[10][digit_height]{
+    {" ### ", "#   #", "#  ##", "# # #", "##  #", "#   #", " ### "},
+    {"  #  ", " ##  ", "  #  ", "  #  ", "  #  ", "  #  ", " ### "},
+    {" ### ", "#   #", "    #", "   # ", "  #  ", " #   ", "#####"},
+    {"#####", "   # ", "  #  ", "   # ", "    #", "#   #", " ### "},
+    {"   # ", "  ## ", " # # ", "#  # ", "#####", "   # ", "   # "},
+    {"#####", "#    ", "#### ", "    #", "    #", "#   #", " ### "},
+    {"  ## ", " #   ", "#    ", "#### ", "#   #", "#   #", " ### "},
+    {"#####", "    #", "   # ", "  #  ", " #   ", " #   ", " #   "},
+    {" ### ", "#   #", "#   #", " ### ", "#   #", "#   #", " ### "},
+    {" ### ", "#   #", "#   #", " ####", "    #", "   # ", " ##  "},
+};
 constexpr uint32_t gap = 1; // dots between digits, and of paper around the number
 
 // Where the number's field lies, and how large a dot of it is.
@@ -21,7 +34,7 @@ field field_for(size_t digits, uint32_t hor, uint32_t ver)
 {
     const auto columns = static_cast<uint32_t>(digits) * (digit_width + gap) + gap;
     const uint32_t lines = digit_height + 2 * gap;
-    // Half of the picture's height, or what its width has room for.
+    // Half of the picture's height, or what its width takes.
     const uint32_t dot = std::min(ver / 2 / lines, hor * 3 / 4 / columns);
     return {(hor - columns * dot) / 2, (ver - lines * dot) / 2, dot, columns, lines};
 }
@@ -31,7 +44,7 @@ colour number_at(const std::string& digits, uint32_t column, uint32_t line)
     if (column < gap || line < gap || line >= gap + digit_height) { return paper; }
     const uint32_t place = (column - gap) / (digit_width + gap), in_digit = (column - gap) % (digit_width + gap);
     if (in_digit >= digit_width) { return paper; }
-    return has_dot(static_cast<unsigned>(digits[place] - '0'), in_digit, line - gap) ? ink : paper;
+    return shapes[digits[place] - '0'][line - gap][in_digit] == '#' ? ink : paper;
 }
 
 } // namespace
