@@ -9,7 +9,6 @@
 #include "eth_raw/bus_packet.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
-#include "eth_raw/raw_sock.h"
 #include "harness.h"
 #include "mem/mem.h"
 #include "raw_msg/load_picture.h"

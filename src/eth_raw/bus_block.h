@@ -1,16 +1,19 @@
-// The older block link whole: rvkbus.h, and the steps that its block operations are made of. Owns nothing; the records
-// of the links are the link table's, the semaphore's identifier is bus_semaphore's. The steps are open for tests and
-// for the bench tool; other programs stay with rvkbus.h. None of the steps takes the semaphore.
+// The older block link whole: rvkbus.h, the steps that its block operations are made of, and its semaphore. Owns the
+// semaphore's identifier; the records of the links are the link table's. Tests and tools take the steps; other
+// programs stay with rvkbus.h.
 #pragma once
 
 #include "eth_raw/link.h"
 #include "eth_raw/rvkbus.h"
 
-#include <cstdint>
-
 namespace rvk {
 
-// Results 0 or negative unless said; parameters as in rvkbus.h, handles and pointers not null.
+// What one read tries: packets received for each piece, and the result that ends it, since the card refused.
+inline constexpr int bus_answer_tries = 10; // ours
+inline constexpr int32_t bus_read_refused = -2;
+
+// Results 0 or negative unless said; parameters as in rvkbus.h, handles and pointers not null. None of these takes the
+// semaphore.
 int32_t netdev_init(eth_init* links, int count); // opens links 0 to count - 1, up to the first that fails
 int32_t eth_raw_tranfser_set(eth_init* links, xfer* handles, int count); // the handles keep pointers into `links`
 
@@ -27,6 +30,20 @@ int32_t send_request_message_func(const xfer* handle, uint32_t addr, uint32_t le
 // Result  0; 1 for a good response; -1: not that answer; -2: the card refused the read
 int32_t recv_message_func_unit(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination, uint8_t kind);
 int32_t recv_read_back_message_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination);
-int32_t recv_response_message_func(const xfer* handle, uint32_t addr, uint32_t length); // 0 or -1
+int32_t recv_response_message_func(const xfer* handle, uint32_t addr, uint32_t length); // 0 or -1; nobody calls it
+
+// The System V semaphore around whole block operations, one for all processes of the controller. Both of its changes
+// are undone by the system when a process dies inside an operation. Opened by the thread that opens the links.
+extern int sem_id; // its identifier, -1 without one; of the last opening, also after the semaphore is removed
+
+// Creates the semaphore with the value 1, or attaches to the one there is. Result: 0, also when none could be had
+// (which is logged); -1 when a new one could not be given its value.
+[[nodiscard]] int32_t open_semaphore();
+int32_t set_semvalue(); // 1: free
+void del_semvalue();    // removes it, for all processes
+
+// Take and give back; the first waits without bound.
+[[nodiscard]] int32_t semaphore_p();
+[[nodiscard]] int32_t semaphore_v();
 
 } // namespace rvk

@@ -1,20 +1,19 @@
 // The packets of the older block protocol, both ways: layout, checksum, and what is looked at in an answer before it is
-// believed. A format of its own, unlike the frames of frame.h, with which it shares the two addresses and the type.
-// Pure: bytes in, bytes or a verdict out; moves and keeps nothing. The block link calls it, and the simulated cards.
+// believed. A format of its own, unlike the frames of frame.h, with which it shares the Ethernet head; this one's
+// source address is no address, but three fields. Pure: bytes in, bytes or a verdict out. Any thread.
 #pragma once
 
-#include <array>
-#include <cstddef>
-#include <cstdint>
+#include "eth_raw/frame.h"
+
 #include <span>
 
 namespace rvk {
 
-// Offsets from the packet's first byte, little-endian; both directions.
+// Offsets from the packet's first byte, little-endian; both directions. Length, rsv0 and type lie in the head.
 namespace bus {
-inline constexpr size_t destination = 0, length = 6, rsv0 = 10, type = 11;   // 6 4 1 1  tx_header or rx_header
-inline constexpr size_t ethertype = 12, rsv1 = 14, addr = 16, data_len = 20; // 2 2 4 4
-inline constexpr size_t data = 24;
+inline constexpr size_t length = 6, rsv0 = 10, type = 11;    // 4 1 1
+inline constexpr size_t rsv1 = sizeof(ethernet_head);        // 2
+inline constexpr size_t addr = 16, data_len = 20, data = 24; // 4 4
 } // namespace bus
 
 inline constexpr uint8_t eth_raw_transfer_rsv0 = 0;              // packet: reserved
@@ -44,7 +43,7 @@ inline constexpr size_t bus_answer_max = 8046;                                 /
 [[nodiscard]] int32_t packet_checksum_judge(std::span<const uint8_t> packet, uint16_t computed);
 [[nodiscard]] int32_t packet_length_judge(std::span<const uint8_t> packet, uint32_t requested);
 
-// The sum of the bytes from the length field on, over packet length - 8 bytes, modulo 65,536.
+// The sum of all bytes but the destination and the last two, modulo 65,536.
 [[nodiscard]] uint16_t packet_checksum_calc(std::span<const uint8_t> packet);
 
 } // namespace rvk

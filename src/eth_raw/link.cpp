@@ -24,13 +24,11 @@ ifreq request_for(const char* if_name)
     return request;
 }
 
-// device  with the flags that it has
+// Adds the flag to those of the device, which are there.
 bool set_promiscuous(int fd, ifreq* device)
 {
     device->ifr_flags = static_cast<short>(device->ifr_flags | IFF_PROMISC);
-    if (ioctl(fd, SIOCSIFFLAGS, device) == 0) { return true; }
-    log_print(LOG_HERE, "%s:%d:set IFF_PROMISC flag failed.\n", "socket_init", __LINE__);
-    return false;
+    return ioctl(fd, SIOCSIFFLAGS, device) == 0;
 }
 
 } // namespace
@@ -75,8 +73,7 @@ void watch_link(int index)
         log_print(LOG_HERE, "link %d (%s): its device is back\n", index, link.if_name);
     }
     if (ioctl(link.sock_fd, SIOCGIFFLAGS, &device) < 0 || (device.ifr_flags & IFF_PROMISC) != 0) { return; }
-    device.ifr_flags = static_cast<short>(device.ifr_flags | IFF_PROMISC);
-    static_cast<void>(ioctl(link.sock_fd, SIOCSIFFLAGS, &device)); // the next look tries again
+    static_cast<void>(set_promiscuous(link.sock_fd, &device)); // the next look tries again
 }
 
 uint32_t take_kernel_drops(int index)
@@ -126,7 +123,11 @@ int socket_init(const char* if_name)
         log_print(LOG_HERE, "%s:%d:get inferface flag failed.\n", __func__, __LINE__);
         return -1;
     }
-    return set_promiscuous(fd.get(), &request) ? fd.release() : -1;
+    if (!set_promiscuous(fd.get(), &request)) {
+        log_print(LOG_HERE, "%s:%d:set IFF_PROMISC flag failed.\n", __func__, __LINE__);
+        return -1;
+    }
+    return fd.release();
 }
 
 int socket_bind(sockaddr_ll* sll, int sock_fd, const char* if_name)

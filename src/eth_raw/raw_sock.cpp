@@ -1,9 +1,8 @@
-#include "eth_raw/raw_sock.h"
+#include "eth_raw/link.h"
 
 #include "base/counters.h"
 #include "base/pause.h"
 #include "eth_raw/frame.h"
-#include "eth_raw/link.h"
 #include "main/log.h"
 #include "mem/mem.h"
 
@@ -35,21 +34,6 @@ send_outcome send_once(const eth_init& link, const uint8_t* frame, size_t count)
     return {sent, sent < 0 ? errno : 0}; // a send that is cut short leaves errno to the call before it
 }
 
-send_outcome send_patiently(int index, const uint8_t* frame, size_t count)
-{
-    eth_init& link = g_eth_init[index];
-    const scoped_lock hold(link.send_mutex);
-    print_msg(frame, count);
-    send_outcome outcome = send_once(link, frame, count);
-    if (outcome.sent < 0 && outcome.error == EAGAIN) {
-        log_print(LOG_HERE, "need send again\n");
-        link_count[index].send_failed[send_failure::would_block].add();
-        pause_us(would_block_us);
-        outcome = send_once(link, frame, count);
-    }
-    return outcome;
-}
-
 send_failure failure_of(const send_outcome& outcome)
 {
     if (outcome.sent >= 0) { return send_failure::cut_short; }
@@ -64,10 +48,23 @@ send_failure failure_of(const send_outcome& outcome)
     }
 }
 
+// Sends a frame, once more where the socket would block, and counts what came of it.
 send_outcome transmit(int index, const uint8_t* frame, size_t count)
 {
-    const send_outcome outcome = send_patiently(index, frame, count);
+    eth_init& link = g_eth_init[index];
     link_counters& figures = link_count[index];
+    send_outcome outcome{};
+    {
+        const scoped_lock hold(link.send_mutex);
+        print_msg(frame, count);
+        outcome = send_once(link, frame, count);
+        if (outcome.sent < 0 && outcome.error == EAGAIN) {
+            log_print(LOG_HERE, "need send again\n");
+            figures.send_failed[send_failure::would_block].add();
+            pause_us(would_block_us);
+            outcome = send_once(link, frame, count);
+        }
+    }
     if (outcome.sent == static_cast<ssize_t>(count)) {
         figures.frames_sent.add();
         figures.bytes_sent.add(count);
@@ -117,25 +114,6 @@ void note_receive(int index, int error)
     if (failed) { pause_ms(receive_retry_ms); }
 }
 
-drop cause_of(reply_fault fault)
-{
-    switch (fault) {
-    case reply_fault::length: return drop::length;
-    case reply_fault::checksum: return drop::checksum;
-    case reply_fault::foreign:
-    case reply_fault::none: break; // the second is not asked about
-    }
-    return drop::foreign;
-}
-
-void count_received(int index, size_t received, bool valid)
-{
-    link_counters& figures = link_count[index];
-    figures.frames_received.add();
-    figures.bytes_received.add(received);
-    if (!valid) { figures.dropped[cause_of(fault_of(gRecvBuffer, received))].add(); }
-}
-
 } // namespace
 
 void print_send_error(int error) { console_print(STDERR_FILENO, "sendto fail:: %s\n", strerror(error)); }
@@ -159,32 +137,24 @@ void RawMsgBuffFree(uint8_t* payload)
 
 void RawMsgFreeBuf(uint8_t* payload) { RawMsgBuffFree(payload); }
 
-namespace {
-
-int32_t send_or_log(int index, uint8_t* payload, unsigned frame_bytes, unsigned len)
-{
-    const send_outcome outcome = transmit(index, RawMsgBuffHeadGet(payload), frame_bytes);
-    if (outcome.sent == static_cast<ssize_t>(frame_bytes)) { return static_cast<int32_t>(frame_bytes); }
-    print_send_error(outcome.error);
-    log_print(LOG_HERE, "sendto fail:len = %d, ret_len = %d, packet_length= %d, errno = %d\n", static_cast<int>(len),
-              static_cast<int>(outcome.sent), static_cast<int>(frame_bytes), outcome.error);
-    return -1;
-}
-
-} // namespace
-
 int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,
                        uint8_t* payload, unsigned len)
 {
     if (!can_be_sent(index, payload, len)) { return -1; }
     uint8_t* frame = payload;
     const unsigned count = RawMsgHeaderPack(model, slot, code, addr, seq, &frame, static_cast<uint16_t>(len));
-    return send_or_log(index, payload, count, len);
+    return send_packed(index, payload, count, len);
 }
 
 int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len)
 {
-    return can_be_sent(index, payload, len) ? send_or_log(index, payload, frame_bytes, len) : -1;
+    if (!can_be_sent(index, payload, len)) { return -1; }
+    const send_outcome outcome = transmit(index, RawMsgBuffHeadGet(payload), frame_bytes);
+    if (outcome.sent == static_cast<ssize_t>(frame_bytes)) { return static_cast<int32_t>(frame_bytes); }
+    print_send_error(outcome.error);
+    log_print(LOG_HERE, "sendto fail:len = %d, ret_len = %d, packet_length= %d, errno = %d\n", static_cast<int>(len),
+              static_cast<int>(outcome.sent), static_cast<int>(frame_bytes), outcome.error);
+    return -1;
 }
 
 int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes)
@@ -216,7 +186,10 @@ const uint8_t* RawSockMsgRecv(int index, uint8_t* ack, uint16_t* model, uint8_t*
     const auto count = static_cast<size_t>(received);
     print_msg(gRecvBuffer, count);
     const uint8_t* payload = RawMsgHeaderUnpack(gRecvBuffer, count, ack, model, slot, code, addr, seq, len);
-    count_received(index, count, payload != nullptr);
+    link_counters& figures = link_count[index];
+    figures.frames_received.add();
+    figures.bytes_received.add(count);
+    if (payload == nullptr) { figures.dropped[fault_of(gRecvBuffer, count).value_or(drop::foreign)].add(); }
     return payload;
 }
 

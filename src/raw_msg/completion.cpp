@@ -3,7 +3,7 @@
 #include "base/counters.h"
 #include "base/elapsed.h"
 #include "eth_raw/frame.h"
-#include "eth_raw/raw_sock.h"
+#include "eth_raw/link.h"
 #include "main/log.h"
 
 #include <algorithm>

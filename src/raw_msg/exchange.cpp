@@ -2,7 +2,7 @@
 
 #include "base/pause.h"
 #include "eth_raw/frame.h"
-#include "eth_raw/raw_sock.h"
+#include "eth_raw/link.h"
 #include "main/log.h"
 #include "mem/mem.h"
 #include "queue/queue.h"

@@ -1,7 +1,7 @@
 #include "raw_msg/send_plain.h"
 
 #include "eth_raw/frame.h"
-#include "eth_raw/raw_sock.h"
+#include "eth_raw/link.h"
 #include "main/log.h"
 
 #include <algorithm>

@@ -99,7 +99,7 @@ struct player : story {
         pack_reply(reply, request, says == "refused" ? 2 : says == "none" ? no_answer : ack_good, code, data);
         if (says == "damaged") { reply.bytes[reply::model] ^= 0x10; }
         if (says == "lying") { ++reply.bytes[reply::len], close_reply(reply); }
-        if (says == "stranger") { reply.bytes[reply::source] ^= 1; }
+        if (says == "stranger") { reply.bytes[offsetof(ethernet_head, source)] ^= 1; }
         if (says == "runt") { reply.length = reply::payload - 1; }
         if (says == "tail") { reply.bytes[reply.length++] = 0x77; }
         w.arrive(reply.view());

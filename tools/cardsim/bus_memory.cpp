@@ -17,12 +17,6 @@ bool all_zero(std::span<const uint8_t> bytes)
     return std::all_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b == 0; });
 }
 
-// The sum of the bytes from the length field on; no constant is added here.
-uint16_t sum(std::span<const uint8_t> packet, size_t count)
-{
-    return static_cast<uint16_t>(frame_checksum(packet.data() + bus::length, count) - checksum_start);
-}
-
 mistake check_head(std::span<const uint8_t> packet)
 {
     if (packet.size() < bus_short_packet || load_le32(packet.data() + bus::length) != packet.size()) {
@@ -38,8 +32,8 @@ mistake check_area(std::span<const uint8_t> packet, bool writes, size_t length)
     const size_t carried = writes ? length : 0;
     const size_t area = packet.size() - bus_packet_overhead;
     if (area != std::max(carried, bus_data_min)) { return mistake::bus_data_length; }
-    const size_t summed = bus::data - bus::length + std::min(length, area);
-    if (load_le16(packet.data() + bus::data + area) != sum(packet, summed)) { return mistake::bus_checksum; }
+    const auto summed = packet.first(bus_packet_overhead + std::min(length, area));
+    if (packet_checksum_judge(packet, packet_checksum_calc(summed)) != 0) { return mistake::bus_checksum; }
     return all_zero(packet.subspan(bus::data, area).subspan(carried)) ? mistake::none : mistake::bus_area_not_zero;
 }
 
@@ -49,10 +43,9 @@ void pack(reply_frame& out, uint8_t type, uint32_t addr, uint32_t length, size_t
     uint8_t* p = out.bytes.data();
     out.length = area + bus_packet_overhead;
     std::fill_n(p, bus::data, uint8_t{0});
-    std::copy(eth_raw_rx_header.begin(), eth_raw_rx_header.end(), p + bus::destination);
+    store_head(p, {eth_raw_rx_header, {}, eth_raw_transfer_IP});
     store_le32(p + bus::length, static_cast<uint32_t>(out.length));
     p[bus::type] = type;
-    std::copy(eth_raw_transfer_IP.begin(), eth_raw_transfer_IP.end(), p + bus::ethertype);
     store_le32(p + bus::addr, addr);
     store_le32(p + bus::data_len, length);
 }
@@ -61,10 +54,10 @@ void pack(reply_frame& out, uint8_t type, uint32_t addr, uint32_t length, size_t
 
 bool is_bus_packet(std::span<const uint8_t> frame)
 {
-    return frame.size() >= bus::addr && frame[bus::rsv1] == 0 && frame[bus::rsv1 + 1] == 0 &&
-           std::equal(eth_raw_tx_header.begin(), eth_raw_tx_header.end(), frame.begin() + bus::destination) &&
-           std::equal(eth_raw_transfer_IP.begin(), eth_raw_transfer_IP.end(), frame.begin() + bus::ethertype) &&
-           !std::equal(eth_raw_rx_header.begin(), eth_raw_rx_header.end(), frame.begin() + request::source);
+    if (frame.size() < bus::addr || frame[bus::rsv1] != 0 || frame[bus::rsv1 + 1] != 0) { return false; }
+    const ethernet_head head = load_head(frame.data());
+    return head.destination == eth_raw_tx_header && head.type == eth_raw_transfer_IP &&
+           head.source != eth_raw_rx_header;
 }
 
 mistake check_bus_request(std::span<const uint8_t> packet, bus_request& out)
@@ -98,8 +91,7 @@ void pack_bus_response(reply_frame& out, uint32_t addr, uint8_t flag)
 
 void close_bus_answer(reply_frame& packet)
 {
-    const size_t end = packet.length - checksum_bytes;
-    store_le16(packet.bytes.data() + end, sum(packet.view(), end - bus::length));
+    store_le16(packet.bytes.data() + packet.length - checksum_bytes, packet_checksum_calc(packet.view()));
 }
 
 } // namespace rvk

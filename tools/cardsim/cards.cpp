@@ -219,8 +219,8 @@ void card_farm::send_strangers(uint64_t now_us, std::vector<reply_frame>& out)
     if (happens(fault::foreign)) {
         pack_reply(stranger, {}, ack_good, code_write_ack, {});
         switch (dice.below(fault::foreign, 3)) {
-        case 0: std::fill_n(stranger.bytes.begin() + reply::destination, 6, uint8_t{0xFF}); break; // a broadcast
-        case 1: stranger.bytes[reply::source] ^= 0x01; break;
+        case 0: std::fill_n(stranger.bytes.begin(), sizeof eth_raw_rx_header, uint8_t{0xFF}); break; // a broadcast
+        case 1: stranger.bytes[offsetof(ethernet_head, source)] ^= 0x01; break;
         default: std::swap(stranger.bytes[reply::sync], stranger.bytes[reply::sync + 1]); break; // looks like a request
         }
         hand_out(stranger.view(), now_us, out);

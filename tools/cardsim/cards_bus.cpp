@@ -74,7 +74,7 @@ void card_farm::spoil_bus(reply_frame& answer)
     if (happens(fault::bus_length_lie)) { store_le32(p + bus::length, load_le32(p + bus::length) + length_too_much); }
     if (happens(fault::bus_wrong_type)) { p[bus::type] = no_such_type; }
     if (happens(fault::bus_wrong_addr)) { store_le32(p + bus::addr, load_le32(p + bus::addr) ^ other_addr); }
-    if (happens(fault::bus_wrong_dest)) { p[bus::destination] ^= 1; }
+    if (happens(fault::bus_wrong_dest)) { p[offsetof(ethernet_head, destination)] ^= 1; }
     close_bus_answer(answer);
     damage(answer);
 }

@@ -25,12 +25,6 @@ constexpr std::array<const char*, verdict_count> names{"good",
                                                        "read_area_not_zero",
                                                        "plain_write_numbered"};
 
-template <size_t N>
-bool stands_at(const uint8_t* where, const std::array<uint8_t, N>& bytes)
-{
-    return std::equal(bytes.begin(), bytes.end(), where);
-}
-
 bool all_zero(std::span<const uint8_t> bytes)
 {
     return std::all_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b == 0; });
@@ -39,14 +33,13 @@ bool all_zero(std::span<const uint8_t> bytes)
 // Up to the end of the header, which is there in full once this is good.
 verdict check_header(std::span<const uint8_t> frame)
 {
-    if (frame.size() < request::type || !stands_at(frame.data() + request::source, eth_raw_rx_header)) {
-        return verdict::foreign;
-    }
-    if (!stands_at(frame.data() + request::destination, eth_raw_tx_header)) { return verdict::wrong_destination; }
+    if (frame.size() < sizeof(ethernet_head)) { return verdict::foreign; }
+    const ethernet_head head = load_head(frame.data());
+    if (head.source != request::head.source) { return verdict::foreign; }
+    if (head.destination != request::head.destination) { return verdict::wrong_destination; }
     if (frame.size() < request::payload) { return verdict::too_short_for_header; }
-    if (!stands_at(frame.data() + request::type, eth_raw_transfer_IP)) { return verdict::wrong_type; }
-    const bool in_step = frame[request::sync] == sync_low && frame[request::sync + 1] == sync_high;
-    return in_step ? verdict::good : verdict::wrong_sync;
+    if (head.type != request::head.type) { return verdict::wrong_type; }
+    return load_le16(frame.data() + request::sync) == request::sync_mark ? verdict::good : verdict::wrong_sync;
 }
 
 verdict check_sizes(size_t received, uint8_t code, size_t len)

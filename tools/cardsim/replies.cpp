@@ -14,11 +14,8 @@ void pack_reply(reply_frame& out, const request_fields& request, uint8_t status,
 {
     assert(data.size() <= reply_data_max);
     uint8_t* frame = out.bytes.data();
-    std::copy(eth_raw_rx_header.begin(), eth_raw_rx_header.end(), frame + reply::destination);
-    std::copy(eth_raw_tx_header.begin(), eth_raw_tx_header.end(), frame + reply::source);
-    std::copy(eth_raw_transfer_IP.begin(), eth_raw_transfer_IP.end(), frame + reply::type);
-    frame[reply::sync] = sync_high;
-    frame[reply::sync + 1] = sync_low;
+    store_head(frame, reply::head);
+    store_le16(frame + reply::sync, reply::sync_mark);
     frame[reply::ack] = status;
     store_le16(frame + reply::model, request.model);
     frame[reply::slot] = request.slot;
