@@ -63,8 +63,6 @@ struct status_options {
 uint8_t update_type_in(const std::string& text);
 std::string update_type_names();
 
-inline constexpr size_t command_data_max = 1400; // daemon: the most data of one read; ours: of one write command
-
 void run_hello(const settings& used, outcome& run);
 void run_read(const settings& used, const read_options& options, outcome& run);
 void run_write(const settings& used, const write_options& options, outcome& run);

@@ -6,6 +6,7 @@
 #include "rvkctl/picture.h"
 
 #include "command/values.h"
+#include "eth_raw/frame.h"
 #include "rvkctl/verify.h"
 
 #include <algorithm>
@@ -16,8 +17,9 @@
 namespace rvk::ctl {
 namespace {
 
-constexpr size_t step_bytes = 1400, step_room = 1408; // daemon: of a step, and from one to the next in card memory
-constexpr size_t line_unit = 64;                      // card: lines begin at multiples of it
+constexpr size_t line_unit = 64;              // card: lines begin at multiples of it, and a read-back's steps too
+constexpr size_t step_bytes = frame_data_max; // daemon
+constexpr size_t step_room = (step_bytes + line_unit - 1) / line_unit * line_unit; // 1,408
 
 enum class layout { spread, dense }; // as above: the whole picture, or without 8 of each 1,408 bytes
 

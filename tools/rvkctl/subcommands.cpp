@@ -3,6 +3,7 @@
 #include "rvkctl/subcommands.h"
 
 #include "command/values.h"
+#include "eth_raw/frame.h"
 
 #include <CLI/CLI.hpp>
 
@@ -42,7 +43,7 @@ read_options read_options_of(const raw_text& raw)
     read_options out;
     out.slot = static_cast<uint8_t>(number_in("SLOT", raw.slot, 0, UINT8_MAX));
     out.addr = static_cast<uint32_t>(number_in("ADDR", raw.addr, 0, UINT32_MAX));
-    out.len = static_cast<uint16_t>(number_in("LEN", raw.len, 1, command_data_max));
+    out.len = static_cast<uint16_t>(number_in("LEN", raw.len, 1, frame_data_max));
     out.model = static_cast<uint16_t>(number_in("--model", raw.model, 0, UINT16_MAX));
     out.out_file = raw.file;
     out.repeat = repetition_of(raw);

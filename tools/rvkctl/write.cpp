@@ -4,6 +4,7 @@
 
 #include "ap_msg/message.h"
 #include "command/values.h"
+#include "eth_raw/frame.h"
 #include "rvkctl/verify.h"
 
 #include <algorithm>
@@ -40,10 +41,10 @@ public:
     void write_all()
     {
         const std::span<const uint8_t> all{options.bytes};
-        for (size_t at = 0; at < all.size(); at += command_data_max) {
+        for (size_t at = 0; at < all.size(); at += frame_data_max) {
             talk.doing = format("%zu of %s", at, byte_count(all.size()).c_str());
             write_piece(static_cast<uint32_t>(options.addr + at),
-                        all.subspan(at, std::min(command_data_max, all.size() - at)));
+                        all.subspan(at, std::min(frame_data_max, all.size() - at)));
             ++confirmed;
         }
         if (last_reported_bytes > 0) { refuse_reported(report_wait); }
@@ -126,9 +127,9 @@ void verify_write(session& talk, const write_options& options, outcome& run)
 {
     const std::span<const uint8_t> all{options.bytes};
     try {
-        for (size_t at = 0; at < all.size(); at += command_data_max) {
+        for (size_t at = 0; at < all.size(); at += frame_data_max) {
             talk.doing = format("%zu of %s read back", at, byte_count(all.size()).c_str());
-            const auto wanted = all.subspan(at, std::min(command_data_max, all.size() - at));
+            const auto wanted = all.subspan(at, std::min(frame_data_max, all.size() - at));
             const read_options piece{.slot = options.slot,
                                      .model = options.model,
                                      .addr = static_cast<uint32_t>(options.addr + at),
@@ -163,7 +164,7 @@ std::string done_text(const write_options& options, const writer& done)
 std::string progress_text(const write_options& options, const writer& all, problem what)
 {
     if (all.sent == 0) { return ""; }
-    return format("; %zu of %s confirmed%s", all.confirmed * command_data_max, byte_count(options.bytes.size()).c_str(),
+    return format("; %zu of %s confirmed%s", all.confirmed * frame_data_max, byte_count(options.bytes.size()).c_str(),
                   what == problem::no_answer && all.sent > all.confirmed ? ", the next ones may have been written"
                                                                          : "");
 }
