@@ -6,7 +6,6 @@
 #include "base/pause.h"
 #include "cardsim/link.h"
 #include "eth_raw/bus_block.h"
-#include "eth_raw/bus_packet.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
 #include "harness.h"

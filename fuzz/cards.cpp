@@ -6,7 +6,7 @@
 // addresses, type and sync, bit 1 the checksum) and a two-byte length.
 #include "cardsim/cards.h"
 #include "base/bytes.h"
-#include "eth_raw/bus_packet.h"
+#include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
 
 #include <algorithm>

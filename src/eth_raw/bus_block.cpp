@@ -3,7 +3,7 @@
 // resent in pieces: a block that failed is repeated whole, within the bounds that stand below.
 #include "eth_raw/bus_block.h"
 
-#include "eth_raw/bus_packet.h"
+#include "eth_raw/link.h"
 #include "main/log.h"
 
 #include <algorithm>
@@ -61,14 +61,6 @@ int32_t attempt(int attempts, const char* caller, const char* name, Operation op
     return released != 0 ? released : result;
 }
 
-int32_t take_response(const char* operation, std::span<const uint8_t> packet)
-{
-    if (packet[bus::type] != bus_response) { return -1; }
-    if (packet[bus::data] == 0) { return 1; }
-    log_print(LOG_HERE, "%s:%d:failed, ACK flag = %d.\n", operation, __LINE__, packet[bus::data]);
-    return -1;
-}
-
 // Nothing is copied unless the packet holds all that was asked for: `length` bounds what `destination` takes.
 int32_t take_read_back(const char* operation, std::span<const uint8_t> packet, uint32_t length, uint8_t* destination)
 {
@@ -100,6 +92,62 @@ int32_t read_piece(const char* operation, const xfer* handle, uint32_t addr, uin
 }
 
 } // namespace
+
+size_t make_bus_request(std::array<uint8_t, bus_packet_max>* packet, uint32_t addr, uint32_t length,
+                        const uint8_t* data, uint8_t type)
+{
+    if (type == bus_write && length > bus_data_max) { return 0; }
+    const size_t carried = type == bus_write ? length : bus_data_min;
+    const size_t area = std::max(carried, bus_data_min);
+    const size_t total = area + bus_packet_overhead;
+    uint8_t* p = packet->data();
+    store_head(p, {eth_raw_tx_header, {}, eth_raw_transfer_IP});
+    store_le32(p + bus::length, static_cast<uint32_t>(total));
+    p[bus::rsv0] = eth_raw_transfer_rsv0;
+    p[bus::type] = type;
+    std::copy(eth_raw_transfer_rsv1.begin(), eth_raw_transfer_rsv1.end(), p + bus::rsv1);
+    store_le32(p + bus::addr, addr);
+    store_le32(p + bus::data_len, length);
+    memcpy(p + bus::data, data, carried);
+    std::fill_n(p + bus::data + carried, area - carried, uint8_t{0});
+    // Summed to the data length, not to the area's end; what a read asks for beyond its area would be zero bytes.
+    const size_t summed = std::min<size_t>(length, area) + bus_packet_overhead;
+    store_le16(p + total - checksum_bytes, packet_checksum_calc({p, summed}));
+    return total;
+}
+
+int32_t judge_packet(std::span<const uint8_t> packet, uint32_t addr)
+{
+    if (packet.size() < bus_packet_overhead || packet_header_judge(packet) != 0) { return -1; }
+    const size_t length = packet[bus::type] == bus_read_back  ? load_le32(packet.data() + bus::length)
+                          : packet[bus::type] == bus_response ? bus_short_packet
+                                                              : 0;
+    if (length < bus_packet_overhead || length > packet.size()) { return -1; }
+    const auto answer = packet.first(length);
+    if (packet_checksum_judge(answer, packet_checksum_calc(answer)) != 0) { return -1; }
+    return load_le32(packet.data() + bus::addr) == addr ? 0 : -1;
+}
+
+int32_t packet_header_judge(std::span<const uint8_t> packet)
+{
+    return load_head(packet.data()).destination == eth_raw_rx_header ? 0 : -1;
+}
+
+int32_t packet_checksum_judge(std::span<const uint8_t> packet, uint16_t computed)
+{
+    return load_le16(packet.data() + packet.size() - checksum_bytes) == computed ? 0 : -1;
+}
+
+int32_t packet_length_judge(std::span<const uint8_t> packet, uint32_t requested)
+{
+    return load_le32(packet.data() + bus::data_len) == requested ? 0 : -1;
+}
+
+uint16_t packet_checksum_calc(std::span<const uint8_t> packet)
+{
+    const size_t count = packet.size() - bus::length - checksum_bytes;
+    return static_cast<uint16_t>(frame_checksum(packet.data() + bus::length, count) - checksum_start);
+}
 
 int32_t Open_Eth_Raw(xfer* handles, int count)
 {
@@ -212,11 +260,12 @@ int32_t recv_message_func_unit(const xfer* handle, uint32_t addr, uint32_t lengt
     if (received <= 0 || received > static_cast<ssize_t>(bus_answer_max)) { return -1; }
     const std::span<const uint8_t> packet{buffer.data(), static_cast<size_t>(received)};
     if (judge_packet(packet, addr) != 0) { return -1; }
-    switch (kind) {
-    case bus_response: return take_response(__func__, packet);
-    case bus_read_back: return take_read_back(__func__, packet, length, destination);
-    default: return 0;
-    }
+    if (kind == bus_read_back) { return take_read_back(__func__, packet, length, destination); }
+    if (kind != bus_response) { return 0; }
+    if (packet[bus::type] != bus_response) { return -1; }
+    if (packet[bus::data] == 0) { return 1; }
+    log_print(LOG_HERE, "%s:%d:failed, ACK flag = %d.\n", __func__, __LINE__, packet[bus::data]);
+    return -1;
 }
 
 int32_t recv_read_back_message_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
@@ -260,8 +309,7 @@ int32_t open_semaphore()
 
 int32_t set_semvalue()
 {
-    semun value{};
-    value.val = 1;
+    const semun value{.val = 1};
     if (semctl(sem_id, 0, SETVAL, value) == 0) { return 0; }
     log_print(LOG_HERE, "%s:%d:set sem val failed.\n", __func__, __LINE__);
     return -1;

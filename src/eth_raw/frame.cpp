@@ -1,5 +1,6 @@
 #include "eth_raw/frame.h"
 
+#include "base/counters.h"
 #include "main/log.h"
 
 namespace rvk {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "base/bytes.h"
-#include "base/counters.h"
 
 #include <array>
 #include <cstddef>
@@ -12,6 +11,8 @@
 #include <optional>
 
 namespace rvk {
+
+enum class drop : uint8_t; // base/counters.h
 
 inline constexpr std::array<uint8_t, 6> eth_raw_tx_header{0xEB, 0x90, 0xEB, 0x90, 0xEB, 0x90}; // the cards' address
 inline constexpr std::array<uint8_t, 6> eth_raw_rx_header{0x44, 0x44, 0x44, 0x44, 0x44, 0x44}; // the controller's

@@ -86,11 +86,10 @@ void RawMsgFreeBuf(uint8_t* payload); // the same, for whoever ends a request
 // The second half of it: sends the frame that stands packed in its buffer, frame_bytes long.
 [[nodiscard]] int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len);
 
-// Sends a frame again, byte for byte. Result: `frame_bytes`, or -1. The second prints nothing.
-// error  out: errno of a send that failed, 0 otherwise
-int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes);
-int32_t send_again(int index, uint8_t* payload, unsigned frame_bytes, int* error);
-void print_send_error(int error); // as the first prints it
+// Sends a frame again, byte for byte. Result: `frame_bytes`, or -1.
+// error  out: errno of a send that failed, otherwise left as it is; without it, that errno is printed
+int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes, int* error = nullptr);
+void print_send_error(int error);
 
 // Waits for one frame. Result: the payload of a valid reply, with its fields in the out-parameters; null for anything
 // else. A receive that fails (link down, socket gone) is logged once, and each such call lasts 100 ms.

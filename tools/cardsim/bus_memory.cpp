@@ -1,7 +1,7 @@
 #include "cardsim/bus_memory.h"
 
 #include "base/bytes.h"
-#include "eth_raw/bus_packet.h"
+#include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
 
 #include <algorithm>

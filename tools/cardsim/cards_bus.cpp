@@ -2,7 +2,7 @@
 #include "cardsim/cards.h"
 
 #include "base/bytes.h"
-#include "eth_raw/bus_packet.h"
+#include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
 
 #include <array>

@@ -5,7 +5,7 @@
 
 #include "command/values.h"
 #include "eth_raw/bus_block.h"
-#include "eth_raw/bus_packet.h"
+#include "eth_raw/link.h"
 #include "rvkdiag/direct_link.h"
 
 #include <algorithm>

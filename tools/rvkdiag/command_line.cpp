@@ -2,6 +2,7 @@
 // argument, its value and what to give instead. Everything is understood before anything is opened.
 #include "rvkdiag/command_line.h"
 
+#include "base/card_links.h"
 #include "command/values.h"
 #include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
