@@ -6,7 +6,7 @@
 // addresses, type and sync, bit 1 the checksum) and a two-byte length.
 #include "cardsim/cards.h"
 #include "base/bytes.h"
-#include "eth_raw/bus_packet.h"
+#include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
 
 #include <algorithm>
@@ -24,11 +24,8 @@ void put_right(std::vector<uint8_t>& frame, uint8_t what)
 {
     if (frame.size() < request::payload + checksum_bytes) { return; }
     if ((what & 1) != 0) {
-        std::copy(eth_raw_tx_header.begin(), eth_raw_tx_header.end(), frame.begin() + request::destination);
-        std::copy(eth_raw_rx_header.begin(), eth_raw_rx_header.end(), frame.begin() + request::source);
-        std::copy(eth_raw_transfer_IP.begin(), eth_raw_transfer_IP.end(), frame.begin() + request::type);
-        frame[request::sync] = sync_low;
-        frame[request::sync + 1] = sync_high;
+        store_head(frame.data(), request::head);
+        store_le16(frame.data() + request::sync, request::sync_mark);
     }
     const size_t end = frame.size() - checksum_bytes;
     if ((what & 2) != 0) {

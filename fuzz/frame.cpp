@@ -17,10 +17,8 @@ void put_right(uint8_t* frame, size_t size, uint8_t what)
 {
     if (size < reply::payload + checksum_bytes) { return; }
     if ((what & 1) != 0) {
-        std::copy(eth_raw_rx_header.begin(), eth_raw_rx_header.end(), frame + reply::destination);
-        std::copy(eth_raw_tx_header.begin(), eth_raw_tx_header.end(), frame + reply::source);
-        frame[reply::sync] = sync_high;
-        frame[reply::sync + 1] = sync_low;
+        store_head(frame, {reply::head.destination, reply::head.source, load_head(frame).type});
+        store_le16(frame + reply::sync, reply::sync_mark);
     }
     const size_t summed = reply::payload + load_le16(frame + reply::len) - checksummed_from;
     if ((what & 2) != 0 && checksummed_from + summed + checksum_bytes <= size) {

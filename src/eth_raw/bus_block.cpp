@@ -3,38 +3,46 @@
 // resent in pieces: a block that failed is repeated whole, within the bounds that stand below.
 #include "eth_raw/bus_block.h"
 
-#include "base/bytes.h"
-#include "eth_raw/bus_packet.h"
-#include "eth_raw/bus_semaphore.h"
+#include "eth_raw/link.h"
 #include "main/log.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
-#include <span>
+#include <sys/sem.h>
 #include <sys/socket.h>
 
 namespace rvk {
+
+int sem_id = -1;
+
 namespace {
 
 static_assert(bus_links == MAX_ETH);
-constexpr int write_attempts = 3, read_attempts = 10, answer_tries = 10; // ours
-constexpr int32_t read_refused = -2;
+constexpr int write_attempts = 3, read_attempts = 10; // ours
 constexpr uint32_t piece_bytes = bus_data_max;
 
 int32_t check_parameters(const char* operation, const xfer* handle, uint32_t length, const void* data)
 {
-    if (handle == nullptr || handle->sock_fd < 1 || handle->sll == nullptr) {
-        log_print(LOG_HERE, "%s:%d:invalid parameter(xfer).\n", operation, __LINE__);
-        return -1;
-    }
-    if (data == nullptr) {
-        log_print(LOG_HERE, "%s:%d:invalid parameter(data).\n", operation, __LINE__);
-        return -1;
-    }
-    if (length > bus_block_max) {
-        log_print(LOG_HERE, "%s:%d:invalid parameter(length).\n", operation, __LINE__);
+    const char* const wrong = handle == nullptr || handle->sock_fd < 1 || handle->sll == nullptr ? "xfer"
+                              : data == nullptr                                                  ? "data"
+                              : length > bus_block_max                                           ? "length"
+                                                                                                 : nullptr;
+    if (wrong == nullptr) { return 0; }
+    log_print(LOG_HERE, "%s:%d:invalid parameter(%s).\n", operation, __LINE__, wrong);
+    return -1;
+}
+
+union semun { // the caller defines it, says semctl
+    int val;
+    semid_ds* buf;
+};
+
+int32_t change_semaphore(const char* operation, short by, char name)
+{
+    sembuf change{0, by, SEM_UNDO};
+    while (semop(sem_id, &change, 1) != 0) {
+        if (errno == EINTR) { continue; }
+        log_print(LOG_HERE, "%s:%d:semaphore %c func failed\n", operation, __LINE__, name);
         return -1;
     }
     return 0;
@@ -53,21 +61,13 @@ int32_t attempt(int attempts, const char* caller, const char* name, Operation op
     return released != 0 ? released : result;
 }
 
-int32_t take_response(const char* operation, std::span<const uint8_t> packet)
-{
-    if (packet[bus::type] != bus_response) { return -1; }
-    if (packet[bus::data] == 0) { return 1; }
-    log_print(LOG_HERE, "%s:%d:failed, ACK flag = %d.\n", operation, __LINE__, packet[bus::data]);
-    return -1;
-}
-
 // Nothing is copied unless the packet holds all that was asked for: `length` bounds what `destination` takes.
 int32_t take_read_back(const char* operation, std::span<const uint8_t> packet, uint32_t length, uint8_t* destination)
 {
     if (packet[bus::type] == bus_response) {
         if (packet[bus::data] == 0) { return 0; }
         log_print(LOG_HERE, "%s:%d:read back failed, ACK flag = %d.\n", operation, __LINE__, packet[bus::data]);
-        return read_refused;
+        return bus_read_refused;
     }
     if (packet[bus::type] != bus_read_back || packet_length_judge(packet, length) != 0) { return -1; }
     const uint32_t holds = load_le32(packet.data() + bus::length) - static_cast<uint32_t>(bus_packet_overhead);
@@ -82,16 +82,72 @@ int32_t read_piece(const char* operation, const xfer* handle, uint32_t addr, uin
         log_print(LOG_HERE, "%s:%d:send_request_message_func() failed(ret = %d).\n", operation, __LINE__, result);
         return result;
     }
-    for (int i = 0; i < answer_tries; ++i) {
+    for (int i = 0; i < bus_answer_tries; ++i) {
         const int32_t result = recv_read_back_message_func(handle, addr, length, destination);
         if (result == 0) { return 0; }
-        if (result == read_refused) { return -1; }
+        if (result == bus_read_refused) { return -1; }
     }
     log_print(LOG_HERE, "%s:%d:recv_read_back_message_func() failed.\n", operation, __LINE__);
     return -1;
 }
 
 } // namespace
+
+size_t make_bus_request(std::array<uint8_t, bus_packet_max>* packet, uint32_t addr, uint32_t length,
+                        const uint8_t* data, uint8_t type)
+{
+    if (type == bus_write && length > bus_data_max) { return 0; }
+    const size_t carried = type == bus_write ? length : bus_data_min;
+    const size_t area = std::max(carried, bus_data_min);
+    const size_t total = area + bus_packet_overhead;
+    uint8_t* p = packet->data();
+    store_head(p, {eth_raw_tx_header, {}, eth_raw_transfer_IP});
+    store_le32(p + bus::length, static_cast<uint32_t>(total));
+    p[bus::rsv0] = eth_raw_transfer_rsv0;
+    p[bus::type] = type;
+    std::copy(eth_raw_transfer_rsv1.begin(), eth_raw_transfer_rsv1.end(), p + bus::rsv1);
+    store_le32(p + bus::addr, addr);
+    store_le32(p + bus::data_len, length);
+    memcpy(p + bus::data, data, carried);
+    std::fill_n(p + bus::data + carried, area - carried, uint8_t{0});
+    // Summed to the data length, not to the area's end; what a read asks for beyond its area would be zero bytes.
+    const size_t summed = std::min<size_t>(length, area) + bus_packet_overhead;
+    store_le16(p + total - checksum_bytes, packet_checksum_calc({p, summed}));
+    return total;
+}
+
+int32_t judge_packet(std::span<const uint8_t> packet, uint32_t addr)
+{
+    if (packet.size() < bus_packet_overhead || packet_header_judge(packet) != 0) { return -1; }
+    const size_t length = packet[bus::type] == bus_read_back  ? load_le32(packet.data() + bus::length)
+                          : packet[bus::type] == bus_response ? bus_short_packet
+                                                              : 0;
+    if (length < bus_packet_overhead || length > packet.size()) { return -1; }
+    const auto answer = packet.first(length);
+    if (packet_checksum_judge(answer, packet_checksum_calc(answer)) != 0) { return -1; }
+    return load_le32(packet.data() + bus::addr) == addr ? 0 : -1;
+}
+
+int32_t packet_header_judge(std::span<const uint8_t> packet)
+{
+    return load_head(packet.data()).destination == eth_raw_rx_header ? 0 : -1;
+}
+
+int32_t packet_checksum_judge(std::span<const uint8_t> packet, uint16_t computed)
+{
+    return load_le16(packet.data() + packet.size() - checksum_bytes) == computed ? 0 : -1;
+}
+
+int32_t packet_length_judge(std::span<const uint8_t> packet, uint32_t requested)
+{
+    return load_le32(packet.data() + bus::data_len) == requested ? 0 : -1;
+}
+
+uint16_t packet_checksum_calc(std::span<const uint8_t> packet)
+{
+    const size_t count = packet.size() - bus::length - checksum_bytes;
+    return static_cast<uint16_t>(frame_checksum(packet.data() + bus::length, count) - checksum_start);
+}
 
 int32_t Open_Eth_Raw(xfer* handles, int count)
 {
@@ -149,24 +205,19 @@ int32_t eth_raw_tranfser_set(eth_init* links, xfer* handles, int count)
 
 int32_t write_process_func(const xfer* handle, uint32_t addr, uint32_t length, const uint8_t* data)
 {
-    const uint32_t pieces = length / piece_bytes;
-    for (uint32_t i = 0; i < pieces; ++i) {
-        const uint32_t at = i * piece_bytes;
-        const int32_t result = send_message_func_unit(handle, addr + at, piece_bytes, data + at, bus_write);
-        if (result != 0) {
+    for (uint32_t at = 0; at < length; at += piece_bytes) {
+        const uint32_t n = std::min(length - at, piece_bytes);
+        const int32_t result = send_message_func_unit(handle, addr + at, n, data + at, bus_write);
+        if (result == 0) { continue; }
+        if (n == piece_bytes) {
             log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(i = %d, ret = %d).\n", __func__, __LINE__,
-                      static_cast<int>(i), result);
-            return result;
+                      static_cast<int>(at / piece_bytes), result);
+        } else {
+            log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(ret = %d).\n", __func__, __LINE__, result);
         }
+        return result;
     }
-    const uint32_t rest = length % piece_bytes;
-    if (rest == 0) { return 0; }
-    const uint32_t at = pieces * piece_bytes;
-    const int32_t result = send_message_func_unit(handle, addr + at, rest, data + at, bus_write);
-    if (result != 0) {
-        log_print(LOG_HERE, "%s:%d:send_message_func_unit() failed(ret = %d).\n", __func__, __LINE__, result);
-    }
-    return result;
+    return 0;
 }
 
 int32_t read_process_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
@@ -209,17 +260,18 @@ int32_t recv_message_func_unit(const xfer* handle, uint32_t addr, uint32_t lengt
     if (received <= 0 || received > static_cast<ssize_t>(bus_answer_max)) { return -1; }
     const std::span<const uint8_t> packet{buffer.data(), static_cast<size_t>(received)};
     if (judge_packet(packet, addr) != 0) { return -1; }
-    switch (kind) {
-    case bus_response: return take_response(__func__, packet);
-    case bus_read_back: return take_read_back(__func__, packet, length, destination);
-    default: return 0;
-    }
+    if (kind == bus_read_back) { return take_read_back(__func__, packet, length, destination); }
+    if (kind != bus_response) { return 0; }
+    if (packet[bus::type] != bus_response) { return -1; }
+    if (packet[bus::data] == 0) { return 1; }
+    log_print(LOG_HERE, "%s:%d:failed, ACK flag = %d.\n", __func__, __LINE__, packet[bus::data]);
+    return -1;
 }
 
 int32_t recv_read_back_message_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination)
 {
     const int32_t result = recv_message_func_unit(handle, addr, length, destination, bus_read_back);
-    if (result < 0 && result != read_refused) {
+    if (result < 0 && result != bus_read_refused) {
         log_print(LOG_HERE, "%s:%d:recv_message_func_unit() failed(ret = %d).\n", __func__, __LINE__, result);
     }
     return result;
@@ -229,5 +281,46 @@ int32_t recv_response_message_func(const xfer* handle, uint32_t addr, uint32_t l
 {
     return recv_message_func_unit(handle, addr, length, nullptr, bus_response) == 1 ? 0 : -1;
 }
+
+// A semaphore that cannot be had does not fail the opening: the links are of use without it, to whoever reads and
+// writes single packets. What needs it fails where it is taken.
+int32_t open_semaphore()
+{
+    sem_id = semget(bus_semaphore_key, 1, IPC_CREAT | IPC_EXCL | 0666);
+    int error = errno;
+    log_print(LOG_HERE, "sem_id = %d, errno = %d.\n", sem_id, error);
+    if (sem_id >= 0) {
+        if (set_semvalue() == 0) { return 0; }
+        log_print(LOG_HERE, "Failed to initialize semaphore(sem_id : %d).\n", sem_id);
+        del_semvalue(); // of value 0, it would hold everybody who attaches to it for ever
+        return -1;
+    }
+    if (error == EEXIST) {
+        sem_id = semget(bus_semaphore_key, 1, 0);
+        error = errno;
+        log_print(LOG_HERE, "sem_id(%d) already exits.\n", sem_id);
+    }
+    if (sem_id < 0) {
+        log_print(LOG_HERE, "no semaphore of key %d (%s): every block operation will fail\n", bus_semaphore_key,
+                  strerror(error));
+    }
+    return 0;
+}
+
+int32_t set_semvalue()
+{
+    const semun value{.val = 1};
+    if (semctl(sem_id, 0, SETVAL, value) == 0) { return 0; }
+    log_print(LOG_HERE, "%s:%d:set sem val failed.\n", __func__, __LINE__);
+    return -1;
+}
+
+void del_semvalue()
+{
+    if (semctl(sem_id, 0, IPC_RMID) != 0) { log_print(LOG_HERE, "Failed to delete semaphore\n"); }
+}
+
+int32_t semaphore_p() { return change_semaphore(__func__, -1, 'P'); }
+int32_t semaphore_v() { return change_semaphore(__func__, 1, 'V'); }
 
 } // namespace rvk

@@ -1,14 +1,20 @@
-// The card links: one record per interface, its raw socket, and the mutex that serialises sends on it.
+// The card links, single frames to and from the cards, and the message buffers in which frames are built in place.
 //
-// Links are opened by the main thread; the status thread, which runs before, looks only at those that are active. Their
-// sockets stay to the end of the process; a link counts as closed while its device is gone. Interfaces
-// are left in promiscuous mode: the cards send to a fixed address that is not the interface's own.
+// Owns one record per link (interface, raw socket, the mutex around each send), opened by the main thread at start. The
+// sockets stay to the end of the process; a link counts as closed while its device is gone. Interfaces are left in
+// promiscuous mode: the cards send to a fixed address that is not the interface's own.
+// Any thread sends, under the link's send_mutex; the link's receive thread receives; the status thread watches. Each
+// frame is sent once: retries are the business of those above.
+//
+// index, model, slot, addr: the card link (0 to 2) and the card's address on it, as the frame carries them.
+// A message buffer is a pool block of whoever got it; its handle is the payload, the frame starts 28 bytes before it.
 #pragma once
 
 #include "base/board.h"
 #include "base/mutex.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <linux/if_packet.h>
 
@@ -35,6 +41,15 @@ extern eth_init g_eth_init[MAX_ETH]; // zero until a link is opened
 // Closes a link's socket; the record keeps the rest. Only when no thread uses the link any more.
 void RawSockMsgUnInit(int index);
 
+// The steps of RawSockMsgInit. The first fills one record; its result: 0; -1 for an index above 2 (the record is then
+// not looked at) or a socket that cannot be opened; the negative result of socket_bind, with the socket closed again.
+// operation    who reports a socket that cannot be opened
+// socket_init  result: a raw socket that receives every frame of the interface, now promiscuous; -1 on failure
+// socket_bind  fills the address with the interface's index and binds the socket to it; result: 0 or the failing call's
+[[nodiscard]] int32_t init_netdev(eth_init* record, unsigned index, const char* operation = "init_netdev");
+[[nodiscard]] int socket_init(const char* if_name);
+[[nodiscard]] int socket_bind(sockaddr_ll* sll, int sock_fd, const char* if_name);
+
 // Whether frames can be sent and answered. Any thread.
 [[nodiscard]] bool is_open(const eth_init& link);
 
@@ -43,18 +58,52 @@ void RawSockMsgUnInit(int index);
 // a second; never a link's own threads, since the kernel's locks for this may be held long.
 void watch_link(int index);
 
-// Frames that the link's socket had no room for, since this was asked last; 0 when it cannot be said. Any thread.
+// Frames for which the link's socket had no space since this was asked last; 0 when it cannot be said. Any thread.
 [[nodiscard]] uint32_t take_kernel_drops(int index);
 
-// Fills one record. Result: 0; -1 for an index above 2 (the record is then not looked at) or a socket that cannot be
-// opened; the negative result of socket_bind, with the socket closed again.
-// operation  who reports a socket that cannot be opened
-[[nodiscard]] int32_t init_netdev(eth_init* record, unsigned index, const char* operation = "init_netdev");
+inline constexpr size_t receive_bytes = 1450; // card: no reply is longer
 
-// Result: a raw socket that receives every frame of the interface, now promiscuous; -1 on failure.
-[[nodiscard]] int socket_init(const char* if_name);
+// The process's one receive buffer. A received payload points into it and is valid until the next receive; the one
+// receive thread of link 0 uses it.
+extern uint8_t gRecvBuffer[receive_bytes];
 
-// Fills the address with the interface's index and binds the socket to it. Result: 0 or the failing call's.
-[[nodiscard]] int socket_bind(sockaddr_ll* sll, int sock_fd, const char* if_name);
+// Result: a zero-filled buffer for len payload bytes (and at least 64); null above 1,400 or when the pool has none.
+[[nodiscard]] uint8_t* RawMsgBuffGet(unsigned len);
+
+// Result: where the frame around a payload starts.
+[[nodiscard]] uint8_t* RawMsgBuffHeadGet(uint8_t* payload);
+
+void RawMsgBuffFree(uint8_t* payload);
+void RawMsgFreeBuf(uint8_t* payload); // the same, for whoever ends a request
+
+// Builds the frame in its buffer and sends it; on success the buffer holds the frame as RawSockMsgSendAgain takes it.
+// payload, len  a message buffer's payload, 1 to 1,400 bytes; for a read the bytes asked for
+// Result        the frame's length in bytes; -1 when refused (no such link, link not open, length) or not sent whole
+// Threads       any; a socket that would block is tried again once, 1 ms later
+[[nodiscard]] int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,
+                                     uint8_t* payload, unsigned len);
+
+// The second half of it: sends the frame that stands packed in its buffer, frame_bytes long.
+[[nodiscard]] int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len);
+
+// Sends a frame again, byte for byte. Result: `frame_bytes`, or -1.
+// error  out: errno of a send that failed, otherwise left as it is; without it, that errno is printed
+int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes, int* error = nullptr);
+void print_send_error(int error);
+
+// Waits for one frame. Result: the payload of a valid reply, with its fields in the out-parameters; null for anything
+// else. A receive that fails (link down, socket gone) is logged once, and each such call lasts 100 ms.
+[[nodiscard]] const uint8_t* RawSockMsgRecv(int index, uint8_t* ack, uint16_t* model, uint8_t* slot, uint32_t* addr,
+                                            uint8_t* code, uint16_t* seq, uint16_t* len);
+
+// Dumps a frame to standard output as hex when print_flag is set.
+void print_msg(const uint8_t* frame, size_t count);
+
+// For other programs; nobody here calls them: a table of 1,000 small buffers of 64 bytes, handed out in turn. The
+// handle is the entry's own block. Any thread; the table has a lock of its own.
+[[nodiscard]] int32_t RawMsgInitMinBuffer(); // 0, or -1 at the first block that cannot be had; those before it stay
+void RawMsgUninitMinBuffer();                // frees all blocks, also those that somebody still holds
+[[nodiscard]] uint8_t* RawMsgMinBuffGet();   // the next entry's block; null, logged, when that has none or is in use
+void RawMsgMinBuffFree(uint8_t* block);      // a pointer that is no entry's is refused and logged
 
 } // namespace rvk

@@ -1,12 +1,14 @@
-#include "eth_raw/min_buffer.h"
+#include "eth_raw/link.h"
 
-#include "base/mutex.h"
 #include "main/log.h"
 
 #include <cstdlib>
 
 namespace rvk {
 namespace {
+
+constexpr int min_buffers = 1000;         // ours
+constexpr unsigned min_buffer_bytes = 64; // card: the shortest payload
 
 struct min_buffer {
     uint8_t* buf;
@@ -46,12 +48,8 @@ uint8_t* RawMsgMinBuffGet()
     const scoped_lock hold(table_mtx);
     const int next = (minbuffercount + 1) % min_buffers;
     min_buffer& entry = stMinBuff[next];
-    if (entry.buf == nullptr) {
-        log_print(LOG_HERE, "min buffer is NULL\n");
-        return nullptr;
-    }
-    if (entry.used != 0) {
-        log_print(LOG_HERE, "min buffer is not enough\n");
+    if (entry.buf == nullptr || entry.used != 0) {
+        log_print(LOG_HERE, "min buffer is %s\n", entry.buf == nullptr ? "NULL" : "not enough");
         return nullptr;
     }
     entry.used = 1;
@@ -63,10 +61,9 @@ void RawMsgMinBuffFree(uint8_t* block)
 {
     const scoped_lock hold(table_mtx);
     for (min_buffer& entry : stMinBuff) {
-        if (block != nullptr && entry.buf == block) {
-            entry.used = 0;
-            return;
-        }
+        if (block == nullptr || entry.buf != block) { continue; }
+        entry.used = 0;
+        return;
     }
     log_print(LOG_HERE, "%p is no small buffer: nothing freed\n", static_cast<void*>(block));
 }

@@ -4,7 +4,7 @@
 #include "base/fd.h"
 #include "base/rt_thread.h"
 #include "eth_raw/frame.h"
-#include "eth_raw/raw_sock.h"
+#include "eth_raw/link.h"
 #include "main/log.h"
 #include "platform/platform.h"
 #include "raw_msg/send.h"

@@ -1,5 +1,5 @@
 // Exactly what the daemon expects of the board. The board's own library provides it; `platform/local` is our stand-in
-// for any Linux machine, one file per call, so that a test or a tool replaces one call by linking its own.
+// for any Linux machine. Its calls are weak, so that a test or a tool replaces one by defining its own.
 #pragma once
 
 #include <cstdint>

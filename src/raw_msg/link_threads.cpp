@@ -5,7 +5,6 @@
 #include "base/rt_thread.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
-#include "eth_raw/raw_sock.h"
 #include "main/log.h"
 #include "timer/timer.h"
 

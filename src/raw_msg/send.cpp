@@ -1,7 +1,7 @@
 #include "raw_msg/send.h"
 
 #include "base/clock.h"
-#include "eth_raw/raw_sock.h"
+#include "eth_raw/link.h"
 #include "main/log.h"
 #include "mem/mem.h"
 #include "raw_msg/link_threads.h"

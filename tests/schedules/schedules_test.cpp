@@ -4,7 +4,6 @@
 #include "cardsim/frames.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
-#include "eth_raw/raw_sock.h"
 #include "explorer.h"
 #include "mem/mem.h"
 #include "queue/queue.h"

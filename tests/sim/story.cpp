@@ -98,7 +98,7 @@ struct player : story {
         pack_reply(reply, request, says == "refused" ? 2 : says == "none" ? no_answer : ack_good, code, data);
         if (says == "damaged") { reply[reply::model] ^= 0x10; }
         if (says == "lying") { ++reply[reply::len], close_reply(reply); }
-        if (says == "stranger") { reply[reply::source] ^= 1; }
+        if (says == "stranger") { reply[offsetof(ethernet_head, source)] ^= 1; }
         if (says == "runt") { reply.resize(reply::payload - 1); }
         if (says == "tail") { reply.push_back(0x77); }
         w.arrive(reply);

@@ -1,7 +1,7 @@
 #include "cardsim/cards.h"
 
 #include "base/bytes.h"
-#include "eth_raw/bus_packet.h"
+#include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
 
 #include <algorithm>
@@ -183,7 +183,7 @@ void card_farm::spoil_bus(reply_frame& reply)
     if (happens(fault::bus_length_lie)) { store_le32(p + bus::length, load_le32(p + bus::length) + len_too_much); }
     if (happens(fault::bus_wrong_type)) { p[bus::type] = bus_no_such_type; }
     if (happens(fault::bus_wrong_addr)) { store_le32(p + bus::addr, load_le32(p + bus::addr) ^ bus_other_addr); }
-    if (happens(fault::bus_wrong_dest)) { p[bus::destination] ^= 1; }
+    if (happens(fault::bus_wrong_dest)) { p[offsetof(ethernet_head, destination)] ^= 1; }
     close_bus_answer(reply);
 }
 
@@ -219,8 +219,8 @@ void card_farm::send_foreign(uint64_t now_us, std::vector<reply_frame>& out)
     if (happens(fault::foreign)) {
         pack_reply(extra, {}, ack_good, code_write_ack, {});
         switch (injector.below(fault::foreign, 3)) {
-        case 0: std::fill_n(extra.begin() + reply::destination, 6, uint8_t{0xFF}); break; // a broadcast
-        case 1: extra[reply::source] ^= 0x01; break;
+        case 0: std::fill_n(extra.begin(), sizeof eth_raw_rx_header, uint8_t{0xFF}); break; // a broadcast
+        case 1: extra[offsetof(ethernet_head, source)] ^= 0x01; break;
         default: std::swap(extra[reply::sync], extra[reply::sync + 1]); break; // looks like a request
         }
         hand_out(extra, now_us, out);

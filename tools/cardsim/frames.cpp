@@ -1,7 +1,7 @@
 #include "cardsim/frames.h"
 
 #include "base/bytes.h"
-#include "eth_raw/bus_packet.h"
+#include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
 
 #include <cassert>
@@ -9,23 +9,16 @@
 namespace rvk {
 namespace {
 
-template <size_t N>
-bool stands_at(const uint8_t* where, const std::array<uint8_t, N>& bytes)
-{
-    return std::equal(bytes.begin(), bytes.end(), where);
-}
-
 // Up to the end of the header, which is there in full once this is good.
 violation check_header(std::span<const uint8_t> frame)
 {
-    if (frame.size() < request::type || !stands_at(frame.data() + request::source, eth_raw_rx_header)) {
-        return violation::foreign;
-    }
-    if (!stands_at(frame.data() + request::destination, eth_raw_tx_header)) { return violation::wrong_destination; }
+    if (frame.size() < sizeof(ethernet_head)) { return violation::foreign; }
+    const ethernet_head head = load_head(frame.data());
+    if (head.source != request::head.source) { return violation::foreign; }
+    if (head.destination != request::head.destination) { return violation::wrong_destination; }
     if (frame.size() < request::payload) { return violation::too_short_for_header; }
-    if (!stands_at(frame.data() + request::type, eth_raw_transfer_IP)) { return violation::wrong_type; }
-    const bool in_step = frame[request::sync] == sync_low && frame[request::sync + 1] == sync_high;
-    return in_step ? violation::none : violation::wrong_sync;
+    if (head.type != request::head.type) { return violation::wrong_type; }
+    return load_le16(&frame[request::sync]) == request::sync_mark ? violation::none : violation::wrong_sync;
 }
 
 violation check_sizes(size_t received, uint8_t code, size_t len)
@@ -50,20 +43,14 @@ violation check_contents(std::span<const uint8_t> frame, const request_fields& f
     return fields.code == code_write && fields.seq != 0 ? violation::plain_write_numbered : violation::none;
 }
 
-// The sum of `count` bytes from the length field on; no constant is added here.
-uint16_t bus_sum(std::span<const uint8_t> packet, size_t count)
-{
-    return static_cast<uint16_t>(frame_checksum(packet.data() + bus::length, count) - checksum_start);
-}
-
 violation check_bus_area(std::span<const uint8_t> packet, size_t length)
 {
     if (length == 0 || length > bus_data_max) { return violation::bus_data_length; }
     const size_t carried = packet[bus::type] == bus_write ? length : 0;
     const size_t area = packet.size() - bus_packet_overhead;
     if (area != std::max(carried, bus_data_min)) { return violation::bus_data_length; }
-    const size_t summed = bus::data - bus::length + std::min(length, area);
-    if (load_le16(packet.data() + bus::data + area) != bus_sum(packet, summed)) { return violation::bus_checksum; }
+    const auto summed = packet.first(bus_packet_overhead + std::min(length, area));
+    if (packet_checksum_judge(packet, packet_checksum_calc(summed)) != 0) { return violation::bus_checksum; }
     return all_zero(packet.subspan(bus::data, area).subspan(carried)) ? violation::none : violation::bus_area_not_zero;
 }
 
@@ -86,11 +73,8 @@ void pack_reply(reply_frame& out, const request_fields& request, uint8_t status,
     assert(data.size() <= reply_data_max);
     out.resize(reply::payload + data.size() + checksum_bytes);
     uint8_t* frame = out.data();
-    std::ranges::copy(eth_raw_rx_header, frame + reply::destination);
-    std::ranges::copy(eth_raw_tx_header, frame + reply::source);
-    std::ranges::copy(eth_raw_transfer_IP, frame + reply::type);
-    frame[reply::sync] = sync_high;
-    frame[reply::sync + 1] = sync_low;
+    store_head(frame, reply::head);
+    store_le16(frame + reply::sync, reply::sync_mark);
     frame[reply::ack] = status;
     store_le16(frame + reply::model, request.model);
     frame[reply::slot] = request.slot;
@@ -110,10 +94,10 @@ void close_reply(reply_frame& frame)
 
 bool is_bus_packet(std::span<const uint8_t> frame)
 {
-    return frame.size() >= bus::addr && stands_at(frame.data() + bus::destination, eth_raw_tx_header) &&
-           stands_at(frame.data() + bus::ethertype, eth_raw_transfer_IP) &&
-           stands_at(frame.data() + bus::rsv1, eth_raw_transfer_rsv1) &&
-           !stands_at(frame.data() + request::source, eth_raw_rx_header);
+    if (frame.size() < bus::addr || load_le16(&frame[bus::rsv1]) != 0) { return false; }
+    const ethernet_head head = load_head(frame.data());
+    return head.destination == request::head.destination && head.type == request::head.type &&
+           head.source != request::head.source;
 }
 
 violation check_bus_request(std::span<const uint8_t> packet, request_fields& out)
@@ -139,10 +123,9 @@ void pack_bus_answer(reply_frame& out, uint8_t type, uint32_t addr, std::span<co
     const size_t area = std::max(data.size(), bus_data_min);
     out.assign(area + bus_packet_overhead, 0);
     uint8_t* p = out.data();
-    std::ranges::copy(eth_raw_rx_header, p + bus::destination);
+    store_head(p, {eth_raw_rx_header, {}, eth_raw_transfer_IP});
     store_le32(p + bus::length, static_cast<uint32_t>(out.size()));
     p[bus::type] = type;
-    std::ranges::copy(eth_raw_transfer_IP, p + bus::ethertype);
     store_le32(p + bus::addr, addr);
     store_le32(p + bus::data_len, static_cast<uint32_t>(data.size()));
     std::ranges::copy(data, p + bus::data);
@@ -151,8 +134,7 @@ void pack_bus_answer(reply_frame& out, uint8_t type, uint32_t addr, std::span<co
 
 void close_bus_answer(reply_frame& packet)
 {
-    const size_t end = packet.size() - checksum_bytes;
-    store_le16(&packet[end], bus_sum(packet, end - bus::length));
+    store_le16(&packet[packet.size() - checksum_bytes], packet_checksum_calc(packet));
 }
 
 } // namespace rvk

@@ -6,8 +6,6 @@
 #include "base/clock.h"
 #include "base/fd.h"
 #include "eth_raw/bus_block.h"
-#include "eth_raw/bus_packet.h"
-#include "eth_raw/bus_semaphore.h"
 #include "rvkdiag/link.h"
 #include "rvkdiag/log.h"
 
@@ -27,8 +25,6 @@ using namespace tool;
 
 constexpr timeval answer_wait{0, 50'000}; // a card answers within one; 100 of them are a failed block
 constexpr uint64_t look_ms = 20;
-constexpr int answer_tries = 10;     // as the block operation's
-constexpr int32_t read_refused = -2; // link
 
 size_t longest_packet(size_t bytes) { return std::clamp(bytes, bus_data_min, bus_data_max) + bus_packet_overhead; }
 
@@ -72,9 +68,9 @@ std::string what_text(const bus_options& o, const char* verb, size_t bytes)
 int32_t ask_once_more(const xfer& handle, uint32_t addr, uint32_t n, uint8_t* into)
 {
     int32_t result = send_request_message_func(&handle, addr, n);
-    for (int i = 0; result == 0 && i < answer_tries; ++i) {
+    for (int i = 0; result == 0 && i < bus_answer_tries; ++i) {
         const int32_t came = recv_read_back_message_func(&handle, addr, n, into);
-        if (came == 0 || came == read_refused) { return came; }
+        if (came == 0 || came == bus_read_refused) { return came; }
     }
     return -1;
 }
@@ -86,7 +82,7 @@ failure first_fault(const xfer& handle, const bus_options& o, std::vector<uint8_
     for (uint32_t at = 0; at < o.len; at += step) {
         const int32_t came = ask_once_more(handle, o.addr + at, std::min(step, o.len - at), into.data() + at);
         if (came == 0) { continue; }
-        if (came == read_refused) {
+        if (came == bus_read_refused) {
             return {problem::refused, format("%s: the card refused at 0x%08x", what.c_str(), o.addr + at)};
         }
         return {problem::no_answer, format("%s: no answer at 0x%08x; check card, address and MTU at both ends (9000)",

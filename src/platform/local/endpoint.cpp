@@ -1,14 +1,15 @@
-// See the header. The only state is the socket files themselves; who may bind is decided under a lock on their folder.
+// The messaging calls of platform.h, and the endpoints under them; see the header. Who may bind is decided under a lock
+// on the endpoints' folder. Every call is weak, so that a test or a tool that defines it gets its own.
 #include "platform/local/endpoint.h"
 
 #include "base/bytes.h"
 #include "base/clock.h"
 #include "base/counters.h"
 #include "main/log.h"
+#include "platform/platform.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,34 +33,14 @@ constexpr mode_t directory_mode = 03770, made_mode = 01770, socket_mode = 0660;
 
 // Held while an endpoint is bound, so that nobody takes a socket file for stale that its owner has just made. On the
 // folder itself: it needs no file of its own and ends with its holder. Bounded: a stopped holder must not stop a start.
-class directory_lock {
-public:
-    directory_lock() : fd(::open(endpoint_directory(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
-    {
-        if (!fd) {
-            error = errno;
-            return;
-        }
-        for (int left = directory_lock_tries; flock(fd.get(), LOCK_EX | LOCK_NB) != 0; --left) {
-            error = errno;
-            if (error != EWOULDBLOCK || left == 0) { return; }
-            pause_ms(1);
-        }
-        error = 0;
+int lock_directory(int folder)
+{
+    for (int left = directory_lock_tries; flock(folder, LOCK_EX | LOCK_NB) != 0; --left) {
+        if (errno != EWOULDBLOCK || left == 0) { return errno; }
+        pause_ms(1);
     }
-    // Unlocked by name: a child that is between its fork and its exec may still hold the descriptor.
-    ~directory_lock()
-    {
-        if (fd && error == 0) { flock(fd.get(), LOCK_UN); }
-    }
-    directory_lock(const directory_lock&) = delete;
-    directory_lock& operator=(const directory_lock&) = delete;
-
-    int error = 0; // 0 while held
-
-private:
-    unique_fd fd;
-};
+    return 0;
+}
 
 const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
@@ -84,22 +65,23 @@ int clear_stale(const sockaddr_un& address)
     return errno == EPERM ? EADDRINUSE : errno; // another user's, in a sticky folder
 }
 
-// Where a sender is bound.
-void path_of_sender(const sockaddr_un& from, socklen_t length, char (&out)[sizeof from.sun_path + 1])
+// Under the lock. bind() gives the file the socket's mode less the umask, which would shut out who answers. Not by its
+// name after that, which a link could lead elsewhere.
+int bind_alone(int fd, const sockaddr_un& address)
 {
-    // The kernel counts the terminator of a path that fills sun_path, though it stands behind it.
-    const size_t known = std::min<size_t>(length, sizeof from);
-    const size_t bytes = known > offsetof(sockaddr_un, sun_path) ? known - offsetof(sockaddr_un, sun_path) : 0;
-    const size_t path_length = strnlen(from.sun_path, bytes);
-    memcpy(out, from.sun_path, path_length);
-    out[path_length] = '\0';
+    if (const int error = clear_stale(address); error != 0) { return error; }
+    if (::fchmod(fd, socket_mode) != 0) { return errno; }
+    const mode_t before = ::umask(0);
+    const int error = ::bind(fd, generic(address), sizeof address) == 0 ? 0 : errno;
+    ::umask(before);
+    return error;
 }
 
 // The identity in a socket's name.
 bool identity_in(const char* path, uint32_t& out)
 {
-    const char* const folder_end = strrchr(path, '/');
-    const char* const name = folder_end != nullptr ? folder_end + 1 : path;
+    const char* const end = strrchr(path, '/');
+    const char* const name = end != nullptr ? end + 1 : path;
     out = static_cast<uint32_t>(strtoul(name, nullptr, 16));
     char expected[name_length + 1];
     snprintf(expected, sizeof expected, name_format, static_cast<unsigned>(out));
@@ -136,11 +118,12 @@ bool is_in_our_folder(const char* path)
            its.st_dev == ours.st_dev && its.st_ino == ours.st_ino;
 }
 
-bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from, socklen_t from_length)
+// from  zero where the kernel wrote nothing
+bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
 {
     uint32_t bound = 0;
-    char path[sizeof from.sun_path + 1];
-    path_of_sender(from, from_length, path);
+    char path[sizeof from.sun_path + 1]; // the terminator of one that fills sun_path stands behind it
+    snprintf(path, sizeof path, "%.*s", static_cast<int>(sizeof from.sun_path), from.sun_path);
     if (!identity_in(path, bound)) {
         log_print(LOG_HERE, "message of %zu bytes dropped: its sender has no endpoint of its own\n", message.size());
         return false;
@@ -173,12 +156,9 @@ bool endpoint_address(uint32_t identity, sockaddr_un& out)
 {
     out = {};
     out.sun_family = AF_UNIX;
-    const char* directory = endpoint_directory();
-    const size_t length = strlen(directory);
-    if (length + 1 + name_length + 1 > sizeof out.sun_path) { return false; }
-    memcpy(out.sun_path, directory, length);
-    out.sun_path[length] = '/';
-    snprintf(out.sun_path + length + 1, name_length + 1, name_format, static_cast<unsigned>(identity));
+    const int length = snprintf(out.sun_path, sizeof out.sun_path, "%s/", endpoint_directory());
+    if (length < 0 || static_cast<size_t>(length) + name_length >= sizeof out.sun_path) { return false; }
+    snprintf(out.sun_path + length, name_length + 1, name_format, static_cast<unsigned>(identity));
     return true;
 }
 
@@ -197,15 +177,12 @@ int bind_endpoint(uint32_t identity, unique_fd& out)
     if (!endpoint_address(identity, address)) { return ENAMETOOLONG; }
     unique_fd fd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     if (!fd) { return errno; }
-    const directory_lock hold;
-    if (hold.error != 0) { return hold.error; }
-    if (const int error = clear_stale(address); error != 0) { return error; }
-    // bind() gives the file the socket's mode less the umask, which would shut out who answers. Not by its name after
-    // that, which a link could lead elsewhere.
-    if (::fchmod(fd.get(), socket_mode) != 0) { return errno; }
-    const mode_t before = ::umask(0);
-    const int error = ::bind(fd.get(), generic(address), sizeof address) == 0 ? 0 : errno;
-    ::umask(before);
+    const unique_fd folder{::open(endpoint_directory(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (!folder) { return errno; }
+    if (const int error = lock_directory(folder.get()); error != 0) { return error; }
+    const int error = bind_alone(fd.get(), address);
+    // By name: a child that is between its fork and its exec may still hold the descriptor.
+    flock(folder.get(), LOCK_UN);
     if (error != 0) { return error; }
     out = std::move(fd);
     return 0;
@@ -251,9 +228,103 @@ ssize_t receive_datagram(int fd, receive_buffer& buffer, int flags)
         log_print(LOG_HERE, "message of %zu bytes dropped: at most %zu are allowed\n", length, datagram_bytes_max);
         return 0;
     }
-    if (names_its_sender({buffer.bytes, length}, from, from_length)) { return received; }
+    if (names_its_sender({buffer.bytes, length}, from)) { return received; }
     daemon_count.refused[refusal::wrong_sender].add();
     return 0;
 }
 
+namespace {
+
+// What to do about it, where the bare error would not say so.
+void log_refusal(uint32_t identity, int error)
+{
+    const char* directory = endpoint_directory();
+    const char* reason = error == EADDRINUSE     ? "another process is bound to it, or another user's left it behind"
+                         : error == ENAMETOOLONG ? "the folder's name is too long for a socket, set a shorter APIPC_DIR"
+                         : error == EWOULDBLOCK  ? "another process has kept the folder locked for a second"
+                         : error == EEXIST       ? "a file that is not a socket has its name, remove it"
+                                                 : strerror(error);
+    log_print(LOG_HERE, "endpoint %08x in %s refused: %s\n", static_cast<unsigned>(identity), directory, reason);
+}
+
+uint32_t own_identity;
+struct stat own_socket; // its file, as it was bound
+
+// Whether the socket's file is still there, and not another's.
+bool is_reached()
+{
+    sockaddr_un address;
+    struct stat now;
+    return endpoint_address(own_identity, address) && lstat(address.sun_path, &now) == 0 &&
+           now.st_dev == own_socket.st_dev && now.st_ino == own_socket.st_ino;
+}
+
+int try_to_bind(uint32_t identity, unique_fd& out)
+{
+    sockaddr_un address;
+    if (!endpoint_address(identity, address)) { return ENAMETOOLONG; } // before a folder is made of it
+    int error = create_endpoint_directory();
+    if (error == 0) { error = bind_endpoint(identity, out); }
+    if (error == 0 && lstat(address.sun_path, &own_socket) != 0) { error = errno; }
+    return error;
+}
+
+constexpr uint64_t first_pause_ms = 10, longest_pause_ms = 1000;
+
+// The waiting thread's own. It has real-time priority: an error that stays must neither spin it nor fill the log, so
+// the wait between errors grows while they last.
+receive_buffer incoming;
+uint64_t next_pause_ms = 0; // 0 while all is well
+
+void back_off(int error)
+{
+    if (next_pause_ms == 0) {
+        log_print(LOG_HERE, "no messages can be received: %s; trying on\n", strerror(error));
+        next_pause_ms = first_pause_ms;
+    }
+    pause_ms(next_pause_ms);
+    next_pause_ms = std::min(next_pause_ms * 2, longest_pause_ms);
+}
+
+} // namespace
 } // namespace rvk::local
+
+using namespace rvk;
+using namespace rvk::local;
+
+[[gnu::weak]] int apipc_init(uint32_t identity, int)
+{
+    if (process_endpoint.load() >= 0) {
+        log_print(LOG_HERE, "endpoint %08x refused: this process has one already\n", static_cast<unsigned>(identity));
+        return -1;
+    }
+    unique_fd fd;
+    if (const int error = try_to_bind(identity, fd); error != 0) {
+        log_refusal(identity, error);
+        return -1;
+    }
+    force_large_send_buffer(fd.get());
+    process_endpoint.store(fd.release());
+    own_identity = identity;
+    endpoint_is_reached = is_reached;
+    return 0;
+}
+
+[[gnu::weak]] int apipc_loop_wait(int, apipc_callback callback)
+{
+    for (;;) {
+        const ssize_t received = receive_datagram(process_endpoint.load(), incoming, 0);
+        if (received < 0 && errno == EINTR) { continue; }
+        if (received < 0) {
+            back_off(errno);
+            return -1;
+        }
+        if (std::exchange(next_pause_ms, 0) != 0) { log_print(LOG_HERE, "messages are received again\n"); }
+        if (received > 0) { callback(0, 0, incoming.bytes, static_cast<int>(received)); }
+    }
+}
+
+[[gnu::weak]] int apipc_send(uint32_t destination, const void* message, uint32_t bytes)
+{
+    return -send_datagram(process_endpoint.load(), destination, {static_cast<const uint8_t*>(message), bytes});
+}

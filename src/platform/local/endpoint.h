@@ -1,9 +1,9 @@
 // Endpoints of the messaging service as datagram sockets: the one place that knows where they live and what may pass.
 //
 // An endpoint with identity 0xIIIIIIII is bound at $APIPC_DIR/IIIIIIII.sock (eight lower-case hex digits). One datagram
-// is one message, byte for byte. Used by the calls of `platform/local`, and by the tools' requesters, which are the
-// same service's other side. Results are errno values, so that every caller can say in its own words what was wrong.
-// Any thread; nothing here keeps state but the process's own endpoint.
+// is one message, byte for byte. Used by the stand-in's calls, and by the tools' requesters, which are the same
+// service's other side. Results are 0 or errno values, so that every caller can say in its own words what was wrong.
+// Any thread; owns nothing but the process's own endpoint.
 #pragma once
 
 #include "base/fd.h"
@@ -31,13 +31,11 @@ const char* endpoint_directory();
 [[nodiscard]] bool endpoint_address(uint32_t identity, sockaddr_un& out);
 
 // Creates the folder with mode 3770 (or 1770 where set-group-ID is refused) when it is missing; its parent must exist.
-// Result: 0 or an errno value.
 [[nodiscard]] int create_endpoint_directory();
 
 // Binds an endpoint, mode 0660, and takes over a socket file to which nobody is bound. Of several processes that try at
 // the same moment one wins. Waits at most a second for those that bind just now. The process's umask is 0 meanwhile.
-// Result    0, or EADDRINUSE (alive, or another user's stale file), ENAMETOOLONG, ENOENT (no folder), EACCES, or
-//           another errno value
+// Result  EADDRINUSE: alive, or another user's stale file; ENAMETOOLONG, ENOENT (no folder), EACCES, or another
 [[nodiscard]] int bind_endpoint(uint32_t identity, unique_fd& out);
 
 // Whether a process is bound to the identity, whether or not it reads.
@@ -47,13 +45,13 @@ const char* endpoint_directory();
 void force_large_send_buffer(int fd);
 
 // Sends one message without waiting.
-// Result    0, or EAGAIN (the peer's queue is full), ENOENT (no socket file), ECONNREFUSED (nobody is bound to it),
-//           EACCES, EMSGSIZE (above datagram_bytes_max), ENAMETOOLONG, or another errno value
+// Result  EAGAIN: the peer's queue is full; ENOENT: no socket file; ECONNREFUSED: nobody is bound to it; EACCES,
+//         EMSGSIZE (above datagram_bytes_max), ENAMETOOLONG, or another
 [[nodiscard]] int send_datagram(int fd, uint32_t identity, std::span<const uint8_t> message);
 
 // Receives one message into the buffer; waits for it unless flags has MSG_DONTWAIT.
-// Result    its length, 4 to datagram_bytes_max; 0 when what came was dropped and logged: too long, or its first word
-//           is not the identity that its sender is bound to in this folder; -1 with errno set
+// Result  its length, 4 to datagram_bytes_max; 0 when what came was dropped and logged: too long, or its first word is
+//         not the identity that its sender is bound to in this folder; -1 with errno set
 [[nodiscard]] ssize_t receive_datagram(int fd, receive_buffer& buffer, int flags);
 
 // The endpoint that apipc_init bound for this process, -1 before that; it lives as long as the process.
