@@ -6,6 +6,7 @@
 #include "base/pause.h"
 #include "base/rt_thread.h"
 #include "eth_raw/frame.h"
+#include "eth_raw/registers.h"
 #include "main/log.h"
 #include "platform/platform.h"
 #include "raw_msg/exchange.h"
@@ -15,12 +16,9 @@
 namespace rvk {
 namespace {
 
-constexpr int lvds_priority = 88;                                        // ours, SCHED_FIFO
-constexpr uint64_t poll_ms = 2000, before_reboot_ms = 30'000;            // ours
-constexpr uint8_t lvds_slot = 1;                                         // card
-constexpr uint32_t lvds_register = 0x30082;                              // card
-constexpr uint32_t lvds_ticks = 3;                                       // ours
-constexpr std::array<uint8_t, 5> expected{0x01, 0x80, 0x07, 0x38, 0x04}; // card
+constexpr int lvds_priority = 88;                             // ours, SCHED_FIFO
+constexpr uint64_t poll_ms = 2000, before_reboot_ms = 30'000; // ours
+constexpr uint32_t lvds_ticks = 3;                            // ours
 
 void record_and_reboot(int failures)
 {
@@ -56,7 +54,7 @@ void lvds_step(int* failures)
                                    lvds_ticks) != 0) {
         return; // neither counted nor logged
     }
-    if (status == expected) { return record_and_reboot(*failures); }
+    if (status == lvds_good) { return record_and_reboot(*failures); }
     ++*failures;
     log_print(LOG_HERE, "LVDS NOT OK %02x %02x %02x %02x %02x \n", status[0], status[1], status[2], status[3],
               status[4]);

@@ -1,6 +1,6 @@
 #include "main/status.h"
 
-#include "ap_msg/outbox.h"
+#include "ap_msg/message.h"
 #include "base/counters.h"
 #include "base/elapsed.h"
 #include "base/fd.h"

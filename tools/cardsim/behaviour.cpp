@@ -1,6 +1,5 @@
 #include "cardsim/behaviour.h"
-
-#include "cardsim/registers.h"
+#include "eth_raw/registers.h"
 
 #include <array>
 

@@ -1,6 +1,5 @@
 #include "cardsim/card.h"
-
-#include "cardsim/registers.h"
+#include "eth_raw/registers.h"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 #include "cardsim/cards.h"
 
 #include "base/bytes.h"
-#include "cardsim/registers.h"
 #include "eth_raw/frame.h"
+#include "eth_raw/registers.h"
 
 #include <algorithm>
 

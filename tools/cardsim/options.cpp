@@ -1,7 +1,7 @@
 #include "cardsim/options.h"
 
-#include "cardsim/registers.h"
 #include "cardsim/replies.h"
+#include "eth_raw/registers.h"
 
 #include <CLI/CLI.hpp>
 #include <charconv>

@@ -14,7 +14,7 @@ constexpr uint8_t demo_first = 16, demo_last = 25;
 
 static_assert(step_room % read_unit == 0 && step_room >= step_bytes);
 
-size_t line_bytes(const picture_record& r) { return size_t{r.hor} * card_pixel_bytes; }
+size_t line_bytes(const picture_record& r) { return size_t{r.hor} * pixel_bytes; }
 size_t line_stride(const picture_record& r) { return (line_bytes(r) + read_unit - 1) / read_unit * read_unit; }
 uint64_t stream_bytes(const picture_record& r) { return uint64_t{line_bytes(r)} * r.ver; }
 

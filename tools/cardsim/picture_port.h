@@ -7,6 +7,7 @@
 // keep what they held before. Pure state: no lock, no clock; a farm's lock guards it.
 #pragma once
 
+#include "base/picture.h"
 #include "cardsim/mistakes.h"
 #include "cardsim/sparse_pages.h"
 
@@ -25,7 +26,6 @@ using picture_memory = sparse_pages<size_t{64} * 1024>;
 inline constexpr uint64_t buffer_room = uint64_t{128} << 20; // bytes
 inline constexpr size_t step_bytes = 1400, step_room = 1408; // of a step, and from one step to the next
 inline constexpr size_t read_unit = 64, read_word = 8;       // bytes
-inline constexpr size_t card_pixel_bytes = 4;
 
 constexpr uint64_t buffer_start(uint8_t buffer) { return buffer * buffer_room; } // in bytes
 

@@ -1,5 +1,7 @@
 #include "cardsim/playback.h"
 
+#include "eth_raw/registers.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -8,7 +10,8 @@ namespace rvk {
 namespace {
 
 constexpr size_t lines_max = 200;
-constexpr std::array<uint32_t, 7> registers{0x00022002, 0x0002200A, 0xA0, 0xA1, 0xA2, 0xA6, 0xA7};
+constexpr std::array registers{playback::timing_a, playback::timing_b, playback::play, playback::timing_load,
+                               playback::interval, playback::number,   playback::reset};
 
 constexpr std::array order{
     "a2 := 00 ca 9a 3b",

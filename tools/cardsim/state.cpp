@@ -80,7 +80,7 @@ std::string save_loaded_picture(const card_farm& farm, card_id card, const std::
     const bool there =
         std::any_of(written.begin(), written.end(), [at](const extent& e) { return e.first <= at && at < e.end; });
     if (!there) { return {}; }
-    const size_t line = size_t{p.hor} * card_pixel_bytes;
+    const size_t line = size_t{p.hor} * pixel_bytes;
     const size_t stride = (line + loader_burst - 1) / loader_burst * loader_burst;
     std::vector<uint8_t> pixels;
     for (size_t y = 0; y < p.ver; ++y) {
@@ -115,8 +115,8 @@ std::string save_pictures(const card_farm& farm, card_id card, const std::string
         const std::string incomplete = base + "-buffer" + number(r.buffer) + "-incomplete.bmp";
         const std::string& path = r.whole ? whole : incomplete;
         auto pixels = farm.picture(card, r.buffer);
-        pixels.resize(size_t{r.hor} * r.ver * card_pixel_bytes); // the buffer may have been set up anew since
-        std::error_code ignored;                                 // there is none, as a rule
+        pixels.resize(size_t{r.hor} * r.ver * pixel_bytes); // the buffer may have been set up anew since
+        std::error_code ignored;                            // there is none, as a rule
         std::filesystem::remove(r.whole ? incomplete : whole, ignored);
         if (std::string error = write_file(path, bmp_of(pixels, r.hor, r.ver, 32)); !error.empty()) { return error; }
         text += "buffer " + number(r.buffer) + "  " + number(r.hor) + " x " + number(r.ver) + ", " +

@@ -2,7 +2,8 @@
 //
 // A card's pixel is 4 bytes: one that is not shown, red, green, blue; the top line comes first. A BMP has blue, green,
 // red and, with 32 bits, the unused byte behind them; its bottom line comes first. The 32-bit file of a picture is byte
-// for byte what the daemon makes of it when it reads it back, by other code: the two can be compared.
+// for byte what the daemon makes of it when it reads it back; the pixels are turned by other code, so that the two can
+// be compared.
 #pragma once
 
 #include <cstdint>

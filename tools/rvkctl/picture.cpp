@@ -4,6 +4,7 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "base/picture.h"
 #include "command/values.h"
 #include "rvkctl/file_watch.h"
 #include "rvkctl/scratch_folder.h"
@@ -17,18 +18,12 @@
 namespace rvk::ctl {
 namespace {
 
-constexpr size_t size_bytes = 8;        // daemon: hor and ver in front of the path
-constexpr size_t put_path_max = 1001;   // daemon: what its mailbox carries
-constexpr size_t get_path_max = 255;    // daemon
-constexpr size_t bmp_offset_at = 10;    // bmp
-constexpr uint64_t bmp_head_bytes = 54; // daemon: of the images it writes
-
 std::vector<uint8_t> payload_of(const picture_options& options, const std::string& path)
 {
-    std::vector<uint8_t> out(size_bytes + path.size() + 1); // the last stays zero
-    store_le32(out.data(), options.hor);
-    store_le32(out.data() + 4, options.ver);
-    std::copy(path.begin(), path.end(), out.begin() + size_bytes);
+    std::vector<uint8_t> out(picture_job::path + path.size() + 1); // the last stays zero
+    store_le32(out.data() + picture_job::hor, options.hor);
+    store_le32(out.data() + picture_job::ver, options.ver);
+    std::copy(path.begin(), path.end(), out.begin() + picture_job::path);
     return out;
 }
 
@@ -117,9 +112,9 @@ picture_files files_of(const std::string& raw) { return {raw, (raw + ".bmp").sub
 uint64_t pixels_at(const std::string& path)
 {
     if (!path.ends_with(".bmp")) { return 0; }
-    uint8_t head[bmp_offset_at + 4] = {};
+    uint8_t head[bmp::pixels_at_end] = {};
     std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(head), sizeof head);
-    return load_le32(head + bmp_offset_at);
+    return load_le32(head + bmp::pixels_at);
 }
 
 void read_back(session& talk, const picture_options& options, const picture_files& files)
@@ -131,7 +126,7 @@ void read_back(session& talk, const picture_options& options, const picture_file
     watch.begun();
     talk.wait_while_alive([&](std::chrono::milliseconds wait) { return watch.both_closed(wait); });
     check_length(files.raw, pixel_bytes_of(options));
-    check_length(files.image, pixel_bytes_of(options) + bmp_head_bytes);
+    check_length(files.image, pixel_bytes_of(options) + bmp::head_bytes);
 }
 
 void run_picture_put(const settings& used, const picture_options& options, outcome& run)
@@ -139,7 +134,7 @@ void run_picture_put(const settings& used, const picture_options& options, outco
     run.facts.update(facts_of(used));
     note_request(options, command::file_write, "picture into card memory", run);
     run.facts["buffer"] = options.where;
-    const std::string path = absolute_path(options.file, "FILE", put_path_max);
+    const std::string path = absolute_path(options.file, "FILE", picture_path_max);
     run.facts["file"] = path;
     check_picture_file(path, options);
     std::optional<scratch_folder> scratch;
@@ -166,7 +161,7 @@ void run_picture_get(const settings& used, const picture_options& options, outco
     run.facts.update(facts_of(used));
     note_request(options, command::file_read, "card memory into files", run);
     run.facts["addr"] = options.where;
-    const picture_files files = files_of(absolute_path(options.file, "BASE", get_path_max));
+    const picture_files files = files_of(absolute_path(options.file, "BASE", read_back_path_max));
     check_get_path(files);
     run.facts["raw_file"] = files.raw;
     run.facts["image_file"] = files.image;

@@ -1,6 +1,7 @@
 // Pictures into card memory and back: what a put, a get and the check of a put have in common.
 #pragma once
 
+#include "base/picture.h"
 #include "rvkctl/commands.h"
 #include "rvkctl/scratch_folder.h"
 
@@ -13,13 +14,12 @@ namespace rvk::ctl {
 struct picture_files {
     std::string raw, image;
 };
-inline constexpr size_t image_name_max = 99; // daemon: the image's name is cut there
 
 [[nodiscard]] picture_files files_of(const std::string& raw);
 
 [[nodiscard]] inline uint64_t pixel_bytes_of(const picture_options& options)
 {
-    return uint64_t{options.hor} * options.ver * 4;
+    return picture_bytes({options.hor, options.ver});
 }
 
 // Where a picture's pixels begin in its file; 0 of a .bmp that is none.

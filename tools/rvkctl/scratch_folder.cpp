@@ -1,6 +1,7 @@
 // See the header.
 #include "rvkctl/scratch_folder.h"
 
+#include "ap_msg/message.h"
 #include "command/values.h"
 #include "rvkctl/picture.h"
 

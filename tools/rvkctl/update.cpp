@@ -16,8 +16,6 @@
 namespace rvk::ctl {
 namespace {
 
-constexpr size_t type_bytes = 4;         // daemon
-constexpr size_t update_path_max = 1005; // daemon: what its mailbox carries
 constexpr uint8_t type_first = 0x16, type_last = 0x1E, mcu_last = 0x18;
 
 struct type_name {
@@ -39,9 +37,9 @@ const char* name_of(uint8_t type)
 
 std::vector<uint8_t> payload_of(uint8_t type, const std::string& path)
 {
-    std::vector<uint8_t> out(type_bytes + path.size() + 1); // the last stays zero
-    store_le32(out.data(), type);
-    std::copy(path.begin(), path.end(), out.begin() + type_bytes);
+    std::vector<uint8_t> out(update_job::path + path.size() + 1); // the last stays zero
+    store_le32(out.data() + update_job::type, type);
+    std::copy(path.begin(), path.end(), out.begin() + update_job::path);
     return out;
 }
 

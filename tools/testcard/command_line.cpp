@@ -1,5 +1,7 @@
 #include "testcard/command_line.h"
 
+#include "base/picture.h"
+
 #include <CLI/CLI.hpp>
 #include <charconv>
 #include <map>
@@ -18,8 +20,7 @@ constexpr const char* formats =
     "\n"
     "Exit status: 0 done; 1 the file could not be written; 2 wrong usage.";
 
-constexpr uint32_t side_max = 65535, number_max = 9999;
-constexpr uint64_t pixels_max = (1u << 29) - 1; // what the daemon takes
+constexpr uint32_t number_max = 9999;
 
 const std::map<std::string, file_format> format_names{
     {"raw", file_format::raw}, {"bmp", file_format::bmp}, {"bmp24", file_format::bmp24}, {"png", file_format::png}};

@@ -1,4 +1,5 @@
-// The registers of a card that mean something, as the card knows them; every other address is plain memory.
+// The card registers that mean something to the daemon and to the simulated cards; every other address is plain memory.
+// All values are the cards'.
 #pragma once
 
 #include <array>
@@ -7,7 +8,7 @@
 
 namespace rvk {
 
-// Two ways into picture memory, each with a control register and a data port that does not advance.
+// The two ports into picture memory, each a control register and a data register that takes the pixels as a stream.
 inline constexpr uint32_t demo_control = 0x7080, demo_data = 0x60000;   // buffers 16 to 25
 inline constexpr uint32_t other_control = 0x7040, other_data = 0x40000; // any other buffer
 
@@ -37,6 +38,10 @@ inline constexpr uint8_t generation_slot = 2;
 inline constexpr uint32_t readiness_register = 0x00F00009; // of the video-processing FPGA: model 0, slot 1
 inline constexpr uint8_t not_ready = 0xFF;
 inline constexpr uint8_t playback_slot = 1;
+namespace playback { // registers of the same FPGA
+inline constexpr uint32_t timing_a = 0x22002, timing_b = 0x2200A;
+inline constexpr uint32_t play = 0xA0, timing_load = 0xA1, interval = 0xA2, number = 0xA6, reset = 0xA7;
+} // namespace playback
 
 inline constexpr uint32_t lvds_register = 0x30082; // status block of the LVDS link: model 0, slot 1
 inline constexpr uint8_t lvds_slot = 1;
