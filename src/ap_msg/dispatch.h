@@ -3,7 +3,7 @@
 //
 // Everything runs on the IPC receive thread, one command after the other, and keeps nothing between commands. A command
 // waits for its card (up to three timeouts of 6 ticks a piece) under demo_mutex; a file job goes into the mailbox and
-// waits there for the job before it. Nothing but gbUpdateProcessRunning is read without a lock.
+// waits there for the job before it. gbUpdateProcessRunning is read without a lock.
 #pragma once
 
 #include <cstdint>

@@ -72,7 +72,7 @@ bool is_same_file(const unique_fd& opened, const char* path)
     return of_file.st_dev == of_path.st_dev && of_file.st_ino == of_path.st_ino;
 }
 
-// The first line read becomes the top one, which a bottom-up image has at its end; a pixel's bytes are turned round.
+// The first line read becomes the top one, which a bottom-up image has at its end; a pixel's bytes stand in reverse.
 void write_image_lines(output* image, std::span<uint8_t> pixels, picture_size size)
 {
     const size_t line = line_bytes(size);

@@ -2,6 +2,7 @@
 
 #include "ap_msg/file_service.h"
 #include "base/bytes.h"
+#include "base/elapsed.h"
 #include "base/fd.h"
 #include "base/page_buffer.h"
 #include "base/pause.h"
@@ -12,7 +13,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <fcntl.h>
 #include <limits>
@@ -51,16 +51,14 @@ uint32_t clamped(float value)
 
 void load_picture(int index, uint32_t buffer, int number, std::span<uint8_t> picture)
 {
-    using namespace std::chrono;
-    const auto start = steady_clock::now();
+    const uint32_t start = monotonic_us();
     char path[256] = "";
     snprintf(path, sizeof path, "/usr/kup/etc/demo/demo_%d", number);
     log_print(LOG_HERE, "write demo pic:%s\n", path);
     std::fill(picture.begin(), picture.end(), uint8_t{0});
     ReadDemoPictureData(path, picture);
     static_cast<void>(write_demo_data(index, fpga_model, playback_slot, buffer, demo_hor, demo_ver, picture));
-    const auto us = static_cast<uint32_t>(duration_cast<microseconds>(steady_clock::now() - start).count());
-    log_print(LOG_HERE, "write demo pic total time:%f sec\n", us / 1'000'000.0);
+    log_print(LOG_HERE, "write demo pic total time:%f sec\n", (monotonic_us() - start) / 1'000'000.0);
 }
 
 } // namespace

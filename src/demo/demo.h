@@ -3,14 +3,16 @@
 // slot 1. Each card operation is under demo_mutex, so that it never interleaves with a command's exchange.
 #pragma once
 
+#include "base/picture.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
 namespace rvk {
 
-inline constexpr uint16_t demo_hor = 3840, demo_ver = 2160;                   // card
-inline constexpr size_t demo_picture_bytes = size_t{demo_hor} * demo_ver * 4; // 33,177,600
+inline constexpr uint16_t demo_hor = 3840, demo_ver = 2160;                       // card
+inline constexpr size_t demo_picture_bytes = picture_bytes({demo_hor, demo_ver}); // 33,177,600
 
 // The whole sequence. Returns at once, without a word, when there is no memory for a picture.
 void WriteDemoPictureData(int index);
