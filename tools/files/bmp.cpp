@@ -6,6 +6,7 @@
 #include <cassert>
 
 namespace rvk {
+
 std::vector<uint8_t> bmp_of(std::span<const uint8_t> pixels, uint32_t hor, uint32_t ver, unsigned bits)
 {
     assert((bits == 24 || bits == 32) && pixels.size() >= size_t{hor} * ver * 4);
