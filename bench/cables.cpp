@@ -128,7 +128,7 @@ void bare_link::check_replies_come() const
     }
 }
 
-void bare_link::make_buffer_for_replies() const
+void bare_link::make_room_for_replies() const
 {
     setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer_bytes, sizeof receive_buffer_bytes);
 }

@@ -1,7 +1,7 @@
 // A picture's file, and the command that has rvkd write it to the cards.
 #pragma once
 
-#include "ap_msg/file_request.h"
+#include "base/picture.h"
 
 #include <cstdint>
 #include <string>

@@ -1,11 +1,11 @@
 // Pictures into card memory: the stream by itself, inside the process, and a whole job of the real rvkd, from the
 // command to its answer. The bare loops send the very frames that ours sent, of the data port alone: the three control
 // writes count on our side only.
-#include "ap_msg/file_request.h"
+#include "ap_msg/file_service.h"
 #include "ap_msg/message.h"
-#include "ap_msg/picture_write.h"
 #include "asking.h"
 #include "base/fd.h"
+#include "base/picture.h"
 #include "cables.h"
 #include "eth_raw/frame.h"
 #include "harness.h"

@@ -46,8 +46,9 @@ void pin_threads(pid_t process)
 bool answers_greeting(requester& asker)
 {
     std::vector<uint8_t> greeting(message_head_bytes);
-    make_greeting(greeting.data());
     store_le32(greeting.data() + message::aptid, asker.identity());
+    store_le16(greeting.data() + message::msg_class, static_cast<uint16_t>(data_class));
+    greeting[message::code] = command::greeting;
     if (asker.send(own_identity(), greeting) != endpoint_status::ok) { return false; }
     return !asker.receive(milliseconds{100}).empty();
 }

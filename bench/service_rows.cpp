@@ -1,8 +1,7 @@
 // The file services' exchanges with a card, inside the process: a step of a read-back, a piece of a firmware image. The
 // bare loops send the very frames that ours sent, and wait for the same answers.
+#include "ap_msg/file_service.h"
 #include "ap_msg/firmware.h"
-#include "ap_msg/firmware_image.h"
-#include "ap_msg/read_back.h"
 #include "cables.h"
 #include "eth_raw/frame.h"
 #include "harness.h"

@@ -6,7 +6,7 @@
 // socket that refuses every n-th frame (0: none), then the message.
 #include "message_input.h"
 
-#include "ap_msg/mailbox.h"
+#include "ap_msg/file_service.h"
 
 using namespace rvk;
 

@@ -6,9 +6,8 @@
 #include "message_input.h"
 #include "private_files.h"
 
-#include "ap_msg/endpoint.h"
+#include "ap_msg/dispatch.h"
 #include "ap_msg/file_service.h"
-#include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "eth_raw/frame.h"
@@ -55,7 +54,7 @@ bool run(const job_input& job)
     ApipcEventDeal(0, 0, job.message.data(), static_cast<int>(job.message.size()));
     {
         const scoped_lock hold(file_mutex);
-        if (file_name_data[message::in_data_head(message::code)] == 0) { return false; }
+        if (file_name_data[message::code - message::data_head] == 0) { return false; }
     }
     file_step();
     return true;

@@ -5,7 +5,7 @@
 // mailbox is closed, as when the file service could not be started.
 #include "message_input.h"
 
-#include "ap_msg/mailbox.h"
+#include "ap_msg/file_service.h"
 #include "eth_raw/link.h"
 
 using namespace rvk;

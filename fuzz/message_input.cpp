@@ -1,6 +1,6 @@
 #include "message_input.h"
 
-#include "ap_msg/endpoint.h"
+#include "ap_msg/dispatch.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 

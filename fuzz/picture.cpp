@@ -6,8 +6,7 @@
 // is a quarter of a millisecond. Input: the fields of input_at, then the file.
 #include "private_files.h"
 
-#include "ap_msg/picture_file.h"
-#include "ap_msg/picture_write.h"
+#include "ap_msg/file_service.h"
 #include "base/bytes.h"
 #include "eth_raw/frame.h"
 #include "platform/platform.h"

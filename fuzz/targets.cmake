@@ -10,14 +10,14 @@ endif()
 rvk_library(log_discard  SOURCES ${here}/log_discard.cpp  USES base log)
 rvk_library(fuzz_messages
     SOURCES ${here}/message_input.cpp
-    USES base ap_msg world cardsim)
+    USES base eth_raw ap_msg world cardsim)
 target_include_directories(fuzz_messages_headers INTERFACE ${CMAKE_CURRENT_LIST_DIR})
 
 rvk_fuzz(frame  USES base eth_raw)
 rvk_fuzz(bus_answer  USES base eth_raw bus_block  WRAPS recvfrom)
 rvk_fuzz(message  USES base eth_raw ap_msg world fuzz_messages cardsim)
 rvk_fuzz(cards  USES base eth_raw bus_block cardsim)
-rvk_fuzz(delivery  USES base ap_msg world fuzz_messages cardsim)
+rvk_fuzz(delivery  USES base eth_raw ap_msg world fuzz_messages cardsim)
 rvk_fuzz(picture
     USES base eth_raw raw_msg platform ap_msg private_files
     WRAPS read)

@@ -1,9 +1,10 @@
 #include "ap_msg/dispatch.h"
 
-#include "ap_msg/mailbox.h"
+#include "ap_msg/file_service.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "base/counters.h"
+#include "base/rt_thread.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "platform/platform.h"
@@ -11,76 +12,61 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string_view>
+#include <unistd.h>
+#include <utility>
 
 namespace rvk {
 namespace {
 
-constexpr int broadcast_index = 15;                                  // message: no unit id maps to it
-constexpr uint32_t near_ticks = 3;                                   // ours: a read from slot 1
-constexpr uint32_t far_ticks = 6;                                    // ours: every other exchange
-constexpr size_t file_payload_max = mailbox_bytes - data_head_bytes; // 1,010
+constexpr int ipc_priority = 88;    // ours, SCHED_FIFO
+constexpr int broadcast_index = 15; // message: no unit id maps to it
+constexpr uint32_t near_ticks = 3;  // ours: a read from slot 1
+constexpr uint32_t far_ticks = 6;   // ours: every other exchange
 
-// A command as its message carries it. `payload` is what the message holds of it, at most `len` bytes.
-struct request_fields {
-    const uint8_t* head; // the message's first 40 bytes
-    uint32_t requester;
-    int index;
-    uint8_t code, slot;
-    uint16_t model, seq, len;
-    uint32_t addr;
-    std::span<const uint8_t> payload;
-};
+// In the order of command_kind; what is none of them is its `other`.
+constexpr std::array codes{command::read,      command::write,  command::write_ack, command::file_write,
+                           command::file_read, command::update, command::greeting};
+static_assert(codes.size() == static_cast<size_t>(command_kind::other));
 
-request_fields fields_of(std::span<const uint8_t> message)
+command_kind kind_of(uint8_t code)
 {
-    const uint8_t* m = message.data();
-    request_fields r{};
-    r.head = m;
-    r.requester = load_le32(m + message::aptid);
-    r.index = GetIndexById(m[message::id]);
-    r.code = m[message::code];
-    r.slot = m[message::slot];
-    r.model = load_le16(m + message::model);
-    r.seq = load_le16(m + message::seq);
-    r.len = load_le16(m + message::len);
-    r.addr = load_le32(m + message::addr);
-    r.payload = message.subspan(message::payload);
-    r.payload = r.payload.first(std::min<size_t>(r.payload.size(), r.len));
-    return r;
+    return static_cast<command_kind>(std::find(codes.begin(), codes.end(), code) - codes.begin());
 }
 
 // Of any board.
 bool is_daemon(uint32_t identity) { return (identity >> 8 & 0xFF) == module_self; }
 
-bool is_cut(const request_fields& r) { return r.payload.size() < r.len; }
-
 // The companion waits for every write; others do not wait for writes to the low addresses of the device's own card.
-bool is_waited_for(const request_fields& r)
+bool is_waited_for(const received_command& c)
 {
-    if (r.requester == companion_identity()) { return true; }
-    return r.slot != 1 || r.model != 0 || (r.addr & 0xF0000000u) != 0;
+    if (c.requester == companion_identity()) { return true; }
+    return c.slot != 1 || c.model != 0 || (c.addr & 0xF0000000u) != 0;
 }
 
-void refuse_cut(const request_fields& r)
+// Whether the message ends before the payload does; counted and logged.
+bool is_cut(const received_command& c)
 {
+    if (c.payload.size() == c.len) { return false; }
     daemon_count.refused[refusal::cut].add();
-    log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: len %u, but its message holds %zu bytes of it\n", r.code,
-              r.requester, r.len, r.payload.size());
+    log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: len %u, but its message holds %zu bytes of it\n", c.code,
+              c.requester, c.len, c.payload.size());
+    return true;
 }
 
-void refuse_too_long(const request_fields& r, size_t limit)
+// Whether `len` is above a limit; counted and logged.
+bool is_too_long(const received_command& c, size_t limit)
 {
+    if (c.len <= limit) { return false; }
     daemon_count.refused[refusal::too_long].add();
-    log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: len %u, at most %zu\n", r.code, r.requester, r.len, limit);
+    log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: len %u, at most %zu\n", c.code, c.requester, c.len, limit);
+    return true;
 }
 
-int32_t read_card(const request_fields& r)
+int32_t read_card(const received_command& c)
 {
-    if (r.len > frame_data_max) {
-        refuse_too_long(r, frame_data_max);
-        send_reply(r.head, -1);
+    if (is_too_long(c, frame_data_max)) {
+        send_reply(c, -1);
         return 0;
     }
     uint8_t* buffer = ApMsgBuffGet(frame_data_max);
@@ -89,181 +75,167 @@ int32_t read_card(const request_fields& r)
         log_print(LOG_HERE, "RawMsgBuffGet fail\n");
         return -1;
     }
-    uint8_t* head = ApMsgBuffHeadGet(buffer);
-    memcpy(head, r.head, message::payload);
     uint32_t received = 0;
     int32_t result = 0;
     {
         const scoped_lock hold(demo_mutex);
-        result = RawSockSendMsgWithReadWait(r.index, r.model, r.slot, r.addr, code_read, r.len,
-                                            {buffer, frame_data_max}, &received, r.slot == 1 ? near_ticks : far_ticks);
+        result = RawSockSendMsgWithReadWait(c.index, c.model, c.slot, c.addr, code_read, c.len,
+                                            {buffer, frame_data_max}, &received, c.slot == 1 ? near_ticks : far_ticks);
     }
     if (result == 0) {
-        const uint32_t requester = make_reply(head, 0, received);
-        static_cast<void>(ApipcDataSend(requester, head, received)); // one that is gone is the outbox's to log
-        log_print(LOG_HERE, "RawSockSendMsgWithReadWait response ok\n");
+        uint8_t* head = ApMsgBuffHeadGet(buffer);
+        make_reply(head, c, 0, received);
+        static_cast<void>(ApipcDataSend(c.requester, head, received)); // one that is gone is the outbox's to log
     } else {
-        send_reply(r.head, -1);
-        log_print(LOG_HERE, "RawSockSendMsgWithReadWait response not ok\n");
+        send_reply(c, -1);
     }
+    log_print(LOG_HERE, "RawSockSendMsgWithReadWait response %s\n", result == 0 ? "ok" : "not ok");
     ApMsgBuffFree(buffer);
     return 0;
 }
 
-void write_plain(const request_fields& r)
+void write_plain(const received_command& c)
 {
-    if (is_cut(r)) { return refuse_cut(r); }
-    if (RawSockSendMsg(r.index, r.model, r.slot, r.addr, code_write, r.payload) != 0) {
+    if (is_cut(c)) { return; }
+    if (RawSockSendMsg(c.index, c.model, c.slot, c.addr, code_write, c.payload) != 0) {
         log_print(LOG_HERE, "ApipcDataProc RawSockSendMsg fail\n");
     }
 }
 
-void write_waited(const request_fields& r)
+void write_waited(const received_command& c)
 {
     uint8_t ack = 0; // not examined: an answer is a success, whatever its status
     int32_t result = 0;
     {
         const scoped_lock hold(demo_mutex);
         result =
-            RawSockSendMsgWithAckWait(r.index, r.model, r.slot, r.addr, code_write_ack, r.payload, &ack, far_ticks);
+            RawSockSendMsgWithAckWait(c.index, c.model, c.slot, c.addr, code_write_ack, c.payload, &ack, far_ticks);
     }
     log_print(LOG_HERE, "RawSockSendMsgWithAckWait response %s\n", result == 0 ? "ok" : "not ok");
-    send_reply(r.head, result == 0 ? 0 : -1);
+    send_reply(c, result == 0 ? 0 : -1);
 }
 
-void write_unwaited(const request_fields& r)
+// Answered only when it fails: here when nothing of it is sent, later by a report.
+void write_unwaited(const received_command& c)
 {
-    if (RawSockSendMsgWithAck(r.requester, r.index, r.model, r.slot, r.addr, code_write_ack, r.payload) != 0) {
+    if (RawSockSendMsgWithAck(c.requester, c.index, c.model, c.slot, c.addr, code_write_ack, c.payload) != 0) {
         log_print(LOG_HERE, "ApipcDataProc RawSockSendMsgWithAck fail\n");
     }
 }
 
-// Such a write is answered only when it fails.
-void report_failed_write(const request_fields& r)
+void write_acknowledged(const received_command& c)
 {
-    std::array<uint8_t, message_head_bytes> head;
-    make_write_report(head.data(), r.index, r.addr, -1);
-    static_cast<void>(ApipcDataSendAck(r.requester, head.data()));
+    const bool waited = is_waited_for(c);
+    if (!is_cut(c)) { return waited ? write_waited(c) : write_unwaited(c); }
+    if (waited) { return send_reply(c, -1); }
+    static_cast<void>(ApipcDataSendAck(c.requester, write_report(c.index, c.addr, -1).data()));
 }
 
-void write_acknowledged(const request_fields& r)
+void hand_over_file_job(const received_command& c, std::span<const uint8_t> data_head)
 {
-    const bool waited = is_waited_for(r);
-    if (is_cut(r)) {
-        refuse_cut(r);
-        return waited ? send_reply(r.head, -1) : report_failed_write(r);
-    }
-    return waited ? write_waited(r) : write_unwaited(r);
-}
-
-void hand_over_file_job(const request_fields& r, std::span<const uint8_t> data_head)
-{
-    if (r.len > file_payload_max) {
-        refuse_too_long(r, file_payload_max);
-        return refuse_file_job(r.head, r.payload);
-    }
-    if (is_cut(r)) {
-        refuse_cut(r);
-        return refuse_file_job(r.head, r.payload);
-    }
-    if (mailbox_put(data_head.first(data_head_bytes + r.len), {r.head, message_head_bytes}) != 0) {
+    if (!is_too_long(c, file_payload_max) && !is_cut(c)) {
+        if (mailbox_put(data_head.first(data_head_bytes + c.len), {c.head, message_head_bytes}) == 0) { return; }
         daemon_count.refused[refusal::no_thread].add();
-        log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: no thread serves file jobs\n", r.code, r.requester);
-        refuse_file_job(r.head, r.payload);
+        log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: no thread serves file jobs\n", c.code, c.requester);
     }
+    refuse_file_job(c);
 }
 
-void log_text(const request_fields& r)
+void log_text(const received_command& c)
 {
-    const std::string_view text{reinterpret_cast<const char*>(r.payload.data()), r.payload.size()};
+    const std::string_view text{reinterpret_cast<const char*>(c.payload.data()), c.payload.size()};
     log_print(LOG_HERE, "++++++++++recv msg: ' %s ' \n", printable(text.substr(0, text.find('\0'))).text);
 }
 
-command_kind kind_of_command(uint8_t code)
+bool is_data_message(std::span<const uint8_t> bytes)
 {
-    switch (code) {
-    case command::read: return command_kind::read;
-    case command::write: return command_kind::write;
-    case command::write_ack: return command_kind::write_ack;
-    case command::file_write: return command_kind::file_write;
-    case command::file_read: return command_kind::file_read;
-    case command::update: return command_kind::update;
-    case command::greeting: return command_kind::greeting;
-    default: return command_kind::other;
+    if (bytes.size() < message_head_bytes) { return false; }
+    const auto type = static_cast<int16_t>(load_le16(bytes.data() + message::msg_type));
+    const auto kind = static_cast<int16_t>(load_le16(bytes.data() + message::msg_class));
+    return kind == data_class && (type == 0 || type == 1);
+}
+
+void print_foreign(std::span<const uint8_t> bytes)
+{
+    std::array<char, 1200 * 3 + 1> text; // a part in one call, so that no thread's log line comes into the middle of it
+    size_t used = 0;
+    for (const uint8_t byte : bytes) {
+        used += static_cast<size_t>(snprintf(&text[used], 4, "%02x ", byte));
+        if (used + 4 < text.size()) { continue; }
+        console_write(STDOUT_FILENO, text.data(), std::exchange(used, 0));
     }
+    text[used] = '\n';
+    console_write(STDOUT_FILENO, text.data(), used + 1);
 }
 
 } // namespace
 
+int32_t WexApipcInit() { return apipc_init(own_identity(), 0); }
+
+int32_t WexApRecvTaskCreate(int processor)
+{
+    if (start_thread("rvk-ipc", ipc_priority, ApMsgRecv, processor, nullptr) == 0) { return 0; }
+    log_print(LOG_HERE, "failed to create thread \n");
+    return -1;
+}
+
+void ApMsgRecv(int processor)
+{
+    if (pin_to_processor(processor) != 0) {
+        log_print(LOG_HERE, "%s : index %d sched_setaffinity failed\n", __func__, processor);
+    }
+    log_print(LOG_HERE, "wex thread id : %d index = %d\n", kernel_thread_id(), processor);
+    if (WexApipcInit() != 0) { return log_print(LOG_HERE, "create apipc wex fail\n"); }
+    log_print(LOG_HERE, "create apipc wex succeed\n");
+    daemon_count.endpoint_registered.set(1);
+    for (;;) { static_cast<void>(apipc_loop_wait(0, ApipcEventDeal)); } // returns on an error, never at once again
+}
+
+int ApipcEventDeal(int, int, const void* message, int length)
+{
+    if (message == nullptr || length < 0) { return -1; }
+    const std::span bytes{static_cast<const uint8_t*>(message), static_cast<size_t>(length)};
+    if (is_data_message(bytes)) { return ApipcDataProc(bytes, bytes.subspan(message::data_head)); }
+    daemon_count.refused[refusal::wrong_type].add();
+    log_print(LOG_HERE, "msg type wrong\n");
+    print_foreign(bytes);
+    return 0;
+}
+
 int32_t ApipcDataProc(std::span<const uint8_t> message, std::span<const uint8_t> data_head)
 {
-    const request_fields r = fields_of(message);
-    log_print(LOG_HERE, "aptid:0x%x index:%d slot:%x model:%x seq:%d code:%x addr:0x%x len:%d\n", r.requester, r.index,
-              r.slot, r.model, r.seq, r.code, r.addr, r.len);
-    daemon_count.commands[kind_of_command(r.code)].add();
+    const received_command c = parse_command(message.data(), message.subspan(message::payload));
+    log_print(LOG_HERE, "aptid:0x%x index:%d slot:%x model:%x seq:%d code:%x addr:0x%x len:%d\n", c.requester, c.index,
+              c.slot, c.model, c.seq, c.code, c.addr, c.len);
+    const command_kind kind = kind_of(c.code);
+    daemon_count.commands[kind].add();
     if (gbUpdateProcessRunning != 0) {
         daemon_count.dropped_in_update.add();
         log_print(LOG_HERE, "file proc running, ignored\n");
         return 0;
     }
-    if (is_daemon(r.requester)) { // an answer to itself would be its next command
+    if (is_daemon(c.requester)) { // an answer to itself would be its next command
         daemon_count.refused[refusal::daemon].add();
-        log_print(LOG_HERE, "command from 0x%08x ignored: a daemon asks for nothing\n", r.requester);
+        log_print(LOG_HERE, "command from 0x%08x ignored: a daemon asks for nothing\n", c.requester);
         return 0;
     }
-    if (r.index == broadcast_index) {
+    if (c.index == broadcast_index) {
         daemon_count.refused[refusal::broadcast].add();
         log_print(LOG_HERE, "broadcast not support\n");
         return 0;
     }
-    switch (r.code) {
-    case command::read: return read_card(r);
-    case command::write: write_plain(r); break;
-    case command::write_ack: write_acknowledged(r); break;
-    case command::file_write:
-    case command::file_read:
-    case command::update: hand_over_file_job(r, data_head); break;
-    case command::greeting:
-        log_text(r);
-        apipc_first(r.requester);
-        break;
-    default: log_text(r); break;
+    switch (kind) {
+    case command_kind::read: return read_card(c);
+    case command_kind::write: write_plain(c); break;
+    case command_kind::write_ack: write_acknowledged(c); break;
+    case command_kind::file_write:
+    case command_kind::file_read:
+    case command_kind::update: hand_over_file_job(c, data_head); break;
+    default:
+        log_text(c);
+        if (kind == command_kind::greeting) { apipc_first(c.requester); }
     }
     return 0;
-}
-
-void apipc_first(uint32_t requester)
-{
-    constexpr char text[greeting_text_bytes] = "Hello, I am rvk module!";
-    uint8_t* buffer = ApMsgBuffGet(frame_data_max);
-    if (buffer == nullptr) {
-        daemon_count.refused[refusal::no_memory].add();
-        log_print(LOG_HERE, "RawMsgBuffGet fail\n");
-        return;
-    }
-    uint8_t* head = ApMsgBuffHeadGet(buffer);
-    make_greeting(head);
-    memcpy(buffer, text, sizeof text);
-    const int result = ApipcDataSend(requester, head, greeting_payload_bytes);
-    log_print(LOG_HERE, "send ' %s ' ret : %d\n", text, result);
-    ApMsgBuffFree(buffer);
-}
-
-void apipc_test()
-{
-    constexpr uint32_t test_addr = 0x10000;
-    constexpr uint16_t test_len = 10;
-    uint8_t* buffer = ApMsgBuffGet(frame_data_max);
-    if (buffer == nullptr) {
-        log_print(LOG_HERE, "RawMsgBuffGet fail\n");
-        return;
-    }
-    uint8_t* head = ApMsgBuffHeadGet(buffer);
-    make_read_report(head, 0, test_addr, 0, 0); // a request has the fields of a report: only its length differs
-    store_le16(head + message::len, test_len);
-    const uint32_t test_module = identity_of(static_cast<uint8_t>(apcard_bit_self()), module_test);
-    log_print(LOG_HERE, "send ret : %d\n", ApipcDataSend(test_module, head, test_len));
-    ApMsgBuffFree(buffer);
 }
 
 } // namespace rvk

@@ -1,55 +1,76 @@
+// The mailbox and the thread. What a job does stands in files of its own: it is replaced where only these are tested.
 #include "ap_msg/file_service.h"
 
-#include "ap_msg/file_request.h"
-#include "ap_msg/mailbox.h"
-#include "ap_msg/message.h"
-#include "ap_msg/picture_write.h"
-#include "ap_msg/read_back.h"
-#include "ap_msg/update.h"
-#include "base/bytes.h"
 #include "base/counters.h"
+#include "base/mutex.h"
 #include "base/rt_thread.h"
 #include "main/log.h"
 
+#include <algorithm>
+
 namespace rvk {
+
+mutex file_mutex;
+fair_mutex demo_mutex;
+mailbox_area file_name_data;
+mailbox_area file_write_head;
+std::atomic<int> gbUpdateProcessRunning{0};
+
 namespace {
 
 constexpr int file_priority = 95; // ours, SCHED_FIFO: above the IPC receive thread
+
+// Both are ready before main starts, so before any thread can use them.
+semaphore sem_file_write{0}; // a job is in the slot
+semaphore sem_slot_free{1};
+bool closed RVK_GUARDED_BY(file_mutex);
+bool used RVK_GUARDED_BY(file_mutex); // a job was put: without its thread it is in the slot still
+
+void fill(mailbox_area* area, std::span<const uint8_t> bytes)
+{
+    area->fill(0);
+    std::copy_n(bytes.begin(), std::min(bytes.size(), area->size()), area->begin());
+}
+
+received_command job_in(const mailbox_area& message_head, const mailbox_area& data_head)
+{
+    return parse_command(message_head.data(), std::span(data_head).subspan(data_head_bytes));
+}
 
 // One that came between the start of the commands' thread and the failure to start ours.
 void refuse_left_job()
 {
     const scoped_lock hold(file_mutex);
-    refuse_file_job(file_write_head.data(), file_request_of(file_name_data).payload);
+    refuse_file_job(job_in(file_write_head, file_name_data));
 }
 
-void note_end(job kind, const mailbox_area& message_head)
+void note_end(job kind, const received_command& ended)
 {
-    daemon_count.last_requester[kind].set(load_le32(&message_head[message::aptid]));
+    daemon_count.last_requester[kind].set(ended.requester);
     daemon_count.last_steps[kind].set(daemon_count.steps.get());
     daemon_count.last_unanswered[kind].set(daemon_count.steps_unanswered.get());
     // Last: who reads it first sees this job's other figures.
-    daemon_count.last_number[kind].set(load_le16(&message_head[message::seq]));
+    daemon_count.last_number[kind].set(ended.seq);
 }
 
-void run_job(const mailbox_area& message_head, const mailbox_area& data_head) RVK_REQUIRES(file_mutex)
+void run_job(const received_command& c) RVK_REQUIRES(file_mutex)
 {
     daemon_count.steps.set(0);
     daemon_count.steps_unanswered.set(0);
     runs_a_job = true;
-    switch (data_head[message::in_data_head(message::code)]) {
+    switch (c.code) {
     case command::file_write:
-        count_job(job::picture_write, write_file_handle(message_head, data_head) == 0);
-        note_end(job::picture_write, message_head);
+        count_job(job::picture_write, write_file_handle(c) == 0);
+        note_end(job::picture_write, c);
         break;
     case command::file_read:
-        read_file_handle(message_head, data_head);
-        note_end(job::read_back, message_head);
+        read_file_handle(c);
+        note_end(job::read_back, c);
         break;
     case command::update:
         gbUpdateProcessRunning = 1;
-        count_job(job::update, update_file_handle(message_head, data_head) == 0);
-        note_end(job::update, message_head);
+        count_job(job::update, update_file_handle(c) == 0);
+        note_end(job::update, c);
         gbUpdateProcessRunning = 0;
         break;
     default: break; // the dispatch hands over nothing else
@@ -57,6 +78,31 @@ void run_job(const mailbox_area& message_head, const mailbox_area& data_head) RV
 }
 
 } // namespace
+
+int32_t mailbox_put(std::span<const uint8_t> data, std::span<const uint8_t> head)
+{
+    sem_slot_free.wait();
+    {
+        const scoped_lock hold(file_mutex);
+        if (closed) {
+            sem_slot_free.post(); // for whoever comes next
+            return -1;
+        }
+        used = true;
+        fill(&file_name_data, data);
+        fill(&file_write_head, head);
+    }
+    sem_file_write.post();
+    return 0;
+}
+
+bool mailbox_close()
+{
+    const scoped_lock hold(file_mutex);
+    closed = true;
+    sem_slot_free.post();
+    return used;
+}
 
 int32_t WexApFileTaskCreate(int processor)
 {
@@ -77,14 +123,14 @@ void ApMsgFileProc(int processor)
 
 void file_step()
 {
-    mailbox_wait();
+    sem_file_write.wait();
     {
         const scoped_lock hold(file_mutex);
         const mailbox_area data_head = file_name_data;
         const mailbox_area message_head = file_write_head;
-        run_job(message_head, data_head);
+        run_job(job_in(message_head, data_head));
     }
-    mailbox_free();
+    sem_slot_free.post();
 }
 
 } // namespace rvk

@@ -1,75 +1,171 @@
 #include "ap_msg/firmware.h"
 
-#include "ap_msg/firmware_image.h"
 #include "base/bytes.h"
 #include "base/clock.h"
 #include "base/counters.h"
 #include "base/fd.h"
 #include "eth_raw/frame.h"
+#include "eth_raw/registers.h"
 #include "main/log.h"
 #include "platform/platform.h"
 #include "raw_msg/send.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <limits>
-#include <poll.h>
 #include <sys/stat.h>
 
 namespace rvk {
 namespace {
 
-constexpr int update_link = 0;             // board: every transfer goes out on link 0
-constexpr uint16_t update_model = 0;       // card
-constexpr uint32_t update_ticks = 100;     // ours
-constexpr int update_attempts = 2;         // ours
-constexpr uint64_t refusal_pause_ms = 10;  // ours
-constexpr uint32_t data_addr = 0x18000000; // card: takes the pieces as a stream
-constexpr size_t piece_bytes = 1024;       // card
-constexpr size_t command_bytes = 128;      // ours
+constexpr char update_temp_path[] = "/home/updatebin.tmp"; // ours
+constexpr uint16_t image_checksum_start = 0x5555;          // card
+constexpr size_t block_bytes = 4096;                       // ours
+constexpr int update_link = 0;                             // board: every transfer goes out on link 0
+constexpr uint16_t update_model = 0;                       // card
+constexpr uint32_t update_ticks = 100;                     // ours
+constexpr int update_attempts = 2;                         // ours
+constexpr uint64_t refusal_pause_ms = 10;                  // ours
+constexpr size_t piece_bytes = 1024;                       // card
+constexpr size_t command_bytes = 128;                      // ours
 
-// One register of the file information.
-struct info_field {
-    const char* name;
-    uint32_t addr;
-    size_t bytes;
-    int attempts;
-    std::array<uint8_t, 4> value;
-};
+enum class image_kind { binary, encrypted, unknown };
 
-// In the order in which the card wants them.
-std::array<info_field, 7> file_info(uint32_t size, uint16_t model, uint8_t slot)
+// By the first marker found anywhere in the name, binary ones first; upper and lower case as listed.
+image_kind kind_of(const char* path)
 {
-    const auto high = static_cast<uint8_t>(model >> 8);
-    const auto low = static_cast<uint8_t>(model);
-    return {{
-        {"total_files_size", 0x11F00000, 4, 1, le32(size)},
-        {"files_recv_len", 0x11F00004, 4, update_attempts, le32(0)},
-        {"total_files_count", 0x11F00008, 4, update_attempts, le32(1)},
-        {"current_file_size", 0x11F0000C, 4, update_attempts, le32(size)},
-        {"v", 0x11F00010, 1, update_attempts, {0}},
-        {"device_type", 0x18200000, 2, update_attempts, {high, low}},
-        {"card_modelid", 0x18200002, 3, update_attempts, {0, 0, slot}},
-    }};
+    const auto has = [path](const char* marker) { return strstr(path, marker) != nullptr; };
+    if (has(".BIN") || has(".bin") || has(".Bin")) { return image_kind::binary; }
+    return has(".dat") || has(".Dat") || has(".DAT") ? image_kind::encrypted : image_kind::unknown;
+}
+
+bool is_binary(const char* path)
+{
+    switch (kind_of(path)) {
+    case image_kind::binary: return true;
+    case image_kind::encrypted: log_print(LOG_HERE, "file is *.dat! we cann't decrypt it. stoped!\n "); return false;
+    case image_kind::unknown: log_print(LOG_HERE, "stop! file is not *.dat or *.bin !\n "); return false;
+    }
+    return false;
+}
+
+bool fits_sizes(off_t size)
+{
+    constexpr off_t most = std::numeric_limits<uint32_t>::max() - off_t{image_head_bytes};
+    if (size <= most) { return true; }
+    log_print(LOG_HERE, "image refused: %lld bytes, at most %lld\n", static_cast<long long>(size),
+              static_cast<long long>(most));
+    return false;
+}
+
+void log_open_failure(const char* path)
+{
+    const char* const why = open_failure();
+    log_print(LOG_HERE, " file open fail\n");
+    log_print(LOG_HERE, "%s: %s\n", printable(path).text, why);
+}
+
+bool write_or_log(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
+{
+    if (write_full(file, bytes, at)) { return true; }
+    log_print(LOG_HERE, "%s cannot be written (%s): nothing is sent\n", update_temp_path, strerror(errno));
+    return false;
+}
+
+// Appends the source behind the head, block by block, and ends soon after `size` whatever follows: a source that grows,
+// or that is a link to the copy, has no end. Result: bytes copied; -1 when they could not be written.
+off_t copy_blocks(const unique_fd& source, const unique_fd& temporary, off_t size, uint16_t* checksum)
+{
+    std::array<uint8_t, block_bytes> block;
+    off_t copied = 0;
+    while (copied <= size) {
+        const size_t n = read_full(source, block);
+        if (n == 0) { return copied; }
+        for (size_t i = 0; i < n; ++i) { *checksum = static_cast<uint16_t>(*checksum + block[i]); }
+        if (!write_or_log(temporary, {block.data(), n}, static_cast<off_t>(image_head_bytes) + copied)) { return -1; }
+        copied += static_cast<off_t>(n);
+    }
+    return copied;
+}
+
+// An older copy that could not be removed would keep its tail.
+bool has_size(const unique_fd& temporary, off_t wanted)
+{
+    const off_t made = size_of(temporary);
+    if (made == wanted) { return true; }
+    log_print(LOG_HERE, "%s has %lld bytes instead of %lld, remove it; nothing is sent\n", update_temp_path,
+              static_cast<long long>(made), static_cast<long long>(wanted));
+    return false;
+}
+
+bool copy_image(const unique_fd& source, const unique_fd& temporary, off_t size)
+{
+    std::array<uint8_t, image_head_bytes> head{};
+    if (!write_or_log(temporary, head, 0)) { return false; }
+    uint16_t checksum = image_checksum_start;
+    const off_t copied = copy_blocks(source, temporary, size, &checksum);
+    if (copied < 0) { return false; }
+    if (copied != size) {
+        log_print(LOG_HERE, "image changed while it was copied: %lld bytes measured, %lld copied; nothing is sent\n",
+                  static_cast<long long>(size), static_cast<long long>(copied));
+        return false;
+    }
+    store_le32(&head[image_size_at], static_cast<uint32_t>(size));
+    store_le16(&head[image_checksum_at], checksum);
+    return write_or_log(temporary, head, 0) && has_size(temporary, static_cast<off_t>(image_head_bytes) + size);
+}
+
+// Makes the temporary file afresh from an image whose size was measured before. Result: false, and logged, when a file
+// cannot be opened or written whole, or the image is no longer of that size.
+bool build_image(const char* source_path, off_t size)
+{
+    log_print(LOG_HERE, "file is *.bin! we will add 256B Head .\n ");
+    update_temfile_creat(update_temp_path);
+    unique_fd source = open_regular(source_path, O_RDWR);
+    unique_fd temporary;
+    if (source) { temporary = open_output(update_temp_path, 0); }
+    if (!temporary) {
+        log_open_failure(source ? update_temp_path : source_path);
+        return false;
+    }
+    if (!copy_image(source, temporary, size)) {
+        // A copy that is not sent takes no space.
+        if (ftruncate(temporary.get(), 0) != 0) { log_print(LOG_HERE, "%s: %s\n", update_temp_path, strerror(errno)); }
+        return false;
+    }
+    log_print(LOG_HERE, "temp file is deal over! \n");
+    source.reset();
+    temporary.reset();
+    sync();
+    return true;
 }
 
 int32_t send_file_info(uint32_t size, uint16_t model, uint8_t slot)
 {
-    for (const info_field& field : file_info(size, model, slot)) {
-        const std::span<const uint8_t> value{field.value.data(), field.bytes};
+    std::array<std::array<uint8_t, 4>, firmware_registers.size()> values{}; // in the registers' order
+    store_le32(values[0].data(), size);
+    store_le32(values[2].data(), 1);
+    store_le32(values[3].data(), size);
+    values[5] = {static_cast<uint8_t>(model >> 8), static_cast<uint8_t>(model)};
+    values[6] = {0, 0, slot};
+    for (size_t i = 0; i < values.size(); ++i) {
+        const firmware_register& to = firmware_registers[i];
+        const std::span<const uint8_t> value{values[i].data(), to.bytes};
         uint8_t ack = no_answer;
-        if (field.attempts == 1) {
-            static_cast<void>(RawSockSendMsgWithAckWait(update_link, update_model, slot, field.addr, code_write_ack,
-                                                        value, &ack, update_ticks));
+        if (i == 0) { // once, and without a word about a refusal
+            static_cast<void>(RawSockSendMsgWithAckWait(update_link, update_model, slot, to.addr, code_write_ack, value,
+                                                        &ack, update_ticks));
             count_step(ack != no_answer);
         } else {
-            RawSockSendMsgWithAckWait_Try_nTimes(field.attempts, update_link, update_model, slot, field.addr,
+            RawSockSendMsgWithAckWait_Try_nTimes(update_attempts, update_link, update_model, slot, to.addr,
                                                  code_write_ack, value, &ack, update_ticks);
         }
         if (ack == ack_good) { continue; }
-        log_print(LOG_HERE, "send file_info.%s err!\n", field.name);
+        log_print(LOG_HERE, "send file_info.%s err!\n", to.name);
         return -1;
     }
     return 0;
@@ -94,7 +190,7 @@ int32_t send_pieces(const unique_fd& file, uint32_t total, uint8_t slot)
             return -1;
         }
         uint8_t ack = no_answer;
-        RawSockSendMsgWithAckWait_Try_nTimes(update_attempts, update_link, update_model, slot, data_addr,
+        RawSockSendMsgWithAckWait_Try_nTimes(update_attempts, update_link, update_model, slot, firmware_data,
                                              code_write_ack, {piece.data(), n}, &ack, update_ticks);
         remaining -= n;
         if (ack != ack_good) {
@@ -122,25 +218,6 @@ int32_t send_image(uint32_t total, uint8_t slot)
     return result;
 }
 
-bool fits_sizes(off_t size)
-{
-    constexpr off_t most = std::numeric_limits<uint32_t>::max() - off_t{image_head_bytes};
-    if (size <= most) { return true; }
-    log_print(LOG_HERE, "image refused: %lld bytes, at most %lld\n", static_cast<long long>(size),
-              static_cast<long long>(most));
-    return false;
-}
-
-bool is_binary(const char* path)
-{
-    switch (kind_of(path)) {
-    case image_kind::binary: return true;
-    case image_kind::encrypted: log_print(LOG_HERE, "file is *.dat! we cann't decrypt it. stoped!\n "); return false;
-    case image_kind::unknown: log_print(LOG_HERE, "stop! file is not *.dat or *.bin !\n "); return false;
-    }
-    return false;
-}
-
 void run_on_file(const char* command, const char* path)
 {
     char line[command_bytes] = "";
@@ -149,14 +226,6 @@ void run_on_file(const char* command, const char* path)
         return; // cut short it would name another file
     }
     static_cast<void>(my_system(line));
-}
-
-void log_attempt(const char* verdict, int left, int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
-                 size_t len, uint8_t ack)
-{
-    log_print(LOG_HERE, "index:%d slot:%x model:%x code:%x addr:0x%x len:%d\n", index, slot, model, code, addr,
-              static_cast<int>(len));
-    log_print(LOG_HERE, "(%d)%s ack 0x%02x.\n", left, verdict, ack);
 }
 
 } // namespace
@@ -169,13 +238,11 @@ int32_t sys_update(const char* path, uint16_t model, uint8_t slot)
     }
     const off_t size = get_file_size(path);
     log_print(LOG_HERE, "srcfile size is %lld Bytes! \r\n ", static_cast<long long>(size));
-    if (!is_binary(path) || !fits_sizes(size) || build_image(path, size) != 0) { return -1; }
+    if (!is_binary(path) || !fits_sizes(size) || !build_image(path, size)) { return -1; }
     const auto total = static_cast<uint32_t>(get_file_size(update_temp_path));
     if (send_file_info(total, model, slot) != 0) { return -1; }
     return send_image(total, slot);
 }
-
-int32_t update_firmware(uint8_t slot, uint16_t model, const char* path) { return sys_update(path, model, slot); }
 
 int32_t RawSockSendMsgWithAckWait_Try_nTimes(int attempts, int index, uint16_t model, uint8_t slot, uint32_t addr,
                                              uint8_t code, std::span<const uint8_t> data, uint8_t* ack,
@@ -186,11 +253,13 @@ int32_t RawSockSendMsgWithAckWait_Try_nTimes(int attempts, int index, uint16_t m
         result = RawSockSendMsgWithAckWait(index, model, slot, addr, code, data, ack, timeout_ticks);
         count_step(*ack != no_answer);
         if (*ack == ack_good) { return result; }
+        log_print(LOG_HERE, "index:%d slot:%x model:%x code:%x addr:0x%x len:%d\n", index, slot, model, code, addr,
+                  static_cast<int>(data.size()));
         if (*ack == no_answer) {
-            log_attempt("ERROR: no", left, index, model, slot, addr, code, data.size(), *ack);
+            log_print(LOG_HERE, "(%d)ERROR: no ack 0x%02x.\n", left, *ack);
             return result;
         }
-        log_attempt("msg error: try to send again", left, index, model, slot, addr, code, data.size(), *ack);
+        log_print(LOG_HERE, "(%d)msg error: try to send again ack 0x%02x.\n", left, *ack);
         pause_ms(refusal_pause_ms);
     }
     return result;
@@ -203,26 +272,26 @@ int32_t update_temfile_creat(const char* path)
     return 0;
 }
 
-int32_t update_temfile_del(const char* path)
-{
-    run_on_file("/bin/rm -f ", path);
-    return 0;
-}
-
 off_t get_file_size(const char* path)
 {
     struct stat status = {};
     return stat(path, &status) == 0 ? status.st_size : 0;
 }
 
+int32_t update_firmware(uint8_t slot, uint16_t model, const char* path) { return sys_update(path, model, slot); }
+
+int32_t update_temfile_del(const char* path)
+{
+    run_on_file("/bin/rm -f ", path);
+    return 0;
+}
+
 off_t get_file_size_old(const char* path)
 {
     const unique_fd file = open_regular(path, O_RDONLY);
-    if (!file) {
-        log_print(LOG_HERE, "ERROR: Open file %s failed.\n", path);
-        return 0;
-    }
-    return std::max<off_t>(lseek(file.get(), 0, SEEK_END), 0);
+    if (file) { return std::max<off_t>(lseek(file.get(), 0, SEEK_END), 0); }
+    log_print(LOG_HERE, "ERROR: Open file %s failed.\n", path);
+    return 0;
 }
 
 } // namespace rvk

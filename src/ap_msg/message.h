@@ -1,14 +1,20 @@
-// The messages exchanged with other processes: a 40-byte head and a payload that starts at byte 38 of it. Knows the
-// layout, the identities, the unit ids and the heads of all kinds of answers; decides nothing. Any thread.
+// The messages exchanged with other processes: their layout, the identities, the heads of every kind of answer, and the
+// outbox, which keeps answers for requesters whose queue is full. Any thread; nothing here waits. The one lock is the
+// outbox's, held while it is searched and while kept messages are offered; nothing is logged under it.
 #pragma once
 
+#include "base/picture.h"
+
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
 namespace rvk {
 
-// Offsets from the message's first byte, little-endian.
+struct QNode;
+
+// Offsets from a message's first byte, little-endian.
 namespace message {
 inline constexpr size_t aptid = 0, word1 = 4, length = 8, result = 12;          // 4 4 4 4  the outer head
 inline constexpr size_t msg_type = 16, msg_class = 18, data_len = 20;           // 2 2 4
@@ -16,18 +22,28 @@ inline constexpr size_t module = 24, id = 25, code = 26, slot = 27, model = 28; 
 inline constexpr size_t seq = 30, addr = 32, len = 36;                          // 2 4 2
 inline constexpr size_t payload = 38;
 inline constexpr size_t data_head = module;
-
-// The offset of a field within the data head alone.
-constexpr size_t in_data_head(size_t offset) { return offset - data_head; }
 } // namespace message
+
+// Offsets from the payload's first byte, of a picture's write or read-back and of an update.
+namespace picture_job {
+inline constexpr size_t hor = 0, ver = 4, path = 8; // 4 4 and text to its zero byte
+}
+namespace update_job {
+inline constexpr size_t type = 0, path = 4; // 4 and text to its zero byte
+}
 
 inline constexpr size_t message_head_bytes = 40; // counted for the head, though the payload starts two bytes earlier
 inline constexpr size_t data_head_bytes = 14;    // message
-inline constexpr size_t message_len_max = 65535; // message: `len` has 16 bits
-inline constexpr size_t message_bytes_max = message_head_bytes + message_len_max;
-inline constexpr int16_t data_class = 28; // message: msg_class of a data message, with msg_type 0 or 1
+inline constexpr size_t message_bytes_max = message_head_bytes + 65'535;    // message: `len` has 16 bits
+inline constexpr size_t mailbox_bytes = 1024;                               // ours: a file job's data head and payload
+inline constexpr size_t file_payload_max = mailbox_bytes - data_head_bytes; // 1,010
+inline constexpr size_t picture_path_max = file_payload_max - picture_job::path - 1; // 1,001 characters
+inline constexpr size_t update_path_max = file_payload_max - update_job::path - 1;   // 1,005
+inline constexpr size_t read_back_path_max = 255;                                    // ours
+inline constexpr size_t image_name_max = 99;                                         // ours: a longer name is cut
+inline constexpr int16_t data_class = 28;         // message: msg_class of a data message, with msg_type 0 or 1
+inline constexpr size_t greeting_text_bytes = 32; // message
 inline constexpr uint8_t module_self = 0x3B, module_companion = 0x3C, module_test = 0x3A; // the system's module numbers
-inline constexpr size_t greeting_text_bytes = 32;                                         // message
 
 // Command codes.
 namespace command {
@@ -46,8 +62,31 @@ constexpr uint32_t identity_of(uint8_t board, uint8_t module)
 [[nodiscard]] uint32_t companion_identity(); // the other process of this board whose writes are always waited for
 
 // Result: the link a unit id stands for (240, 253, 254 and any other: link 0); the unit id of any link (254).
-[[nodiscard]] int GetIndexById(uint8_t id);
-[[nodiscard]] uint8_t GetIdByIndex(int index);
+[[nodiscard]] constexpr int GetIndexById(uint8_t) { return 0; }
+[[nodiscard]] constexpr uint8_t GetIdByIndex(int) { return 254; }
+
+// A command, parsed once. Its memory is the message's, or the file thread's copy of it.
+struct received_command {
+    const uint8_t* head; // the message's first 40 bytes
+    uint32_t requester;
+    int index;
+    uint8_t code, slot;
+    uint16_t model, seq, len;
+    uint32_t addr;
+    std::span<const uint8_t> payload; // what there is of `len` bytes
+};
+[[nodiscard]] received_command parse_command(const uint8_t* head, std::span<const uint8_t> behind_data_head);
+
+using job_path = std::array<char, mailbox_bytes>; // zero-terminated; any path that the mailbox carries fits
+
+// Copies the text at an offset of a payload. Result: 0; -1, and logged, when it is not terminated within the payload or
+// has more than `path_max` characters.
+[[nodiscard]] int32_t read_path(std::span<const uint8_t> payload, size_t at, size_t path_max, job_path* path);
+
+// Reads a picture job's size and path. A payload that is too short, such a path, and a picture that no card takes are
+// logged and refused. Result: 0 or -1.
+[[nodiscard]] int32_t read_picture_job(std::span<const uint8_t> payload, size_t path_max, picture_size* size,
+                                       job_path* path);
 
 // Result: the payload of a zero-filled message buffer for n payload bytes, whose handle it is; null when the pool has
 // none. Whoever got it owns it until it is freed, or until it is the destination of a read that was filed.
@@ -55,37 +94,44 @@ constexpr uint32_t identity_of(uint8_t board, uint8_t module)
 [[nodiscard]] uint8_t* ApMsgBuffHeadGet(uint8_t* handle); // where the message starts
 void ApMsgBuffFree(uint8_t* handle);
 
-// Sends head and n payload bytes, n + 40 bytes in all; the head alone. What a full queue does not take waits in the
-// outbox. Result: the messaging service's, 0 also for what waits.
+// Sends head and n payload bytes, n + 40 bytes in all; the head alone. While the requester's queue is full the outbox
+// keeps a copy, each requester's in their order, and offers it again for 10 s.
+// Result  0 when it was sent or kept; negative, logged and counted, when it was dropped
 int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n);
 int ApipcDataSendAck(uint32_t destination, const uint8_t* message);
 
-// Turns the copy of a request's head into the head of its reply.
-// length  payload bytes of the reply, 0 for none
-// Result  whom to send it to
-uint32_t make_reply(uint8_t* head, int32_t result, uint32_t length);
+// Offers each requester what is kept for it, drops what is too old. The links' check threads after each pass; where no
+// link is open, the status thread.
+void offer_outbox();
 
-// Answers a request with a head alone. The request's own 40 bytes are not changed.
-void send_reply(const uint8_t* request_head, int32_t result);
+// Fills a reply's head, 38 bytes: the command's, with `result` and the number of payload bytes.
+void make_reply(uint8_t* head, const received_command& to, int32_t result, uint32_t length);
 
-// Answers an update request: its head, and the update type it named.
-// payload  the request's; its first four bytes are the type, what is missing of them goes back as zero
-void send_update_response(const uint8_t* request_head, std::span<const uint8_t> payload, int32_t result);
+// Answers a command with a head alone.
+void send_reply(const received_command& to, int32_t result);
+
+// Answers an update: a head, and the update type as the command's payload has it; bytes that it lacks are zero.
+void send_update_response(const received_command& to, int32_t result);
 
 // Answers a file command that is not carried out with -1, in the way of its kind; a read-back has no answer.
-void refuse_file_job(const uint8_t* request_head, std::span<const uint8_t> payload);
+void refuse_file_job(const received_command& to);
 
-// Fills all 40 bytes of the report of an acknowledged write that nobody waits for.
-void make_write_report(uint8_t* head, int index, uint32_t addr, int32_t result);
+// Sends the greeting.
+void apipc_first(uint32_t requester);
 
-// Fills what a read's report changes in the head of the message buffer that holds its data.
-void make_read_report(uint8_t* head, int index, uint32_t addr, uint32_t recv_len, int32_t result);
+// The report of an acknowledged write that nobody waits for.
+[[nodiscard]] std::array<uint8_t, message_head_bytes> write_report(int index, uint32_t addr, int32_t result);
 
-// Fills the head of the greeting; its payload is 32 bytes of text and 40 zero bytes.
-inline constexpr uint32_t greeting_payload_bytes = 72; // message
-void make_greeting(uint8_t* head);
+// Report the end of an asynchronous request, by the kind of its node: what raw_msg is given as `request_ended`. The
+// message's head is printed on the console first. Called by a link's threads after its lock is released; the node is
+// held meanwhile.
+void report_end(const QNode* node, int32_t result); // gives a read's message buffer back
+void WriteAckResultReport(const QNode* node, int32_t result);
+void ReadResultReport(const QNode* node, int32_t result); // with result 0 the node's recv_len bytes at its `dest`
 
-// Prints bytes on the console as "%02x ", with a line end before bytes 0, 16, 32 … and one more at the end.
+// Nothing calls these. A read request of 10 bytes at 0x10000 to module 0x3A of this board; bytes on the console as
+// "%02x ", with a line end before bytes 0, 16, 32 … and one more at the end.
+void apipc_test();
 void print_buf(const uint8_t* bytes, size_t count);
 
 } // namespace rvk

@@ -1,4 +1,6 @@
-#include "ap_msg/outbox.h"
+// The outbox: answers and reports for requesters whose queue is full, kept and offered again without ever waiting. So
+// no thread waits for a requester, and none that reads each of its messages within 10 s loses one.
+#include "ap_msg/message.h"
 
 #include "base/clock.h"
 #include "base/counters.h"
@@ -14,6 +16,11 @@
 
 namespace rvk {
 namespace {
+
+constexpr uint32_t outbox_patience_ms = 10'000; // ours: then it does not read, and its message is dropped
+constexpr int offered_at_once = 256;            // ours: of one requester; a pass is short whatever is kept
+constexpr size_t outbox_messages_max = 65'536;  // ours: of all requesters together; more are dropped at once
+constexpr uint32_t outbox_share_max = 8192;     // ours: of one requester, so that others' are kept, too
 
 // A message that is kept, its bytes behind it. A requester's first knows its last, how many there are, and the next
 // requester's first.
@@ -44,7 +51,7 @@ bool has_kept(uint32_t requester)
     return *first_of(requester) != nullptr;
 }
 
-// Result: false when there is no room for it.
+// Result: false when the outbox or the memory is full.
 bool keep(uint32_t requester, const void* message, uint32_t bytes)
 {
     auto* l = static_cast<kept_message*>(kept < outbox_messages_max ? malloc(sizeof(kept_message) + bytes) : nullptr);
@@ -100,12 +107,15 @@ loss offer_to_one()
 
 } // namespace
 
-int send_or_keep(uint32_t requester, const void* message, uint32_t bytes)
+int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n)
 {
-    const bool others_first = requesters != 0 && has_kept(requester); // nearly never
-    const int error = others_first ? EAGAIN : -apipc_send(requester, message, bytes);
-    return error == 0 || (error == EAGAIN && keep(requester, message, bytes)) ? 0 : discard({requester, 1, error});
+    const auto bytes = static_cast<uint32_t>(message_head_bytes) + n;
+    const bool others_first = requesters != 0 && has_kept(destination); // nearly never
+    const int error = others_first ? EAGAIN : -apipc_send(destination, message, bytes);
+    return error == 0 || (error == EAGAIN && keep(destination, message, bytes)) ? 0 : discard({destination, 1, error});
 }
+
+int ApipcDataSendAck(uint32_t destination, const uint8_t* message) { return ApipcDataSend(destination, message, 0); }
 
 void offer_outbox()
 {

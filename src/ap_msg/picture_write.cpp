@@ -1,17 +1,23 @@
-#include "ap_msg/picture_write.h"
+// Pictures into card memory. A file is read whole before anything is sent, so that whatever happens to it meanwhile no
+// half of a picture is sent.
+#include "ap_msg/file_service.h"
 
-#include "ap_msg/file_request.h"
-#include "ap_msg/message.h"
-#include "ap_msg/picture_file.h"
+#include "base/bytes.h"
 #include "base/clock.h"
 #include "base/counters.h"
+#include "base/fd.h"
 #include "eth_raw/frame.h"
+#include "eth_raw/registers.h"
 #include "main/log.h"
 #include "raw_msg/send.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
+#include <climits>
+#include <fcntl.h>
+#include <memory>
+#include <new>
+#include <string_view>
 
 namespace rvk {
 
@@ -22,28 +28,9 @@ namespace {
 constexpr uint32_t control_ticks = 3; // ours
 constexpr size_t frames_at_once = 64; // ours: some 200 µs, after which the clock is looked at
 
-// A card's two picture memories, by the number of the buffer.
-struct picture_port {
-    uint32_t control, data;
-};
-constexpr picture_port demo_port{0x7080, 0x60000};  // card: buffers 16 to 25
-constexpr picture_port other_port{0x7040, 0x40000}; // card
-
-constexpr picture_port port_of(uint32_t buffer) { return buffer >= 16 && buffer <= 25 ? demo_port : other_port; }
-
-// The control block: command, hor, ver, buffer number's low byte.
-using control_block = std::array<uint8_t, 6>;
 constexpr uint8_t command_end = 0, command_start = 1; // card; the set-up write carries the first of them
 
-control_block control_of(uint32_t buffer, uint16_t hor, uint16_t ver)
-{
-    return {command_end,
-            static_cast<uint8_t>(hor),
-            static_cast<uint8_t>(hor >> 8),
-            static_cast<uint8_t>(ver),
-            static_cast<uint8_t>(ver >> 8),
-            static_cast<uint8_t>(buffer)};
-}
+constexpr bool is_demo_buffer(uint32_t buffer) { return buffer >= 16 && buffer <= 25; }
 
 struct card {
     int index;
@@ -72,6 +59,41 @@ void stream(const card& to, uint32_t data_port, std::span<const uint8_t> bytes) 
     }
 }
 
+std::span<const uint8_t> log_too_small(size_t file_bytes, picture_size size)
+{
+    log_print(LOG_HERE, "\nfile size error, hor=%d, ver=%d, filesize=%zu\n", static_cast<int>(size.hor),
+              static_cast<int>(size.ver), file_bytes);
+    return {};
+}
+
+// Result: the file's bytes; null, and logged, when they cannot be had.
+std::unique_ptr<page_buffer> read_picture_file(const char* path, picture_size size)
+{
+    const bool found = access(path, F_OK) == 0;
+    log_print(LOG_HERE, "%s file %s\n", found ? "found" : "not found", printable(path).text);
+    if (!found) { return nullptr; }
+    const unique_fd file = open_regular(path, O_RDONLY);
+    const off_t bytes = file ? size_of(file) : -1;
+    if (bytes < 0) {
+        const char* const why = open_failure();
+        log_print(LOG_HERE, "open file %s failed\n", printable(path).text);
+        log_print(LOG_HERE, "%s\n", why);
+        return nullptr;
+    }
+    log_print(LOG_HERE, " hor=%d, ver=%d, filesize=%lld\n", static_cast<int>(size.hor), static_cast<int>(size.ver),
+              static_cast<long long>(bytes));
+    std::unique_ptr<page_buffer> buffer;
+    // A file that does not fit the 32-bit sizes that pictures have is one for which there is no memory.
+    if (bytes <= INT_MAX) { buffer.reset(new (std::nothrow) page_buffer(static_cast<size_t>(bytes))); }
+    if (!buffer || !*buffer) {
+        log_print(LOG_HERE, "\nmalloc p failed\n");
+        return nullptr;
+    }
+    if (read_full(file, buffer->bytes()) == buffer->bytes().size()) { return buffer; }
+    log_print(LOG_HERE, "\nfread failed\n");
+    return nullptr;
+}
+
 // Result: false when the picture cannot be had from the file; nothing was sent then.
 bool write_from_file(const card& to, uint32_t buffer, picture_size size, const char* path, int32_t* result)
 {
@@ -82,22 +104,43 @@ bool write_from_file(const card& to, uint32_t buffer, picture_size size, const c
     if (pixels.data() == nullptr) { return false; }
     *result = DDR2Write(to.index, to.model, to.slot, buffer, static_cast<uint16_t>(size.hor),
                         static_cast<uint16_t>(size.ver), pixels);
-    if (!has_known_format(path)) { log_print(LOG_HERE, "file no format\n"); }
+    const std::string_view name{path};
+    if (!name.ends_with(".bmp") && !name.ends_with(".txt")) { log_print(LOG_HERE, "file no format\n"); }
     log_print(LOG_HERE, "total time:%f sec\n", seconds_since(start));
     return true;
 }
 
 } // namespace
 
-int32_t write_file_handle(const mailbox_area& message_head, const mailbox_area& data_head)
+int32_t write_file_handle(const received_command& c)
 {
-    const file_request r = file_request_of(data_head);
     picture_size size{};
     job_path path;
-    int32_t result = read_picture_job(r, path.size() - 1, &size, &path);
-    if (result == 0) { result = write_file_handler(r.index, r.slot, r.model, r.addr, size.hor, size.ver, path.data()); }
-    write_file_resp(message_head, result);
+    int32_t result = read_picture_job(c.payload, picture_path_max, &size, &path);
+    if (result == 0) { result = write_file_handler(c.index, c.slot, c.model, c.addr, size.hor, size.ver, path.data()); }
+    write_file_resp(c, result);
     return result;
+}
+
+void write_file_resp(const received_command& c, int32_t result)
+{
+    send_reply(c, result);
+    log_print(LOG_HERE, "write file response %s\n", result == 0 ? "ok" : "not ok");
+}
+
+std::span<const uint8_t> pixels_of(std::span<const uint8_t> file, const char* path, picture_size size)
+{
+    const size_t wanted = picture_bytes(size);
+    size_t offset = 0;
+    if (std::string_view{path}.ends_with(".bmp")) {
+        if (file.size() < bmp::pixels_at_end) { return log_too_small(file.size(), size); }
+        const auto carried = static_cast<int32_t>(load_le32(&file[bmp::pixels_at]));
+        log_print(LOG_HERE, "offset = %d\n", carried);
+        if (carried <= 0) { return log_too_small(file.size(), size); }
+        offset = static_cast<size_t>(carried);
+    }
+    if (offset > file.size() || file.size() - offset < wanted) { return log_too_small(file.size(), size); }
+    return file.subspan(offset, wanted);
 }
 
 int32_t write_file_handler(int index, uint8_t slot, uint16_t model, uint32_t buffer, uint32_t hor, uint32_t ver,
@@ -124,25 +167,23 @@ int32_t write_file_handler_excp(int index, uint16_t model, uint8_t slot, uint32_
     return DDR2Write(index, model, slot, buffer, static_cast<uint16_t>(hor), static_cast<uint16_t>(ver), black.bytes());
 }
 
-void write_file_resp(const mailbox_area& message_head, int32_t result)
-{
-    send_reply(message_head.data(), result);
-    log_print(LOG_HERE, "write file response %s\n", result == 0 ? "ok" : "not ok");
-}
-
 int32_t DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t buffer, uint16_t hor, uint16_t ver,
                   std::span<const uint8_t> data)
 {
-    const picture_port port = port_of(buffer);
+    const uint32_t control = is_demo_buffer(buffer) ? demo_control : other_control;
+    const uint32_t data_port = is_demo_buffer(buffer) ? demo_data : other_data;
     const card to{index, model, slot};
     log_print(LOG_HERE, "DDR2Write begin: ver=%d hor=%d addr=0x%x\n", ver, hor, buffer);
     if (data.data() == nullptr) { return -1; }
+    std::array<uint8_t, 6> set_up{command_end}; // then hor, ver, and the buffer number's low byte
+    store_le16(&set_up[1], hor);
+    store_le16(&set_up[3], ver);
+    set_up[5] = static_cast<uint8_t>(buffer);
     const scoped_lock hold(pic_mutex);
-    const control_block set_up = control_of(buffer, hor, ver);
-    write_control(to, port.control, set_up);
-    write_control(to, port.control, std::array{command_start});
-    stream(to, port.data, data.first(std::min(data.size(), picture_bytes({hor, ver}))));
-    write_control(to, port.control, std::array{command_end});
+    write_control(to, control, set_up);
+    write_control(to, control, std::array{command_start});
+    stream(to, data_port, data.first(std::min(data.size(), picture_bytes({hor, ver}))));
+    write_control(to, control, std::array{command_end});
     return 0;
 }
 

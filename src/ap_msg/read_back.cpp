@@ -1,18 +1,18 @@
-#include "ap_msg/read_back.h"
+// Card memory read back into files: the raw picture, and the same as a bottom-up BMP. A step that the card does not
+// answer leaves zeros; the job goes on, and the files are its only result.
+#include "ap_msg/file_service.h"
 
-#include "ap_msg/bitmap.h"
-#include "ap_msg/file_request.h"
 #include "base/bytes.h"
 #include "base/clock.h"
 #include "base/counters.h"
 #include "base/fd.h"
 #include "eth_raw/frame.h"
+#include "eth_raw/registers.h"
 #include "main/log.h"
 #include "platform/platform.h"
 #include "raw_msg/send.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -23,27 +23,43 @@
 namespace rvk {
 namespace {
 
-constexpr uint32_t read_command = 0xA0008, read_start = 0xA00FF, read_status = 0xA0FFD, read_window = 0xB0000; // card
-constexpr uint32_t unit_bytes = 64;   // card: what a read command counts in
-constexpr uint32_t unit_words = 8;    // card: words of 8 bytes in a unit
-constexpr uint32_t read_ticks = 3;    // ours
-constexpr size_t base_path_max = 255; // ours
-constexpr size_t image_name_max = 99; // ours: longer names are cut
-constexpr mode_t file_mode = 0644;
+constexpr uint32_t unit_bytes = 64; // card: what a read command counts in
+constexpr uint32_t unit_words = 8;  // card: words of 8 bytes in a unit
+constexpr uint32_t read_ticks = 3;  // ours
+constexpr unsigned image_bits = pixel_bytes * 8;
+
+size_t line_bytes(picture_size size) { return size.hor * pixel_bytes; }
 
 uint32_t units_of(size_t bytes) { return static_cast<uint32_t>((bytes + unit_bytes - 1) / unit_bytes); }
 
-void empty(unique_fd* file)
-{
-    if (*file && ftruncate(file->get(), 0) != 0) { file->reset(); }
-}
+// Lines in card memory are padded to whole units.
+size_t stride_of(picture_size size) { return size_t{units_of(line_bytes(size))} * unit_bytes; }
 
-unique_fd open_or_log(const char* path)
-{
-    unique_fd file = open_output(path, file_mode);
-    if (!file) { log_print(LOG_HERE, "%s: %s\n", printable(path).text, open_failure()); }
-    return file;
-}
+// One of the two files. A write that fails is logged, and nothing is written any more.
+struct output {
+    const char* what;
+    unique_fd file{};
+    bool failed = false;
+
+    void open_or_log(const char* path)
+    {
+        file = open_output(path, 0644);
+        if (!file) { log_print(LOG_HERE, "%s: %s\n", printable(path).text, open_failure()); }
+    }
+
+    void empty()
+    {
+        if (file && ftruncate(file.get(), 0) != 0) { file.reset(); }
+    }
+
+    void write(std::span<const uint8_t> bytes, size_t at)
+    {
+        if (failed || write_full(file, bytes, static_cast<off_t>(at))) { return; }
+        log_print(LOG_HERE, "%s file is incomplete: writing %zu bytes at %lld failed (%s)\n", what, bytes.size(),
+                  static_cast<long long>(at), strerror(errno));
+        failed = true;
+    }
+};
 
 // Whether a path leads to an open file, by name or by link.
 bool is_same_file(const unique_fd& opened, const char* path)
@@ -54,116 +70,97 @@ bool is_same_file(const unique_fd& opened, const char* path)
     return of_file.st_dev == of_path.st_dev && of_file.st_ino == of_path.st_ino;
 }
 
-void write_or_log(const unique_fd& file, std::span<const uint8_t> bytes, off_t at, const char* what, bool* failed)
+// The first line read becomes the top one, which a bottom-up image has at its end; a pixel's bytes stand in reverse.
+void write_image_lines(output* image, std::span<uint8_t> pixels, picture_size size)
 {
-    if (*failed || write_full(file, bytes, at)) { return; }
-    log_print(LOG_HERE, "%s file is incomplete: writing %zu bytes at %lld failed (%s)\n", what, bytes.size(),
-              static_cast<long long>(at), strerror(errno));
-    *failed = true;
-}
-
-void reverse_pixels(std::span<uint8_t> bytes)
-{
-    for (size_t at = 0; at + pixel_bytes <= bytes.size(); at += pixel_bytes) {
-        std::reverse(bytes.data() + at, bytes.data() + at + pixel_bytes);
-    }
-}
-
-// The first line read becomes the top one, which a bottom-up image has at its end.
-void write_image_lines(const unique_fd& image, std::span<uint8_t> pixels, picture_size size, bool* failed)
-{
-    const size_t line = size_t{size.hor} * pixel_bytes;
+    const size_t line = line_bytes(size);
     for (uint32_t r = 0; r < size.ver; ++r) {
-        const auto at = static_cast<off_t>(bmp_head_bytes + (size.ver - 1 - r) * line);
-        reverse_pixels(pixels.subspan(r * line, line));
-        write_or_log(image, pixels.subspan(r * line, line), at, "image", failed);
+        const auto bytes = pixels.subspan(r * line, line);
+        for (size_t at = 0; at < line; at += pixel_bytes) { std::reverse(&bytes[at], &bytes[at] + pixel_bytes); }
+        image->write(bytes, bmp::head_bytes + (size.ver - 1 - r) * line);
     }
 }
-
-// Lines in card memory are padded to whole units.
-size_t stride_of(size_t line) { return (line + unit_bytes - 1) / unit_bytes * unit_bytes; }
 
 // Reads all lines as they lie in card memory, then copies them without their padding.
-void read_lines(const file_request& from, picture_size size, std::span<uint8_t> work, std::span<uint8_t> dest)
+void read_lines(int index, uint16_t model, uint8_t slot, uint32_t start, picture_size size, std::span<uint8_t> work,
+                std::span<uint8_t> dest)
 {
     counted_transfer progress(transfer::read_back, work.size());
-    uint32_t addr = from.addr;
+    uint32_t addr = start;
     for (size_t at = 0; at < work.size();) {
         const size_t n = std::min(frame_data_max, work.size() - at);
         // A step that fails is logged by the transport and leaves zeros; the job goes on.
-        count_step(DDR2ReadProcess(from.index, from.model, from.slot, addr, work.subspan(at, n)) == 0);
+        count_step(DDR2ReadProcess(index, model, slot, addr, work.subspan(at, n)) == 0);
         addr += unit_words * units_of(n);
         at += n;
         progress.reached(at);
     }
-    const size_t line = size_t{size.hor} * pixel_bytes;
+    const size_t line = line_bytes(size);
     for (size_t r = 0; r < size.ver; ++r) {
-        memcpy(dest.data() + r * line, work.data() + r * stride_of(line), line);
+        memcpy(dest.data() + r * line, work.data() + r * stride_of(size), line);
         let_others_run(copy_turn_us);
     }
 }
 
-size_t work_bytes(picture_size size) { return stride_of(size_t{size.hor} * pixel_bytes) * size.ver; }
-
-void read_card(const file_request& r, picture_size size, std::span<uint8_t> work, std::span<uint8_t> into)
+void read_card(const received_command& c, picture_size size, std::span<uint8_t> work, std::span<uint8_t> into)
 {
     timeval start{};
     timeval end{};
     gettimeofday(&start, nullptr);
-    read_lines(r, size, work, into);
+    read_lines(c.index, c.model, c.slot, c.addr, size, work, into);
     gettimeofday(&end, nullptr);
     log_print(LOG_HERE, "\ntotal time:%d sec,%d usec\n", static_cast<int>(end.tv_sec - start.tv_sec),
               static_cast<int>(end.tv_usec - start.tv_usec));
 }
 
 // Result: whether both files are whole.
-bool read_into_files(const file_request& r, picture_size size, const char* base)
+bool read_into_files(const received_command& c, picture_size size, const char* base)
 {
-    char image_name[job_path_bytes + sizeof ".bmp"];
+    output image{"image"}, raw{"raw"};
+    char image_name[mailbox_bytes + sizeof ".bmp"];
     snprintf(image_name, sizeof image_name, "%s.bmp", base);
     image_name[image_name_max] = '\0';
-    unique_fd image = open_or_log(image_name);
-    log_print(LOG_HERE, "\n%d ddr to filename:%s\n", r.index, printable(base).text);
-    if (is_same_file(image, base)) { // one file cannot hold both; it is left as it is
+    image.open_or_log(image_name);
+    log_print(LOG_HERE, "\n%d ddr to filename:%s\n", c.index, printable(base).text);
+    if (is_same_file(image.file, base)) { // one file cannot hold both; it is left as it is
         log_print(LOG_HERE, "\nfile open failed\n");
         return false;
     }
-    const page_buffer buffer(picture_bytes(size)), work(work_bytes(size));
+    const page_buffer buffer(picture_bytes(size)), work(stride_of(size) * size.ver);
     if (!buffer || !work) {
         log_print(LOG_HERE, "\nmalloc p failed\n");
         return false;
     }
-    empty(&image);
-    bool image_failed = false, raw_failed = false;
-    if (image) { write_or_log(image, bmp_head(size.hor, size.ver), 0, "image", &image_failed); }
-    unique_fd raw = open_or_log(base);
-    empty(&raw);
-    if (!image || !raw) {
+    image.empty();
+    if (image.file) { image.write(bmp_head(size, image_bits), 0); }
+    raw.open_or_log(base);
+    raw.empty();
+    if (!image.file || !raw.file) {
         log_print(LOG_HERE, "\nfile open failed\n");
         return false;
     }
-    if (image_failed) { // the disk is full: nothing is read
-        empty(&image);
+    if (image.failed) { // the disk is full: nothing is read
+        image.empty();
         return false;
     }
-    read_card(r, size, work.bytes(), buffer.bytes());
+    read_card(c, size, work.bytes(), buffer.bytes());
     static_cast<void>(my_system("sync")); // nothing here depends on it
     log_print(LOG_HERE, "\nwait for bmp file generatiiiiing....\n");
-    write_or_log(raw, buffer.bytes(), 0, "raw", &raw_failed);
-    write_image_lines(image, buffer.bytes(), size, &image_failed);
-    if (image_failed) { empty(&image); } // written from its end on, it would have the size of a complete one
+    raw.write(buffer.bytes(), 0);
+    write_image_lines(&image, buffer.bytes(), size);
+    if (image.failed) { image.empty(); } // written from its end on, it would have the size of a complete one
     log_print(LOG_HERE, "\n");
-    return !raw_failed && !image_failed;
+    return !raw.failed && !image.failed;
 }
 
 } // namespace
 
-int32_t read_file_handle(const mailbox_area&, const mailbox_area& data_head)
+int32_t read_file_handle(const received_command& c)
 {
-    const file_request r = file_request_of(data_head);
     picture_size size{};
     job_path path;
-    const bool done = read_picture_job(r, base_path_max, &size, &path) == 0 && read_into_files(r, size, path.data());
+    const bool done =
+        read_picture_job(c.payload, read_back_path_max, &size, &path) == 0 && read_into_files(c, size, path.data());
     count_job(job::read_back, done);
     return 0;
 }
@@ -172,9 +169,9 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
               std::span<uint8_t> dest)
 {
     const picture_size size{hor, ver};
-    const page_buffer work(work_bytes(size));
+    const page_buffer work(stride_of(size) * size.ver);
     if (!work) { return log_print(LOG_HERE, "\nmalloc p failed: nothing is read, the picture stays zero\n"); }
-    read_lines({index, slot, model, start, {}}, size, work.bytes(), dest);
+    read_lines(index, model, slot, start, size, work.bytes(), dest);
 }
 
 int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, std::span<uint8_t> dest)
@@ -182,14 +179,14 @@ int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, 
     std::array<uint8_t, 7> what{};
     store_le32(what.data(), addr);
     store_le16(what.data() + 4, static_cast<uint16_t>(units_of(dest.size())));
-    static_cast<void>(RawSockSendMsg(index, model, slot, read_command, code_write, what));
-    static_cast<void>(RawSockSendMsg(index, model, slot, read_start, code_write, std::array<uint8_t, 1>{1}));
+    static_cast<void>(RawSockSendMsg(index, model, slot, read_command_register, code_write, what));
+    static_cast<void>(RawSockSendMsg(index, model, slot, read_start_register, code_write, std::array<uint8_t, 1>{1}));
     uint8_t status = 0; // not examined
     uint32_t received = 0;
-    static_cast<void>(
-        RawSockSendMsgWithReadWait(index, model, slot, read_status, code_read, 1, {&status, 1}, &received, read_ticks));
-    return RawSockSendMsgWithReadWait(index, model, slot, read_window, code_read, static_cast<uint32_t>(dest.size()),
-                                      dest, &received, read_ticks);
+    static_cast<void>(RawSockSendMsgWithReadWait(index, model, slot, read_status_register, code_read, 1, {&status, 1},
+                                                 &received, read_ticks));
+    return RawSockSendMsgWithReadWait(index, model, slot, read_window_register, code_read,
+                                      static_cast<uint32_t>(dest.size()), dest, &received, read_ticks);
 }
 
 } // namespace rvk

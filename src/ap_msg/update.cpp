@@ -1,22 +1,21 @@
-#include "ap_msg/update.h"
+// Update requests: what kind of image, for which generation of card, and by which way. Runs on the file-service thread;
+// every request that comes this far is answered.
+#include "ap_msg/file_service.h"
 
-#include "ap_msg/file_request.h"
 #include "ap_msg/firmware.h"
-#include "ap_msg/mailbox.h"
-#include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "base/fd.h"
 #include "eth_raw/frame.h"
+#include "eth_raw/registers.h"
 #include "main/log.h"
 #include "platform/platform.h"
 #include "raw_msg/send.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <optional>
 #include <string_view>
 #include <sys/file.h>
 #include <unistd.h>
@@ -32,6 +31,9 @@ constexpr size_t tool_line_bytes = 1024;               // ours
 constexpr char tool_lock_path[] = "/run/mcu_isp.lock"; // ours
 constexpr uint32_t generation_ticks = 6;               // ours
 
+constexpr char new_generation_image[] = "/opt/upgddir/update_sources_card/fpga_bin/InputCardTop_b1.bin";
+constexpr char new_generation_marker[] = "b1.bin";
+
 struct update_request {
     uint32_t type;
     uint16_t model;
@@ -39,28 +41,26 @@ struct update_request {
     job_path path;
 };
 
-constexpr char new_generation_image[] = "/opt/upgddir/update_sources_card/fpga_bin/InputCardTop_b1.bin";
-constexpr char new_generation_marker[] = "b1.bin";
+// A path in a log line.
+printable shown(const update_request& request) { return printable(request.path.data()); }
 
-// The input card's generation, as its microcontroller reports it. Result: none, and logged, when it does not.
-std::optional<uint8_t> read_generation()
+// The input card's generation, as its microcontroller reports it. Result: false, and logged, when it does not.
+bool read_generation(uint8_t* generation)
 {
-    constexpr uint8_t slot = 2;
-    constexpr uint32_t addr = 0x10000015; // card
-    uint8_t generation = 0;
     uint32_t received = 0;
     int32_t result = 0;
     {
         const scoped_lock hold(demo_mutex);
-        result =
-            RawSockSendMsgWithReadWait(0, 0, slot, addr, code_read, 1, {&generation, 1}, &received, generation_ticks);
+        result = RawSockSendMsgWithReadWait(0, 0, generation_slot, generation_register, code_read, 1, {generation, 1},
+                                            &received, generation_ticks);
     }
     if (result != 0) {
         log_print(LOG_HERE, "RawSockSendMsgWithReadWait response not ok\n");
-        return std::nullopt;
+        return false;
     }
-    log_print(LOG_HERE, "RawSockSendMsgWithReadWait get ok:[%x],length:[%d]\n", generation, static_cast<int>(received));
-    return generation;
+    log_print(LOG_HERE, "RawSockSendMsgWithReadWait get ok:[%x],length:[%d]\n", *generation,
+              static_cast<int>(received));
+    return true;
 }
 
 void set_model_low(update_request* request, uint8_t low)
@@ -75,28 +75,21 @@ void adapt_to_new_generation(update_request* request)
     if (request->type == fpga_input) {
         if (!named) { std::copy_n(new_generation_image, sizeof new_generation_image, request->path.begin()); }
         set_model_low(request, 0x01);
-        log_print(LOG_HERE, "SET INPUT INFO:[%#x], filename:[%s]\n", request->model,
-                  printable(request->path.data()).text);
+        log_print(LOG_HERE, "SET INPUT INFO:[%#x], filename:[%s]\n", request->model, shown(*request).text);
     } else if (!named) {
         set_model_low(request, 0xFE);
-        log_print(LOG_HERE, "SET INPUT GOLDEN INFO:[%#x], filename:[%s]\n", request->model,
-                  printable(request->path.data()).text);
+        log_print(LOG_HERE, "SET INPUT GOLDEN INFO:[%#x], filename:[%s]\n", request->model, shown(*request).text);
     }
 }
 
 void check_input_card(update_request* request)
 {
-    log_print(LOG_HERE, "UPDATE input FPGA FILE [%s], need check!\n", printable(request->path.data()).text);
-    const std::optional<uint8_t> generation = read_generation();
-    if (!generation) { return; }
-    switch (*generation) {
-    case 0: log_print(LOG_HERE, "old input card\n"); break;
-    case 1:
-        log_print(LOG_HERE, "new input card\n");
-        adapt_to_new_generation(request);
-        break;
-    default: log_print(LOG_HERE, "mcu return input card type fail:[%#x]\n", *generation); break;
-    }
+    log_print(LOG_HERE, "UPDATE input FPGA FILE [%s], need check!\n", shown(*request).text);
+    uint8_t generation = 0;
+    if (!read_generation(&generation)) { return; }
+    if (generation > 1) { return log_print(LOG_HERE, "mcu return input card type fail:[%#x]\n", generation); }
+    log_print(LOG_HERE, generation == 0 ? "old input card\n" : "new input card\n");
+    if (generation == 1) { adapt_to_new_generation(request); }
 }
 
 // The path goes into a shell command line: only what a shell takes as it stands, and no name that the tool takes for an
@@ -138,7 +131,7 @@ int32_t run_tool(const update_request& request)
     const int length = tool_line(line, request.type, request.path.data());
     if (!is_safe_for_shell(request.path.data()) || length >= static_cast<int>(tool_line_bytes)) {
         log_print(LOG_HERE, "image %s refused: its path is too long or not plain enough for a command line\n",
-                  printable(request.path.data()).text);
+                  shown(request).text);
         return -1;
     }
     if (!open_regular(request.path.data(), O_RDONLY)) { // a FIFO would keep the tool, and with it every command
@@ -154,7 +147,7 @@ int32_t run_tool(const update_request& request)
 int32_t carry_out(const update_request& request)
 {
     log_print(LOG_HERE, "update slot:%d model:0x%x type:0x%x file:%s\n", request.slot, request.model, request.type,
-              printable(request.path.data()).text);
+              shown(request).text);
     if (request.type >= mcu_input && request.type <= mcu_vpu) { return run_tool(request); }
     if (request.type >= fpga_input && request.type <= fpga_last) {
         return sys_update(request.path.data(), request.model, request.slot);
@@ -167,28 +160,27 @@ int32_t handle(update_request* request)
 {
     if (request->type == fpga_input || request->type == fpga_input_golden) { check_input_card(request); }
     const bool found = access(request->path.data(), F_OK) == 0;
-    log_print(LOG_HERE, "%s file %s\n", printable(request->path.data()).text, found ? "found" : "not found");
+    log_print(LOG_HERE, "%s file %s\n", shown(*request).text, found ? "found" : "not found");
     return found ? carry_out(*request) : -1;
 }
 
 } // namespace
 
-int32_t update_file_handle(const mailbox_area& message_head, const mailbox_area& data_head)
+int32_t update_file_handle(const received_command& c)
 {
-    const file_request r = file_request_of(data_head);
-    update_request request{0, r.model, r.slot, {}};
+    update_request request{0, c.model, c.slot, {}};
     int32_t result = -1;
-    if (read_path(r.payload, update_job::path, request.path.size() - 1, &request.path) == 0) {
-        request.type = load_le32(r.payload.data() + update_job::type);
+    if (read_path(c.payload, update_job::path, update_path_max, &request.path) == 0) {
+        request.type = load_le32(&c.payload[update_job::type]);
         result = handle(&request);
     }
-    update_file_resp(message_head, r.payload, result);
+    update_file_resp(c, result);
     return result;
 }
 
-void update_file_resp(const mailbox_area& message_head, std::span<const uint8_t> payload, int32_t result)
+void update_file_resp(const received_command& c, int32_t result)
 {
-    send_update_response(message_head.data(), payload, result);
+    send_update_response(c, result);
     log_print(LOG_HERE, "write file response %s\n", result == 0 ? "ok" : "not ok");
 }
 

@@ -2,7 +2,6 @@
 // variables, always in the host's, and back. No alignment is needed, and nothing depends on the host's byte order.
 #pragma once
 
-#include <array>
 #include <cstdint>
 
 namespace rvk {
@@ -24,13 +23,6 @@ constexpr void store_le32(uint8_t* p, uint32_t v)
 {
     store_le16(p, static_cast<uint16_t>(v));
     store_le16(p + 2, static_cast<uint16_t>(v >> 16));
-}
-
-constexpr std::array<uint8_t, 4> le32(uint32_t v)
-{
-    std::array<uint8_t, 4> bytes{};
-    store_le32(bytes.data(), v);
-    return bytes;
 }
 
 } // namespace rvk

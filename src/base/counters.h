@@ -51,7 +51,7 @@ consteval auto names_of(Name... names)
 }
 
 // Why a received frame was dropped.
-enum class drop { foreign, length, checksum, code, no_request, unusable, count };
+enum class drop : uint8_t { foreign, length, checksum, code, no_request, unusable, count };
 inline constexpr auto drop_names =
     names_of<drop>("not_ours", "length", "checksum", "not_an_answer", "no_such_request", "unusable");
 

@@ -1,14 +1,16 @@
 #include "demo/demo.h"
 
-#include "ap_msg/demo_io.h"
+#include "ap_msg/file_service.h"
 #include "base/bytes.h"
 #include "base/clock.h"
 #include "base/fd.h"
+#include "eth_raw/frame.h"
+#include "eth_raw/registers.h"
 #include "main/log.h"
+#include "raw_msg/send.h"
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <fcntl.h>
 #include <limits>
@@ -17,7 +19,7 @@ namespace rvk {
 namespace {
 
 constexpr uint16_t fpga_model = 0; // card
-constexpr uint8_t fpga_slot = 1;   // card
+constexpr uint32_t demo_ticks = 3; // ours
 
 constexpr uint32_t first_buffer = 16;              // card
 constexpr int pictures = 9;                        // ours
@@ -27,13 +29,6 @@ constexpr uint64_t settle_ms = 3000;               // card: from its readiness t
 constexpr uint64_t ready_pause_ms = 500;           // ours
 constexpr int ready_reads = 20, ready_answers = 5; // ours
 
-// Playback registers.
-constexpr uint32_t timing_a = 0x00022002, timing_b = 0x0002200A; // card
-constexpr uint32_t play = 0xA0, timing_load = 0xA1, interval_register = 0xA2, number_register = 0xA6,
-                   reset = 0xA7;                // card
-constexpr uint32_t ready_register = 0x00F00009; // card
-constexpr uint8_t not_ready = 0xFF;             // card: no status yet
-
 constexpr std::array<uint8_t, 4> timing_a_bytes{0x4C, 0x04, 0xD6, 0x0B}; // card
 constexpr std::array<uint8_t, 12> timing_b_bytes{0x16, 0x00, 0x0A, 0x00, 0x60, 0x00,
                                                  0x52, 0x00, 0x20, 0x04, 0xC2, 0x08}; // card
@@ -41,7 +36,7 @@ constexpr std::array<uint8_t, 12> timing_b_bytes{0x16, 0x00, 0x0A, 0x00, 0x60, 0
 void set(int index, uint32_t addr, std::span<const uint8_t> bytes)
 {
     // What fails is logged by the transport; the sequence goes on.
-    static_cast<void>(DemoRawSockSendMsgWithAckWait(index, fpga_model, fpga_slot, addr, bytes));
+    static_cast<void>(DemoRawSockSendMsgWithAckWait(index, fpga_model, playback_slot, addr, bytes));
 }
 
 void set(int index, uint32_t addr, uint8_t value) { set(index, addr, std::array{value}); }
@@ -52,31 +47,16 @@ uint32_t clamped(float value)
     return value >= 4294967296.0F ? std::numeric_limits<uint32_t>::max() : static_cast<uint32_t>(value);
 }
 
-enum class readiness { no_answer, not_yet, answered };
-
-readiness read_readiness()
-{
-    uint8_t status = 0;
-    if (DemoRawSockSendMsgWithReadWait(0, fpga_model, fpga_slot, ready_register, {&status, 1}) != 0) {
-        return readiness::no_answer;
-    }
-    if (status == not_ready) { return readiness::not_yet; }
-    log_print(LOG_HERE, "@@@@@@@@@@@@@@vpu fpga init status = 0x%x\n", status);
-    return readiness::answered;
-}
-
 void load_picture(int index, uint32_t buffer, int number, std::span<uint8_t> picture)
 {
-    using namespace std::chrono;
-    const auto start = steady_clock::now();
+    const uint32_t start = monotonic_us();
     char path[256] = "";
     snprintf(path, sizeof path, "/usr/kup/etc/demo/demo_%d", number);
     log_print(LOG_HERE, "write demo pic:%s\n", path);
     std::fill(picture.begin(), picture.end(), uint8_t{0});
     ReadDemoPictureData(path, picture);
-    static_cast<void>(write_demo_data(index, fpga_model, fpga_slot, buffer, demo_hor, demo_ver, picture));
-    const auto us = static_cast<uint32_t>(duration_cast<microseconds>(steady_clock::now() - start).count());
-    log_print(LOG_HERE, "write demo pic total time:%f sec\n", us / 1'000'000.0);
+    static_cast<void>(write_demo_data(index, fpga_model, playback_slot, buffer, demo_hor, demo_ver, picture));
+    log_print(LOG_HERE, "write demo pic total time:%f sec\n", (monotonic_us() - start) / 1'000'000.0);
 }
 
 } // namespace
@@ -109,10 +89,37 @@ void CheckFpgaReady()
 {
     int good = 0;
     for (int attempts = 0; attempts < ready_reads; ++attempts) {
-        const readiness found = read_readiness();
-        if (found != readiness::not_yet) { pause_ms(ready_pause_ms); }
-        if (found == readiness::answered && ++good == ready_answers) { return; }
+        uint8_t status = 0;
+        const bool answered =
+            DemoRawSockSendMsgWithReadWait(0, fpga_model, playback_slot, readiness_register, {&status, 1}) == 0;
+        if (answered && status == not_ready) { continue; }
+        if (answered) { log_print(LOG_HERE, "@@@@@@@@@@@@@@vpu fpga init status = 0x%x\n", status); }
+        pause_ms(ready_pause_ms);
+        if (answered && ++good == ready_answers) { return; }
     }
+}
+
+int32_t DemoRawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, std::span<uint8_t> dest)
+{
+    const scoped_lock hold(demo_mutex);
+    uint32_t received = 0;
+    return RawSockSendMsgWithReadWait(index, model, slot, addr, code_read, static_cast<uint32_t>(dest.size()), dest,
+                                      &received, demo_ticks);
+}
+
+int32_t DemoRawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr,
+                                      std::span<const uint8_t> data)
+{
+    const scoped_lock hold(demo_mutex);
+    uint8_t ack = no_answer;
+    return RawSockSendMsgWithAckWait(index, model, slot, addr, code_write_ack, data, &ack, demo_ticks);
+}
+
+int32_t write_demo_data(int index, uint16_t model, uint8_t slot, uint32_t buffer, uint16_t hor, uint16_t ver,
+                        std::span<const uint8_t> data)
+{
+    const scoped_lock hold(demo_mutex);
+    return DDR2Write(index, model, slot, buffer, hor, ver, data);
 }
 
 void ReadDemoPictureData(const char* path, std::span<uint8_t> buffer)
@@ -123,24 +130,26 @@ void ReadDemoPictureData(const char* path, std::span<uint8_t> buffer)
 
 void DemoOutTimingConfig(int index)
 {
-    set(index, timing_a, timing_a_bytes);
-    set(index, timing_b, timing_b_bytes);
-    set(index, timing_load, 1);
-    set(index, play, 1);
+    set(index, playback::timing_a, timing_a_bytes);
+    set(index, playback::timing_b, timing_b_bytes);
+    set(index, playback::timing_load, 1);
+    set(index, playback::play, 1);
 }
 
-void DemoPlayStart(int index) { set(index, play, 0); }
+void DemoPlayStart(int index) { set(index, playback::play, 0); }
 
-void DemoTimingReset(int index) { set(index, reset, 0); }
+void DemoTimingReset(int index) { set(index, playback::reset, 0); }
 
-void DemoTimingResetRelease(int index) { set(index, reset, 1); }
+void DemoTimingResetRelease(int index) { set(index, playback::reset, 1); }
 
 void DemoPlayIntervalSet(int index, int interval)
 {
     const float value = static_cast<float>(interval) / 5.0F * 1'000'000'000.0F;
-    set(index, interval_register, le32(clamped(value)));
+    std::array<uint8_t, 4> bytes;
+    store_le32(bytes.data(), clamped(value));
+    set(index, playback::interval, bytes);
 }
 
-void DemoPlayPicNumberSet(int index, int number) { set(index, number_register, static_cast<uint8_t>(number)); }
+void DemoPlayPicNumberSet(int index, int number) { set(index, playback::number, static_cast<uint8_t>(number)); }
 
 } // namespace rvk

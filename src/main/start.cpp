@@ -1,10 +1,9 @@
 // The daemon's start: options, kernel limits, signals, the shared facilities, link 0 and the threads, in a fixed order.
 // Then the main thread loads and plays the demo, while commands are served; afterwards it only sleeps. The process ends
 // by a signal.
-#include "ap_msg/endpoint.h"
+#include "ap_msg/dispatch.h"
 #include "ap_msg/file_service.h"
-#include "ap_msg/outbox.h"
-#include "ap_msg/report.h"
+#include "ap_msg/message.h"
 #include "base/clock.h"
 #include "base/fd.h"
 #include "demo/demo.h"

@@ -1,6 +1,6 @@
 // The status files, and what else the daemon looks after once a second: one table of figures, written as JSON and as
 // Prometheus text. It reads the counters, the queues' lengths and the pool without a lock, and allocates nothing.
-#include "ap_msg/outbox.h"
+#include "ap_msg/message.h"
 #include "base/board.h"
 #include "base/clock.h"
 #include "base/counters.h"

@@ -85,7 +85,7 @@ void resend(int queue, QNode* node, outcome why)
     forget_answer(node);
     link_count[node->index].resends.add();
     // The timer runs, so the next expiry makes up for a resend that fails, or gives up.
-    static_cast<void>(send_again(node->index, node->buf, node->send_len, &n.error));
+    static_cast<void>(RawSockMsgSendAgain(node->index, node->buf, node->send_len, &n.error));
     timerStart(retry_ticks, &node->timer);
     take_note(n, node->index);
 }

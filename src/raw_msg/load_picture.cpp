@@ -3,6 +3,7 @@
 #include "base/bytes.h"
 #include "base/clock.h"
 #include "base/fd.h"
+#include "base/picture.h"
 #include "eth_raw/frame.h"
 #include "main/log.h"
 #include "raw_msg/send.h"
@@ -17,15 +18,13 @@
 namespace rvk {
 namespace {
 
-constexpr size_t pixel_bytes = 4;                  // card: 'U', red, green, blue
-constexpr uint8_t pixel_mark = 0x55;               // card
-constexpr size_t burst_bytes = 64;                 // card: 512 bits
-constexpr uint32_t burst_units = 8;                // card: address units of 8 bytes in a burst
-constexpr size_t piece_bytes = 15'360;             // card
-constexpr int side_max = 65'535;                   // card: 16-bit sizes
-constexpr uint64_t pixels_end = uint64_t{1} << 29; // ours: sizes in bytes fit 32 bits
-constexpr uint64_t near_pause_us = 2;              // card
-constexpr size_t bmp_offset_at = 10, bmp_offset_end = 14, bmp_pixel_bytes = 3; // bmp
+constexpr uint8_t pixel_mark = 0x55;   // card: in the byte that is not shown
+constexpr size_t burst_bytes = 64;     // card: 512 bits
+constexpr uint32_t burst_units = 8;    // card: address units of 8 bytes in a burst
+constexpr size_t piece_bytes = 15'360; // card
+constexpr uint64_t near_pause_us = 2;  // card
+constexpr unsigned bmp_bits = 24;      // of a file's pixel
+constexpr size_t bmp_pixel_bytes = bmp_bits / 8;
 
 // Where a picture goes, as the selectors say it.
 struct target {
@@ -95,7 +94,7 @@ void DDR2Write(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std:
 // A file's rows stand bottom up, each padded to a multiple of 4 bytes; pixels that the file has too little stay zero.
 void convert_bmp(std::span<const uint8_t> pixels, size_t hor, size_t ver, std::span<uint8_t> picture)
 {
-    const size_t row = round_up(hor * bmp_pixel_bytes, 4);
+    const size_t row = bmp_line_bytes(static_cast<uint32_t>(hor), bmp_bits);
     for (size_t y = 0; y < ver; ++y) {
         uint8_t* out = picture.data() + (ver - 1 - y) * hor * pixel_bytes;
         for (size_t x = 0; x < hor; ++x, out += pixel_bytes) {
@@ -117,8 +116,8 @@ int32_t load(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::s
         if (!name.ends_with(".txt")) { log_print(LOG_HERE, "\nfile format error\n"); }
         return 0;
     }
-    const bool has_head = file.size() >= bmp_offset_end;
-    const uint32_t offset = has_head ? load_le32(file.data() + bmp_offset_at) : 0;
+    const bool has_head = file.size() >= bmp::pixels_at_end;
+    const uint32_t offset = has_head ? load_le32(file.data() + bmp::pixels_at) : 0;
     log_print(LOG_HERE, "offset = %d\n", static_cast<int>(offset));
     const page_buffer picture(size_t{hor} * ver * pixel_bytes);
     if (!picture) {
@@ -139,7 +138,7 @@ int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* name, const cha
         log_print(LOG_HERE, "picture %d x %d refused: hor and ver are 0 to %d\n", hor, ver, side_max);
         return -1;
     }
-    if (static_cast<uint64_t>(hor) * static_cast<uint64_t>(ver) >= pixels_end) {
+    if (static_cast<uint64_t>(hor) * static_cast<uint64_t>(ver) > pixels_max) {
         log_print(LOG_HERE, "picture %d x %d refused: it has 2^29 pixels or more\n", hor, ver);
         return -1;
     }

@@ -2,9 +2,9 @@
 #include "sim/story.h"
 #include "sim/world.h"
 
-#include "ap_msg/endpoint.h"
+#include "ap_msg/dispatch.h"
+#include "ap_msg/file_service.h"
 #include "ap_msg/firmware.h"
-#include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "base/counters.h"

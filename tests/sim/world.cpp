@@ -1,8 +1,7 @@
 // The replaced calls; see the header. The names with `wrap` in them are what the linker puts in the real ones' place.
 #include "sim/world.h"
 
-#include "ap_msg/outbox.h"
-#include "ap_msg/report.h"
+#include "ap_msg/message.h"
 #include "eth_raw/link.h"
 #include "mem/mem.h"
 #include "platform/platform.h"

@@ -1,11 +1,7 @@
 // The mailbox between two real threads: every job runs once, in order, with its own bytes, on one processor and on two,
 // however either thread is held up.
 #include "ap_msg/file_service.h"
-#include "ap_msg/mailbox.h"
 #include "ap_msg/message.h"
-#include "ap_msg/picture_write.h"
-#include "ap_msg/read_back.h"
-#include "ap_msg/update.h"
 #include "base/bytes.h"
 #include "base/clock.h"
 
@@ -30,10 +26,10 @@ void hold_up(std::mt19937* dice)
     if (const auto drawn = (*dice)() % 80; drawn < 10) { pause_us(10 * drawn); }
 }
 
-int32_t note(uint8_t code, const mailbox_area& head, const mailbox_area& data)
+int32_t note(uint8_t code, const received_command& c)
 {
     hold_up(&service_dice);
-    EXPECT_TRUE(load_le32(&data[data_head_bytes]) == done && load_le32(&head[message::addr]) == done) << done;
+    EXPECT_TRUE(load_le32(c.payload.data()) == done && c.addr == done) << done;
     EXPECT_EQ(code, codes[done++ % 3]);
     EXPECT_EQ(gbUpdateProcessRunning, code == command::update ? 1 : 0);
     return 0;
@@ -41,12 +37,12 @@ int32_t note(uint8_t code, const mailbox_area& head, const mailbox_area& data)
 
 int32_t put(uint32_t number)
 {
-    std::array<uint8_t, data_head_bytes + 4> data{};
-    std::array<uint8_t, message_head_bytes> head{};
-    data[message::code - message::data_head] = codes[number % 3];
-    store_le32(&data[data_head_bytes], number);
-    store_le32(&head[message::addr], number);
-    return mailbox_put(data, head);
+    std::array<uint8_t, message::payload + 4> m{};
+    m[message::code] = codes[number % 3];
+    m[message::len] = 4;
+    store_le32(&m[message::addr], number);
+    store_le32(&m[message::payload], number);
+    return mailbox_put(std::span(m).subspan(message::data_head), std::span(m).first(message_head_bytes));
 }
 
 // Two thousand jobs of a dispatch on the first processor and a service on the second, or on the same; bits name them.
@@ -68,9 +64,9 @@ void play(uint32_t seed, uint64_t processor)
 } // namespace
 
 namespace rvk { // in the jobs' place
-int32_t write_file_handle(const mailbox_area& h, const mailbox_area& d) { return note(command::file_write, h, d); }
-int32_t read_file_handle(const mailbox_area& h, const mailbox_area& d) { return note(command::file_read, h, d); }
-int32_t update_file_handle(const mailbox_area& h, const mailbox_area& d) { return note(command::update, h, d); }
+int32_t write_file_handle(const received_command& c) { return note(command::file_write, c); }
+int32_t read_file_handle(const received_command& c) { return note(command::file_read, c); }
+int32_t update_file_handle(const received_command& c) { return note(command::update, c); }
 } // namespace rvk
 
 TEST(Mailbox, LosesNoJob)

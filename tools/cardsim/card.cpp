@@ -42,7 +42,9 @@ violation sim_card::write_part(const request_fields& request)
         if (request.addr == loader_commands[i]) { return loaders[i].command(request.data); }
     }
     for (size_t i = 0; i < firmware_registers.size(); ++i) {
-        if (request.addr == firmware_registers[i]) { return firmware.write_register(i, request.data, request.slot); }
+        if (request.addr == firmware_registers[i].addr) {
+            return firmware.write_register(i, request.data, request.slot);
+        }
     }
     return violation::none;
 }

@@ -14,10 +14,9 @@ struct card_register {
     uint8_t slot;
     uint32_t addr;
 };
-inline constexpr uint8_t playback_slot = 1;                                   // of the video-processing FPGA
-inline constexpr card_register generation_register{2, 0x10000015};            // of the input card
-inline constexpr card_register readiness_register{playback_slot, 0x00F00009}; // of that FPGA; 0xFF: not ready
-inline constexpr card_register lvds_register{playback_slot, 0x30082};         // status block of the LVDS link
+inline constexpr card_register generation_at{generation_slot, generation_register};
+inline constexpr card_register readiness_at{playback_slot, readiness_register};
+inline constexpr card_register lvds_at{lvds_slot, lvds_register};
 
 class sim_card {
 public:

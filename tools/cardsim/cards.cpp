@@ -143,7 +143,7 @@ bool card_farm::answer_read(const request_fields& request, reply_frame& reply)
     if (wrong == fault::wrong_read || wrong == fault::read_empty || status == ack_refused) { len = 0; }
     if (wrong == fault::read_says_none) { status = no_answer; }
     const bool answered = done != fault::silent_readiness;
-    if (request.addr == readiness_register.addr && id == playback_card) {
+    if (request.addr == readiness_at.addr && id == playback_card) {
         content.playback.note_readiness(answered && len > 0 ? data[0] : -1);
     }
     if (answered) { pack_reply(reply, request, status, code_read, std::span(data).first(len)); }

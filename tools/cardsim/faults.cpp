@@ -7,7 +7,6 @@
 namespace rvk {
 namespace {
 
-constexpr std::array<uint8_t, 5> lvds_good{0x01, 0x80, 0x07, 0x38, 0x04}, lvds_wrong{0x00, 0x80, 0x07, 0x38, 0x04};
 constexpr uint64_t for_whether = 1, for_how = 2;
 
 // Spreads neighbouring numbers over all 64 bits.
@@ -86,7 +85,7 @@ uint32_t fault_injector::below(fault kind, uint32_t bound) const
 std::optional<fault> fault_injector::on_write(const request_fields& request, uint32_t next_piece)
 {
     const uint32_t chosen = loaded.refuse_register;
-    if (chosen > 0 && request.addr == firmware_registers[chosen - 1] && use(loaded.refuse_register_times)) {
+    if (chosen > 0 && request.addr == firmware_registers[chosen - 1].addr && use(loaded.refuse_register_times)) {
         return fault::refused_register;
     }
     if (request.addr != firmware_data || next_piece == 0) { return std::nullopt; }
@@ -103,14 +102,14 @@ std::optional<fault> fault_injector::on_read(const request_fields& request, std:
     uint16_t bytes = 0;
     if (request.addr == read_status_register) {
         bytes = loaded.status_bytes;
-    } else if (is(generation_register)) {
+    } else if (is(generation_at)) {
         data[0] = loaded.generation.value_or(data[0]);
         bytes = loaded.generation_bytes;
-    } else if (is(readiness_register)) {
+    } else if (is(readiness_at)) {
         if (loaded.readiness_silent) { return fault::silent_readiness; }
         data[0] = loaded.readiness.value_or(data[0]);
         bytes = loaded.readiness_bytes;
-    } else if (is(lvds_register) && loaded.lvds_wrong_reads) {
+    } else if (is(lvds_at) && loaded.lvds_wrong_reads) {
         const auto& block = use(*loaded.lvds_wrong_reads) ? lvds_wrong : lvds_good;
         std::copy_n(block.begin(), std::min(block.size(), len), data.begin());
     }

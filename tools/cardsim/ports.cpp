@@ -1,6 +1,6 @@
 #include "cardsim/ports.h"
 
-#include "ap_msg/firmware_image.h"
+#include "ap_msg/firmware.h"
 #include "base/bytes.h"
 #include "cardsim/frames.h"
 #include "eth_raw/frame.h"
@@ -48,7 +48,6 @@ constexpr size_t piece_bytes = 1024; // card
 // Indices into firmware_registers.
 constexpr size_t total_size = 0, received_length = 1, file_count = 2, file_size = 3, version = 4, device_type = 5,
                  card_slot = 6;
-constexpr std::array<size_t, 7> register_bytes{4, 4, 4, 4, 1, 2, 3}; // card
 
 // The head of a file that is there to its last byte.
 violation check_head(const firmware_file& file)
@@ -207,7 +206,7 @@ bool firmware_port::is_good(size_t index, std::span<const uint8_t> bytes, uint8_
 
 violation firmware_port::write_register(size_t index, std::span<const uint8_t> bytes, uint8_t slot)
 {
-    if (bytes.size() != register_bytes[index]) { return violation::firmware_register_length; }
+    if (bytes.size() != firmware_registers[index].bytes) { return violation::firmware_register_length; }
     if (index != total_size && (whole || index != registers)) { return violation::firmware_register_order; }
     if (!is_good(index, bytes, slot)) { return violation::firmware_register_value; }
     if (index == total_size) {

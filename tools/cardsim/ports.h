@@ -10,15 +10,12 @@
 
 #include "cardsim/memory.h"
 #include "cardsim/violations.h"
+#include "eth_raw/registers.h"
 
 namespace rvk {
 
 // Card: two ports of pictures, each with a control register and a data port that does not advance; the read-back's
 // registers; the picture loader's two memories.
-inline constexpr uint32_t demo_control = 0x7080, demo_data = 0x60000;   // buffers 16 to 25
-inline constexpr uint32_t other_control = 0x7040, other_data = 0x40000; // any other buffer
-inline constexpr uint32_t read_command_register = 0xA0008, read_start_register = 0xA00FF;
-inline constexpr uint32_t read_status_register = 0xA0FFD, read_window_register = 0xB0000;
 inline constexpr std::array<uint32_t, 2> loader_data{0xB0000, 0xF0000}, loader_commands{0xA0001, 0xE0001};
 
 inline constexpr size_t card_pixel_bytes = 4, card_word = 8, card_burst = 64; // card
@@ -90,11 +87,6 @@ public:
 private:
     std::vector<uint8_t> piece;
 };
-
-// Card: the file information of a transfer, in its order; the pieces of the file all go to one address.
-inline constexpr std::array<uint32_t, 7> firmware_registers{0x11F00000, 0x11F00004, 0x11F00008, 0x11F0000C,
-                                                            0x11F00010, 0x18200000, 0x18200002};
-inline constexpr uint32_t firmware_data = 0x18000000;
 
 struct firmware_file {
     uint16_t device_type = 0;   // the model that the controller named

@@ -19,8 +19,6 @@ namespace {
 
 constexpr size_t dump_line_bytes = 16;
 constexpr size_t file_step_bytes = 64 * 1024, file_bytes_max = 64u << 20; // ours
-constexpr uint64_t side_max = 65'535;                                     // card
-constexpr uint64_t pixels_max = (1u << 29) - 1;                           // daemon
 
 // -1: not a hex digit.
 int hex_digit(char c)

@@ -2,6 +2,8 @@
 // each refusal is a failure of wrong usage that names the argument, its value, and what to give instead. Any thread.
 #pragma once
 
+#include "base/picture.h"
+
 #include <chrono>
 #include <cstdint>
 #include <span>
@@ -17,9 +19,6 @@ uint64_t number_in(const char* name, const std::string& text, uint64_t least, ui
 uint64_t hex_number_in(const char* name, const std::string& text, uint64_t least, uint64_t most);
 
 // WxH in pixels, each side from least to 65,535 and less than 2^29 together; throws a failure.
-struct picture_size {
-    uint32_t hor, ver;
-};
 picture_size size_in(const char* name, const std::string& text, uint32_t least);
 
 // How many bytes there are from an address on, and a failure when it is less than these.

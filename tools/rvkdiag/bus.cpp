@@ -6,6 +6,7 @@
 #include "base/clock.h"
 #include "base/fd.h"
 #include "eth_raw/bus_block.h"
+#include "eth_raw/link.h"
 #include "rvkdiag/link.h"
 #include "rvkdiag/log.h"
 

@@ -27,7 +27,7 @@ struct fpga_options {
 
 struct picture_options {
     uint32_t addr = 0; // card memory, in units of 8 bytes
-    tool::picture_size size{};
+    picture_size size{};
     std::string file{}, ts_sel{}, fpga_sel{};
 };
 

@@ -1,5 +1,6 @@
 // rvkdiag: works on a card link directly, for people at the bench. What its command line may say, and the help that
 // says so; everything is understood before anything is opened.
+#include "base/board.h"
 #include "base/fd.h"
 #include "command/options.h"
 #include "eth_raw/bus_block.h"

@@ -22,7 +22,6 @@ Exit status: 0 done; 1 the file could not be written, or memory lacked; 2 wrong 
 constexpr uint32_t number_max = 9999;
 
 using bytes = std::vector<uint8_t>;
-using tool::picture_size;
 
 bytes png_of(const bytes& pixels, picture_size size)
 {
