@@ -3,6 +3,7 @@
 // resent in pieces: a block that failed is repeated whole, within the bounds that stand below.
 #include "eth_raw/bus_block.h"
 
+#include "base/clock.h"
 #include "eth_raw/link.h"
 #include "main/log.h"
 
@@ -19,6 +20,7 @@ namespace {
 
 static_assert(bus_links == MAX_ETH);
 constexpr int write_attempts = 3, read_attempts = 10; // ours
+constexpr uint64_t set_wait_ms = 100;                 // ours
 constexpr uint32_t piece_bytes = bus_data_max;
 
 int32_t check_parameters(const char* operation, const xfer* handle, uint32_t length, const void* data)
@@ -46,6 +48,16 @@ int32_t change_semaphore(const char* operation, short by, char name)
         return -1;
     }
     return 0;
+}
+
+// Whoever made it ended before it was given its value: it would hold every program for ever. Each taking and giving
+// back leaves its time.
+bool was_never_set()
+{
+    semid_ds found{};
+    semun into{};
+    into.buf = &found;
+    return semctl(sem_id, 0, IPC_STAT, into) == 0 && found.sem_otime == 0 && semctl(sem_id, 0, GETVAL) == 0;
 }
 
 // Runs an operation under the semaphore until it succeeds. `name` is that of the operation tried.
@@ -299,6 +311,10 @@ int32_t open_semaphore()
         sem_id = semget(bus_semaphore_key, 1, 0);
         error = errno;
         log_print(LOG_HERE, "sem_id(%d) already exits.\n", sem_id);
+        if (was_never_set()) {
+            pause_ms(set_wait_ms); // its maker may be about to
+            if (was_never_set()) { static_cast<void>(set_semvalue()); }
+        }
     }
     if (sem_id < 0) {
         log_print(LOG_HERE, "no semaphore of key %d (%s): every block operation will fail\n", bus_semaphore_key,

@@ -20,10 +20,10 @@ struct xfer {
     const sockaddr_ll* sll; // the link's address; belongs to the link table
 };
 
-// Opens all three links, whatever the count, and the semaphore. Once per process, before its threads start.
-// handles  receives a handle for each of the first count links
-// count    0 to 3
-// Result   0; -1, or the failing step's. Also 0 when no semaphore could be had: block operations fail then
+// Opens all three links, whatever the count, and the semaphore. Once per process, before its threads start: a second
+// call opens three more sockets. A handle is this process's own, and dead once its interface was made anew. handles
+// receives a handle for each of the first count links count    0 to 3 Result   0; -1, or the failing step's. Also 0
+// when no semaphore could be had: block operations fail then
 [[nodiscard]] int32_t Open_Eth_Raw(xfer* handles, int count);
 
 // Removes the semaphore: block operations of every process fail from here on, until one opens anew. The sockets stay
@@ -36,8 +36,9 @@ int32_t Close_Eth_Raw();
 // Result  0 or negative. Waits without bound for the block operations of others. Any thread
 [[nodiscard]] int32_t Write_FPGA_Bus_Block(const xfer* handle, uint32_t addr, uint32_t length, const uint8_t* data);
 
-// Reads a block. Up to ten attempts, each of up to ten packets per piece; a card that sends nothing is waited for as
-// long as the socket waits (without bound, unless SO_RCVTIMEO is set on sock_fd).
+// Reads a block. A card that answers "good" without data has been read, too: what was in `destination` stays there. Up
+// to ten attempts, each of up to ten packets per piece; a card that sends nothing is waited for as long as the socket
+// waits (without bound, unless SO_RCVTIMEO is set on sock_fd).
 // destination  `length` bytes; after a failure it may hold the first pieces
 // Result       0 or negative. Waits without bound for the block operations of others. Any thread
 [[nodiscard]] int32_t Read_FPGA_Bus_Block(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination);

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
+#include <utility>
 
 namespace rvk {
 namespace {
@@ -70,25 +71,30 @@ void DDR2WriteProcess2(const target& to, uint32_t addr, std::span<const uint8_t>
 }
 
 // Stages the lines at the stride that the card wants, and sends them. Lines that `picture` has too little stay zero.
-void DDR2Write(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::span<const uint8_t> picture)
+// Result: 0, or -1 when there is no memory for it: nothing is sent then.
+int32_t DDR2Write(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::span<const uint8_t> picture)
 {
     log_print(LOG_HERE, "ts_sel=%d,fpga_sel=%d,ddr_sel=%d,addr=0x%x,hor=%d,ver=%d\n", to.ts_sel,
               static_cast<uint8_t>(to.fpga_sel), static_cast<uint8_t>(to.ddr_sel), addr, hor, ver);
     const size_t line = size_t{hor} * pixel_bytes;
     const size_t stride = round_up(line, burst_bytes);
     const page_buffer staging(stride * ver);
-    if (!staging) { return; }
+    if (!staging) {
+        log_print(LOG_HERE, "picture %d x %d not sent: no memory for its lines\n", hor, ver);
+        return -1;
+    }
     for (size_t y = 0; y < ver && y * line < picture.size(); ++y) {
         const auto from = picture.subspan(y * line, std::min(line, picture.size() - y * line));
         std::copy(from.begin(), from.end(), staging.bytes().begin() + static_cast<ptrdiff_t>(y * stride));
     }
-    if (to.ts_sel != 'e' || (to.fpga_sel != 0 && to.fpga_sel != 1)) { return; }
+    if (to.ts_sel != 'e' || (to.fpga_sel != 0 && to.fpga_sel != 1)) { return 0; }
     for (size_t from = 0; from < stride * ver; from += piece_bytes) {
         const auto piece = staging.bytes().subspan(from, std::min(piece_bytes, stride * ver - from));
         if (to.ddr_sel == 0) { DDR2WriteProcess(to, addr, piece); }
         if (to.ddr_sel == 1) { DDR2WriteProcess2(to, addr, piece); }
         addr += burst_units * bursts_of(piece.size());
     }
+    return 0;
 }
 
 // A file's rows stand bottom up, each padded to a multiple of 4 bytes; pixels that the file has too little stay zero.
@@ -112,9 +118,9 @@ int32_t load(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::s
              std::span<const uint8_t> file)
 {
     if (!name.ends_with(".bmp")) {
-        DDR2Write(to, addr, hor, ver, file);
+        const int32_t result = DDR2Write(to, addr, hor, ver, file);
         if (!name.ends_with(".txt")) { log_print(LOG_HERE, "\nfile format error\n"); }
-        return 0;
+        return result;
     }
     const bool has_head = file.size() >= bmp::pixels_at_end;
     const uint32_t offset = has_head ? load_le32(file.data() + bmp::pixels_at) : 0;
@@ -125,8 +131,7 @@ int32_t load(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::s
         return -1;
     }
     if (has_head && offset <= file.size()) { convert_bmp(file.subspan(offset), hor, ver, picture.bytes()); }
-    DDR2Write(to, addr, hor, ver, picture.bytes());
-    return 0;
+    return DDR2Write(to, addr, hor, ver, picture.bytes());
 }
 
 } // namespace
@@ -145,8 +150,9 @@ int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* name, const cha
     const unique_fd opened = open_regular(name, O_RDONLY);
     const off_t bytes = opened ? size_of(opened) : -1;
     if (bytes < 0) { return -1; }
-    const page_buffer file(static_cast<size_t>(bytes));
-    if (!file) {
+    const bool fits = std::in_range<size_t>(bytes);
+    const page_buffer file(fits ? static_cast<size_t>(bytes) : 0);
+    if (!fits || !file) {
         log_print(LOG_HERE, "\nmalloc p failed\n");
         return -1;
     }

@@ -60,8 +60,7 @@ class Loads(bench.BenchTest):
     def test_a_bad_link_loses_nothing_and_doubles_nothing(self):
         others = self.cards(kept=False)
         self.d = self.daemon()
-        shown = bench.wait_until(lambda: '"frames":{"sent":213' in text_of("/run/rvkd/status.json"), 4 * bench.PATIENCE)
-        self.assertTrue(shown)
+        self.assertTrue(bench.wait_until(lambda: '"sent":213' in text_of("/run/rvkd/status.json"), 4 * bench.PATIENCE))
         others.kill()
         for options in [], ["--processor", 1, "--priority", 94]:
             load = self.start_load(*FAULTS, *options)

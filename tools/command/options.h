@@ -41,12 +41,29 @@ CLI::Option* add_number(CLI::App& app, const std::string& name, T& value, const 
     });
 }
 
-// What --help or --version asked for.
-inline std::string text_of(const CLI::App& app, const CLI::Success& asked)
+// Parses. Result: what --help or --version asked for in place of a run. Throws a failure of wrong usage.
+inline std::string parse(CLI::App& app, int argc, const char* const* argv)
 {
-    std::ostringstream text;
-    static_cast<void>(app.exit(asked, text, text));
-    return text.str();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& asked) {
+        std::ostringstream text;
+        static_cast<void>(app.exit(asked, text, text));
+        return text.str();
+    } catch (const CLI::ParseError& error) {
+        throw failure{problem::wrong_usage, std::string(error.what()) + "; see " + app.get_name() + " --help"};
+    }
+    return {};
+}
+
+// What programs with commands have in common: a version, and words that refuse_extras() judges.
+inline void set_up(CLI::App& app, const char* footer)
+{
+    app.footer(footer);
+    app.set_version_flag("--version", app.get_name() + " " RVK_VERSION);
+    app.require_subcommand(0, 1);
+    app.allow_extras();
+    app.fallthrough();
 }
 
 // Refuses what stands on a command line beside a command and its options, and one without a command; parsing allows it.
@@ -80,13 +97,10 @@ inline int run_app(CLI::App& app, int argc, const char* const* argv, const std::
         return status;
     };
     try {
-        app.parse(argc, argv);
+        const std::string asked = parse(app, argc, argv);
+        if (!asked.empty()) { return write_out(asked) ? exit_done : exit_no; }
         run();
         return exit_done;
-    } catch (const CLI::Success& asked) {
-        return write_out(text_of(app, asked)) ? exit_done : exit_no;
-    } catch (const CLI::ParseError& error) {
-        return end(exit_usage, std::string(error.what()) + "; see " + app.get_name() + " --help");
     } catch (const failure& failed) {
         return end(status_of(failed.what), failed.text);
     } catch (const std::bad_alloc&) {

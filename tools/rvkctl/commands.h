@@ -22,7 +22,7 @@ struct card_options {
 };
 
 struct read_options : card_options {
-    uint16_t len = 0;                      // 1 to command_data_max
+    uint16_t len = 0;                      // 1 to frame_data_max
     std::string out_file{};                // empty: a dump on standard output
     std::optional<uint32_t> repeat{};      // so many times, 0: until a signal ends it; none: once, and in full
     std::optional<uint32_t> interval_ms{}; // from the start of one to the start of the next; 1,000 unless given
@@ -50,8 +50,6 @@ struct update_options : card_options {
 // An update type by its name or number; throws a failure. All names, for the help.
 uint8_t update_type_in(const std::string& text);
 std::string update_type_names();
-
-inline constexpr size_t command_data_max = 1400; // daemon: the most data of one read; ours: of one write command
 
 void run_hello(const settings& used, outcome& run);
 void run_read(const settings& used, const read_options& options, outcome& run);

@@ -5,6 +5,7 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "base/picture.h"
 #include "rvkctl/file_watch.h"
 #include "rvkctl/status_view.h"
 
@@ -19,12 +20,6 @@
 namespace rvk::ctl {
 namespace {
 
-constexpr size_t put_path_max = 1001;          // daemon: what its mailbox carries
-constexpr size_t get_path_max = 255;           // daemon
-constexpr size_t image_name_max = 99;          // daemon: the image's name is cut there
-constexpr size_t update_path_max = 1005;       // daemon: what its mailbox carries
-constexpr size_t bmp_offset_at = 10;           // bmp
-constexpr uint64_t bmp_head_bytes = 54;        // daemon: of the images it writes
 constexpr uint64_t file_bytes_max = INT32_MAX; // daemon: it takes no larger one
 constexpr uint8_t type_first = 0x16, type_last = 0x1E, mcu_last = 0x18;
 
@@ -36,8 +31,6 @@ constexpr type_name names[] = {
     {"mcu-input", 0x16}, {"mcu-output", 0x17},        {"mcu-vpu", 0x18}, {"fpga-input", 0x19}, {"fpga-1a", 0x1A},
     {"fpga-1b", 0x1B},   {"fpga-input-golden", 0x1C}, {"fpga-1d", 0x1D}, {"fpga-1e", 0x1E},
 };
-
-uint64_t pixel_bytes_of(const picture_options& options) { return uint64_t{options.size.hor} * options.size.ver * 4; }
 
 // Numbers in front of a path, which ends with a zero.
 std::vector<uint8_t> payload_of(std::initializer_list<uint32_t> numbers, const std::string& path)
@@ -72,7 +65,7 @@ void note_picture(const picture_options& options, outcome& run)
 {
     run.facts["hor"] = options.size.hor;
     run.facts["ver"] = options.size.ver;
-    run.facts["data_bytes"] = pixel_bytes_of(options);
+    run.facts["data_bytes"] = picture_bytes(options.size);
 }
 
 [[noreturn]] void refuse_file(const char* kind, const std::string& path, const std::string& why)
@@ -100,9 +93,9 @@ uint64_t check_file(const char* kind, const std::string& path)
 uint64_t pixels_at(const std::string& path)
 {
     if (!path.ends_with(".bmp")) { return 0; }
-    uint8_t head[bmp_offset_at + 4] = {};
+    uint8_t head[bmp::pixels_at_end] = {};
     std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(head), sizeof head);
-    return head[0] == 'B' && head[1] == 'M' ? load_le32(head + bmp_offset_at) : 0;
+    return head[0] == 'B' && head[1] == 'M' ? load_le32(head + bmp::pixels_at) : 0;
 }
 
 // The daemon answers "done" for the black picture that it writes in a bad file's place, so the file is looked at first.
@@ -112,7 +105,7 @@ void check_picture(const std::string& path, const picture_options& options)
     if (path.ends_with(".bmp") && offset == 0) {
         refuse_file("picture", path, "is no BMP file: give one, or raw pixels under another name");
     }
-    const uint64_t wanted = offset + pixel_bytes_of(options);
+    const uint64_t wanted = offset + picture_bytes(options.size);
     if (bytes >= wanted) { return; }
     refuse_file("picture", path,
                 format("has %s, %u x %u pixels need %llu: check --size", byte_count(bytes).c_str(), options.size.hor,
@@ -228,7 +221,7 @@ std::string update_type_names()
 
 void run_picture_put(const settings& used, const picture_options& options, outcome& run)
 {
-    const std::string path = absolute_path(options.file, "FILE", put_path_max);
+    const std::string path = absolute_path(options.file, "FILE", picture_path_max);
     note_request(used, options, command::file_write, "picture into card memory", run);
     note_picture(options, run);
     run.facts["buffer"] = options.addr;
@@ -248,7 +241,7 @@ void run_picture_put(const settings& used, const picture_options& options, outco
         throw failure{problem::refused,
                       format("picture \"%s\" was not written (result %d): see rvkd's log", path.c_str(), got.result)};
     }
-    const std::string rate = rate_text(pixel_bytes_of(options), watch.seconds());
+    const std::string rate = rate_text(picture_bytes(options.size), watch.seconds());
     const std::string what =
         format("picture of %u x %u into buffer %u", options.size.hor, options.size.ver, options.addr);
     run.answer = what + " " + acknowledged("picture_write", talk, got.seq, used, what, run) + ": " + rate;
@@ -256,9 +249,9 @@ void run_picture_put(const settings& used, const picture_options& options, outco
 
 void run_picture_get(const settings& used, const picture_options& options, outcome& run)
 {
-    const std::string base = absolute_path(options.file, "BASE", get_path_max);
-    const file_watch::expected raw{base, pixel_bytes_of(options)};
-    const file_watch::expected image{(base + ".bmp").substr(0, image_name_max), raw.bytes + bmp_head_bytes};
+    const std::string base = absolute_path(options.file, "BASE", read_back_path_max);
+    const file_watch::expected raw{base, picture_bytes(options.size)};
+    const file_watch::expected image{(base + ".bmp").substr(0, image_name_max), raw.bytes + bmp::head_bytes};
     note_request(used, options, command::file_read, "card memory into files", run);
     note_picture(options, run);
     run.facts["addr"] = options.addr;

@@ -2,6 +2,7 @@
 // so.
 #include "ap_msg/message.h"
 #include "command/options.h"
+#include "eth_raw/frame.h"
 #include "platform/platform.h"
 #include "rvkctl/commands.h"
 #include "rvkctl/status_view.h"
@@ -108,7 +109,7 @@ void add_read(CLI::App& app, command_line& line)
     CLI::App& command = *add_command(app, "read", "Read from a card and show the bytes", read_footer, line,
                                      [&read](const settings& used, outcome& run) { run_read(used, read, run); });
     add_card(command, read);
-    add_number(command, "LEN", read.len, "Bytes to read, 1 to 1400", 1, command_data_max)->required()->type_name("");
+    add_number(command, "LEN", read.len, "Bytes to read, 1 to 1400", 1, frame_data_max)->required()->type_name("");
     command.add_option("--out", read.out_file, "Put the bytes into FILE instead of showing them")->type_name("FILE");
     add_number(command, "--repeat", read.repeat,
                "Read N times, 0: until a signal ends it, and show what is new, with its time")
@@ -221,20 +222,10 @@ std::string parse(int argc, char** argv, command_line& line)
     // Also for a command line that is not understood as a whole.
     line.used.json = std::any_of(argv, argv + argc, [](const char* word) { return strcmp(word, "--json") == 0; });
     CLI::App app{about, "rvkctl"};
-    app.footer(footer);
-    app.set_version_flag("--version", "rvkctl " RVK_VERSION);
-    app.require_subcommand(0, 1); // none is refused below, and what is no command, by name
-    app.allow_extras();
-    app.fallthrough();
+    set_up(app, footer);
     add_settings(app, line);
     add_commands(app, line);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& asked) {
-        return text_of(app, asked);
-    } catch (const CLI::ParseError& error) {
-        throw failure{problem::wrong_usage, std::string(error.what()) + "; see rvkctl --help"};
-    }
+    if (std::string asked = tool::parse(app, argc, argv); !asked.empty()) { return asked; }
     refuse_extras(app, commands, line.run != nullptr);
     line.used.board = line.board ? *line.board : default_board();
     return {};

@@ -42,7 +42,10 @@ void say(const outcome& run, bool json)
     const bool written =
         run.told || write_out(json ? object_text(run, status_of(run.failed.what)) : printable_lines(run.answer));
     const int error = errno;
-    if (run.failed.what != problem::none) { fprintf(stderr, "rvkctl: %s\n", printable_lines(run.failed.text).c_str()); }
+    const bool unheard = run.failed.what == problem::io_error && interrupted(); // a pipe whose reader went
+    if (run.failed.what != problem::none && !unheard) {
+        fprintf(stderr, "rvkctl: %s\n", printable_lines(run.failed.text).c_str());
+    }
     if (written) { return; }
     throw failure{problem::io_error,
                   std::string("the answer could not be written to standard output: ") + strerror(error)};

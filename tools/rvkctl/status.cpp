@@ -17,11 +17,12 @@
 namespace rvk::ctl {
 namespace {
 
-constexpr double age_max_s = 3;                     // ours: the daemon writes once a second
-constexpr std::chrono::milliseconds job_wait{2500}; // ours: by then it has written what it knew before
-constexpr uint64_t job_look_ms = 50;                // ours
-constexpr std::chrono::seconds watch_period{1};     // as often as the daemon writes
-constexpr off_t file_bytes_max = 1 << 20;           // ours: far above what the daemon writes
+constexpr double age_max_s = 3; // ours: the daemon writes once a second
+constexpr std::chrono::milliseconds job_wait{
+    5000};                                      // ours: by then it has written what it knew before, busy as it may be
+constexpr uint64_t job_look_ms = 50;            // ours
+constexpr std::chrono::seconds watch_period{1}; // as often as the daemon writes
+constexpr off_t file_bytes_max = 1 << 20;       // ours: far above what the daemon writes
 constexpr char clear_screen[] = "\033[H\033[J";
 constexpr char kept_log[] = "/var/log/rvk_end_1.txt"; // of the last end, as the unit's keep-log names it
 
@@ -155,11 +156,12 @@ std::optional<job_figures> figures_of_job(const char* job, int board, uint32_t r
 {
     const auto end = std::chrono::steady_clock::now() + job_wait;
     return if_there<std::optional<job_figures>>([&]() -> std::optional<job_figures> {
-        for (auto figures = fresh_figures(board); figures && !interrupted(); figures = fresh_figures(board)) {
-            if (figures->at("last_requester").at(job) == requester && figures->at("last_number").at(job) == number) {
-                return job_figures{figures->at("last_steps").at(job), figures->at("last_unanswered").at(job)};
+        while (!interrupted() && std::chrono::steady_clock::now() < end) {
+            const auto figures = read_status().figures;
+            if (figures.at("board") == board && figures.at("last_requester").at(job) == requester &&
+                figures.at("last_number").at(job) == number) {
+                return job_figures{figures.at("last_steps").at(job), figures.at("last_unanswered").at(job)};
             }
-            if (std::chrono::steady_clock::now() > end) { break; }
             pause_ms(job_look_ms);
         }
         return std::nullopt;

@@ -3,6 +3,7 @@
 #include "rvkctl/commands.h"
 
 #include "ap_msg/message.h"
+#include "eth_raw/frame.h"
 
 #include <algorithm>
 #include <optional>
@@ -51,10 +52,10 @@ public:
 
     void write_all()
     {
-        for (size_t at = 0; at < all.size(); at += command_data_max) {
+        for (size_t at = 0; at < all.size(); at += frame_data_max) {
             talk.doing = [this, at] { return format("%zu of %s", at, byte_count(all.size()).c_str()); };
             write_piece(static_cast<uint32_t>(options.addr + at),
-                        all.subspan(at, std::min(command_data_max, all.size() - at)));
+                        all.subspan(at, std::min(frame_data_max, all.size() - at)));
             ++confirmed;
         }
         if (last_reported_bytes > 0) { refuse_reported(report_wait); }
@@ -147,9 +148,9 @@ private:
 void verify(session& talk, const write_options& options, std::span<const uint8_t> all, outcome& run)
 {
     try {
-        for (size_t at = 0; at < all.size(); at += command_data_max) {
+        for (size_t at = 0; at < all.size(); at += frame_data_max) {
             talk.doing = [at, &all] { return format("%zu of %s read back", at, byte_count(all.size()).c_str()); };
-            const auto wanted = all.subspan(at, std::min(command_data_max, all.size() - at));
+            const auto wanted = all.subspan(at, std::min(frame_data_max, all.size() - at));
             read_options piece{options};
             piece.addr += static_cast<uint32_t>(at);
             piece.len = static_cast<uint16_t>(wanted.size());
@@ -184,8 +185,8 @@ std::string progress_text(size_t bytes, const writer& all, problem what)
 {
     if (all.sent == 0) { return ""; }
     const bool unsure = (what == problem::no_answer || what == problem::interrupted) && all.sent > all.confirmed;
-    return format("; %zu of %s confirmed%s", std::min(all.confirmed * command_data_max, bytes),
-                  byte_count(bytes).c_str(), unsure ? ", the next ones may have been written" : "");
+    return format("; %zu of %s confirmed%s", std::min(all.confirmed * frame_data_max, bytes), byte_count(bytes).c_str(),
+                  unsure ? ", the next ones may have been written" : "");
 }
 
 void note_progress(const writer& all, outcome& run)

@@ -193,20 +193,10 @@ void add_commands(CLI::App& app, command_line& line)
 std::string parse(int argc, char** argv, command_line& line)
 {
     CLI::App app{about, "rvkdiag"};
-    app.footer(footer);
-    app.set_version_flag("--version", "rvkdiag " RVK_VERSION);
+    set_up(app, footer);
     app.add_flag("-v,--verbose", line.verbose, "Show on standard error what the link says meanwhile");
-    app.require_subcommand(0, 1);
-    app.allow_extras();
-    app.fallthrough();
     add_commands(app, line);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& asked) {
-        return text_of(app, asked);
-    } catch (const CLI::ParseError& error) {
-        throw failure{problem::wrong_usage, std::string(error.what()) + "; see rvkdiag --help"};
-    }
+    if (std::string asked = tool::parse(app, argc, argv); !asked.empty()) { return asked; }
     refuse_extras(app, commands, line.run != nullptr);
     return {};
 }

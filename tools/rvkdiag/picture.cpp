@@ -6,6 +6,7 @@
 #include "base/clock.h"
 #include "base/counters.h"
 #include "base/fd.h"
+#include "base/picture.h"
 #include "eth_raw/frame.h"
 #include "main/diagnosis.h"
 #include "raw_msg/load_picture.h"
@@ -30,8 +31,6 @@ int selected(const std::string& text, size_t position, const char* says)
                   format("FPGA_SEL \"%s\" selects nothing, so nothing was sent: %s", text.c_str(), says)};
 }
 
-// A .bmp's head: bmp.
-constexpr size_t head_bytes = 30, hor_at = 18, ver_at = 22, bits_at = 28;
 constexpr unsigned loader_bits = 24;
 
 void check_file(const picture_options& o)
@@ -44,20 +43,24 @@ void check_file(const picture_options& o)
         refuse(std::string("cannot be read: ") + (errno == EINVAL ? "it is no regular file" : strerror(errno)));
     }
     if (!o.file.ends_with(".bmp")) { return; }
-    std::array<uint8_t, head_bytes> head{};
+    std::array<uint8_t, bmp::head_bytes> head{};
     if (read_full(file, head) != head.size() || head[0] != 'B' || head[1] != 'M') { refuse("is no BMP file"); }
-    const uint32_t hor = load_le32(&head[hor_at]), ver = load_le32(&head[ver_at]);
-    const unsigned bits = load_le16(&head[bits_at]);
+    const uint32_t hor = load_le32(&head[bmp::hor]), ver = load_le32(&head[bmp::ver]);
+    const unsigned bits = load_le16(&head[bmp::bits]);
     if (hor == o.size.hor && ver == o.size.ver && bits == loader_bits) { return; }
     refuse(format("is a picture of %d x %d pixels of %u bits: give its size, and one of 24 bits with its bottom line "
                   "first",
                   static_cast<int>(hor), static_cast<int>(ver), bits));
 }
 
+// A send that would have blocked was made once more.
 uint64_t failed_sends(int link)
 {
+    const auto& failed = link_count[link].send_failed;
     uint64_t all = 0;
-    for (const counter& of_a_kind : link_count[link].send_failed.all) { all += of_a_kind.get(); }
+    for (size_t kind = 0; kind < failed.all.size(); ++kind) {
+        if (kind != static_cast<size_t>(send_failure::would_block)) { all += failed.all[kind].get(); }
+    }
     return all;
 }
 
