@@ -65,7 +65,7 @@ class Loads(bench.BenchTest):
         for options in [], ["--processor", 1, "--priority", 94]:
             load = self.start_load(*FAULTS, *options)
             os.sched_setaffinity(self.d.thread("rvk-ipc"), {1} if options else {0, 1})
-            print(said := self.relay(load, 4000))
+            print(said := self.relay(load, 2500))
             self.assertIn("refused: none\n", said)
             self.at.kill()
 
