@@ -220,16 +220,21 @@ void run(const cardsim_options& options)
     }
 }
 
+int run_command_line(int argc, char** argv)
+{
+    cardsim_options options;
+    CLI::App app{about, "rvk-cardsim"};
+    app.footer(footer);
+    app.set_version_flag("--version", "rvk-cardsim " RVK_VERSION);
+    add_options(app, options);
+    return tool::run_app(app, argc, argv, [&options] { run(options); });
+}
+
 } // namespace
 } // namespace rvk
 
 int main(int argc, char** argv)
 {
     rvk::prepare_descriptors(O_RDONLY); // a link's socket with such a number would send what is printed
-    rvk::cardsim_options options;
-    CLI::App app{rvk::about, "rvk-cardsim"};
-    app.footer(rvk::footer);
-    app.set_version_flag("--version", "rvk-cardsim " RVK_VERSION);
-    rvk::add_options(app, options);
-    return rvk::tool::run_app(app, argc, argv, [&options] { rvk::run(options); });
+    return rvk::tool::run_tool("rvk-cardsim", [=] { return rvk::run_command_line(argc, argv); });
 }

@@ -2,6 +2,9 @@
 // one; the program's main presents it. The statuses are the same in every tool and are promised to scripts.
 #pragma once
 
+#include <cstdio>
+#include <exception>
+#include <new>
 #include <string>
 
 namespace rvk::tool {
@@ -37,6 +40,25 @@ struct failure {
 
 [[nodiscard]] exit_status status_of(problem what);
 [[nodiscard]] const char* name_of(problem what); // for scripts, as in the enumeration
+
+// What main() of every tool does: runs it, and says in a line what nobody in it has said. Result: the exit status.
+template <typename Body>
+int run_tool(const char* name, Body body) noexcept
+{
+    try {
+        return body();
+    } catch (const failure& failed) {
+        fprintf(stderr, "%s: %s\n", name, failed.text.c_str());
+        return status_of(failed.what);
+    } catch (const std::bad_alloc&) {
+        fprintf(stderr, "%s: there is not enough memory\n", name);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "%s: %s\n", name, error.what());
+    } catch (...) {
+        fprintf(stderr, "%s: ended by an unknown exception\n", name);
+    }
+    return exit_no;
+}
 
 // Puts the whole text on standard output. Result: false (errno tells why) when it could not be written.
 [[nodiscard]] bool write_out(const std::string& text);

@@ -5,10 +5,8 @@
 #include "command/values.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <functional>
 #include <limits>
-#include <new>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -88,26 +86,14 @@ inline void refuse_extras(const CLI::App& app, const char* commands, bool chosen
     if (!chosen) { refuse(std::string("no command given: one of ") + commands + see); }
 }
 
-// The whole of a program that has no subcommands: parses its command line, then does what it was made for. What fails
-// says so in one line on standard error. Result: the exit status.
+// The whole of a program that has no subcommands: parses its command line, then does what it was made for. Result: the
+// exit status. Throws failures.
 inline int run_app(CLI::App& app, int argc, const char* const* argv, const std::function<void()>& run)
 {
-    const auto end = [&app](exit_status status, const std::string& text) {
-        fprintf(stderr, "%s: %s\n", app.get_name().c_str(), text.c_str());
-        return status;
-    };
-    try {
-        const std::string asked = parse(app, argc, argv);
-        if (!asked.empty()) { return write_out(asked) ? exit_done : exit_no; }
-        run();
-        return exit_done;
-    } catch (const failure& failed) {
-        return end(status_of(failed.what), failed.text);
-    } catch (const std::bad_alloc&) {
-        return end(exit_no, "there is not enough memory");
-    } catch (const std::exception& error) {
-        return end(exit_no, error.what());
-    }
+    const std::string asked = parse(app, argc, argv);
+    if (!asked.empty()) { return write_out(asked) ? exit_done : exit_no; }
+    run();
+    return exit_done;
 }
 
 } // namespace rvk::tool

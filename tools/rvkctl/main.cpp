@@ -260,5 +260,5 @@ int run_command_line(int argc, char** argv)
 int main(int argc, char** argv)
 {
     const rvk::ctl::interrupt_guard until_all_is_cleared_away;
-    return rvk::ctl::run_command_line(argc, argv);
+    return rvk::tool::run_tool("rvkctl", [=] { return rvk::ctl::run_command_line(argc, argv); });
 }

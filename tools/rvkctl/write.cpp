@@ -135,13 +135,14 @@ private:
 [[noreturn]] void refuse_difference(const write_options& options, uint64_t at, uint8_t wanted, uint8_t got,
                                     outcome& run)
 {
+    const uint64_t where = uint64_t{options.addr} + at;
     run.facts["read_back"] = "differs";
     run.facts["first_difference"] = {{"offset", at}, {"wanted", hex_text({&wanted, 1})}, {"got", hex_text({&got, 1})}};
     throw failure{
         problem::differs,
         format("%s at 0x%08x differs from what was written: first at offset %llu (0x%08llx), wanted %02x, got %02x",
                target_text(options).c_str(), options.addr, static_cast<unsigned long long>(at),
-               static_cast<unsigned long long>(options.addr + at), wanted, got)};
+               static_cast<unsigned long long>(where), wanted, got)};
 }
 
 // Reads the same bytes back, in pieces as they were written.

@@ -15,7 +15,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
-#include <new>
 
 namespace rvk::diag {
 namespace {
@@ -220,8 +219,6 @@ int run_command_line(int argc, char** argv)
             {problem::io_error, std::string("the answer could not be written to standard output: ") + strerror(errno)});
     } catch (const failure& failed) {
         return present(failed);
-    } catch (const std::bad_alloc&) {
-        return present({problem::no_memory, "there is not enough memory"});
     }
 }
 
@@ -232,5 +229,5 @@ int run_command_line(int argc, char** argv)
 int main(int argc, char** argv)
 {
     rvk::prepare_descriptors(O_RDONLY);
-    return rvk::diag::run_command_line(argc, argv);
+    return rvk::tool::run_tool("rvkdiag", [=] { return rvk::diag::run_command_line(argc, argv); });
 }

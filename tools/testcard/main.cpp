@@ -86,4 +86,7 @@ int run(int argc, char** argv)
 } // namespace
 } // namespace rvk
 
-int main(int argc, char** argv) { return rvk::run(argc, argv); }
+int main(int argc, char** argv)
+{
+    return rvk::tool::run_tool("rvk-testcard", [=] { return rvk::run(argc, argv); });
+}
