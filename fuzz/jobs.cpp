@@ -120,7 +120,7 @@ void check_cut_files(const job_input& job, const std::vector<uint8_t>& raw, cons
 {
     const size_t whole = size_t{job.hor} * job.ver * 4;
     require(raw.empty() || raw.size() == whole);
-    require(image.empty() || (raw.size() == whole && image == bmp_of(raw, job.hor, job.ver, 32)));
+    require(image.empty() || (raw.size() == whole && image == bmp_of(raw, {job.hor, job.ver}, 32)));
     require(raw.empty() || image.empty());
 }
 
@@ -134,10 +134,10 @@ void check_read_back(const job_input& job, placed before)
     if (before == placed::folder || before == placed::fifo || job.path->empty() || image_name == *job.path) {
         return require(seen->frames == 0 && seen->syncs == 0);
     }
-    require(raw && image && seen->syncs == (was_disk_full() && seen->frames == 0 ? 0 : 1)); // no room for its head
+    require(raw && image && seen->syncs == (was_disk_full() && seen->frames == 0 ? 0 : 1)); // no space for its head
     if (was_disk_full()) { return check_cut_files(job, *raw, *image); }
     require(raw->size() == size_t{job.hor} * job.ver * 4);
-    require(*image == bmp_of(*raw, job.hor, job.ver, 32));
+    require(*image == bmp_of(*raw, {job.hor, job.ver}, 32));
     const auto wanted = picture_in_card(job);
     for (size_t i = 0; wanted && i < raw->size(); ++i) {
         require((*raw)[i] == (*wanted)[i] || (!job.is_faultless() && (*raw)[i] == 0)); // a step that fails leaves zeros

@@ -16,24 +16,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
 namespace rvk {
 namespace {
 
-constexpr uint32_t unit_bytes = 64; // card: what a read command counts in
-constexpr uint32_t unit_words = 8;  // card: words of 8 bytes in a unit
-constexpr uint32_t read_ticks = 3;  // ours
+constexpr uint32_t read_ticks = 3; // ours
 constexpr unsigned image_bits = pixel_bytes * 8;
-
-size_t line_bytes(picture_size size) { return size.hor * pixel_bytes; }
-
-uint32_t units_of(size_t bytes) { return static_cast<uint32_t>((bytes + unit_bytes - 1) / unit_bytes); }
-
-// Lines in card memory are padded to whole units.
-size_t stride_of(picture_size size) { return size_t{units_of(line_bytes(size))} * unit_bytes; }
 
 // One of the two files. A write that fails is logged, and nothing is written any more.
 struct output {
@@ -91,7 +81,7 @@ void read_lines(int index, uint16_t model, uint8_t slot, uint32_t start, picture
         const size_t n = std::min(frame_data_max, work.size() - at);
         // A step that fails is logged by the transport and leaves zeros; the job goes on.
         count_step(DDR2ReadProcess(index, model, slot, addr, work.subspan(at, n)) == 0);
-        addr += unit_words * units_of(n);
+        addr += static_cast<uint32_t>(burst_words * bursts_of(n));
         at += n;
         progress.reached(at);
     }
@@ -178,7 +168,7 @@ int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, 
 {
     std::array<uint8_t, 7> what{};
     store_le32(what.data(), addr);
-    store_le16(what.data() + 4, static_cast<uint16_t>(units_of(dest.size())));
+    store_le16(what.data() + 4, static_cast<uint16_t>(bursts_of(dest.size())));
     static_cast<void>(RawSockSendMsg(index, model, slot, read_command_register, code_write, what));
     static_cast<void>(RawSockSendMsg(index, model, slot, read_start_register, code_write, std::array<uint8_t, 1>{1}));
     uint8_t status = 0; // not examined

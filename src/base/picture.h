@@ -1,4 +1,4 @@
-// Pictures: the cards' pixels, the sizes that are taken, and the head of a BMP file.
+// Pictures: the cards' pixels, how they lie in card memory, the sizes that are taken, and the head of a BMP file.
 #pragma once
 
 #include "base/bytes.h"
@@ -17,7 +17,13 @@ inline constexpr size_t pixel_bytes = 4;               // card: one that is not 
 inline constexpr uint16_t side_max = 65'535;           // card: 16-bit registers
 inline constexpr uint64_t pixels_max = (1u << 29) - 1; // ours: picture bytes fit 31 bits
 
-constexpr size_t picture_bytes(picture_size size) { return size_t{size.hor} * size.ver * pixel_bytes; }
+constexpr size_t line_bytes(picture_size size) { return size.hor * pixel_bytes; }
+constexpr size_t picture_bytes(picture_size size) { return line_bytes(size) * size.ver; }
+
+// card: memory is addressed in words of 8 bytes, and moved in bursts of 512 bits, to which each line is padded
+inline constexpr size_t word_bytes = 8, burst_bytes = 64, burst_words = burst_bytes / word_bytes;
+constexpr size_t bursts_of(size_t bytes) { return (bytes + burst_bytes - 1) / burst_bytes; }
+constexpr size_t stride_of(picture_size size) { return bursts_of(line_bytes(size)) * burst_bytes; }
 
 // Offsets from a BMP file's first byte: a file header of 14 bytes and an info header of 40; the rest is zero.
 namespace bmp {

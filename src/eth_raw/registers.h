@@ -1,5 +1,4 @@
-// The card registers that mean something to the daemon and to the simulated cards; every other address is plain memory.
-// All values are the cards'.
+// The cards' registers that mean something to the daemon or the tools; every other address is plain memory.
 #pragma once
 
 #include <array>
@@ -11,6 +10,10 @@ namespace rvk {
 // The two ports into picture memory, each a control register and a data register that takes the pixels as a stream.
 inline constexpr uint32_t demo_control = 0x7080, demo_data = 0x60000;   // buffers 16 to 25
 inline constexpr uint32_t other_control = 0x7040, other_data = 0x40000; // any other buffer
+
+// The picture loader's two memories: a piece of at most 15,360 bytes to the data register, then its command.
+inline constexpr std::array<uint32_t, 2> loader_data{0xB0000, 0xF0000}, loader_commands{0xA0001, 0xE0001};
+inline constexpr size_t loader_piece_max = 15'360;
 
 inline constexpr uint32_t read_command_register = 0xA0008, read_start_register = 0xA00FF;
 inline constexpr uint32_t read_status_register = 0xA0FFD, read_window_register = 0xB0000;
@@ -34,7 +37,6 @@ inline constexpr uint32_t firmware_data = 0x18000000;
 
 inline constexpr uint32_t generation_register = 0x10000015; // of the input card: model 0, slot 2
 inline constexpr uint8_t generation_slot = 2;
-
 inline constexpr uint32_t readiness_register = 0x00F00009; // of the video-processing FPGA: model 0, slot 1
 inline constexpr uint8_t not_ready = 0xFF;
 inline constexpr uint8_t playback_slot = 1;

@@ -5,6 +5,7 @@
 #include "base/rt_thread.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
+#include "eth_raw/registers.h"
 #include "main/log.h"
 #include "platform/platform.h"
 #include "raw_msg/send.h"
@@ -20,12 +21,9 @@ void (*read_buffer)(const uint8_t* payload, uint32_t addr, uint16_t len) = nullp
 
 namespace {
 
-constexpr int lvds_priority = 88;                                        // ours, SCHED_FIFO
-constexpr uint64_t poll_ms = 2000, before_reboot_ms = 30'000;            // ours
-constexpr uint8_t lvds_slot = 1;                                         // card
-constexpr uint32_t lvds_register = 0x30082;                              // card
-constexpr uint32_t lvds_ticks = 3, reg_ticks = 6;                        // ours
-constexpr std::array<uint8_t, 5> expected{0x01, 0x80, 0x07, 0x38, 0x04}; // card
+constexpr int lvds_priority = 88;                             // ours, SCHED_FIFO
+constexpr uint64_t poll_ms = 2000, before_reboot_ms = 30'000; // ours
+constexpr uint32_t lvds_ticks = 3, reg_ticks = 6;             // ours
 
 uint8_t* whole_buffer()
 {
@@ -44,8 +42,7 @@ void record_and_reboot(int failures)
     static_cast<void>(my_system("reboot -f"));
 }
 
-// Reads the status once. At a boot the card may take long to be there.
-// failures  in and out: answers that were not the expected one
+// Reads the status once, and counts an answer that is not the expected one. At a boot the card may not be there yet.
 void lvds_step(int* failures)
 {
     pause_ms(poll_ms);
@@ -55,7 +52,7 @@ void lvds_step(int* failures)
                                    lvds_ticks) != 0) {
         return; // neither counted nor logged
     }
-    if (status == expected) { return record_and_reboot(*failures); }
+    if (status == lvds_good) { return record_and_reboot(*failures); }
     ++*failures;
     log_print(LOG_HERE, "LVDS NOT OK %02x %02x %02x %02x %02x \n", status[0], status[1], status[2], status[3],
               status[4]);

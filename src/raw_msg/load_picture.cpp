@@ -5,6 +5,7 @@
 #include "base/fd.h"
 #include "base/picture.h"
 #include "eth_raw/frame.h"
+#include "eth_raw/registers.h"
 #include "main/log.h"
 #include "raw_msg/send.h"
 
@@ -19,12 +20,9 @@
 namespace rvk {
 namespace {
 
-constexpr uint8_t pixel_mark = 0x55;   // card: in the byte that is not shown
-constexpr size_t burst_bytes = 64;     // card: 512 bits
-constexpr uint32_t burst_units = 8;    // card: address units of 8 bytes in a burst
-constexpr size_t piece_bytes = 15'360; // card
-constexpr uint64_t near_pause_us = 2;  // card
-constexpr unsigned bmp_bits = 24;      // of a file's pixel
+constexpr uint8_t pixel_mark = 0x55;  // card: in the byte that is not shown
+constexpr uint64_t near_pause_us = 2; // card
+constexpr unsigned bmp_bits = 24;     // of a file's pixel
 constexpr size_t bmp_pixel_bytes = bmp_bits / 8;
 
 // Where a picture goes, as the selectors say it.
@@ -34,10 +32,6 @@ struct target {
 };
 
 char at(const char* text, size_t position) { return strlen(text) > position ? text[position] : '\0'; }
-
-size_t round_up(size_t bytes, size_t to) { return (bytes + to - 1) / to * to; }
-
-uint16_t bursts_of(size_t bytes) { return static_cast<uint16_t>(round_up(bytes, burst_bytes) / burst_bytes); }
 
 void write_port(const target& to, uint32_t port, std::span<const uint8_t> bytes)
 {
@@ -49,7 +43,7 @@ std::array<uint8_t, 7> command_block(uint32_t addr, size_t piece_length)
 {
     std::array<uint8_t, 7> block{};
     store_le32(block.data(), addr);
-    store_le16(block.data() + 4, bursts_of(piece_length));
+    store_le16(block.data() + 4, static_cast<uint16_t>(bursts_of(piece_length)));
     block[6] = 1;
     return block;
 }
@@ -57,27 +51,25 @@ std::array<uint8_t, 7> command_block(uint32_t addr, size_t piece_length)
 // One piece to memory 0.
 void DDR2WriteProcess(const target& to, uint32_t addr, std::span<const uint8_t> piece)
 {
-    write_port(to, 0xB0000, piece);
-    write_port(to, 0xA0001, command_block(addr, piece.size()));
+    write_port(to, loader_data[0], piece);
+    write_port(to, loader_commands[0], command_block(addr, piece.size()));
     pause_us(near_pause_us);
 }
 
 // One piece to memory 1.
 void DDR2WriteProcess2(const target& to, uint32_t addr, std::span<const uint8_t> piece)
 {
-    write_port(to, 0xF0000, piece);
+    write_port(to, loader_data[1], piece);
     log_print(LOG_HERE, "addr = 0x%x\n", addr);
-    write_port(to, 0xE0001, command_block(addr, piece.size()));
+    write_port(to, loader_commands[1], command_block(addr, piece.size()));
 }
 
-// Stages the lines at the stride that the card wants, and sends them. Lines that `picture` has too little stay zero.
-// Result: 0, or -1 when there is no memory for it: nothing is sent then.
+// Stages the lines, zero where `picture` has none, at the card's stride, and sends them. Result: 0; -1: no memory.
 int32_t DDR2Write(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, std::span<const uint8_t> picture)
 {
     log_print(LOG_HERE, "ts_sel=%d,fpga_sel=%d,ddr_sel=%d,addr=0x%x,hor=%d,ver=%d\n", to.ts_sel,
               static_cast<uint8_t>(to.fpga_sel), static_cast<uint8_t>(to.ddr_sel), addr, hor, ver);
-    const size_t line = size_t{hor} * pixel_bytes;
-    const size_t stride = round_up(line, burst_bytes);
+    const size_t line = line_bytes({hor, ver}), stride = stride_of({hor, ver});
     const page_buffer staging(stride * ver);
     if (!staging) {
         log_print(LOG_HERE, "picture %d x %d not sent: no memory for its lines\n", hor, ver);
@@ -88,11 +80,11 @@ int32_t DDR2Write(const target& to, uint32_t addr, uint16_t hor, uint16_t ver, s
         std::copy(from.begin(), from.end(), staging.bytes().begin() + static_cast<ptrdiff_t>(y * stride));
     }
     if (to.ts_sel != 'e' || (to.fpga_sel != 0 && to.fpga_sel != 1)) { return 0; }
-    for (size_t from = 0; from < stride * ver; from += piece_bytes) {
-        const auto piece = staging.bytes().subspan(from, std::min(piece_bytes, stride * ver - from));
+    for (size_t from = 0; from < stride * ver; from += loader_piece_max) {
+        const auto piece = staging.bytes().subspan(from, std::min(loader_piece_max, stride * ver - from));
         if (to.ddr_sel == 0) { DDR2WriteProcess(to, addr, piece); }
         if (to.ddr_sel == 1) { DDR2WriteProcess2(to, addr, piece); }
-        addr += burst_units * bursts_of(piece.size());
+        addr += static_cast<uint32_t>(burst_words * bursts_of(piece.size()));
     }
     return 0;
 }

@@ -75,7 +75,7 @@ loaded_picture loaded_in(const std::string& text)
     return {tool::number_in("MEMORY of --loaded", text.substr(0, first), 0, loader_data.size() - 1),
             static_cast<uint32_t>(
                 tool::number_in("ADDR of --loaded", text.substr(first + 1, last - first - 1), 0, UINT32_MAX)),
-            size.hor, size.ver};
+            size};
 }
 
 void add_fault_options(CLI::App& app, card_faults& f)

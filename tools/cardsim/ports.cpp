@@ -12,14 +12,10 @@ namespace {
 
 constexpr uint64_t buffer_bytes = uint64_t{128} << 20; // ours
 constexpr size_t step_bytes = frame_data_max;          // of a read-back
-constexpr size_t step_bursts = (step_bytes + card_burst - 1) / card_burst, step_stride = step_bursts * card_burst;
+constexpr size_t step_bursts = bursts_of(step_bytes), step_stride = step_bursts * burst_bytes;
 constexpr size_t control_block_bytes = 6;          // card: command, hor, ver, buffer's low byte
 constexpr size_t command_block_bytes = 7;          // card: address in words, bursts, 0 to read and 1 to load
 constexpr uint8_t demo_first = 16, demo_last = 25; // card
-
-size_t line_bytes(const picture_record& r) { return size_t{r.hor} * card_pixel_bytes; }
-size_t line_stride(const picture_record& r) { return (line_bytes(r) + card_burst - 1) / card_burst * card_burst; }
-uint64_t stream_bytes(const picture_record& r) { return uint64_t{line_bytes(r)} * r.ver; }
 
 // From an offset among the padded lines to one in card memory.
 uint64_t spread(uint64_t padded) { return padded / step_bytes * step_stride + padded % step_bytes; }
@@ -29,7 +25,7 @@ uint64_t spread(uint64_t padded) { return padded / step_bytes * step_stride + pa
 template <typename Visit>
 void for_stretches(const picture_record& r, uint64_t from, size_t count, Visit visit)
 {
-    const size_t line = line_bytes(r), stride = line_stride(r);
+    const size_t line = line_bytes(r.size), stride = stride_of(r.size);
     for (size_t done = 0; done < count;) {
         const uint64_t at = from + done;
         const auto in_line = static_cast<size_t>(at % line);
@@ -84,10 +80,12 @@ violation picture_port::control(std::span<const uint8_t> bytes, picture_records&
 
 violation picture_port::set_up(std::span<const uint8_t> bytes, picture_records& records)
 {
-    const picture_record wanted{bytes[5], load_le16(&bytes[1]), load_le16(&bytes[3])};
+    const picture_record wanted{bytes[5], {load_le16(&bytes[1]), load_le16(&bytes[3])}};
     if (bytes[0] != 0) { return violation::picture_command; }
     if (demo && (wanted.buffer < demo_first || wanted.buffer > demo_last)) { return violation::picture_buffer_number; }
-    if (spread(uint64_t{line_stride(wanted)} * wanted.ver) > buffer_bytes) { return violation::picture_too_large; }
+    if (spread(uint64_t{stride_of(wanted.size)} * wanted.size.ver) > buffer_bytes) {
+        return violation::picture_too_large;
+    }
     const bool interrupts = now == phase::taking;
     records[wanted.buffer] = wanted;
     current = wanted.buffer;
@@ -101,7 +99,9 @@ violation picture_port::end(picture_records& records)
     if (now != phase::taking) { return violation::picture_end_order; }
     now = phase::idle;
     picture_record& record = records[current];
-    if (spoilt == violation::none && record.received < stream_bytes(record)) { return violation::picture_data_missing; }
+    if (spoilt == violation::none && record.received < picture_bytes(record.size)) {
+        return violation::picture_data_missing;
+    }
     record.whole = spoilt == violation::none;
     return spoilt;
 }
@@ -110,7 +110,7 @@ violation picture_port::data(std::span<const uint8_t> bytes, picture_records& re
 {
     if (now != phase::taking) { return violation::picture_data_order; }
     picture_record& record = records[current];
-    const bool excess = record.received + bytes.size() > stream_bytes(record);
+    const bool excess = record.received + bytes.size() > picture_bytes(record.size);
     if (excess || short_seen) {
         const violation wrong = excess ? violation::picture_data_excess : violation::picture_frame_size;
         if (spoilt == violation::none) { spoilt = wrong; }
@@ -125,7 +125,7 @@ violation picture_port::data(std::span<const uint8_t> bytes, picture_records& re
 
 std::vector<uint8_t> picture_from(const card_memory& memory, const picture_record& record)
 {
-    std::vector<uint8_t> picture(static_cast<size_t>(stream_bytes(record)));
+    std::vector<uint8_t> picture(picture_bytes(record.size));
     for_stretches(record, 0, picture.size(), [&](uint64_t place, size_t offset, size_t n) {
         memory.read(place, std::span(picture).subspan(offset, n));
     });
@@ -137,7 +137,7 @@ violation read_back_port::command(std::span<const uint8_t> bytes)
     if (bytes.size() != command_block_bytes) { return violation::read_command_length; }
     const uint32_t wanted = load_le16(&bytes[4]);
     if (wanted == 0 || wanted > step_bursts || bytes[6] != 0) { return violation::read_command_value; }
-    from = uint64_t{load_le32(&bytes[0])} * card_word;
+    from = uint64_t{load_le32(&bytes[0])} * word_bytes;
     bursts = wanted;
     now = phase::commanded;
     return violation::none;
@@ -161,7 +161,7 @@ violation read_back_port::status()
 violation read_back_port::window(const card_memory& memory, std::span<uint8_t> out)
 {
     if (now != phase::started && now != phase::looked_at) { return violation::read_window_order; }
-    if ((out.size() + card_burst - 1) / card_burst != bursts) { return violation::read_window_size; }
+    if (bursts_of(out.size()) != bursts) { return violation::read_window_size; }
     memory.read(from, out);
     const bool skipped = now == phase::started;
     now = phase::idle;
@@ -183,8 +183,8 @@ violation loader_port::command(std::span<const uint8_t> block)
 {
     if (block.size() != command_block_bytes) { return violation::loader_command_length; }
     if (piece.empty()) { return violation::loader_command_order; }
-    const bool fits = load_le16(&block[4]) == (piece.size() + card_burst - 1) / card_burst && block[6] == 1;
-    if (fits) { memory.write(uint64_t{load_le32(&block[0])} * card_word, piece); }
+    const bool fits = load_le16(&block[4]) == bursts_of(piece.size()) && block[6] == 1;
+    if (fits) { memory.write(uint64_t{load_le32(&block[0])} * word_bytes, piece); }
     piece.clear();
     return fits ? violation::none : violation::loader_command_value;
 }

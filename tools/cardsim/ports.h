@@ -8,22 +8,16 @@
 // keep what they held before.
 #pragma once
 
+#include "base/picture.h"
 #include "cardsim/memory.h"
 #include "cardsim/violations.h"
 #include "eth_raw/registers.h"
 
 namespace rvk {
 
-// Card: two ports of pictures, each with a control register and a data port that does not advance; the read-back's
-// registers; the picture loader's two memories.
-inline constexpr std::array<uint32_t, 2> loader_data{0xB0000, 0xF0000}, loader_commands{0xA0001, 0xE0001};
-
-inline constexpr size_t card_pixel_bytes = 4, card_word = 8, card_burst = 64; // card
-inline constexpr size_t loader_piece_max = 15'360;                            // card
-
 struct picture_record {
     uint8_t buffer = 0;
-    uint16_t hor = 0, ver = 0;
+    picture_size size{};
     uint64_t received = 0; // bytes taken
     bool whole = false;    // ended, with everything that belongs to it and nothing else
 };

@@ -61,18 +61,20 @@ void save_memory(saved_text& to, Memory memory, const std::string& file = "", co
 // The picture loader pads lines to whole bursts.
 void save_loaded_picture(saved_text& to, card_id card, const loaded_picture& p)
 {
-    const uint64_t at = uint64_t{p.addr} * card_word;
-    const size_t line = size_t{p.hor} * card_pixel_bytes, stride = (line + card_burst - 1) / card_burst * card_burst;
+    const uint64_t at = uint64_t{p.addr} * word_bytes;
+    const size_t line = line_bytes(p.size), stride = stride_of(p.size);
     bytes_t pixels;
     to.farm.with(card, [&](sim_card& c) {
         const card_memory& memory = c.loaders[p.memory].memory;
         const auto holds = [at](const auto& e) { return e.first <= at && at < e.second; };
         if (std::ranges::none_of(memory.written(), holds)) { return; }
-        pixels.resize(line * p.ver);
-        for (size_t y = 0; y < p.ver; ++y) { memory.read(at + y * stride, std::span(pixels).subspan(y * line, line)); }
+        pixels.resize(picture_bytes(p.size));
+        for (size_t y = 0; y < p.size.ver; ++y) {
+            memory.read(at + y * stride, std::span(pixels).subspan(y * line, line));
+        }
     });
     if (pixels.empty()) { return; }
-    tool::save(to.base + format("-memory%zu-%08x.bmp", p.memory, p.addr), bmp_of(pixels, p.hor, p.ver, 32));
+    tool::save(to.base + format("-memory%zu-%08x.bmp", p.memory, p.addr), bmp_of(pixels, p.size, 32));
 }
 
 void save_pictures(saved_text& to, card_id card)
@@ -83,8 +85,8 @@ void save_pictures(saved_text& to, card_id card)
         const bytes_t pixels = to.farm.with(card, [&r = r](sim_card& c) { return picture_from(c.pictures, r); });
         std::error_code ignored; // there is none, as a rule
         std::filesystem::remove(to.base + (r.whole ? incomplete : whole), ignored);
-        to.save_file(r.whole ? whole : incomplete, bmp_of(pixels, r.hor, r.ver, 32),
-                     format("buffer %u  %u x %u, %" PRIu64 " bytes%s", buffer, r.hor, r.ver, r.received,
+        to.save_file(r.whole ? whole : incomplete, bmp_of(pixels, r.size, 32),
+                     format("buffer %u  %u x %u, %" PRIu64 " bytes%s", buffer, r.size.hor, r.size.ver, r.received,
                             r.whole ? "" : ", incomplete"));
     }
 }
@@ -149,7 +151,7 @@ void save_state(card_farm& farm, const std::string& folder, const std::string& l
         save_pictures(to, card);
         for (size_t m = 0; m < loader_data.size(); ++m) {
             const auto loaded_into = [=](farm_content& c) -> card_memory& { return c.cards[card].loaders[m].memory; };
-            save_memory(to, loaded_into, format("-memory%zu", m), format("memory %zu  ", m), card_word);
+            save_memory(to, loaded_into, format("-memory%zu", m), format("memory %zu  ", m), word_bytes);
         }
         save_firmware(to, card);
         to.save();

@@ -9,7 +9,7 @@ namespace rvk {
 struct loaded_picture {
     size_t memory = 0;
     uint32_t addr = 0; // as the loader was given it, in units of 8 bytes
-    uint32_t hor = 0, ver = 0;
+    picture_size size{};
 };
 
 // Makes a folder where there is none; throws a failure of wrong usage when it cannot be made or written.

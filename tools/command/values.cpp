@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -31,17 +32,13 @@ int hex_digit(char c)
 bool has_hex_prefix(const std::string& text) { return text.size() > 1 && text[0] == '0' && (text[1] | 0x20) == 'x'; }
 
 // base  of a number without 0x
-bool parse(const std::string& text, uint64_t base, uint64_t& out)
+bool parse(const std::string& text, int base, uint64_t& out)
 {
     const bool prefix = text.size() > 2 && has_hex_prefix(text);
     if (prefix) { base = 16; }
-    out = 0;
-    for (const char c : text.substr(prefix ? 2 : 0)) {
-        const int digit = hex_digit(c);
-        if (digit < 0 || static_cast<uint64_t>(digit) >= base || out > UINT64_MAX / base - 1) { return false; }
-        out = out * base + static_cast<uint64_t>(digit);
-    }
-    return !text.empty();
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data() + (prefix ? 2 : 0), end, out, base);
+    return error == std::errc{} && rest == end;
 }
 
 void append_word(const std::string& name, const std::string& word, std::vector<uint8_t>& out)
@@ -123,9 +120,9 @@ picture_size size_in(const char* name, const std::string& text, uint32_t least)
                   format("%s \"%s\": a picture has at most 536870911 pixels", name, text.c_str())};
 }
 
-void check_room(uint32_t addr, uint64_t bytes)
+void check_space(uint32_t addr, uint64_t bytes)
 {
-    if (bytes <= room_from(addr)) { return; }
+    if (bytes <= space_from(addr)) { return; }
     throw failure{problem::wrong_usage,
                   format("%" PRIu64 " bytes from 0x%08x on run past the last address, 0xffffffff", bytes, addr)};
 }

@@ -22,8 +22,8 @@ uint64_t hex_number_in(const char* name, const std::string& text, uint64_t least
 picture_size size_in(const char* name, const std::string& text, uint32_t least);
 
 // How many bytes there are from an address on, and a failure when it is less than these.
-constexpr uint64_t room_from(uint32_t addr) { return uint64_t{UINT32_MAX} + 1 - addr; }
-void check_room(uint32_t addr, uint64_t bytes);
+constexpr uint64_t space_from(uint32_t addr) { return uint64_t{UINT32_MAX} + 1 - addr; }
+void check_space(uint32_t addr, uint64_t bytes);
 
 // Bytes as hex digits in memory order, each word a whole number of bytes; throws a failure.
 std::vector<uint8_t> bytes_of_hex(const char* name, const std::vector<std::string>& words);

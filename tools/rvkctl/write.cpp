@@ -29,7 +29,7 @@ std::vector<uint8_t> bytes_of(const write_options& options)
     }
     std::vector<uint8_t> bytes =
         options.file.empty() ? bytes_of_hex("BYTES", options.words) : bytes_of_file(options.file);
-    check_room(options.addr, bytes.size());
+    check_space(options.addr, bytes.size());
     return bytes;
 }
 

@@ -154,7 +154,7 @@ std::string run_bus_write(const bus_options& o)
 {
     const std::vector<uint8_t> block = bytes_of_file(o.file); // at most bus_block_max
     const auto bytes = static_cast<uint32_t>(block.size());
-    check_room(o.addr, bytes);
+    check_space(o.addr, bytes);
     const xfer handle = open_link(o.link, bytes);
     const stop_watch watch;
     if (Write_FPGA_Bus_Block(&handle, o.addr, bytes, block.data()) != 0) {

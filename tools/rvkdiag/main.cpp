@@ -88,7 +88,7 @@ std::string understand_and_run(fpga_options& o)
     } else {
         o.bytes = value_or_file(o.last);
     }
-    check_room(o.addr, o.len + o.bytes.size());
+    check_space(o.addr, o.len + o.bytes.size());
     return run_fpga(o);
 }
 
@@ -155,7 +155,7 @@ void add_bus(CLI::App& app, command_line& line)
     bus.require_subcommand(0, 1);
     bus.footer("");
     CLI::App& read = add_command(bus, "read", "Card memory into FILE", bus_read_footer, line, [&o] {
-        check_room(o.addr, o.len);
+        check_space(o.addr, o.len);
         return run_bus_read(o);
     });
     CLI::App& write =

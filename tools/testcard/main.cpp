@@ -48,8 +48,8 @@ const struct file_format {
     bytes (*file_of)(bytes&& pixels, picture_size size);
 } formats[]{
     {"raw", [](bytes&& pixels, picture_size) { return std::move(pixels); }},
-    {"bmp", [](bytes&& pixels, picture_size size) { return bmp_of(pixels, size.hor, size.ver, 32); }},
-    {"bmp24", [](bytes&& pixels, picture_size size) { return bmp_of(pixels, size.hor, size.ver, 24); }},
+    {"bmp", [](bytes&& pixels, picture_size size) { return bmp_of(pixels, size, 32); }},
+    {"bmp24", [](bytes&& pixels, picture_size size) { return bmp_of(pixels, size, 24); }},
     {"png", [](bytes&& pixels, picture_size size) { return png_of(pixels, size); }},
 };
 
