@@ -92,7 +92,7 @@ class Hostile(bench.BenchTest):
         self.assertTrue(bench.wait_until(lambda: not select.select([alive], [], [], 3)[0] or not alive.recv(64)))
 
     # A card that answers nothing is asked to the end, which a person sees; a full disk is known before.
-    def test_a_read_back_without_a_card_and_without_room(self):
+    def test_a_read_back_without_a_card_and_without_space(self):
         self.up("--loss", "1.0")
         subprocess.check_call("mount -t tmpfs -o size=16k none /opt; head -c 16k /dev/zero > /opt/x", shell=True)
         self.addCleanup(subprocess.check_call, ["umount", "/opt"])

@@ -33,7 +33,7 @@ class Loads(bench.BenchTest):
         self.assertTrue(bench.wait_until(settled), self.figures)
         load.run(0)
 
-    # So many commands over a bad link, and whether all was as it should. At half of them the cards stand still until 20
+    # So many commands over a bad link, and whether all was as it should. At half of them the cards are stopped until 20
     # writes were given up, whose late answers then come; before and after it firmware is updated, over that link or by a tool.
     def relay(self, load, commands):
         due = [(0.8, 0x16), (0.4, 0x16), (0.2, 0x1A)]  # at which part of the commands, type
@@ -56,7 +56,7 @@ class Loads(bench.BenchTest):
         return f"{load.commands} commands, {load.reports} writes reported, updates {load.updates}; {summary}"
 
     # Then with the cards and the link's threads above the sender on its processor: most answers come before a send returns.
-    # Its pictures at the start are over before: cards that stand still have no room for a frame behind one.
+    # Its pictures at the start are over before: cards that are stopped have no space for a frame behind one.
     def test_a_bad_link_loses_nothing_and_doubles_nothing(self):
         others = self.cards(kept=False)
         self.d = self.daemon()

@@ -200,8 +200,9 @@ class FaultsTest(bench.BenchTest):
         self.judge_start()
         if bench.SANITIZED:
             self.counts.pop("sigaltstack", None)  # a sanitizer's, which ends without it
-        places = [(call, nth) for call, n in self.counts.items() for nth in range(1, n + 1)]
-        for case in drawn([[(*place, error) for error in ERRORS[place[0]]] for place in places], 12):
+        places = [[(call, nth, e) for e in ERRORS[call]] for call, n in self.counts.items() for nth in range(1, n + 1)]
+        # The last threads are those that serve.
+        for case in [("thread", self.counts["thread"] - n, "ENOMEM") for n in range(4)] + drawn(places, 8):
             with self.subTest(case):
                 self.plan.arm(*case)
                 self.start()

@@ -59,12 +59,12 @@ int32_t ask(int queue, uint32_t addr)
 {
     static const uint8_t data[] = {1, 2, 3};
     uint8_t ack = no_answer;
-    uint8_t room[8];
+    uint8_t read[8];
     uint32_t len = 0;
     switch (queue) {
     case ACK_QUEUE: return RawSockSendMsgWithAck(7, 0, 0, 1, addr, code_write_ack, data);
     case ACK_WAIT_QUEUE: return RawSockSendMsgWithAckWait(0, 0, 1, addr, code_write_ack, data, &ack, retry_ticks);
-    case READ_WAIT_QUEUE: return RawSockSendMsgWithReadWait(0, 0, 1, addr, code_read, 3, room, &len, retry_ticks);
+    case READ_WAIT_QUEUE: return RawSockSendMsgWithReadWait(0, 0, 1, addr, code_read, 3, read, &len, retry_ticks);
     default: break;
     }
     uint8_t* dest = RawMsgBuffGet(8);

@@ -135,15 +135,15 @@ public:
         e.end = ended::given_up;
     }
 
-    // Its call is back. ack, len: of those that wait; room: where its data is
-    void returned(entry& e, int32_t result, uint8_t ack, size_t len, std::span<const uint8_t> room)
+    // Its call is back. ack, len: of those that wait; dest: where its data is
+    void returned(entry& e, int32_t result, uint8_t ack, size_t len, std::span<const uint8_t> dest)
     {
         const bool answered = e.k == waited_write ? e.end != ended::given_up : e.end == ended::well;
         const bool good = e.end != ended::not_sent && (!waits(e.k) || answered);
         expect(result == (good ? 0 : -1), e, "its call returned the wrong result");
         if (!waits(e.k) || e.end == ended::not_sent) { return; }
-        const size_t due = answered ? std::min(e.len, room.size()) : e.len;
-        expect(is_write(e.k) ? ack == e.status : len == due && (!answered || begins(room, e.addr, due)), e,
+        const size_t due = answered ? std::min(e.len, dest.size()) : e.len;
+        expect(is_write(e.k) ? ack == e.status : len == due && (!answered || begins(dest, e.addr, due)), e,
                "its call said something else than its answer, or returned wrong data");
     }
 

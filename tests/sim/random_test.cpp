@@ -122,7 +122,7 @@ private:
         const auto data = data_at(addr, length_at(addr));
         const auto n = static_cast<uint32_t>(data.size());
         std::array<uint8_t, frame_data_max> all{};
-        const auto room = std::span(all).first(d.happens(100) ? 3 : all.size());
+        const auto dest = std::span(all).first(d.happens(100) ? 3 : all.size());
         uint8_t* const area = k == later_read ? ApMsgBuffGet(frame_data_max) : nullptr;
         uint8_t ack = 0;
         uint32_t got = 0;
@@ -133,11 +133,11 @@ private:
             k == later_write    ? RawSockSendMsgWithAck(to, 0, card, 1, addr, code_write_ack, data)
             : k == later_read   ? RawSockSendMsgWithRead(to, 0, card, 1, addr, code_read, n, {area, frame_data_max})
             : k == waited_write ? RawSockSendMsgWithAckWait(0, card, 1, addr, code_write_ack, data, &ack, ticks)
-                                : RawSockSendMsgWithReadWait(0, card, 1, addr, code_read, n, room, &got, ticks);
+                                : RawSockSendMsgWithReadWait(0, card, 1, addr, code_read, n, dest, &got, ticks);
         senders.pop_back();
         if (waits(k)) { synchronous = false; }
         if (result != 0) { ApMsgBuffFree(area); }
-        book.returned(book.entries[id], result, ack, got, room);
+        book.returned(book.entries[id], result, ack, got, dest);
     }
 
     // The system call: one that would block asks for the one second attempt; a frame may have arrived, sent or not.

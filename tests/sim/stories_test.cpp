@@ -27,8 +27,8 @@ words split(const std::string& text, char at)
 // "slot=2", "(expiry*4) good" and the like, into what is given and the three times of a story.
 void read_events(const std::string& text, story* s)
 {
-    static const std::set<std::string> known{"on",    "for",  "room",     "slot",   "model", "addr",      "len",
-                                             "holds", "from", "updating", "blocks", "full",  "room_after"};
+    static const std::set<std::string> known{"on",    "for",  "dest",     "slot",   "model", "addr",       "len",
+                                             "holds", "from", "updating", "blocks", "full",  "space_after"};
     std::deque<std::string>* now = &s->then;
     for (const std::string& all : split(std::regex_replace(text, std::regex("[()[\\]]"), " $& "), ' ')) {
         const auto star = all.find('*'), equals = all.find('=');

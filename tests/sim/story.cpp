@@ -135,11 +135,11 @@ struct player : story {
         const auto link = static_cast<int>(number("on", 0));
         const auto at = usual_addr, ticks = number("for", 3);
         const bytes_t data = data_at(at, n);
-        bytes_t room(number("room", frame_data_max) + 1, untouched);
+        bytes_t buffer(number("dest", frame_data_max) + 1, untouched);
         uint8_t* const area = is("read") ? ApMsgBuffGet(frame_data_max) : nullptr;
         w.blocks_left = static_cast<int>(number("blocks", SIZE_MAX));
         if (number("full", 0) != 0) { fill(); }
-        const auto dest = std::span(room).first(room.size() - 1);
+        const auto dest = std::span(buffer).first(buffer.size() - 1);
         uint8_t ack = 0;
         uint32_t got = 0;
         int32_t result = -2;
@@ -155,10 +155,10 @@ struct player : story {
         const uint8_t due = is("write_wait") || is("write_again") ? (result == 0 ? ack_good : no_answer) : 0;
         if (ack != due) { how.push_back("status " + std::to_string(ack)); }
         if (result != 0 && got != 0) { how.push_back(std::to_string(got) + " bytes said"); }
-        if (is("read_wait") && result == 0) { how.push_back(bytes_said(room, got, at)); }
+        if (is("read_wait") && result == 0) { how.push_back(bytes_said(buffer, got, at)); }
     }
 
-    // Its queue has as many requests as it takes; room for one comes with a pause of its sender, if at all.
+    // Its queue has as many requests as it takes; space for one comes with a pause of its sender, if at all.
     void fill()
     {
         for (int32_t i = 0; i < queue_nodes_max; ++i) {
@@ -169,7 +169,7 @@ struct player : story {
         w.on_pause = [this, pauses = 0u](uint64_t pause) mutable {
             QNode* oldest = Qlist[0][queue()];
             paused_us += pause;
-            if (++pauses == number("room_after", 0)) { static_cast<void>(queue_del(0, queue(), &oldest)); }
+            if (++pauses == number("space_after", 0)) { static_cast<void>(queue_del(0, queue(), &oldest)); }
         };
     }
 

@@ -179,13 +179,13 @@ ssize_t __wrap_sendto(int, const void* data, size_t count, int, const sockaddr*,
     return result < 0 ? -1 : result;
 }
 
-ssize_t __wrap_recvfrom(int, void* room, size_t size, int, sockaddr*, socklen_t*)
+ssize_t __wrap_recvfrom(int, void* buffer, size_t size, int, sockaddr*, socklen_t*)
 {
     if (here->wire.empty()) { rvk::give_up("nothing to receive"); }
     const rvk::bytes_t frame = std::move(here->wire.front());
     here->wire.pop_front();
     const size_t taken = std::min(size, frame.size());
-    std::copy_n(frame.begin(), taken, static_cast<uint8_t*>(room));
+    std::copy_n(frame.begin(), taken, static_cast<uint8_t*>(buffer));
     return static_cast<ssize_t>(taken);
 }
 

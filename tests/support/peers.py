@@ -68,7 +68,7 @@ class Requester:
     def tell(self, to=identity(), **fields):
         self.send(self.message(**fields).pack(), to)
 
-    # Result: false when the daemon's socket is not there, or its queue has no room.
+    # Result: false when the daemon's socket is not there, or its queue has no space.
     def try_to_send(self, datagram, to=identity()):
         try:
             return self.socket.sendto(datagram, socket.MSG_DONTWAIT, socket_file(to)) >= 0

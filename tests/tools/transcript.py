@@ -142,8 +142,9 @@ class Play:
         if what == "cards":
             self.end_cards()
             named = bool(words) and re.fullmatch("[0-2](,[0-2])*", words[0])
-            links = [int(link) for link in words.pop(0).split(",")] if named else [0]
-            self.cards, self.said, self.links = self.test.cards(*words, links=links), "", links
+            self.links = [int(link) for link in words.pop(0).split(",")] if named else [0]
+            # The dissector's captures need no state.
+            self.cards, self.said = self.test.cards(*words, links=self.links, kept=os.environ["RVK_TEXT"] != "dissector"), ""
             subprocess.run(["ln", "-sfn", self.cards.folder, ".state"], check=True)
         elif what == "daemon":
             self.test.daemon(*words)

@@ -38,12 +38,12 @@ TEST(Frame, PacksRequests)
         {0, 0, 1400, 0x9592, 0, 0, 0, "55aa000000000000000000007805", 94},   // a read asks for more than it carries
     };
     for (const pack_case& c : cases) {
-        bytes room(1500, 0xFF), expected = of_hex("eb90eb90eb904444444444440700" + std::string(c.fields));
-        uint8_t* payload = &room[request::payload];
+        bytes buffer(1500, 0xFF), expected = of_hex("eb90eb90eb904444444444440700" + std::string(c.fields));
+        uint8_t* payload = &buffer[request::payload];
         EXPECT_EQ(RawMsgHeaderPack(c.model, c.slot, c.code, c.addr, c.seq, &payload, c.len), c.bytes);
-        expected.resize(room.size(), 0xFF);
+        expected.resize(buffer.size(), 0xFF);
         store_le16(&expected[c.bytes - 2], c.checksum);
-        EXPECT_EQ(room, expected);
+        EXPECT_EQ(buffer, expected);
     }
 }
 
