@@ -282,7 +282,7 @@ GROUPS = [  # options of the cards and of the daemon; rows
         ("300 writes given up, a report read per 15 ms", (given_up, 300, 0.015), FAIR),
         ("1,500 writes given up, a report read per 3 ms", (given_up, 1500, 0.003), FAIR),
         ("20 that never read, 300 writes given up each", (given_up, 0, 0, 20), FAIR),
-        # A frame that the kernel has no room for may be an answer, so that its read fails: see docs/operation.md, "Buffers".
+        # A frame that the kernel has no space for may be an answer, so that its read fails: see docs/operation.md, "Buffers".
         ("100,000 foreign frames a second", (frames, "not_ours", FOREIGN), {"longest": 50})]),
     (["--delay", "1.0", "--delay-ms", 5], [], [
         ("alone, 5 ms an answer", (nothing,), {"failed": 0}),

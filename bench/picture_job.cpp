@@ -17,7 +17,7 @@ void make_file(const std::string& path, const std::vector<uint8_t>& bytes)
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream out(path, std::ios::binary);
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!out.flush()) { fail("no room for " + path); }
+    if (!out.flush()) { fail("no space for " + path); }
 }
 
 std::vector<uint8_t> patterned_bytes(size_t count)

@@ -21,7 +21,7 @@ void open_private_files();
 void clear_private_files();
 
 void place(const std::string& path, placed what, std::span<const uint8_t> bytes);
-// From the n-th write on there is no room left, until the files are cleared.
+// From the n-th write on there is no space left, until the files are cleared.
 void fill_disk_after(size_t writes);
 [[nodiscard]] bool was_disk_full(); // a write has failed for that
 

@@ -53,7 +53,7 @@ class Soak(load_test.Loads, fairness.Field):
         self.assertTrue(held, "it ended within a minute: too few commands to say whether the daemon grows")
         print("files open, kB of the pool, kB resident, after each part from the first minute on:", *held)
         self.assertEqual(held[-1][0], held[0][0])
-        # A machine that stands still for a moment has more requests pending than ever: the pool keeps their blocks.
+        # A machine that is stopped for a moment has more requests pending than ever: the pool keeps their blocks.
         self.assertLessEqual((held[-1][2] - held[-1][1]) - (held[0][2] - held[0][1]), GROWTH_KB)
 
     def flaps(self):

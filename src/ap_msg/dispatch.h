@@ -1,9 +1,7 @@
 // The command front: the daemon's endpoint on the messaging service, the thread that takes messages from it, and what
-// carries out the commands in them and answers.
-//
-// Everything runs on the IPC receive thread, one command after the other, and keeps nothing between commands. A command
-// waits for its card (up to three timeouts of 6 ticks a piece) under demo_mutex; a file job goes into the mailbox and
-// waits there for the job before it. gbUpdateProcessRunning is read without a lock.
+// carries out the commands in them and answers. Everything runs on the IPC receive thread, one command after the other,
+// and keeps nothing between commands. A command waits for its card (up to three timeouts of 6 ticks a piece) under
+// demo_mutex; a file job waits in the mailbox for the job before it.
 #pragma once
 
 #include <cstdint>
@@ -25,9 +23,8 @@ void ApMsgRecv(int processor);
 // Result  -1 when no message was given; the dispatch's result for a data message, 0 for any other
 int ApipcEventDeal(int, int, const void* message, int length);
 
-// Carries out one data message.
-// message    the whole message as received, at least 40 bytes; data_head: its bytes from 24 on
-// Result     0, or -1 when no reply buffer could be had for a read
+// Carries out one data message, of at least 40 bytes; data_head: its bytes from 24 on.
+// Result  0, or -1 when no reply buffer could be had for a read
 int32_t ApipcDataProc(std::span<const uint8_t> message, std::span<const uint8_t> data_head);
 
 } // namespace rvk

@@ -1,11 +1,9 @@
-// The file service: what takes too long for the IPC receive thread is handed over through a one-slot mailbox and runs
-// on a thread of its own, one job at a time, in their order: pictures into card memory, card memory into files,
-// updates.
-//
-// A job is put into the slot only when the job before it has ended, whatever processors the two threads run on: the
-// semaphore "slot free" is waited for before file_mutex is taken and posted after that is released, so no job is
-// overwritten and none runs twice. Lock order: file_mutex, demo_mutex, pic_mutex, then those of the exchanges.
-// index, model, slot: the card. Unless said otherwise, the file-service thread calls what is below.
+// The file service: what takes too long for the IPC receive thread goes through a one-slot mailbox to a thread of its
+// own, one job at a time, in their order: pictures into card memory, card memory into files, updates. A job is put into
+// the slot only when the job before it has ended, whatever processors the two threads run on: the semaphore "slot free"
+// is waited for before file_mutex is taken and posted after that is released, so no job is overwritten and none runs
+// twice. Lock order: file_mutex, demo_mutex, pic_mutex, then those of the exchanges. index, model, slot: the card.
+// Unless said otherwise, the file-service thread calls what is below.
 #pragma once
 
 #include "ap_msg/message.h"
@@ -33,8 +31,7 @@ extern fair_mutex demo_mutex;
 // One picture into card memory: set-up, start, data and end are never interleaved with another's.
 extern fair_mutex pic_mutex;
 
-// Non-zero while a firmware update runs: every command is then dropped. Written by the file-service thread, read
-// without a lock by the dispatch.
+// Non-zero while a firmware update runs: the dispatch, which reads it without a lock, then drops every command.
 extern std::atomic<int> gbUpdateProcessRunning;
 
 // Puts a job into the slot, waiting for the one before it to end. Both areas must fit.
@@ -48,7 +45,6 @@ bool mailbox_close() RVK_EXCLUDES(file_mutex);
 
 // Starts the thread, SCHED_FIFO 95. Result: 0, or -1 (logged): file jobs are then refused. Main thread, at start.
 int32_t WexApFileTaskCreate(int processor);
-
 void ApMsgFileProc(int processor); // the thread's body; never returns
 void file_step();                  // what it repeats: waits for one job and runs it
 
@@ -57,7 +53,6 @@ void file_step();                  // what it repeats: waits for one job and run
 int32_t write_file_handle(const received_command& c);
 int32_t read_file_handle(const received_command& c);
 int32_t update_file_handle(const received_command& c);
-
 void write_file_resp(const received_command& c, int32_t result);
 void update_file_resp(const received_command& c, int32_t result);
 
@@ -66,8 +61,7 @@ void update_file_resp(const received_command& c, int32_t result);
 [[nodiscard]] std::span<const uint8_t> pixels_of(std::span<const uint8_t> file, const char* path, picture_size size);
 
 // Writes a file's picture into buffer number `buffer`, a black one when it cannot be had from the file. hor and ver: as
-// read_picture_job takes them. Result: DDR2Write's; -1 when there is no memory for a black one. Nothing calls the
-// `_test`.
+// read_picture_job takes them. Result: DDR2Write's; -1 without memory for a black one. Nothing calls the `_test`.
 int32_t write_file_handler(int index, uint8_t slot, uint16_t model, uint32_t buffer, uint32_t hor, uint32_t ver,
                            const char* path);
 int32_t write_file_handle_test(int index, uint8_t slot, uint16_t model, uint32_t buffer, uint32_t hor, uint32_t ver,
@@ -82,10 +76,8 @@ int32_t write_file_handler_excp(int index, uint16_t model, uint8_t slot, uint32_
 int32_t DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t buffer, uint16_t hor, uint16_t ver,
                   std::span<const uint8_t> data) RVK_EXCLUDES(pic_mutex);
 
-// Reads a picture's lines, each padded to a multiple of 64 bytes in card memory, into `dest` without padding. A step
-// that the card does not answer leaves zeros. Nothing calls it: a job has the memory for both before it begins.
-// start  card address in 8-byte words
-// dest   hor x ver x 4 bytes
+// Reads a picture's lines from card memory (start: its address in 8-byte words) into `dest`, hor x ver x 4 bytes. A
+// step that the card does not answer leaves zeros. Nothing calls it: a job has all memory before it begins.
 void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t hor, uint16_t ver,
               std::span<uint8_t> dest);
 

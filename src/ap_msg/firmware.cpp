@@ -33,23 +33,14 @@ constexpr uint64_t refusal_pause_ms = 10;                  // ours
 constexpr size_t piece_bytes = 1024;                       // card
 constexpr size_t command_bytes = 128;                      // ours
 
-enum class image_kind { binary, encrypted, unknown };
-
 // By the first marker found anywhere in the name, binary ones first; upper and lower case as listed.
-image_kind kind_of(const char* path)
-{
-    const auto has = [path](const char* marker) { return strstr(path, marker) != nullptr; };
-    if (has(".BIN") || has(".bin") || has(".Bin")) { return image_kind::binary; }
-    return has(".dat") || has(".Dat") || has(".DAT") ? image_kind::encrypted : image_kind::unknown;
-}
-
 bool is_binary(const char* path)
 {
-    switch (kind_of(path)) {
-    case image_kind::binary: return true;
-    case image_kind::encrypted: log_print(LOG_HERE, "file is *.dat! we cann't decrypt it. stoped!\n "); return false;
-    case image_kind::unknown: log_print(LOG_HERE, "stop! file is not *.dat or *.bin !\n "); return false;
-    }
+    const auto has = [path](const char* marker) { return strstr(path, marker) != nullptr; };
+    if (has(".BIN") || has(".bin") || has(".Bin")) { return true; }
+    const bool encrypted = has(".dat") || has(".Dat") || has(".DAT");
+    log_print(LOG_HERE,
+              encrypted ? "file is *.dat! we cann't decrypt it. stoped!\n " : "stop! file is not *.dat or *.bin !\n ");
     return false;
 }
 

@@ -20,7 +20,6 @@ constexpr uint32_t greeting_payload_bytes = 72; // message: 32 bytes of text and
 constexpr char greeting_text[greeting_text_bytes] = "Hello, I am rvk module!";
 
 uint8_t board() { return static_cast<uint8_t>(apcard_bit_self()); }
-
 void store_result(uint8_t* head, int32_t result) { store_le32(head + message::result, static_cast<uint32_t>(result)); }
 
 void store_data_class(uint8_t* head, size_t len)
@@ -53,7 +52,6 @@ void print_head(const char* before, const uint8_t* head)
 } // namespace
 
 uint32_t own_identity() { return identity_of(board(), module_self); }
-
 uint32_t companion_identity() { return identity_of(board(), module_companion); }
 
 received_command parse_command(const uint8_t* head, std::span<const uint8_t> behind_data_head)

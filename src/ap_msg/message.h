@@ -79,12 +79,10 @@ struct received_command {
 
 using job_path = std::array<char, mailbox_bytes>; // zero-terminated; any path that the mailbox carries fits
 
-// Copies the text at an offset of a payload. Result: 0; -1, and logged, when it is not terminated within the payload or
-// has more than `path_max` characters.
+// Copies the text at an offset of a payload. Result: 0; -1, logged: not terminated within it, or above `path_max`.
 [[nodiscard]] int32_t read_path(std::span<const uint8_t> payload, size_t at, size_t path_max, job_path* path);
 
-// Reads a picture job's size and path. A payload that is too short, such a path, and a picture that no card takes are
-// logged and refused. Result: 0 or -1.
+// Reads a picture job's size and path. Result: 0; -1, logged: too short, such a path, a picture that no card takes.
 [[nodiscard]] int32_t read_picture_job(std::span<const uint8_t> payload, size_t path_max, picture_size* size,
                                        job_path* path);
 
@@ -100,14 +98,11 @@ void ApMsgBuffFree(uint8_t* handle);
 int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n);
 int ApipcDataSendAck(uint32_t destination, const uint8_t* message);
 
-// Offers each requester what is kept for it, drops what is too old. The links' check threads after each pass; where no
-// link is open, the status thread.
+// Offers what is kept, drops what is too old. A link's check thread after each pass; with no link, the status thread.
 void offer_outbox();
 
-// Fills a reply's head, 38 bytes: the command's, with `result` and the number of payload bytes.
+// Fills a reply's head, 38 bytes: the command's, with `result` and the number of payload bytes; answers with one alone.
 void make_reply(uint8_t* head, const received_command& to, int32_t result, uint32_t length);
-
-// Answers a command with a head alone.
 void send_reply(const received_command& to, int32_t result);
 
 // Answers an update: a head, and the update type as the command's payload has it; bytes that it lacks are zero.
@@ -116,15 +111,12 @@ void send_update_response(const received_command& to, int32_t result);
 // Answers a file command that is not carried out with -1, in the way of its kind; a read-back has no answer.
 void refuse_file_job(const received_command& to);
 
-// Sends the greeting.
+// Sends the greeting; makes the report of an acknowledged write that nobody waits for.
 void apipc_first(uint32_t requester);
-
-// The report of an acknowledged write that nobody waits for.
 [[nodiscard]] std::array<uint8_t, message_head_bytes> write_report(int index, uint32_t addr, int32_t result);
 
 // Report the end of an asynchronous request, by the kind of its node: what raw_msg is given as `request_ended`. The
-// message's head is printed on the console first. Called by a link's threads after its lock is released; the node is
-// held meanwhile.
+// message's head is printed on the console first. Called by a link's threads with no lock, the node held.
 void report_end(const QNode* node, int32_t result); // gives a read's message buffer back
 void WriteAckResultReport(const QNode* node, int32_t result);
 void ReadResultReport(const QNode* node, int32_t result); // with result 0 the node's recv_len bytes at its `dest`

@@ -22,8 +22,7 @@ constexpr int offered_at_once = 256;            // ours: of one requester; a pas
 constexpr size_t outbox_messages_max = 65'536;  // ours: of all requesters together; more are dropped at once
 constexpr uint32_t outbox_share_max = 8192;     // ours: of one requester, so that others' are kept, too
 
-// A message that is kept, its bytes behind it. A requester's first knows its last, how many there are, and the next
-// requester's first.
+// A kept message, its bytes behind it. A requester's first has its last, their count, the next requester's first.
 struct kept_message {
     kept_message *next, *last, *next_requester;
     uint32_t to, since_us, bytes, count; // kept since, as monotonic_us() says

@@ -1,5 +1,4 @@
-// Pictures into card memory. A file is read whole before anything is sent, so that whatever happens to it meanwhile no
-// half of a picture is sent.
+// Pictures into card memory. A file is read whole before anything is sent: what happens to it meanwhile halves none.
 #include "ap_msg/file_service.h"
 
 #include "base/bytes.h"
@@ -32,28 +31,22 @@ constexpr uint8_t command_end = 0, command_start = 1; // card; the set-up write 
 
 constexpr bool is_demo_buffer(uint32_t buffer) { return buffer >= 16 && buffer <= 25; }
 
-struct card {
-    int index;
-    uint16_t model;
-    uint8_t slot;
-};
-
 // Its outcome is logged by the transport and not examined: the picture goes on.
-void write_control(const card& to, uint32_t control, std::span<const uint8_t> bytes)
+void write_control(const card_address& to, std::span<const uint8_t> bytes)
 {
     uint8_t ack = no_answer;
     static_cast<void>(
-        RawSockSendMsgWithAckWait(to.index, to.model, to.slot, control, code_write_ack, bytes, &ack, control_ticks));
+        RawSockSendMsgWithAckWait(to.link, to.model, to.slot, to.addr, code_write_ack, bytes, &ack, control_ticks));
     count_step(ack != no_answer);
 }
 
 // Every frame goes to the same address: the card takes them as a stream.
-void stream(const card& to, uint32_t data_port, std::span<const uint8_t> bytes) RVK_REQUIRES(pic_mutex)
+void stream(const card_address& to, std::span<const uint8_t> bytes) RVK_REQUIRES(pic_mutex)
 {
     counted_transfer progress(transfer::picture, bytes.size());
     for (size_t at = 0; at < bytes.size(); at += frame_data_max) {
         const auto piece = bytes.subspan(at, std::min(frame_data_max, bytes.size() - at));
-        static_cast<void>(RawSockSendMsg(to.index, to.model, to.slot, data_port, code_write, piece));
+        static_cast<void>(RawSockSendMsg(to.link, to.model, to.slot, to.addr, code_write, piece));
         progress.reached(at + piece.size());
         if (at / frame_data_max % frames_at_once == 0) { let_others_run(picture_turn_us); }
     }
@@ -94,22 +87,6 @@ std::unique_ptr<page_buffer> read_picture_file(const char* path, picture_size si
     return nullptr;
 }
 
-// Result: false when the picture cannot be had from the file; nothing was sent then.
-bool write_from_file(const card& to, uint32_t buffer, picture_size size, const char* path, int32_t* result)
-{
-    const std::unique_ptr<page_buffer> file = read_picture_file(path, size);
-    if (!file) { return false; }
-    const auto start = std::chrono::steady_clock::now();
-    const auto pixels = pixels_of(file->bytes(), path, size);
-    if (pixels.data() == nullptr) { return false; }
-    *result = DDR2Write(to.index, to.model, to.slot, buffer, static_cast<uint16_t>(size.hor),
-                        static_cast<uint16_t>(size.ver), pixels);
-    const std::string_view name{path};
-    if (!name.ends_with(".bmp") && !name.ends_with(".txt")) { log_print(LOG_HERE, "file no format\n"); }
-    log_print(LOG_HERE, "total time:%f sec\n", seconds_since(start));
-    return true;
-}
-
 } // namespace
 
 int32_t write_file_handle(const received_command& c)
@@ -146,9 +123,19 @@ std::span<const uint8_t> pixels_of(std::span<const uint8_t> file, const char* pa
 int32_t write_file_handler(int index, uint8_t slot, uint16_t model, uint32_t buffer, uint32_t hor, uint32_t ver,
                            const char* path)
 {
-    int32_t result = -1;
-    if (write_from_file({index, model, slot}, buffer, {hor, ver}, path, &result)) { return result; }
-    return write_file_handler_excp(index, model, slot, buffer, hor, ver); // the file's bytes are given back by now
+    std::unique_ptr<page_buffer> file = read_picture_file(path, {hor, ver});
+    const auto start = std::chrono::steady_clock::now();
+    const auto pixels = file ? pixels_of(file->bytes(), path, {hor, ver}) : std::span<const uint8_t>{};
+    if (pixels.data() == nullptr) { // the file's bytes make way for a black picture's
+        file.reset();
+        return write_file_handler_excp(index, model, slot, buffer, hor, ver);
+    }
+    const int32_t result =
+        DDR2Write(index, model, slot, buffer, static_cast<uint16_t>(hor), static_cast<uint16_t>(ver), pixels);
+    const std::string_view name{path};
+    if (!name.ends_with(".bmp") && !name.ends_with(".txt")) { log_print(LOG_HERE, "file no format\n"); }
+    log_print(LOG_HERE, "total time:%f sec\n", seconds_since(start));
+    return result;
 }
 
 int32_t write_file_handle_test(int index, uint8_t slot, uint16_t model, uint32_t buffer, uint32_t hor, uint32_t ver,
@@ -170,9 +157,8 @@ int32_t write_file_handler_excp(int index, uint16_t model, uint8_t slot, uint32_
 int32_t DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t buffer, uint16_t hor, uint16_t ver,
                   std::span<const uint8_t> data)
 {
-    const uint32_t control = is_demo_buffer(buffer) ? demo_control : other_control;
-    const uint32_t data_port = is_demo_buffer(buffer) ? demo_data : other_data;
-    const card to{index, model, slot};
+    const card_address control{index, model, slot, is_demo_buffer(buffer) ? demo_control : other_control};
+    const card_address data_port{index, model, slot, is_demo_buffer(buffer) ? demo_data : other_data};
     log_print(LOG_HERE, "DDR2Write begin: ver=%d hor=%d addr=0x%x\n", ver, hor, buffer);
     if (data.data() == nullptr) { return -1; }
     std::array<uint8_t, 6> set_up{command_end}; // then hor, ver, and the buffer number's low byte
@@ -180,10 +166,10 @@ int32_t DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t buffer, uint
     store_le16(&set_up[3], ver);
     set_up[5] = static_cast<uint8_t>(buffer);
     const scoped_lock hold(pic_mutex);
-    write_control(to, control, set_up);
-    write_control(to, control, std::array{command_start});
-    stream(to, data_port, data.first(std::min(data.size(), picture_bytes({hor, ver}))));
-    write_control(to, control, std::array{command_end});
+    write_control(control, set_up);
+    write_control(control, std::array{command_start});
+    stream(data_port, data.first(std::min(data.size(), picture_bytes({hor, ver}))));
+    write_control(control, std::array{command_end});
     return 0;
 }
 

@@ -26,7 +26,6 @@ namespace {
 // Update types.
 constexpr uint32_t mcu_input = 0x16, mcu_output = 0x17, mcu_vpu = 0x18;
 constexpr uint32_t fpga_input = 0x19, fpga_input_golden = 0x1C, fpga_last = 0x1E;
-
 constexpr size_t tool_line_bytes = 1024;               // ours
 constexpr char tool_lock_path[] = "/run/mcu_isp.lock"; // ours
 constexpr uint32_t generation_ticks = 6;               // ours
@@ -92,8 +91,7 @@ void check_input_card(update_request* request)
     if (generation == 1) { adapt_to_new_generation(request); }
 }
 
-// The path goes into a shell command line: only what a shell takes as it stands, and no name that the tool takes for an
-// option.
+// The path goes into a shell command line: only what a shell takes as it stands, and nothing that looks like an option.
 bool is_safe_for_shell(std::string_view path)
 {
     static constexpr std::string_view others = "/._+-=,@%:";

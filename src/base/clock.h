@@ -1,6 +1,7 @@
 // The clocks, and the one way to sleep.
 #pragma once
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <ctime>
@@ -31,13 +32,27 @@ inline uint64_t boot_ms()
 }
 
 // Sleeps for the whole of the time given, in microseconds of the monotonic clock, whatever signals arrive meanwhile.
-void pause_us(uint64_t us);
+inline void pause_us(uint64_t us)
+{
+    timespec until{};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    const uint64_t ns = static_cast<uint64_t>(until.tv_nsec) + us * 1000;
+    until.tv_sec += static_cast<time_t>(ns / 1'000'000'000);
+    until.tv_nsec = static_cast<long>(ns % 1'000'000'000);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {}
+}
 inline void pause_ms(uint64_t ms) { pause_us(ms * 1000); }
 
 // For a thread that computes above the priority of others on its processor: sleeps 50 µs when it has not slept here for
-// that long. So those others get a turn, and so does whoever waits elsewhere for a lock that one of them was preempted
-// with: priority inheritance would not help where nobody who waits is above the thread that computes.
-void let_others_run(uint32_t after_us);
+// that long. So they get a turn, and so does whoever waits elsewhere for a lock that one of them holds: priority
+// inheritance does not help where nobody who waits is above the thread that computes.
+inline void let_others_run(uint32_t after_us)
+{
+    thread_local uint32_t slept = 0;
+    if (monotonic_us() - slept < after_us) { return; }
+    pause_us(50); // ours
+    slept = monotonic_us();
+}
 inline constexpr uint32_t picture_turn_us = 8000; // ours: a resend is at most 20 ms late
 inline constexpr uint32_t copy_turn_us = 250;     // ours: a read that is waited for takes some four turns
 

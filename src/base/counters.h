@@ -1,7 +1,5 @@
-// What the daemon has seen and done since its start, as numbers: counted where things happen, read by the status.
-//
-// No lock: each figure is an atomic of its own, so figures of one moment may be one event apart. Some decide something:
-// the endpoint's and `last_check_us` tell whether the watchdog is fed.
+// What the daemon has seen and done since its start: counted where things happen, read by the status and its watchdog.
+// No lock: each figure is an atomic of its own, so figures of one moment may be one event apart.
 #pragma once
 
 #include "base/board.h"
@@ -76,8 +74,7 @@ inline constexpr auto job_names = names_of<job>("picture_write", "read_back", "u
 enum class transfer { picture, read_back, firmware, count };
 inline constexpr auto transfer_names = names_of<transfer>("picture", "read_back", "firmware");
 
-// How long answers took: entry i counts those of at most 16 µs << i that entry i - 1 does not, the last one those above
-// 524 ms.
+// How long answers took: entry i counts those of at most 16 µs << i that entry i - 1 does not, the last the others.
 inline constexpr size_t answer_time_bounds = 16;
 constexpr uint64_t answer_time_bound_us(size_t i) { return uint64_t{16} << i; }
 
@@ -126,7 +123,6 @@ struct daemon_counters {
 
 // Whether the endpoint is still reached; set by a messaging service that can tell.
 inline std::atomic<bool (*)()> endpoint_is_reached{nullptr};
-
 inline link_counters link_count[MAX_ETH];
 inline daemon_counters daemon_count;
 
@@ -152,9 +148,8 @@ private:
     transfer kind;
 };
 
-// Counts what a file job asks of the card and needs an answer to: a picture's control writes, a read-back's steps, an
-// update's writes. Those of the demo, which runs on another thread, do not count.
-inline thread_local bool runs_a_job = false; // true on the file thread
+// Counts what a file job needs a card's answer to: a picture's control writes, a read-back's steps, an update's writes.
+inline thread_local bool runs_a_job = false; // true on the file thread, not on the demo's
 inline void count_step(bool answered)
 {
     if (!runs_a_job) { return; }

@@ -64,8 +64,7 @@ const char* open_failure()
     return errno == ELOOP ? "it is a symbolic link that is not followed" : strerror(errno);
 }
 
-// By poll: on 32-bit processors with 64-bit time glibc 2.36 binds a fortified ppoll to the one that takes 32-bit times,
-// and it would not wait at all.
+// Not by ppoll: on 32-bit processors glibc 2.36 gives a fortified one 64-bit times for 32-bit ones, and it never waits.
 bool wait_readable(int fd, uint64_t at_most_ms)
 {
     pollfd entry{fd, POLLIN, 0};
@@ -82,9 +81,9 @@ size_t read_full(const unique_fd& file, std::span<uint8_t> into)
 {
     size_t done = 0;
     while (done < into.size()) {
-        const ssize_t n = read(file.get(), into.data() + done, std::min(into.size() - done, at_once_bytes));
+        const size_t wanted = std::min(into.size() - done, at_once_bytes);
+        const ssize_t n = TEMP_FAILURE_RETRY(read(file.get(), into.data() + done, wanted));
         let_others_run(picture_turn_us);
-        if (n < 0 && errno == EINTR) { continue; }
         if (n <= 0) { break; }
         done += static_cast<size_t>(n);
     }
@@ -94,8 +93,8 @@ size_t read_full(const unique_fd& file, std::span<uint8_t> into)
 bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
 {
     while (!bytes.empty()) {
-        const ssize_t n = pwrite(file.get(), bytes.data(), std::min(bytes.size(), at_once_bytes), at);
-        if (n < 0 && errno == EINTR) { continue; }
+        const size_t wanted = std::min(bytes.size(), at_once_bytes);
+        const ssize_t n = TEMP_FAILURE_RETRY(pwrite(file.get(), bytes.data(), wanted, at));
         if (n == 0) { errno = ENOSPC; }
         if (n <= 0) { return false; }
         bytes = bytes.subspan(static_cast<size_t>(n));

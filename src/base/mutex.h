@@ -37,8 +37,7 @@
 
 namespace rvk {
 
-// Default attributes: not recursive, no priority inheritance. Ready from the start, no destructor: the process may exit
-// on any thread while others hold it.
+// Not recursive, no priority inheritance; no destructor: the process may exit on any thread while others hold it.
 class RVK_TSA(capability("mutex")) mutex {
 public:
     constexpr mutex() = default;
@@ -61,8 +60,7 @@ private:
     pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// Counts posts; a wait lasts until there is one, whatever signals arrive meanwhile. No destructor, as above; an unnamed
-// POSIX semaphore holds nothing that would have to be given back.
+// Counts posts; a wait lasts until there is one, whatever signals arrive. No destructor: there is nothing to give back.
 class semaphore {
 public:
     semaphore() : semaphore(0) {}

@@ -12,22 +12,19 @@ using thread_body = void (*)(int argument);
 // priority  SCHED_FIFO 1 to 99; 0 for an ordinary thread
 // out       receives the thread's handle; null: nobody will join it
 // Result    0, or -1 when the thread could not be created (no privilege, no memory)
-// The thread inherits its creator's signal mask. On its alternate signal stack a handler runs even when its own stack
-// is used up.
+// It inherits its creator's signal mask; on its alternate signal stack a handler runs when its own stack is used up.
 [[nodiscard]] int start_thread(const char* name, int priority, thread_body body, int argument, pthread_t* out);
 
 // The same for an ordinary thread that nobody joins, with up to three more tries 10 ms apart: memory may be short.
 [[nodiscard]] int start_thread_or_retry(const char* name, thread_body body);
 
-// Gives the calling thread an alternate signal stack, as start_thread does; for the main thread.
-void use_alternate_signal_stack();
+void use_alternate_signal_stack(); // for the main thread; start_thread does it, too
 
 // The processor that belongs to a number from the configuration: 0 becomes 1, above 3 becomes 3.
 constexpr int processor_of(int number) { return number == 0 ? 1 : number > 3 ? 3 : number; }
 
 // Pins the calling thread to the one processor that belongs to the number. Result: 0, or -1 (no such processor here).
 [[nodiscard]] int pin_to_processor(int number);
-
 int kernel_thread_id();
 
 } // namespace rvk

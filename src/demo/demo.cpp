@@ -18,9 +18,8 @@
 namespace rvk {
 namespace {
 
-constexpr uint16_t fpga_model = 0; // card
-constexpr uint32_t demo_ticks = 3; // ours
-
+constexpr uint16_t fpga_model = 0;                 // card
+constexpr uint32_t demo_ticks = 3;                 // ours
 constexpr uint32_t first_buffer = 16;              // card
 constexpr int pictures = 9;                        // ours
 constexpr int shown_interval = 5;                  // ours
@@ -137,9 +136,7 @@ void DemoOutTimingConfig(int index)
 }
 
 void DemoPlayStart(int index) { set(index, playback::play, 0); }
-
 void DemoTimingReset(int index) { set(index, playback::reset, 0); }
-
 void DemoTimingResetRelease(int index) { set(index, playback::reset, 1); }
 
 void DemoPlayIntervalSet(int index, int interval)

@@ -1,6 +1,5 @@
-// See the headers. Messages begin with the operation's name and the source line, also where a helper of this file logs
-// them. One packet lies on the stack at a time; data is copied once on its way out and once on its way in. Nothing is
-// resent in pieces: a block that failed is repeated whole, within the bounds that stand below.
+// See the headers. Messages begin with the operation's name and the source line, also where a helper logs them. Data is
+// copied once on its way out and once on its way in. A block that failed is repeated whole, so often as stands below.
 #include "eth_raw/bus_block.h"
 
 #include "base/clock.h"
@@ -42,16 +41,12 @@ union semun { // the caller defines it, says semctl
 int32_t change_semaphore(const char* operation, short by, char name)
 {
     sembuf change{0, by, SEM_UNDO};
-    while (semop(sem_id, &change, 1) != 0) {
-        if (errno == EINTR) { continue; }
-        log_print(LOG_HERE, "%s:%d:semaphore %c func failed\n", operation, __LINE__, name);
-        return -1;
-    }
-    return 0;
+    if (TEMP_FAILURE_RETRY(semop(sem_id, &change, 1)) == 0) { return 0; }
+    log_print(LOG_HERE, "%s:%d:semaphore %c func failed\n", operation, __LINE__, name);
+    return -1;
 }
 
-// Whoever made it ended before it was given its value: it would hold every program for ever. Each taking and giving
-// back leaves its time.
+// Its maker ended before it set it: it would hold every program for ever. Each taking and giving back leaves its time.
 bool was_never_set()
 {
     semid_ds found{};
@@ -294,8 +289,7 @@ int32_t recv_response_message_func(const xfer* handle, uint32_t addr, uint32_t l
     return recv_message_func_unit(handle, addr, length, nullptr, bus_response) == 1 ? 0 : -1;
 }
 
-// A semaphore that cannot be had does not fail the opening: the links are of use without it, to whoever reads and
-// writes single packets. What needs it fails where it is taken.
+// Without a semaphore the links are still of use for single packets: what needs it fails where it is taken.
 int32_t open_semaphore()
 {
     sem_id = semget(bus_semaphore_key, 1, IPC_CREAT | IPC_EXCL | 0666);

@@ -41,8 +41,7 @@ inline constexpr size_t bus_answer_max = 8046;                                 /
 // Checks an answer: destination, type, length against what was received, checksum, address. Result: 0 or -1.
 [[nodiscard]] int32_t judge_packet(std::span<const uint8_t> packet, uint32_t addr);
 
-// The single checks, of a packet of at least 26 bytes: destination, sum in the last two bytes, data length. Result: 0
-// or -1.
+// The single checks, of a packet of at least 26 bytes: destination, sum in its last two, data length. Result: 0 or -1.
 [[nodiscard]] int32_t packet_header_judge(std::span<const uint8_t> packet);
 [[nodiscard]] int32_t packet_checksum_judge(std::span<const uint8_t> packet, uint16_t computed);
 [[nodiscard]] int32_t packet_length_judge(std::span<const uint8_t> packet, uint32_t requested);
@@ -54,8 +53,7 @@ inline constexpr size_t bus_answer_max = 8046;                                 /
 inline constexpr int bus_answer_tries = 10; // ours
 inline constexpr int32_t bus_read_refused = -2;
 
-// Results 0 or negative unless said; parameters as in rvkbus.h, handles and pointers not null. None of these takes the
-// semaphore.
+// Results 0 or negative unless said; parameters as in rvkbus.h, none null. None of these takes the semaphore.
 int32_t netdev_init(eth_init* links, int count); // opens links 0 to count - 1, up to the first that fails
 int32_t eth_raw_tranfser_set(eth_init* links, xfer* handles, int count); // the handles keep pointers into `links`
 
@@ -78,8 +76,7 @@ int32_t recv_response_message_func(const xfer* handle, uint32_t addr, uint32_t l
 // are undone by the system when a process dies inside an operation. Opened by the thread that opens the links.
 extern int sem_id; // its identifier, -1 without one; of the last opening, also after the semaphore is removed
 
-// Creates the semaphore with the value 1, or attaches to the one there is. Result: 0, also when none could be had
-// (which is logged); -1 when a new one could not be given its value.
+// Creates the semaphore, value 1, or attaches to it. Result: 0, also, logged, without one; -1: a new one was not set.
 [[nodiscard]] int32_t open_semaphore();
 int32_t set_semvalue(); // 1: free
 void del_semvalue();    // removes it, for all processes

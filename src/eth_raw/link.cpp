@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdlib>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -41,6 +42,109 @@ bool set_promiscuous(int fd, ifreq* device)
     device->ifr_flags = static_cast<short>(device->ifr_flags | IFF_PROMISC);
     return ioctl(fd, SIOCSIFFLAGS, device) == 0;
 }
+
+struct send_outcome {
+    ssize_t sent;
+    int error;
+};
+
+send_outcome send_once(const eth_init& link, const uint8_t* frame, size_t count)
+{
+    const ssize_t sent =
+        sendto(link.sock_fd, frame, count, 0, reinterpret_cast<const sockaddr*>(&link.sll), sizeof link.sll);
+    return {sent, sent < 0 ? errno : 0}; // a send that is cut short leaves errno to the call before it
+}
+
+send_failure failure_of(const send_outcome& outcome)
+{
+    if (outcome.sent >= 0) { return send_failure::cut_short; }
+    switch (outcome.error) {
+    case EAGAIN: return send_failure::would_block;
+    case ENETDOWN: return send_failure::link_down;
+    case ENOBUFS:
+    case ENOMEM: return send_failure::no_buffers;
+    case ENXIO:
+    case ENODEV: return send_failure::no_device;
+    default: return send_failure::other;
+    }
+}
+
+// Sends a frame, once more where the socket would block, and counts what came of it.
+send_outcome transmit(int index, const uint8_t* frame, size_t count)
+{
+    eth_init& link = g_eth_init[index];
+    link_counters& figures = link_count[index];
+    send_outcome outcome{};
+    {
+        const scoped_lock hold(link.send_mutex);
+        print_msg(frame, count);
+        outcome = send_once(link, frame, count);
+        if (outcome.sent < 0 && outcome.error == EAGAIN) {
+            log_print(LOG_HERE, "need send again\n");
+            figures.send_failed[send_failure::would_block].add();
+            pause_us(would_block_us);
+            outcome = send_once(link, frame, count);
+        }
+    }
+    if (outcome.sent == static_cast<ssize_t>(count)) {
+        figures.frames_sent.add();
+        figures.bytes_sent.add(count);
+    } else {
+        figures.send_failed[failure_of(outcome)].add();
+    }
+    return outcome;
+}
+
+// A link that is not open is refused before the system call: its descriptor may be anybody's. Logged once per link.
+bool is_open_or_logged(int index)
+{
+    static std::atomic<bool> logged[MAX_ETH];
+    if (is_open(g_eth_init[index])) { return true; }
+    link_count[index].send_failed[send_failure::not_open].add();
+    if (!logged[index].exchange(true)) {
+        log_print(LOG_HERE, "link %d (%s) is not open: nothing is sent to its cards\n", index, g_netdev_name[index]);
+    }
+    return false;
+}
+
+bool can_be_sent(int index, const uint8_t* payload, unsigned len)
+{
+    if (!is_link(index)) {
+        log_print(LOG_HERE, "index >= MAX_ETH\n");
+        return false;
+    }
+    if (payload == nullptr || len == 0 || len > frame_data_max) {
+        log_print(LOG_HERE, "data is NULL len = %d\n", static_cast<int>(len));
+        return false;
+    }
+    return is_open_or_logged(index);
+}
+
+// A receive that fails (error not 0) must not spin its real-time thread: one line, and a pause each time.
+void note_receive(int index, int error)
+{
+    const bool failed = error != 0;
+    static bool down[MAX_ETH]; // each only by its link's receive thread
+    if (failed && !down[index]) {
+        log_print(LOG_HERE, "link %d (%s): receive failed (%s), trying on every %d ms\n", index, g_netdev_name[index],
+                  strerror(error), static_cast<int>(receive_retry_ms));
+    }
+    if (!failed && down[index]) { log_print(LOG_HERE, "link %d (%s): receives again\n", index, g_netdev_name[index]); }
+    down[index] = failed;
+    if (failed) { pause_ms(receive_retry_ms); }
+}
+
+constexpr int min_buffers = 1000;         // ours
+constexpr unsigned min_buffer_bytes = 64; // card: the shortest payload
+
+struct min_buffer {
+    uint8_t* buf;
+    int used;
+};
+
+mutex table_mtx;
+min_buffer stMinBuff[min_buffers] RVK_GUARDED_BY(table_mtx);
+int minbuffercount RVK_GUARDED_BY(table_mtx); // the entry handed out last
 
 } // namespace
 
@@ -156,103 +260,6 @@ int socket_bind(sockaddr_ll* sll, int sock_fd, const char* if_name)
     return result;
 }
 
-namespace {
-
-struct send_outcome {
-    ssize_t sent;
-    int error;
-};
-
-send_outcome send_once(const eth_init& link, const uint8_t* frame, size_t count)
-{
-    const ssize_t sent =
-        sendto(link.sock_fd, frame, count, 0, reinterpret_cast<const sockaddr*>(&link.sll), sizeof link.sll);
-    return {sent, sent < 0 ? errno : 0}; // a send that is cut short leaves errno to the call before it
-}
-
-send_failure failure_of(const send_outcome& outcome)
-{
-    if (outcome.sent >= 0) { return send_failure::cut_short; }
-    switch (outcome.error) {
-    case EAGAIN: return send_failure::would_block;
-    case ENETDOWN: return send_failure::link_down;
-    case ENOBUFS:
-    case ENOMEM: return send_failure::no_buffers;
-    case ENXIO:
-    case ENODEV: return send_failure::no_device;
-    default: return send_failure::other;
-    }
-}
-
-// Sends a frame, once more where the socket would block, and counts what came of it.
-send_outcome transmit(int index, const uint8_t* frame, size_t count)
-{
-    eth_init& link = g_eth_init[index];
-    link_counters& figures = link_count[index];
-    send_outcome outcome{};
-    {
-        const scoped_lock hold(link.send_mutex);
-        print_msg(frame, count);
-        outcome = send_once(link, frame, count);
-        if (outcome.sent < 0 && outcome.error == EAGAIN) {
-            log_print(LOG_HERE, "need send again\n");
-            figures.send_failed[send_failure::would_block].add();
-            pause_us(would_block_us);
-            outcome = send_once(link, frame, count);
-        }
-    }
-    if (outcome.sent == static_cast<ssize_t>(count)) {
-        figures.frames_sent.add();
-        figures.bytes_sent.add(count);
-    } else {
-        figures.send_failed[failure_of(outcome)].add();
-    }
-    return outcome;
-}
-
-// A link that is not open is refused here, before the system call: its descriptor may be anybody's. Logged once per
-// link.
-bool is_open_or_logged(int index)
-{
-    static std::atomic<bool> logged[MAX_ETH];
-    if (is_open(g_eth_init[index])) { return true; }
-    link_count[index].send_failed[send_failure::not_open].add();
-    if (!logged[index].exchange(true)) {
-        log_print(LOG_HERE, "link %d (%s) is not open: nothing is sent to its cards\n", index, g_netdev_name[index]);
-    }
-    return false;
-}
-
-bool can_be_sent(int index, const uint8_t* payload, unsigned len)
-{
-    if (!is_link(index)) {
-        log_print(LOG_HERE, "index >= MAX_ETH\n");
-        return false;
-    }
-    if (payload == nullptr || len == 0 || len > frame_data_max) {
-        log_print(LOG_HERE, "data is NULL len = %d\n", static_cast<int>(len));
-        return false;
-    }
-    return is_open_or_logged(index);
-}
-
-// A receive that fails must not spin its real-time thread: one line, and a pause each time until it works again.
-// error  0 when it worked
-void note_receive(int index, int error)
-{
-    const bool failed = error != 0;
-    static bool down[MAX_ETH]; // each only by its link's receive thread
-    if (failed && !down[index]) {
-        log_print(LOG_HERE, "link %d (%s): receive failed (%s), trying on every %d ms\n", index, g_netdev_name[index],
-                  strerror(error), static_cast<int>(receive_retry_ms));
-    }
-    if (!failed && down[index]) { log_print(LOG_HERE, "link %d (%s): receives again\n", index, g_netdev_name[index]); }
-    down[index] = failed;
-    if (failed) { pause_ms(receive_retry_ms); }
-}
-
-} // namespace
-
 void print_send_error(int error) { console_print(STDERR_FILENO, "sendto fail:: %s\n", strerror(error)); }
 
 uint8_t* RawMsgBuffGet(unsigned len)
@@ -332,6 +339,53 @@ void print_msg(const uint8_t* frame, size_t count)
     console_print(STDOUT_FILENO, "%s: \n", frame == gRecvBuffer ? "recv" : "send");
     for (size_t i = 0; i < count; ++i) { console_print(STDOUT_FILENO, i % 16 == 0 ? "\n%02x " : "%02x ", frame[i]); }
     console_print(STDOUT_FILENO, "\n");
+}
+
+int32_t RawMsgInitMinBuffer()
+{
+    const scoped_lock hold(table_mtx);
+    for (min_buffer& entry : stMinBuff) {
+        if (entry.buf == nullptr) { entry.buf = static_cast<uint8_t*>(malloc(min_buffer_bytes)); }
+        entry.used = 0;
+        if (entry.buf == nullptr) { return -1; }
+    }
+    minbuffercount = 0;
+    return 0;
+}
+
+void RawMsgUninitMinBuffer()
+{
+    const scoped_lock hold(table_mtx);
+    for (min_buffer& entry : stMinBuff) {
+        free(entry.buf);
+        entry = {};
+    }
+    minbuffercount = 0;
+}
+
+uint8_t* RawMsgMinBuffGet()
+{
+    const scoped_lock hold(table_mtx);
+    const int next = (minbuffercount + 1) % min_buffers;
+    min_buffer& entry = stMinBuff[next];
+    if (entry.buf == nullptr || entry.used != 0) {
+        log_print(LOG_HERE, "min buffer is %s\n", entry.buf == nullptr ? "NULL" : "not enough");
+        return nullptr;
+    }
+    entry.used = 1;
+    minbuffercount = next;
+    return entry.buf;
+}
+
+void RawMsgMinBuffFree(uint8_t* block)
+{
+    const scoped_lock hold(table_mtx);
+    for (min_buffer& entry : stMinBuff) {
+        if (block == nullptr || entry.buf != block) { continue; }
+        entry.used = 0;
+        return;
+    }
+    log_print(LOG_HERE, "%p is no small buffer: nothing freed\n", static_cast<void*>(block));
 }
 
 } // namespace rvk

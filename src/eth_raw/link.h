@@ -1,13 +1,11 @@
-// The card links, single frames to and from the cards, and the message buffers in which frames are built in place.
-//
-// Owns one record per link (interface, raw socket, the mutex around each send), opened by the main thread at start. The
+// The card links, single frames to and from the cards, and the message buffers in which frames are built in place. Owns
+// one record per link (interface, raw socket, the mutex around each send), opened by the main thread at start. The
 // sockets stay to the end of the process; a link counts as closed while its device is gone. Interfaces are left in
-// promiscuous mode: the cards send to a fixed address that is not the interface's own.
-// Any thread sends, under the link's send_mutex; the link's receive thread receives; the status thread watches. Each
-// frame is sent once: retries are the business of those above.
-//
-// index, model, slot, addr: the card link (0 to 2) and the card's address on it, as the frame carries them.
-// A message buffer is a pool block of whoever got it; its handle is the payload, the frame starts 28 bytes before it.
+// promiscuous mode: the cards send to a fixed address that is not the interface's own. Any thread sends, under the
+// link's send_mutex; the link's receive thread receives; the status thread watches. Each frame is sent once: retries
+// are the business of those above.
+// index, model, slot, addr: the card link (0 to 2) and the card's address on it, as the frame carries them. A message
+// buffer is a pool block of whoever got it; its handle is the payload, the frame starts 28 bytes before it.
 #pragma once
 
 #include "base/board.h"
@@ -21,7 +19,6 @@
 namespace rvk {
 
 extern const char g_netdev_name[MAX_ETH][20];
-
 struct eth_init {
     int index;
     char if_name[20];
@@ -63,16 +60,12 @@ void watch_link(int index);
 
 inline constexpr size_t receive_bytes = 1450; // card: no reply is longer
 
-// The process's one receive buffer. A received payload points into it and is valid until the next receive; the one
-// receive thread of link 0 uses it.
+// The process's one receive buffer, link 0's receive thread's. A received payload is valid until the next receive.
 extern uint8_t gRecvBuffer[receive_bytes];
 
 // Result: a zero-filled buffer for len payload bytes (and at least 64); null above 1,400 or when the pool has none.
 [[nodiscard]] uint8_t* RawMsgBuffGet(unsigned len);
-
-// Result: where the frame around a payload starts.
-[[nodiscard]] uint8_t* RawMsgBuffHeadGet(uint8_t* payload);
-
+[[nodiscard]] uint8_t* RawMsgBuffHeadGet(uint8_t* payload); // where the frame around a payload starts
 void RawMsgBuffFree(uint8_t* payload);
 void RawMsgFreeBuf(uint8_t* payload); // the same, for whoever ends a request
 

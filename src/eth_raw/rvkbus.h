@@ -14,20 +14,19 @@ inline constexpr int bus_semaphore_key = 1234569;    // the controller's: every 
 inline constexpr uint32_t bus_block_max = 0x4000000; // ours: 64 MiB
 inline constexpr int bus_links = 3;                  // board: eth0 to eth2
 
-// A link as the block operations take it.
-struct xfer {
+struct xfer {               // a link as the block operations take it
     int sock_fd;            // the link's socket
     const sockaddr_ll* sll; // the link's address; belongs to the link table
 };
 
 // Opens all three links, whatever the count, and the semaphore. Once per process, before its threads start: a second
-// call opens three more sockets. A handle is this process's own, and dead once its interface was made anew. handles
-// receives a handle for each of the first count links count    0 to 3 Result   0; -1, or the failing step's. Also 0
-// when no semaphore could be had: block operations fail then
+// call opens three more sockets. A handle is this process's own, and dead once its interface was made anew.
+//
+// handles  receives a handle for each of the first count links, 0 to 3
+// Result   0, also when no semaphore could be had: block operations fail then; -1, or the failing step's
 [[nodiscard]] int32_t Open_Eth_Raw(xfer* handles, int count);
 
-// Removes the semaphore: block operations of every process fail from here on, until one opens anew. The sockets stay
-// open. Result: 0.
+// Removes the semaphore: block operations of every process fail until one opens anew. Sockets stay open. Result: 0.
 int32_t Close_Eth_Raw();
 
 // Writes a block; no answer is awaited, and what a card did with it is not known. Up to three attempts.

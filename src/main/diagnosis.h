@@ -14,22 +14,18 @@ struct reg_answer {
 
 // Reads `length` bytes, 1 to 1,400, of a link (0 to 2) and card address, and prints what came; a read that fails prints
 // the address alone. Waits for the card, at most three periods of 180 ms. Any thread but the link's own two.
-// answer  out, may be null
-// Result  0 when data came, negative otherwise
+// Result  0 when data came, negative otherwise; in `answer`, which may be null, more of it
 int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int length, reg_answer* answer = nullptr);
 
-// Prints bytes, four words a line behind their address; null data prints nothing. Flushes, so that a pipe's reader sees
-// it while the program waits for the next answer.
+// Prints bytes, four words a line behind their address, and flushes; null data prints nothing.
 void process_recvbuf(const uint8_t* data, uint32_t addr, int length);
-
 void usage(); // prints what a command line may say
 
 // Starts the LVDS test's thread, SCHED_FIFO 88; it has no stop. Started at every boot it collects one line per boot in
 // /root/lvds_check.txt. Link 0 must be open with both of its threads. Result: 0, or -1 (logged).
 int32_t LvdsTestTaskCreate(int argument);
 
-// The thread's body: waits until the LVDS link behind card link 0 reports the expected status, records how many answers
-// said otherwise, and reboots. The argument is not used. Never returns.
+// Its body: waits until the LVDS link behind card link 0 is well, records how many answers said otherwise, and reboots.
 void LvdsTest(int argument);
 
 // Called by nobody; named by the device's people.
@@ -37,8 +33,7 @@ void LvdsTest(int argument);
 // Writes one zero byte and waits as read_reg does. Result: 0 when an answer came, good or not; negative otherwise.
 int32_t write_reg(int index, uint16_t model, uint8_t slot, uint32_t addr);
 
-// Waits for a reply on link 0 that comes while the hook is set, and hands it over. Result: 0. Must not run beside that
-// link's receive thread: both use the process's one receive buffer.
+// Waits for a reply on link 0 while the hook is set, and hands it over. Result: 0. Not beside link 0's receive thread.
 int32_t msg_recv();
 extern void (*read_buffer)(const uint8_t* payload, uint32_t addr, uint16_t len);
 

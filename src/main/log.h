@@ -1,7 +1,6 @@
-// The log, and what is printed on the console past it. Two sinks implement log_print and console_write: `log_file` (the
-// daemon's: two alternating files under /var/log and standard output) and `log_stderr` (tools: standard error). A
-// program links exactly one, so that a tool never empties the daemon's log file by opening it. Any thread calls all of
-// it, also under any other lock: the log's are the innermost.
+// The log, and what is printed on the console past it. Two sinks implement log_print and console_write, of which a
+// program links one: `log_file` (the daemon's: two alternating files under /var/log and standard output) and
+// `log_stderr` (tools: standard error). Any thread calls all of it, under any other lock: the log's are the innermost.
 #pragma once
 
 #include <cstddef>
@@ -18,14 +17,12 @@ inline int log_lastday = 0;    // day of month, 1 to 31, on which it was opened
 inline int print_flag = 0;     // non-zero: frames are dumped to standard output; no option sets it
 
 // Writes one line: a header with local time, process, module, function and source line, then the text exactly as
-// formatted, up to 6 KiB; the line end is the caller's. With the daemon's sink the line is in the file when the call
-// returns, unless the file's limits leave it out; with neither switch set a call formats nothing. It waits for no
-// reader.
+// formatted, up to 6 KiB; the line end is the caller's. With the daemon's sink it waits for no reader, and the line is
+// in the file on return, unless the file's limits leave it out; with neither switch set a call formats nothing.
 void log_print(const char* module, const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// Set in the thread that logs the process's end: the file's limits do not count, and it waits for no lock whose owner
-// may have crashed.
+// Set in the thread that logs the process's end: no limit counts; it waits for no lock whose owner may have crashed.
 inline thread_local bool logs_process_end = false;
 
 // A peer's text as a line takes it, to be an argument, never a format: cut at 4,096 bytes, bytes below 0x20 and 0x7F as

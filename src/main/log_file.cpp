@@ -1,8 +1,7 @@
-// The log sink of the daemon: two files that alternate by calendar day, and the console.
-//
-// A line is formatted before the lock and written in one call under it, so that the lock is held for a few instructions
-// and one write: a real-time thread may wait for it. Once a second also for a look at the file's size and a search of
-// 1,024 places, with a line for each of which lines were left out. It is the innermost lock of the process.
+// The log sink of the daemon: two files that alternate by calendar day, and the console. A line is formatted before the
+// lock and written in one call under it, so that the lock is held for a few instructions and one write: a real-time
+// thread may wait for it. Once a second also for a look at the file's size and a search of 1,024 places, with a line
+// for each of which lines were left out. It is the innermost lock of the process.
 #include "base/fd.h"
 #include "base/mutex.h"
 #include "main/log.h"
@@ -64,8 +63,7 @@ uint32_t overfull RVK_GUARDED_BY(log_mtx);                    // places of which
 time_t searched_second RVK_GUARDED_BY(log_mtx) = -1;          // when none was found that had to be told
 std::atomic<long> seconds_east{0};                            // of the local time from UTC
 
-// Locks. The thread that logs the process's end waits at most 100 ms, and no second time: the owner may have crashed.
-// Result: false when it is not locked; go on without.
+// Result: false: go on without the lock. The thread that logs the process's end waits at most 100 ms, and only once.
 [[nodiscard]] bool lock_unless_stuck(mutex& m, std::atomic<bool>& owner_is_stuck) RVK_TRY_ACQUIRE(true, m)
 {
     if (!logs_process_end) { return m.lock(), true; }
@@ -120,11 +118,10 @@ __attribute__((format(printf, 4, 0))) size_t format_line(char (&out)[header_byte
     return text_at + std::min(static_cast<size_t>(std::max(text, 0)), text_bytes - 1);
 }
 
-// An error of the write has nobody to be told to.
 void write_text(const char* text, size_t bytes) RVK_REQUIRES(log_mtx)
 {
     const ssize_t written = write(fileno(log_fp), text, bytes);
-    if (written > 0) { file_bytes += static_cast<uint64_t>(written); }
+    if (written > 0) { file_bytes += static_cast<uint64_t>(written); } // nobody can be told of an error
 }
 
 // A line of the log's own about a place.
@@ -214,8 +211,7 @@ bool write_to_file(const moment& at, const place& from, const char* line, size_t
     return open;
 }
 
-// Standard output or standard error. A pipe or a terminal is opened again, as ours alone: a flag set on the inherited
-// one would be everybody's.
+// Standard output or standard error. A pipe or terminal is opened again: a flag of the inherited one is everybody's.
 struct stream {
     mutex lock;
     std::atomic<bool> owner_is_stuck{false};
@@ -234,8 +230,7 @@ int opened_again(int fd)
     return own >= 0 ? own : fd;
 }
 
-// Result: false when its reader is behind. A file that fails, a reader that is gone: nobody is waited for, nothing
-// lost.
+// Result: false when its reader is behind; not when a file fails or a reader is gone.
 bool write_now(int fd, const char* bytes, size_t count)
 {
     ssize_t n = send(fd, bytes, count, MSG_DONTWAIT | MSG_NOSIGNAL);

@@ -18,8 +18,7 @@ void log_print(const char*, const char*, int, const char* format, ...)
 bool console_write(int fd, const char* bytes, size_t count)
 {
     while (count != 0) {
-        const ssize_t written = write(fd, bytes, count);
-        if (written < 0 && errno == EINTR) { continue; }
+        const ssize_t written = TEMP_FAILURE_RETRY(write(fd, bytes, count));
         if (written <= 0) { return false; }
         bytes += written;
         count -= static_cast<size_t>(written);

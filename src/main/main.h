@@ -1,10 +1,8 @@
 // The process: its end and its status files. The main thread calls the start of each, once.
-//
 // The process ends only by a signal, with its lines in the log and status 0 whatever the signal. Two threads exist for
-// this. Termination signals are delivered only to the first, which holds no lock, ever; a fault hits whichever thread
-// has it. Either way task_die takes the trace on the thread that was hit and hands it to the second thread, which logs
-// it and exits: the thread that was hit may be inside the allocator or inside a log call.
-//
+// this. Termination signals are delivered only to the first, which never holds a lock; a fault hits whichever thread
+// has it. task_die takes the trace on the thread that was hit, which may be inside the allocator or a log call, and
+// hands it to the second thread, which logs it and exits.
 // Once a second the daemon's figures are written to status.json and status.prom, in /run/rvkd or in the folder that
 // RVK_STATUS_DIR names: readable by everybody, always whole, and left there at the daemon's end.
 #pragma once
@@ -13,13 +11,11 @@
 
 namespace rvk {
 
-// Blocks the signals that must not hit a thread at work: termination, ticks, SIGPIPE, SIGXFSZ. Threads started later
-// inherit it.
+// Blocks what must not hit a thread at work: termination, ticks, SIGPIPE, SIGXFSZ. Threads started later inherit it.
 void block_signals();
 
 // Starts the two threads, then installs the handlers: SIGHUP ignored; SIGINT, SIGQUIT, SIGSEGV and SIGTERM end the
-// process through task_die. Without the threads, said in one line, there are no handlers, and these four do what the
-// system does by default.
+// process through task_die. Without the threads, said in one line, these four do what the system does by default.
 void signal_set();
 
 // Signal handler. Logs which signal it was, "task_die!!!" and the stack trace, empties the pool, exits with status 0;
@@ -31,8 +27,7 @@ void putstackinfo();
 
 // Starts the thread, of ordinary priority, that writes the status files, tells the service manager that the daemon
 // lives, looks after the links' devices, and offers kept answers where no link is open. It waits for nothing that
-// commands wait for, so both go on during an update, and while a card or a requester does not answer.
-// Result: 0, or -1 (logged); the daemon runs on without.
+// commands wait for. Result: 0, or -1 (logged); the daemon runs on without.
 int32_t start_status_thread();
 
 } // namespace rvk

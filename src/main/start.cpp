@@ -1,6 +1,5 @@
 // The daemon's start: options, kernel limits, signals, the shared facilities, link 0 and the threads, in a fixed order.
-// Then the main thread loads and plays the demo, while commands are served; afterwards it only sleeps. The process ends
-// by a signal.
+// Then the main thread plays the demo, while commands are served, and sleeps. The process ends by a signal.
 #include "ap_msg/dispatch.h"
 #include "ap_msg/file_service.h"
 #include "ap_msg/message.h"
@@ -20,15 +19,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
-
-constexpr int link_slots[] = {0, -1}; // board: eth0, and none
-constexpr int ipc_processor = 3;      // board
-
-} // namespace
-
 int main(int argc, char** argv)
 {
+    constexpr int link_slots[] = {0, -1}; // board: eth0, and none
+    constexpr int ipc_processor = 3;      // board
     rvk::prepare_descriptors(O_RDWR);
     umask(0); // whatever it was: each file gets the mode that its open names
     rvk::block_signals();

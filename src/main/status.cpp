@@ -78,7 +78,7 @@ constexpr family link_families[] = {
      "direction", directions},
     {"dropped", "rvkd_frames_dropped_total", "Received frames that were dropped.",
      [](int link, size_t key) { return link_count[link].dropped.all[key].get(); }, "cause", drop_names},
-    {"kernel_dropped", "rvkd_frames_lost_in_kernel_total", "Frames for which the link's socket had no room.",
+    {"kernel_dropped", "rvkd_frames_lost_in_kernel_total", "Frames for which the link's socket had no space.",
      [](int link, size_t) { return link_count[link].kernel_dropped.get(); }},
     {"send_failed", "rvkd_send_failures_total", "Sends that failed; would_block also those that then succeeded.",
      [](int link, size_t key) { return link_count[link].send_failed.all[key].get(); }, "cause", send_failure_names},
@@ -303,14 +303,13 @@ const char* what_is_stuck()
     for (int link = 0; link < MAX_ETH; ++link) {
         const uint32_t last = link_count[link].last_check_us;
         if (is_open(g_eth_init[link]) && last != 0 && monotonic_us() - last > still_us) {
-            return "a link's check passes stand still";
+            return "a link's check thread hangs";
         }
     }
     return nullptr;
 }
 
-// Tells the service manager's $NOTIFY_SOCKET, if there is one, that the daemon works, unless it is stuck. A manager
-// that hears nothing ends the daemon and starts it anew.
+// Tells the service manager, if it gave $NOTIFY_SOCKET, that nothing is stuck; when it hears nothing, it restarts us.
 void feed_watchdog()
 {
     static const char* said;

@@ -1,8 +1,6 @@
-// The block pool: released blocks wait in eight size classes and are handed out again, first released first reused.
-//
-// A class grows to the most blocks that it has had in use at once; nothing goes back to the system while the daemon
-// runs. A block belongs to whoever allocated it until it is released. Any thread; one mutex for all classes, innermost
-// but for the log's.
+// The block pool: released blocks wait in eight size classes and are handed out again, first released first reused. A
+// class grows to the most blocks that it has had in use at once; nothing goes back to the system while the daemon runs.
+// A block is its allocator's until it is released. Any thread; one mutex for all classes, above the log's only.
 #pragma once
 
 #include "base/mutex.h"
@@ -29,11 +27,8 @@ struct alignas(std::max_align_t) mem_block {
 extern mutex mutex_mem;
 extern mem_block* mem_list[mem_classes] RVK_GUARDED_BY(mutex_mem); // free lists, oldest first
 
-// Empties all lists; before any other call.
-void mem_init();
-
-// Gives every waiting block back to the system; blocks handed out are not touched. Only before the process exits.
-void mem_uinit();
+void mem_init();  // empties all lists; before any other call
+void mem_uinit(); // gives every waiting block back to the system; only before the process exits
 
 // Result: an area of at least `size` bytes, not cleared; null above 8,192 bytes or when the system has no memory.
 [[nodiscard]] void* mem_alloc(unsigned size);

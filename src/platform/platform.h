@@ -7,8 +7,8 @@
 
 extern "C" {
 
-// Called for each message, on the thread that waits: two values of the service's own, the message, its length in bytes.
-// The message is the callee's only until it returns.
+// Called for each message, on the thread that waits: two values of the service's own, the message, valid until the
+// return, and its length in bytes.
 typedef int (*apipc_callback)(int, int, const void* message, int length);
 
 // Registers the calling process under an identity. The second argument is the service's, 0 here.
@@ -22,8 +22,7 @@ int apipc_loop_wait(int, apipc_callback callback);
 // another error (-ENOENT, -ECONNREFUSED: it is gone). Any thread; never waits.
 int apipc_send(uint32_t destination, const void* message, uint32_t bytes);
 
-// This board's number, 0 to 255.
-int apcard_bit_self(void);
+int apcard_bit_self(void); // this board's number, 0 to 255
 
 // Runs a shell command line and waits for it. Result: as system(). Any thread; blocks as long as the command runs.
 int my_system(const char* line);

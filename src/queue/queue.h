@@ -1,13 +1,10 @@
-// Pending requests: every frame that waits for its answer.
-//
-// One list per link and kind, filed at the tail and searched from the head, so that the oldest request wins. Senders
-// file nodes; the link's receive and check threads find, age, expire and delete them. Nothing here sends or reports.
-//
+// Pending requests: every frame that waits for its answer. One list per link and kind, filed at the tail and searched
+// from the head, so that the oldest request wins. Senders file nodes; the link's receive and check threads find, age,
+// expire and delete them. Nothing here sends or reports.
 // Owners: the queue while a node is filed, and whoever else holds it (its sender; a link thread that is to tell of its
-// end). The last one gives the node back to the pool; the frame that it points to is the holders' alone.
-// Once filed, a node is changed (but for its timer, which ages) and unlinked under its link's find_check_mtx. A queue's
-// own mutex guards list, count and index and is released before a handler runs. Link index (0 to 2) and queue number (0
-// to 5) are not checked.
+// end). The last one gives the node back to the pool; the frame is the holders' alone. Once filed, a node is changed
+// (but for its timer) and unlinked under its link's find_check_mtx. A queue's own mutex guards list, count and index
+// and is released before a handler runs. Links (0 to 2) and queues (0 to 5) are not checked.
 #pragma once
 
 #include "base/board.h"
@@ -55,9 +52,9 @@ struct QNode {
     semaphore sem;      // a synchronous sender waits on it
     uint32_t count;     // expiries seen; asynchronous requests start at 1
     uint32_t requester; // identity to report to, of an asynchronous request
-    QNode* next;        // younger neighbour, null at the tail
+    QNode* next;        // the next younger one, null at the tail
     // ours:
-    QNode* prev;                  // older neighbour, null at the head
+    QNode* prev;                  // the next older one, null at the head
     QNode* same_slot;             // next younger in its slot of the index, null at the end
     QNode* next_expired;          // of one call of queue_check
     uint32_t dest_size;           // bytes that dest can take
@@ -113,10 +110,9 @@ void timerUpdate(int index, int queues);
 // lowers the count. Result: 0, or -1 (logged) when the count went below zero.
 int32_t queue_del(int index, int queue, QNode** handle);
 
-// Drops every request of a queue: no report, no post; frames and destinations stay with their owners.
+// Drops every request of a queue: no report, no post; frames and destinations stay with their owners. And the oldest
+// whose `buf` is this, without changing the count, which nobody calls.
 void queue_empty(int index, int queue);
-
-// Drops the oldest node whose `buf` is this, without changing the count. Nobody calls it.
 void queue_del_buf(int index, int queue, const uint8_t* buf);
 
 // One more owner of a node; one less. Result: true when that was the last one and the node went back to the pool.

@@ -123,8 +123,7 @@ void refuse(int queue, QNode* node, bool answered)
     resend(queue, node, outcome::refused);
 }
 
-// Called back by queue_find and queue_check, under the link's find_check_mtx.
-// data  of an answer; null: the timer ran out
+// Called back by queue_find, and by queue_check (data: null), under the link's find_check_mtx.
 void complete(int queue, QNode* node, const uint8_t* data)
 {
     const bool answered = data != nullptr;
@@ -196,8 +195,7 @@ void close_pass(const pass& closed)
     }
 }
 
-// The handlers of the four kinds of requests; then what offers an answer to the queue of a kind, and what deals with
-// the expiries there.
+// By kind of request: the handlers; what offers an answer to its queue; what deals with the expiries there.
 void AckCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(ACK_QUEUE, node, data); }
 void AckWaitCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(ACK_WAIT_QUEUE, node, data); }
 void ReadCompleteMsg(QNode* node, const uint8_t* data, uint32_t) { complete(READ_QUEUE, node, data); }

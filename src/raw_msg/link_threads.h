@@ -1,9 +1,8 @@
 // The two threads of a card link: one receives answers, one ages and checks the pending requests. Each is an endless
-// loop around a function that runs once, so that a test can step it. They run to the end of the process.
-//
-// What becomes of a request when an answer comes or its time runs out is decided under the link's lock: it is sent
-// again, or unlinked. What is to be logged, woken, reported and given back is noted there and done once the lock is
-// released, so that nobody waits for the lock while a line is written or a report is sent.
+// loop around a function that runs once, so that a test can step it. They run to the end of the process. What becomes
+// of a request when an answer comes or its time runs out is decided under the link's lock: it is sent again, or
+// unlinked. What is to be logged, woken, reported and given back is noted there and done once the lock is released, so
+// that nobody waits for the lock while a line is written or a report is sent.
 #pragma once
 
 #include "queue/queue.h"
@@ -31,10 +30,8 @@ extern end_of_request request_ended;
 extern void (*after_check_pass)();
 
 // Opens a link and starts its two threads. Nothing is done for a negative index (an absent link), and no thread is
-// started when the link cannot be opened; a link without both of its threads is closed to senders.
-// recv, check  out: thread handles, written when a thread was started
-// Result       always 0
-// Main thread, at start.
+// started when the link cannot be opened; a link without both of its threads is closed to senders. Main thread, at
+// start. recv, check: thread handles, written when a thread was started. Always 0.
 int32_t RawMsgModuleInit(int index, pthread_t* recv, pthread_t* check);
 
 // Closes the link's socket; the threads are not stopped. Nobody calls it.

@@ -97,8 +97,7 @@ QNode* make_request(const request_fields& r, unsigned* frame_bytes)
     return node;
 }
 
-// Files a node. An asynchronous write waits while its queue is full; of any other kind, everything in a queue that
-// stays full for 1 ms is dropped.
+// Files a node. An asynchronous write waits while its queue is full; another queue that stays full for 1 ms is emptied.
 bool file(int queue, QNode* node)
 {
     const kind& k = kinds[queue];

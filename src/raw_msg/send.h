@@ -1,14 +1,11 @@
-// raw_msg, the transport: requests to the cards and their answers. It knows nothing of messages.
-//
-// This header: the send operations. A plain write is not answered and not tracked. All other kinds are one exchange
-// with one table of what differs: take a buffer, a node and a number, pack the frame, file the node, send, then wait or
-// leave the node to the link's threads (link_threads.h). One that waits holds write_read_ack_wait_mtx throughout, so
-// there is one at a time in the process, and sends each frame once.
-//
-// index, model, slot, addr: link (0 to 2) and card address of the first byte. Data longer than 1,400 bytes is cut into
-// pieces; piece i goes to addr + 1,400 i. Without data nothing is sent: the result is 0, or -1 of an operation for one
-// piece. timeout_ticks: ticks of 30 ms, 1 to 65,535; a request fails after three such periods without an answer.
-// Threads: any but a link's own two, which would wait for themselves.
+// raw_msg, the transport: requests to the cards and their answers. It knows nothing of messages. This header: the send
+// operations. A plain write is not answered and not tracked. All other kinds are one exchange with one table of what
+// differs: take a buffer, a node and a number, pack the frame, file the node, send, then wait or leave the node to the
+// link's threads (link_threads.h). One that waits holds write_read_ack_wait_mtx throughout, so there is one at a time
+// in the process, and sends each frame once. index, model, slot, addr: link (0 to 2) and card address of the first
+// byte. Data longer than 1,400 bytes is cut into pieces; piece i goes to addr + 1,400 i. Without data nothing is sent:
+// the result is 0, or -1 of an operation for one piece. timeout_ticks: ticks of 30 ms, 1 to 65,535; a request fails
+// after three such periods without an answer. Threads: any but a link's own two, which would wait for themselves.
 #pragma once
 
 #include "base/mutex.h"
@@ -30,8 +27,7 @@ struct sequence {
 extern mutex write_ack_mtx, write_ack_wait_mtx, read_ack_mtx, read_wait_mtx;
 extern sequence write_ack, write_ack_wait, read_ack, read_wait;
 
-// Plain write.
-// Result  0, also when a frame could not be sent (logged; the others still go out); -1: no message buffer left
+// Plain write. Result: 0, also when a frame could not be sent (logged; the others still go out); -1: no buffer left.
 int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                        std::span<const uint8_t> data);
 
@@ -41,10 +37,9 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
 // Writes without waiting. A piece that the card then does not acknowledge in three sends, or refuses 200 times, is
 // reported to `requester`. Only while 65,535 writes are pending it waits, until there are fewer.
 // Result  0 when every piece was sent; else the first failing piece's, and the rest is not sent
+// The second takes one piece, 1 to 1,400 bytes.
 [[nodiscard]] int32_t RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
                                             uint8_t code, std::span<const uint8_t> data);
-
-// One piece of the above, 1 to 1,400 bytes.
 [[nodiscard]] int32_t RawSockSendOneMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot,
                                                uint32_t addr, uint8_t code, std::span<const uint8_t> data);
 
@@ -54,8 +49,7 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
 [[nodiscard]] int32_t RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                 std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks);
 
-// One piece of the above, 1 to 1,400 bytes.
-// Result  0 when an answer came, good or not; -1: none came, or the request could not be filed or sent
+// One piece of it. Result: 0 when an answer came, good or not; -1: none came, or it could not be filed or sent.
 [[nodiscard]] int32_t RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                    std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks);
 

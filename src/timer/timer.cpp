@@ -11,8 +11,7 @@ std::atomic<int32_t> elapsed{0};
 
 namespace {
 
-// A SIGALRM that a process sent is no tick, unless it came in the place of the timer's own: the kernel keeps only one
-// pending.
+// A SIGALRM that a process sent is no tick, unless in the place of the timer's own: the kernel keeps only one pending.
 void take_alarm(int signal, siginfo_t* info, void*)
 {
     static std::atomic<uint32_t> last_us{0};

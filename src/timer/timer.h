@@ -1,8 +1,7 @@
-// The request timer: one process-wide tick of 30 ms, and the record that turns ticks into an expiry.
-//
-// The signal handler only counts; a link's check thread hands the ticks to the pending requests (timerUpdate in
-// queue.h). Senders and handlers arm and stop a Timer while the aging pass reads it, without a lock: each of its words
-// is atomic, and a start seen half done costs at most one early or late expiry.
+// The request timer: one process-wide tick of 30 ms, and the record that turns ticks into an expiry. The signal handler
+// only counts; a link's check thread hands the ticks to the pending requests (timerUpdate in queue.h). Senders and
+// handlers arm and stop a Timer while the aging pass reads it, without a lock: each of its words is atomic, and a start
+// seen half done costs at most one early or late expiry.
 #pragma once
 
 #include <atomic>
@@ -25,11 +24,9 @@ extern std::atomic<int32_t> elapsed; // ticks not yet handed out
 // Starts the ticks. Result: 0 or -1, as of arming the interval timer. Once, before the first link is started.
 int initTimer();
 
-// What a SIGALRM of the kernel's timer does: adds one tick.
-void catch_alarm(int signal);
+void catch_alarm(int signal); // what a SIGALRM of the kernel's timer does: adds one tick
 
-// Called by a link's check thread; SIGALRM is blocked in every other one. So a tick neither cuts short another thread's
-// sleep, wait or read, nor waits for a starved thread.
+// Called by a link's check thread: in every other one SIGALRM is blocked, so that no tick cuts a wait short or is late.
 void receive_ticks_here();
 
 // Arms a timer; ticks are taken as an unsigned 16-bit value, 0 leaves it stopped.
@@ -44,8 +41,7 @@ inline void timerStart(uint32_t ticks, Timer* timer)
 // Stops it; an expiry that was flagged already is still reported once.
 inline void timerStop(Timer* timer) { timer->period = 0; }
 
-// Result: 1 when it had run out since the last call, 0 otherwise. Reading consumes; nearly always there is nothing to
-// read, and then there is no locked operation.
+// Result: 1 when it had run out since the last call, 0 otherwise, which nearly always takes no locked operation.
 [[nodiscard]] inline int timerExpired(Timer* timer)
 {
     return timer->expired != 0 && timer->expired.exchange(0) != 0 ? 1 : 0;

@@ -65,8 +65,7 @@ int clear_stale(const sockaddr_un& address)
     return errno == EPERM ? EADDRINUSE : errno; // another user's, in a sticky folder
 }
 
-// Under the lock. bind() gives the file the socket's mode less the umask, which would shut out who answers. Not by its
-// name after that, which a link could lead elsewhere.
+// Under the lock. bind() takes the umask off the socket's mode; set by name afterwards, a link could lead it elsewhere.
 int bind_alone(int fd, const sockaddr_un& address)
 {
     if (const int error = clear_stale(address); error != 0) { return error; }
@@ -102,8 +101,7 @@ bool has_only_links_of_root(char* path)
     return true;
 }
 
-// Whether a socket lies in the folder of ours, however that is spelled, and is no link: an answer would go where it
-// leads. A file that is gone by now is no fault.
+// Whether a socket lies in our folder, however spelled, and is no link, which an answer would follow. It may be gone.
 bool is_in_our_folder(const char* path)
 {
     struct stat entry {};
@@ -142,6 +140,56 @@ bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
     log_print(LOG_HERE, "message of %zu bytes dropped: it names %08x as its sender, but came from %08x\n",
               message.size(), claimed, bound);
     return false;
+}
+
+// What to do about it, where the bare error would not say so.
+void log_refusal(uint32_t identity, int error)
+{
+    const char* directory = endpoint_directory();
+    const char* reason = error == EADDRINUSE     ? "another process is bound to it, or another user's left it behind"
+                         : error == ENAMETOOLONG ? "the folder's name is too long for a socket, set a shorter APIPC_DIR"
+                         : error == EWOULDBLOCK  ? "another process has kept the folder locked for a second"
+                         : error == EEXIST       ? "a file that is not a socket has its name, remove it"
+                                                 : strerror(error);
+    log_print(LOG_HERE, "endpoint %08x in %s refused: %s\n", static_cast<unsigned>(identity), directory, reason);
+}
+
+uint32_t own_identity;
+struct stat own_socket; // its file, as it was bound
+
+// Whether the socket's file is still there, and not another's.
+bool is_reached()
+{
+    sockaddr_un address;
+    struct stat now;
+    return endpoint_address(own_identity, address) && lstat(address.sun_path, &now) == 0 &&
+           now.st_dev == own_socket.st_dev && now.st_ino == own_socket.st_ino;
+}
+
+int try_to_bind(uint32_t identity, unique_fd& out)
+{
+    sockaddr_un address;
+    if (!endpoint_address(identity, address)) { return ENAMETOOLONG; } // before a folder is made of it
+    int error = create_endpoint_directory();
+    if (error == 0) { error = bind_endpoint(identity, out); }
+    if (error == 0 && lstat(address.sun_path, &own_socket) != 0) { error = errno; }
+    return error;
+}
+
+constexpr uint64_t first_pause_ms = 10, longest_pause_ms = 1000;
+
+// The waiting, real-time thread's own: the pause between errors grows while they last, or it would spin.
+receive_buffer incoming;
+uint64_t next_pause_ms = 0; // 0 while all is well
+
+void back_off(int error)
+{
+    if (next_pause_ms == 0) {
+        log_print(LOG_HERE, "no messages can be received: %s; trying on\n", strerror(error));
+        next_pause_ms = first_pause_ms;
+    }
+    pause_ms(next_pause_ms);
+    next_pause_ms = std::min(next_pause_ms * 2, longest_pause_ms);
 }
 
 } // namespace
@@ -208,12 +256,9 @@ int send_datagram(int fd, uint32_t identity, std::span<const uint8_t> message)
     sockaddr_un address;
     if (message.size() > datagram_bytes_max) { return EMSGSIZE; }
     if (!endpoint_address(identity, address)) { return ENAMETOOLONG; }
-    for (;;) {
-        const ssize_t sent =
-            ::sendto(fd, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL, generic(address), sizeof address);
-        if (sent >= 0) { return 0; }
-        if (errno != EINTR) { return errno; }
-    }
+    const ssize_t sent = TEMP_FAILURE_RETRY(
+        ::sendto(fd, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL, generic(address), sizeof address));
+    return sent >= 0 ? 0 : errno;
 }
 
 ssize_t receive_datagram(int fd, receive_buffer& buffer, int flags)
@@ -233,60 +278,6 @@ ssize_t receive_datagram(int fd, receive_buffer& buffer, int flags)
     return 0;
 }
 
-namespace {
-
-// What to do about it, where the bare error would not say so.
-void log_refusal(uint32_t identity, int error)
-{
-    const char* directory = endpoint_directory();
-    const char* reason = error == EADDRINUSE     ? "another process is bound to it, or another user's left it behind"
-                         : error == ENAMETOOLONG ? "the folder's name is too long for a socket, set a shorter APIPC_DIR"
-                         : error == EWOULDBLOCK  ? "another process has kept the folder locked for a second"
-                         : error == EEXIST       ? "a file that is not a socket has its name, remove it"
-                                                 : strerror(error);
-    log_print(LOG_HERE, "endpoint %08x in %s refused: %s\n", static_cast<unsigned>(identity), directory, reason);
-}
-
-uint32_t own_identity;
-struct stat own_socket; // its file, as it was bound
-
-// Whether the socket's file is still there, and not another's.
-bool is_reached()
-{
-    sockaddr_un address;
-    struct stat now;
-    return endpoint_address(own_identity, address) && lstat(address.sun_path, &now) == 0 &&
-           now.st_dev == own_socket.st_dev && now.st_ino == own_socket.st_ino;
-}
-
-int try_to_bind(uint32_t identity, unique_fd& out)
-{
-    sockaddr_un address;
-    if (!endpoint_address(identity, address)) { return ENAMETOOLONG; } // before a folder is made of it
-    int error = create_endpoint_directory();
-    if (error == 0) { error = bind_endpoint(identity, out); }
-    if (error == 0 && lstat(address.sun_path, &own_socket) != 0) { error = errno; }
-    return error;
-}
-
-constexpr uint64_t first_pause_ms = 10, longest_pause_ms = 1000;
-
-// The waiting thread's own. It has real-time priority: an error that stays must neither spin it nor fill the log, so
-// the wait between errors grows while they last.
-receive_buffer incoming;
-uint64_t next_pause_ms = 0; // 0 while all is well
-
-void back_off(int error)
-{
-    if (next_pause_ms == 0) {
-        log_print(LOG_HERE, "no messages can be received: %s; trying on\n", strerror(error));
-        next_pause_ms = first_pause_ms;
-    }
-    pause_ms(next_pause_ms);
-    next_pause_ms = std::min(next_pause_ms * 2, longest_pause_ms);
-}
-
-} // namespace
 } // namespace rvk::local
 
 using namespace rvk;

@@ -1,9 +1,7 @@
 // Endpoints of the messaging service as datagram sockets: the one place that knows where they live and what may pass.
-//
 // An endpoint with identity 0xIIIIIIII is bound at $APIPC_DIR/IIIIIIII.sock (eight lower-case hex digits). One datagram
-// is one message, byte for byte. Used by the stand-in's calls, and by the tools' requesters, which are the same
-// service's other side. Results are 0 or errno values, so that every caller can say in its own words what was wrong.
-// Any thread; owns nothing but the process's own endpoint.
+// is one message, byte for byte. Used by the stand-in's calls and by the tools' requesters. Results are 0 or errno
+// values: each caller says in its own words what was wrong. Any thread; owns nothing but the process's own endpoint.
 #pragma once
 
 #include "base/fd.h"
@@ -24,10 +22,9 @@ struct alignas(8) receive_buffer {
     uint8_t bytes[datagram_bytes_max + 1];
 };
 
-// The folder of all endpoints: APIPC_DIR, or /run/apipc where that is unset or empty.
+// The folder of all endpoints (APIPC_DIR, or /run/apipc where that is unset or empty), and where an identity's socket
+// lives in it. False: the folder's name is too long for a socket address.
 const char* endpoint_directory();
-
-// Where an identity's socket lives. False: the folder's name is too long for a socket address.
 [[nodiscard]] bool endpoint_address(uint32_t identity, sockaddr_un& out);
 
 // Creates the folder with mode 3770 (or 1770 where set-group-ID is refused) when it is missing; its parent must exist.

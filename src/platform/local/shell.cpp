@@ -1,16 +1,15 @@
 // The calls of platform.h that run a shell command line or ask for the board's number. Any thread; keeps no state.
-// Every call is weak, so that a test or a tool that defines it gets its own.
-//
-// The child is an ordinary process again: what the daemon's threads need (real-time priority, a processor of their own,
-// blocked signals, open links) must not leak into a tool that it runs. No signal disposition of this process is
-// touched, as system() would: what one of many threads ignores for a while all of them ignore. Between fork and exec
-// only async-signal-safe calls are made: another thread may have held any lock.
+// Every call is weak, so that a test or a tool that defines it gets its own. The child is an ordinary process again:
+// what the daemon's threads need (real-time priority, a processor of their own, blocked signals, open links) must not
+// leak into a tool that it runs. No signal disposition is touched, as system() would: what one thread ignores for a
+// while all of them ignore. Between fork and exec only async-signal-safe calls: another thread may hold any lock.
 #include "base/fd.h"
 #include "main/log.h"
 #include "platform/platform.h"
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -18,6 +17,7 @@
 #include <new>
 #include <pthread.h>
 #include <sched.h>
+#include <string_view>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -84,10 +84,7 @@ pid_t start_shell(const char* line, int output)
 int wait_for_shell(pid_t child)
 {
     int status = 0;
-    for (;;) {
-        if (waitpid(child, &status, 0) == child) { return status; }
-        if (errno != EINTR) { return -1; }
-    }
+    return TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child ? status : -1;
 }
 
 // A command's output: the stream owns the pipe and the child, and closing it waits for the child.
@@ -98,11 +95,7 @@ struct command_stream {
 
 ssize_t read_output(void* cookie, char* buffer, size_t size)
 {
-    const int fd = static_cast<command_stream*>(cookie)->output.get();
-    for (;;) {
-        const ssize_t got = ::read(fd, buffer, size);
-        if (got >= 0 || errno != EINTR) { return got; }
-    }
+    return TEMP_FAILURE_RETRY(::read(static_cast<command_stream*>(cookie)->output.get(), buffer, size));
 }
 
 // The pipe goes first: a command that still writes then ends of SIGPIPE instead of keeping us.
@@ -125,18 +118,17 @@ bool make_pipe(unique_fd& reader, unique_fd& writer)
 }
 
 constexpr int default_board = 1;
-constexpr unsigned long board_max = 255;
+constexpr unsigned board_max = 255;
 std::atomic<bool> refusal_logged{false};
 
 // Decimal or 0x…, digits only; -1 for anything else. A leading zero does not make a number octal.
-int board_in(const char* text)
+int board_in(std::string_view text)
 {
-    const bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    const char* digits = hex ? text + 2 : text;
-    const bool starts_with_digit = (*digits >= '0' && *digits <= '9') || (hex && ((*digits | 0x20) >= 'a'));
-    char* end = nullptr;
-    const unsigned long value = strtoul(digits, &end, hex ? 16 : 10);
-    return starts_with_digit && *end == '\0' && value <= board_max ? static_cast<int>(value) : -1;
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    unsigned value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data() + (hex ? 2 : 0), end, value, hex ? 16 : 10);
+    return error == std::errc{} && rest == end && value <= board_max ? static_cast<int>(value) : -1;
 }
 
 } // namespace
@@ -168,8 +160,7 @@ int board_in(const char* text)
     return nullptr;
 }
 
-// There is no backplane to ask on an ordinary machine: the number is the environment's. Asked for with every message,
-// so a wrong value is logged once.
+// An ordinary machine has no backplane to ask: the number is the environment's. A wrong one is logged once.
 [[gnu::weak]] int apcard_bit_self(void)
 {
     const char* text = getenv("APCARD_SELF");
@@ -177,7 +168,7 @@ int board_in(const char* text)
     const int board = board_in(text);
     if (board >= 0) { return board; }
     if (!refusal_logged.exchange(true)) {
-        log_print(LOG_HERE, "APCARD_SELF \"%s\" is not a number from 0 to %lu; board %d is taken\n", text, board_max,
+        log_print(LOG_HERE, "APCARD_SELF \"%s\" is not a number from 0 to %u; board %d is taken\n", text, board_max,
                   default_board);
     }
     return default_board;
