@@ -26,7 +26,8 @@ std::vector<uint8_t> bmp_of(std::span<const uint8_t> pixels, picture_size size, 
     std::vector<uint8_t> file(bmp::head_bytes + line * size.ver);
     std::ranges::copy(bmp_head(size, bits), file.begin());
     for (uint32_t y = 0; y < size.ver; ++y) {
-        turn_line(&pixels[y * line_bytes(size)], &file[bmp::head_bytes + (size.ver - 1 - y) * line], size.hor, bits);
+        const uint8_t* from = pixels.data() + y * line_bytes(size); // a line may have no pixels
+        turn_line(from, file.data() + bmp::head_bytes + (size.ver - 1 - y) * line, size.hor, bits);
     }
     return file;
 }
