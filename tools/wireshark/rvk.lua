@@ -1,7 +1,7 @@
 -- The frames that controller and cards exchange, and the packets of bus blocks, for Wireshark and tshark.
 --
 -- Takes every frame between the two addresses whatever its type field says, names the fields as the controller's code
--- does, checks lengths and checksums, and finds for each request its resends and its answer by the daemon's own rules.
+-- does, checks lengths and checksums, and finds for each request its answer, and the earlier one that it repeats.
 -- Whether an answer comes is known only once the capture was read: tshark tells it of requests with `-2 -R rvk`.
 
 local is_new, rvk = pcall(Proto, "rvk", "Controller and cards")
@@ -19,13 +19,6 @@ local frame_data_max, frame_data_min, checksum_bytes, checksum_start = 1400, 64,
 local bus_overhead, bus_short_packet = 26, 90
 local read, plain_write, ack_short, ack_write = 0x00, 0x01, 0x10, 0x11
 local no_answer = 255
-
--- Seconds. A request is sent again up to 0.1 s after it was not answered, up to three times in all, and at once when it
--- was refused; 0.25 s leaves room. What comes later is a new request that looks the same, of a daemon started again.
-local resent_within = { open = 0.25, empty = 0.25, refused = 0.02 }
-local bus_resent_within = { open = 1.5, refused = 0.02 }
-local sends_max = 3
-local given_up_after, update_given_up_after, bus_given_up_after = 0.6, 10, 10
 
 -- Addresses that mean something: first and last, of which card (nil: any), name.
 local registers = {
@@ -103,7 +96,6 @@ local e = {
     unanswered = ProtoExpert.new("rvk.unanswered", "No answer in this capture", group.SEQUENCE, severity.NOTE),
     resend = ProtoExpert.new("rvk.resend", "Sent again", group.SEQUENCE, severity.NOTE),
     stray = ProtoExpert.new("rvk.stray", "Answers no pending request", group.SEQUENCE, severity.NOTE),
-    late = ProtoExpert.new("rvk.late", "Too late", group.SEQUENCE, severity.NOTE),
     card = ProtoExpert.new("rvk.card.differs", "Another card than was asked", group.SEQUENCE, severity.NOTE),
 }
 rvk.experts = e
@@ -117,46 +109,28 @@ local answers    -- by frame number: what an answer was found to be
 
 function rvk.init() pending, requests, answers = {}, {}, {} end
 
-local function since(r, time) return time - r.sends[#r.sends].time end
-
-local function is_resend(r, bytes, time, rules)
-    local wait = rules.resent_within[r.state]
-    if r.bytes ~= bytes or wait == nil or since(r, time) > wait then return false end
-    return r.state == "refused" or #r.sends - r.refusals < rules.sends_max
-end
-
--- rules: `resent_within`, `sends_max`, `given_up_after`; `card`: model and slot; `silent`: an answer is not expected.
-local function file_request(key, number, time, bytes, rules)
-    local kept = {}
-    for _, r in ipairs(pending[key] or {}) do
-        if is_resend(r, bytes, time, rules) then
-            table.insert(r.sends, { frame = number, time = time })
-            r.state = "open"
-            requests[number] = { of = r, n = #r.sends }
-            return
-        end
-        -- Who sends the same bytes anew has given up the first ones: a process that was started again counts from 0 too.
-        local given_up = r.bytes == bytes or since(r, time) > r.rules.given_up_after
-        if r.state == "open" and not given_up then table.insert(kept, r) end
+-- The same bytes as of the last request of its key, as long as that one has no good answer, are that request, sent again.
+-- card: model and slot that it is for. silent: no answer is expected. data_len: of a read of a bus block.
+local function file_request(key, number, time, bytes, what)
+    local filed = pending[key] or {}
+    local last = filed[#filed]
+    if last == nil or last.ended or what.silent or last.bytes ~= bytes then
+        last = { bytes = bytes, what = what, sends = {} }
+        table.insert(filed, last)
     end
-    local r = { bytes = bytes, rules = rules, state = "open", refusals = 0, sends = { { frame = number, time = time } } }
-    table.insert(kept, r)
-    pending[key] = kept
-    requests[number] = { of = r, n = 1 }
+    table.insert(last.sends, { frame = number, time = time })
+    pending[key], requests[number] = filed, { of = last, n = #last.sends }
 end
 
--- An answer ends every pending request of its key: of those that are waited for and of those that are not, one each.
--- When all were given up, it is shown with the last of them, as late.
--- state: what becomes of them. fits: of a request, whether this can be its answer. Result: there was one.
-local function file_answer(key, number, time, state, fits)
-    local filed, found, last = pending[key] or {}, nil, nil
-    for i, r in ipairs(filed) do
-        local sent, late = r.sends[#r.sends], since(r, time) > r.rules.given_up_after
-        if r.state == "open" and fits(r) and (not late or i == #filed) then
-            found = found or { request = r, sent = sent, late = late }
-            sent.answer, r.state = number, state
-            if state == "refused" then r.refusals = r.refusals + 1 end
-            if r.rules.resent_within[state] == nil then r.bytes = nil end
+-- An answer is that of every request of its key that has none yet: of those that are waited for and of those that are not,
+-- one each. ends: not when the request may be sent again for it. Result: there was one.
+local function file_answer(key, number, ends, fits)
+    local found, last = nil, nil
+    for _, r in ipairs(pending[key] or {}) do
+        local sent = r.sends[#r.sends]
+        if not r.ended and not sent.answer and fits(r) then
+            found = found or { request = r, sent = sent }
+            sent.answer, r.ended = number, ends
         elseif sent.answer then
             last = sent.answer
         end
@@ -179,7 +153,7 @@ local function show_request(tree, pinfo, notes)
     if following then add_framenum(tree, f.resent_in, following.frame) end
     if sent.answer then
         add_framenum(tree, f.reply_in, sent.answer)
-    elseif pinfo.visited and not r.rules.silent then
+    elseif pinfo.visited and not r.what.silent then
         tree:add_proto_expert_info(e.unanswered, following and "No valid answer before it was sent again"
             or "No valid answer in this capture")
         table.insert(notes, "no answer")
@@ -199,12 +173,7 @@ local function show_answer(tree, pinfo, card, notes)
     local passed = math.floor((pinfo.rel_ts - found.sent.time) * 1e6 + 0.5) -- more is not in the number
     add_framenum(tree, f.request_in, found.sent.frame)
     tree:add(f.time, NSTime(math.floor(passed / 1e6), passed % 1e6 * 1000)):set_generated()
-    if found.late then
-        tree:add_proto_expert_info(e.late, string.format("Ignored: its request was given up before %.1f s were over",
-            found.request.rules.given_up_after))
-        table.insert(notes, "too late")
-    end
-    local asked = found.request.rules.card
+    local asked = found.request.what.card
     if card ~= asked then
         tree:add_proto_expert_info(e.card, "The request was for " .. asked)
         table.insert(notes, "asked was " .. asked)
@@ -285,12 +254,9 @@ local function file_frame(pinfo, tvb, v, is_reply)
     if is_reply then
         if v.code == plain_write or codes[v.code] == nil or v.ack == no_answer then return end
         local useless = kind == "read" and (v.len == 0 or v.len > frame_data_max)
-        local state = v.ack ~= 0 and "refused" or useless and "empty" or "answered"
-        file_answer(key, pinfo.number, pinfo.rel_ts, state, function() return true end)
+        file_answer(key, pinfo.number, v.ack == 0 and not useless, function() return true end)
     elseif v.code == read or v.code == ack_write then
-        local is_update = v.addr >= 0x11F00000 and v.addr <= 0x18200002
-        file_request(key, pinfo.number, pinfo.rel_ts, tvb:raw(), { resent_within = resent_within, sends_max = sends_max,
-            given_up_after = is_update and update_given_up_after or given_up_after, card = v.card })
+        file_request(key, pinfo.number, pinfo.rel_ts, tvb:raw(), { card = v.card })
     end
 end
 
@@ -405,19 +371,16 @@ end
 
 local function file_packet(pinfo, tvb, v)
     local bus_read, bus_write = key_of("bus read", v.addr), key_of("bus write", v.addr)
-    local rules = { resent_within = bus_resent_within, sends_max = math.huge, given_up_after = bus_given_up_after }
-    local function asked_for(r) return r.rules.data_len == v.data_len end
+    local function asked_for(r) return r.what.data_len == v.data_len end
     local function any() return true end
     if v.type == 0 then
-        rules.silent, rules.resent_within = true, {}
-        file_request(bus_write, pinfo.number, pinfo.rel_ts, "", rules)
+        file_request(bus_write, pinfo.number, pinfo.rel_ts, "", { silent = true })
     elseif v.type == 1 then
-        rules.data_len = v.data_len
-        file_request(bus_read, pinfo.number, pinfo.rel_ts, tvb:raw(), rules)
+        file_request(bus_read, pinfo.number, pinfo.rel_ts, tvb:raw(), { data_len = v.data_len })
     elseif v.type == 2 then
-        file_answer(bus_read, pinfo.number, pinfo.rel_ts, "answered", asked_for)
-    elseif not file_answer(bus_read, pinfo.number, pinfo.rel_ts, v.ack == 0 and "answered" or "refused", any) then
-        file_answer(bus_write, pinfo.number, pinfo.rel_ts, v.ack == 0 and "answered" or "refused", any)
+        file_answer(bus_read, pinfo.number, true, asked_for)
+    elseif not file_answer(bus_read, pinfo.number, v.ack == 0, any) then
+        file_answer(bus_write, pinfo.number, v.ack == 0, any)
     end
 end
 
