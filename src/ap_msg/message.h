@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 namespace rvk {
 
@@ -50,6 +51,21 @@ namespace command {
 inline constexpr uint8_t read = 0x00, write = 0x01, write_ack = 0x02;
 inline constexpr uint8_t file_write = 0xEE, file_read = 0xDD, update = 0xEF, greeting = 0xF0;
 } // namespace command
+
+// Types of updates: images of microcontrollers, then of FPGAs.
+namespace update_type {
+inline constexpr uint32_t mcu_input = 0x16, mcu_output = 0x17, mcu_vpu = 0x18;
+inline constexpr uint32_t fpga_input = 0x19, fpga_input_golden = 0x1C, fpga_last = 0x1E;
+} // namespace update_type
+
+// A microcontroller's goes into a shell command line: only what a shell takes as it stands, and nothing that looks like
+// an option.
+constexpr bool is_plain_path(std::string_view path)
+{
+    constexpr char plain[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ/._+-=,@%:";
+    const std::string_view name = path.substr(path.rfind('/') + 1); // npos + 1 is 0
+    return path.find_first_not_of(plain) == path.npos && !path.starts_with('-') && !name.starts_with('-');
+}
 
 // Identity of a module of a board: board number, 0x0A, module number, 0.
 constexpr uint32_t identity_of(uint8_t board, uint8_t module)

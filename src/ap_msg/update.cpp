@@ -23,9 +23,7 @@
 namespace rvk {
 namespace {
 
-// Update types.
-constexpr uint32_t mcu_input = 0x16, mcu_output = 0x17, mcu_vpu = 0x18;
-constexpr uint32_t fpga_input = 0x19, fpga_input_golden = 0x1C, fpga_last = 0x1E;
+using namespace update_type;
 constexpr size_t tool_line_bytes = 1024;               // ours
 constexpr char tool_lock_path[] = "/run/mcu_isp.lock"; // ours
 constexpr uint32_t generation_ticks = 6;               // ours
@@ -91,18 +89,6 @@ void check_input_card(update_request* request)
     if (generation == 1) { adapt_to_new_generation(request); }
 }
 
-// The path goes into a shell command line: only what a shell takes as it stands, and nothing that looks like an option.
-bool is_safe_for_shell(std::string_view path)
-{
-    static constexpr std::string_view others = "/._+-=,@%:";
-    const auto harmless = [](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-               others.find(c) != std::string_view::npos;
-    };
-    const std::string_view name = path.substr(path.rfind('/') + 1); // npos + 1 is 0
-    return std::all_of(path.begin(), path.end(), harmless) && !path.starts_with('-') && !name.starts_with('-');
-}
-
 int tool_line(char* line, uint32_t type, const char* path)
 {
     switch (type) {
@@ -127,7 +113,7 @@ int32_t run_tool(const update_request& request)
 {
     char line[tool_line_bytes] = "";
     const int length = tool_line(line, request.type, request.path.data());
-    if (!is_safe_for_shell(request.path.data()) || length >= static_cast<int>(tool_line_bytes)) {
+    if (!is_plain_path(request.path.data()) || length >= static_cast<int>(tool_line_bytes)) {
         log_print(LOG_HERE, "image %s refused: its path is too long or not plain enough for a command line\n",
                   shown(request).text);
         return -1;

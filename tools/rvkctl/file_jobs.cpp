@@ -21,15 +21,22 @@ namespace rvk::ctl {
 namespace {
 
 constexpr uint64_t file_bytes_max = INT32_MAX; // daemon: it takes no larger one
-constexpr uint8_t type_first = 0x16, type_last = 0x1E, mcu_last = 0x18;
+using namespace update_type;
 
 struct type_name {
     const char* name;
     uint8_t type;
 };
 constexpr type_name names[] = {
-    {"mcu-input", 0x16}, {"mcu-output", 0x17},        {"mcu-vpu", 0x18}, {"fpga-input", 0x19}, {"fpga-1a", 0x1A},
-    {"fpga-1b", 0x1B},   {"fpga-input-golden", 0x1C}, {"fpga-1d", 0x1D}, {"fpga-1e", 0x1E},
+    {"mcu-input", mcu_input},
+    {"mcu-output", mcu_output},
+    {"mcu-vpu", mcu_vpu},
+    {"fpga-input", fpga_input},
+    {"fpga-1a", 0x1A},
+    {"fpga-1b", 0x1B},
+    {"fpga-input-golden", fpga_input_golden},
+    {"fpga-1d", 0x1D},
+    {"fpga-1e", fpga_last},
 };
 
 // Numbers in front of a path, which ends with a zero.
@@ -112,19 +119,16 @@ void check_picture(const std::string& path, const picture_options& options)
                        options.size.ver, static_cast<unsigned long long>(wanted)));
 }
 
-// The same of an image, and of its name: an FPGA image's by its marker, a microcontroller's for the tool's command
-// line.
+// The same of an image, and of its name, which for an FPGA has a marker, and for a microcontroller is plain.
 uint64_t check_image(const std::string& path, uint8_t type)
 {
-    constexpr char plain[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ/._+-=,@%:";
     const uint64_t bytes = check_file("image", path);
     if (bytes == 0) { refuse_file("image", path, "is empty"); }
     const auto has = [&](const char* part) { return path.find(part) != path.npos; };
-    if (type > mcu_last && !has(".bin") && !has(".BIN") && !has(".Bin")) {
+    if (type > mcu_vpu && !has(".bin") && !has(".BIN") && !has(".Bin")) {
         refuse_file("image", path, "must have .bin, .BIN or .Bin in its name, as an FPGA's has");
     }
-    const bool dashed = std::string_view(path).substr(path.rfind('/') + 1).starts_with('-');
-    if (type <= mcu_last && (dashed || path.find_first_not_of(plain) != path.npos)) {
+    if (type <= mcu_vpu && !is_plain_path(path)) {
         refuse_file("image", path,
                     "needs a path of letters, digits and /._+-=,@%: alone, and a name without '-' in front");
     }
@@ -145,8 +149,7 @@ void waited(const char* what, Job job)
     }
 }
 
-// What the daemon's figures say of a job that is over. Result: in words. Throws a failure when the card left something
-// unanswered.
+// What the daemon's figures say of a job that is over, in words. Throws a failure when the card left steps unanswered.
 std::string acknowledged(const char* job, const session& talk, uint16_t number, const settings& used,
                          const std::string& what, outcome& run)
 {
@@ -183,7 +186,7 @@ void check_target(const std::string& path)
 // A microcontroller's result is the programming tool's, as a shell reports it.
 std::string update_failure(uint8_t type, int32_t result)
 {
-    if (type > mcu_last) { return "the card refused it, or the daemon could not copy it"; }
+    if (type > mcu_vpu) { return "the card refused it, or the daemon could not copy it"; }
     if (result < 0) { return "the programming tool could not be run, or still runs for another request"; }
     if (WIFEXITED(result) && WEXITSTATUS(result) == 127) { return "the programming tool is not there (status 127)"; }
     if (WIFEXITED(result)) { return format("the programming tool ended with status %d", WEXITSTATUS(result)); }
@@ -205,7 +208,7 @@ uint8_t update_type_in(const std::string& text)
         if (text == row.name) { return row.type; }
     }
     try {
-        return static_cast<uint8_t>(number_in("--type", text, type_first, type_last));
+        return static_cast<uint8_t>(number_in("--type", text, mcu_input, fpga_last));
     } catch (const failure&) {
         throw failure{problem::wrong_usage,
                       "--type \"" + text + "\": give a name or its number: " + update_type_names()};
@@ -301,7 +304,7 @@ void run_update(const settings& used, const update_options& options, outcome& ru
     talk.greet();
     const stop_watch watch;
     const auto payload = payload_of({options.type}, path);
-    const bool by_tool = options.type <= mcu_last;
+    const bool by_tool = options.type <= mcu_vpu;
     answer got;
     talk.doing = [by_tool] { return by_tool ? "the programming tool runs" : transfer_text(); };
     waited("update", [&] { got = talk.ask_patiently(request_of(command::update, options, payload)); });
