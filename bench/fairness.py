@@ -41,7 +41,8 @@ class Field(bench.BenchTest):
     def up(self, layout, *options, arguments=(), **how):
         with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as file:
             file.write(str(self.queue))
-        self.at = self.cards("--priority", 97, *options, kept=False)
+        # Cards take no time of the board's processors: below all threads of the link, but above the reader.
+        self.at = self.cards("--priority", 60, *options, kept=False)
         self.d, self.me = self.daemon(*arguments, **how), self.requester()
         for name, processor in LAYOUTS[layout].items():
             os.sched_setaffinity(self.d.thread(name), {processor})
