@@ -5,8 +5,7 @@ namespace {
 
 constexpr uint8_t read_done = 1; // ours: what the read-back's status register says
 
-// Only those of model 0, slot 0 are the picture loader's; elsewhere its addresses are plain memory, which a longer
-// write may run across.
+// Only those of model 0, slot 0 are the picture loader's; elsewhere its addresses are plain memory.
 bool is_of_loader(const request_fields& request) { return request.model == 0 && request.slot == 0; }
 
 } // namespace

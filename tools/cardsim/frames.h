@@ -1,5 +1,5 @@
 // The frames of both protocols as the cards see them: what is looked at in a request before it is obeyed, and answers.
-// Pure: bytes in, fields and a violation out; fields in, bytes out. The farm calls them, and tests that play a card
+// Pure: bytes in, fields and a violation out; fields in, bytes out. For the farm, and tests that play a card
 // themselves.
 #pragma once
 

@@ -143,8 +143,7 @@ struct served_link {
 };
 using served_links = std::list<served_link>;
 
-// Blocked before the first thread starts, so that they wait for the main thread. Who ignores SIGHUP, as nohup does,
-// means it.
+// Blocked before the first thread starts, so that they wait for the main thread; SIGHUP only where nohup left it.
 sigset_t blocked_signals()
 {
     sigset_t set;

@@ -4,8 +4,7 @@
 // Where a buffer lies in card memory is the simulated cards' own choice: buffer n begins at byte n x 128 MiB, that is
 // at word n x 0x1000000 of a read command. From there on lie the picture's lines, first line first, each padded to 64
 // bytes, laid out as the controller reads them back: 1,400 bytes to each 1,408 of card memory, since that is how far
-// apart its steps are. So a picture that was put is what a read-back from the buffer's start gets. Padding and gaps
-// keep what they held before.
+// apart its steps are. So a picture that was put is what a read-back from the buffer's start gets.
 #pragma once
 
 #include "base/picture.h"

@@ -86,8 +86,7 @@ inline void refuse_extras(const CLI::App& app, const char* commands, bool chosen
     if (!chosen) { refuse(std::string("no command given: one of ") + commands + see); }
 }
 
-// The whole of a program that has no subcommands: parses its command line, then does what it was made for. Result: the
-// exit status. Throws failures.
+// All of a program without subcommands: parses its command line, then works. Result: the exit status. Throws failures.
 inline int run_app(CLI::App& app, int argc, const char* const* argv, const std::function<void()>& run)
 {
     const std::string asked = parse(app, argc, argv);

@@ -1,5 +1,4 @@
-// rvkctl: commands for a running daemon, for people and scripts. What its command line may say, and the help that says
-// so.
+// rvkctl: commands for a running daemon, for people and scripts. What its command line may say, and its help.
 #include "ap_msg/message.h"
 #include "command/options.h"
 #include "eth_raw/frame.h"

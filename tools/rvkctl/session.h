@@ -76,8 +76,7 @@ public:
     // Sends a command that has no answer of its own. Result: its number.
     uint16_t tell(const request& command);
 
-    // The address at which a write in [first, first + bytes) was given up, as the daemon reported or reports within
-    // this time.
+    // The address at which a write in [first, first + bytes) was given up, as the daemon reports within this time.
     std::optional<uint32_t> reported_failure(uint32_t first, uint64_t bytes, std::chrono::milliseconds wait);
 
     // Whether a write is answered when it is done, or only reported when it fails.

@@ -31,8 +31,7 @@ struct job_figures {
 [[nodiscard]] std::optional<job_figures> figures_of_job(const char* job, int board, uint32_t requester,
                                                         uint16_t number);
 
-// The transfers that run, "firmware 1024 of 4096 bytes (25 %)"; empty when none does, or nothing is known. Throws
-// nothing.
+// The transfers that run, "firmware 1024 of 4096 bytes (25 %)"; empty when none does, or nothing is known.
 [[nodiscard]] std::string transfer_text();
 [[nodiscard]] std::string transfer_text(const nlohmann::ordered_json& figures);
 

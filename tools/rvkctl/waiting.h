@@ -34,8 +34,7 @@ void accept_interrupt();
 // Pauses until then, or until a signal came, which it notices within a quarter of a second.
 void pause_until(std::chrono::steady_clock::time_point end);
 
-// One line on standard error of a terminal with the time that the work has taken, wiped when it ends. In a pipe or a
-// file nothing.
+// One line on standard error, when that is a terminal, with the time that the work has taken; wiped when it ends.
 class life_sign {
 public:
     life_sign();

@@ -1,6 +1,5 @@
 // Register peek and poke. Waited-for operations ask once and wait three periods; the others are sent up to three times
-// by the link's threads, and what they report in the end is awaited here. A plain write is the one of which nothing is
-// ever known.
+// by the link's threads, and what they report in the end is awaited here. Of a plain write nothing is ever known.
 #include "rvkdiag/commands.h"
 
 #include "ap_msg/message.h"

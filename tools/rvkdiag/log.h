@@ -8,8 +8,7 @@ namespace rvk::diag {
 
 void show_log(); // from now on, on standard error. Before the first thread starts
 
-// What was kept, lines of one place as one: ": TEXT" of the place that said most, with ", 1000 times" if it did; empty
-// when nothing was said.
+// What was kept: ": TEXT" of the place that said most, with ", 1000 times" if it did; empty when nothing was said.
 [[nodiscard]] std::string said();
 
 } // namespace rvk::diag

@@ -17,8 +17,7 @@ inline constexpr colour bars[8]{{255, 255, 255}, {255, 255, 0}, {0, 255, 255}, {
                                 {255, 0, 255},   {255, 0, 0},   {0, 0, 255},   {0, 0, 0}};
 inline constexpr colour paper{32, 32, 32}, ink{255, 255, 255}; // of the number's field
 
-// Result: hor x ver pixels as card memory takes them, 4 bytes each: one that is not shown (0x55), red, green, blue; top
-// line first.
+// Result: hor x ver pixels, top line first, as card memory takes them: 0x55 (not shown), red, green, blue.
 [[nodiscard]] std::vector<uint8_t> test_card(uint32_t number, uint32_t hor, uint32_t ver);
 
 } // namespace rvk
