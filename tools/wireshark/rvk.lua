@@ -109,26 +109,33 @@ local answers    -- by frame number: what an answer was found to be
 
 function rvk.init() pending, requests, answers = {}, {}, {} end
 
--- The same bytes as of the last request of its key, as long as that one has no good answer, are that request, sent again.
+local forgotten_after = 10 -- s; nobody waits longer for an answer
+
+local function is_open(r, time) return not r.ended and time - r.sends[#r.sends].time <= forgotten_after end
+
+-- The same bytes as of a request of its key that has no good answer are that request, sent again.
 -- card: model and slot that it is for. silent: no answer is expected. data_len: of a read of a bus block.
 local function file_request(key, number, time, bytes, what)
-    local filed = pending[key] or {}
-    local last = filed[#filed]
-    if last == nil or last.ended or what.silent or last.bytes ~= bytes then
-        last = { bytes = bytes, what = what, sends = {} }
-        table.insert(filed, last)
+    local kept, r = {}, nil
+    for _, old in ipairs(pending[key] or {}) do
+        if is_open(old, time) then table.insert(kept, old) end
+        if is_open(old, time) and not what.silent and old.bytes == bytes then r = old end
     end
-    table.insert(last.sends, { frame = number, time = time })
-    pending[key], requests[number] = filed, { of = last, n = #last.sends }
+    if r == nil then
+        r = { bytes = bytes, what = what, sends = {} }
+        table.insert(kept, r)
+    end
+    table.insert(r.sends, { frame = number, time = time })
+    pending[key], requests[number] = kept, { of = r, n = #r.sends }
 end
 
 -- An answer is that of every request of its key that has none yet: of those that are waited for and of those that are not,
 -- one each. ends: not when the request may be sent again for it. Result: there was one.
-local function file_answer(key, number, ends, fits)
+local function file_answer(key, number, time, ends, fits)
     local found, last = nil, nil
     for _, r in ipairs(pending[key] or {}) do
         local sent = r.sends[#r.sends]
-        if not r.ended and not sent.answer and fits(r) then
+        if is_open(r, time) and not sent.answer and fits(r) then
             found = found or { request = r, sent = sent }
             sent.answer, r.ended = number, ends
         elseif sent.answer then
@@ -254,7 +261,7 @@ local function file_frame(pinfo, tvb, v, is_reply)
     if is_reply then
         if v.code == plain_write or codes[v.code] == nil or v.ack == no_answer then return end
         local useless = kind == "read" and (v.len == 0 or v.len > frame_data_max)
-        file_answer(key, pinfo.number, v.ack == 0 and not useless, function() return true end)
+        file_answer(key, pinfo.number, pinfo.rel_ts, v.ack == 0 and not useless, function() return true end)
     elseif v.code == read or v.code == ack_write then
         file_request(key, pinfo.number, pinfo.rel_ts, tvb:raw(), { card = v.card })
     end
@@ -378,9 +385,9 @@ local function file_packet(pinfo, tvb, v)
     elseif v.type == 1 then
         file_request(bus_read, pinfo.number, pinfo.rel_ts, tvb:raw(), { data_len = v.data_len })
     elseif v.type == 2 then
-        file_answer(bus_read, pinfo.number, true, asked_for)
-    elseif not file_answer(bus_read, pinfo.number, v.ack == 0, any) then
-        file_answer(bus_write, pinfo.number, v.ack == 0, any)
+        file_answer(bus_read, pinfo.number, pinfo.rel_ts, true, asked_for)
+    elseif not file_answer(bus_read, pinfo.number, pinfo.rel_ts, v.ack == 0, any) then
+        file_answer(bus_write, pinfo.number, pinfo.rel_ts, v.ack == 0, any)
     end
 end
 
