@@ -143,7 +143,7 @@ struct served_link {
 };
 using served_links = std::list<served_link>;
 
-// Blocked before the first thread starts, so that they wait for the main thread; SIGHUP only where nohup left it.
+// Blocked before the first thread starts, so that they wait for the main thread; not SIGHUP where nohup ignores it.
 sigset_t blocked_signals()
 {
     sigset_t set;
