@@ -1,5 +1,5 @@
-// The outbox: answers and reports for requesters whose queue is full, kept and offered again without ever waiting. So
-// no thread waits for a requester, and none that reads each of its messages within 10 s loses one.
+// The outbox: messages for requesters whose queue is full, kept and offered again, so that no thread ever waits for
+// one.
 #include "ap_msg/message.h"
 
 #include "base/clock.h"
@@ -19,8 +19,8 @@ namespace {
 
 constexpr uint32_t outbox_patience_ms = 10'000; // ours: then it does not read, and its message is dropped
 constexpr int offered_at_once = 256;            // ours: of one requester; a pass is short whatever is kept
-constexpr size_t outbox_messages_max = 65'536;  // ours: of all requesters together; more are dropped at once
-constexpr uint32_t outbox_share_max = 8192;     // ours: of one requester, so that others' are kept, too
+// ours: kept of all requesters, and of one, so that others' are kept, too; more are dropped at once
+constexpr size_t outbox_messages_max = 65'536, outbox_share_max = 8192;
 
 // A kept message, its bytes behind it. A requester's first has its last, their count, the next requester's first.
 struct kept_message {
@@ -28,8 +28,7 @@ struct kept_message {
     uint32_t to, since_us, bytes, count; // kept since, as monotonic_us() says
 };
 struct loss {
-    uint32_t to;
-    unsigned messages;
+    uint32_t to, messages;
     int error; // of the last one
 };
 
@@ -50,8 +49,7 @@ bool has_kept(uint32_t requester)
     return *first_of(requester) != nullptr;
 }
 
-// Result: false when the outbox or the memory is full.
-bool keep(uint32_t requester, const void* message, uint32_t bytes)
+bool keep(uint32_t requester, const void* message, uint32_t bytes) // false: the outbox or the memory is full
 {
     auto* l = static_cast<kept_message*>(kept < outbox_messages_max ? malloc(sizeof(kept_message) + bytes) : nullptr);
     if (l == nullptr) { return false; }
@@ -63,8 +61,7 @@ bool keep(uint32_t requester, const void* message, uint32_t bytes)
     if (*first == nullptr) { ++requesters; }
     (*first == nullptr ? *first : (*first)->last->next) = l;
     (*first)->last = l;
-    ++(*first)->count;
-    ++kept;
+    ++(*first)->count, ++kept;
     return true;
 }
 
@@ -79,8 +76,8 @@ int discard(const loss& lost)
     return -lost.error;
 }
 
-// Offers the first requester what is kept for it, and puts what is left behind the other requesters'. Under the mutex
-// throughout: who has more for that requester meanwhile has to find what is left.
+// Offers the first requester what is kept for it, and puts what is left last. Under the mutex throughout: who has more
+// for that requester meanwhile has to find it.
 loss offer_to_one()
 {
     const scoped_lock hold(outbox_mtx);
@@ -95,8 +92,7 @@ loss offer_to_one()
         if (error == EAGAIN && monotonic_us() - l->since_us < outbox_patience_ms * 1000) { break; }
         if (error != 0) { lost.error = error, ++lost.messages; }
         free(std::exchange(l, l->next));
-        --kept;
-        ++gone;
+        --kept, ++gone;
     }
     if (l != nullptr) { l->last = was.last, l->count = was.count - gone; }
     *first_of(lost.to) = l;
