@@ -1,7 +1,7 @@
 // The command front: the daemon's endpoint on the messaging service, the thread that takes messages from it, and what
 // carries out the commands in them and answers. Everything runs on the IPC receive thread, one command after the other,
 // and keeps nothing between commands. A command waits for its card (up to three timeouts of 6 ticks a piece) under
-// demo_mutex; a file job waits in the mailbox for the job before it.
+// demo_mutex; a file job waits, and every later command with it, until the one before it ended.
 #pragma once
 
 #include <cstdint>

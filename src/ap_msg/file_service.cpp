@@ -37,7 +37,7 @@ received_command job_in(const mailbox_area& message_head, const mailbox_area& da
     return parse_command(message_head.data(), std::span(data_head).subspan(data_head_bytes));
 }
 
-// One that came between the start of the commands' thread and the failure to start ours.
+// Refuses the job put between the command thread's start and this thread's failure to start.
 void refuse_left_job()
 {
     const scoped_lock hold(file_mutex);

@@ -147,7 +147,7 @@ int32_t send_file_info(uint32_t size, uint16_t model, uint8_t slot)
         const firmware_register& to = firmware_registers[i];
         const std::span<const uint8_t> value{values[i].data(), to.bytes};
         uint8_t ack = no_answer;
-        if (i == 0) { // once, and without a word about a refusal
+        if (i == 0) { // once: a refusal is not tried again
             static_cast<void>(RawSockSendMsgWithAckWait(update_link, update_model, slot, to.addr, code_write_ack, value,
                                                         &ack, update_ticks));
             count_step(ack != no_answer);

@@ -1,8 +1,8 @@
 // base: what the daemon, the tools and the tests stand on; it knows nothing of frames or messages. Any thread may call
-// any of it. The order of all locks of the process stands in mutex.h.
+// any of it. The lock order stands in mutex.h.
 //
 // The words that begin the comment of a constant say where its value comes from:
-//   card, frame   the cards, and the frames that they take and give
+//   card, frame, packet   the cards, and the frames and packets that they take and give
 //   message       the messages between the board's processes
 //   board, bmp    the board's hardware; the picture file format
 //   ours          chosen by us: may be changed without anybody else noticing

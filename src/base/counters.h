@@ -113,7 +113,7 @@ struct daemon_counters {
     counters_by<command_kind> commands; // refused and dropped ones included
     counters_by<refusal> refused;
     counter dropped_in_update;                           // commands that came while a firmware update ran
-    counters_by<job> jobs_done, jobs_failed;             // as their requesters are told
+    counters_by<job> jobs_done, jobs_failed;             // by the result; of a read-back no requester is told
     counters_by<transfer> transfer_total, transfer_done; // bytes of the running one; 0 while none runs
     counter messages_dropped;                            // to requesters that are gone or do not read
     counter endpoint_registered, endpoint_up;            // 1 once it was registered; 1 while requesters can reach it

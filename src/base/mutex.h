@@ -2,12 +2,12 @@
 //
 // Lock order: a thread that holds one of these takes only locks further in.
 //   file_mutex                              one file job, from its first byte to its reply
-//     demo_mutex                            the dispatch's, the update's and the demo's card exchanges
+//     demo_mutex                            the dispatch's and the demo's card exchanges, an update's generation read
 //       pic_mutex                           one picture into card memory
 //         write_read_ack_wait_mtx           one synchronous exchange in the process, its wait included
 //           find_check_mtx[link]            the life of a link's nodes; the link threads start here
 //             mutex_find | mutex_check      calls of completion handlers
-//               a queue's mtx | send_mutex | a counter's | mutex_mem     none of these under another
+//               a queue's mtx | send_mutex | a sequence's | mutex_mem     none of these under another
 //                 the log's | a console stream's                     innermost: anybody may log
 // The outbox's stands alone: messages are offered under it, which never waits.
 // Under find_check_mtx and all further in nothing waits for a card, a file, another process or a reader of the console.

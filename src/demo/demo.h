@@ -43,7 +43,7 @@ void DemoOutTimingConfig(int index);
 void DemoPlayStart(int index);
 void DemoTimingReset(int index);
 void DemoTimingResetRelease(int index);
-void DemoPlayIntervalSet(int index, int interval); // in units of 5 s; what does not fit 32 bits is clamped
+void DemoPlayIntervalSet(int index, int interval); // sent as interval x 200,000,000, clamped to 32 bits
 void DemoPlayPicNumberSet(int index, int number);
 
 } // namespace rvk

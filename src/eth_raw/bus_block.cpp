@@ -55,8 +55,8 @@ bool was_never_set()
     return semctl(sem_id, 0, IPC_STAT, into) == 0 && found.sem_otime == 0 && semctl(sem_id, 0, GETVAL) == 0;
 }
 
-// Runs an operation under the semaphore until it succeeds. `name` is that of the operation tried.
-// Result: a failing semaphore's first, since nobody else can go on then; otherwise the last attempt's.
+// Runs an operation under the semaphore until it succeeds, at most `attempts` times. `name` is that of the operation
+// tried. Result: a failing semaphore's first, since nobody else can go on then; otherwise the last attempt's.
 template <class Operation>
 int32_t attempt(int attempts, const char* caller, const char* name, Operation operation)
 {

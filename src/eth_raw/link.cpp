@@ -158,7 +158,7 @@ int32_t RawSockMsgInit(int index)
 
 void RawSockMsgUnInit(int index)
 {
-    if (!is_link(index) || g_eth_init[index].if_name[0] == '\0') { return; } // never opened: its 0 is not its own
+    if (!is_link(index) || g_eth_init[index].if_name[0] == '\0') { return; } // never opened: its 0 is no socket of ours
     unique_fd(g_eth_init[index].sock_fd).reset();
     g_eth_init[index].sock_fd = -1; // the number may be another file's soon
 }

@@ -28,7 +28,7 @@ int32_t LvdsTestTaskCreate(int argument);
 // Its body: waits until the LVDS link behind card link 0 is well, records how many answers said otherwise, and reboots.
 void LvdsTest(int argument);
 
-// Called by nobody; named by the device's people.
+// Nothing calls these.
 
 // Writes one zero byte and waits as read_reg does. Result: 0 when an answer came, good or not; negative otherwise.
 int32_t write_reg(int index, uint16_t model, uint8_t slot, uint32_t addr);

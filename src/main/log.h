@@ -22,7 +22,7 @@ inline int print_flag = 0;     // non-zero: frames are dumped to standard output
 void log_print(const char* module, const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// Set in the thread that logs the process's end: no limit counts; it waits for no lock whose owner may have crashed.
+// Set in the thread that logs the process's end: no limit counts; it waits at most 100 ms for a lock.
 inline thread_local bool logs_process_end = false;
 
 // A peer's text as a line takes it, to be an argument, never a format: cut at 4,096 bytes, bytes below 0x20 and 0x7F as

@@ -192,7 +192,7 @@ int day_of(const moment& at) RVK_REQUIRES(log_mtx)
     return static_cast<int>(static_cast<unsigned>(newest.date.day()));
 }
 
-// Result: false when no file can be opened.
+// Result: false when no file can be opened, or written without the lock.
 bool write_to_file(const moment& at, const place& from, const char* line, size_t bytes)
 {
     static std::atomic<bool> owner_is_stuck{false};

@@ -1,5 +1,5 @@
 // The process: its end and its status files. The main thread calls the start of each, once.
-// The process ends only by a signal, with its lines in the log and status 0 whatever the signal. Two threads exist for
+// SIGINT, SIGQUIT, SIGSEGV and SIGTERM end the process, with lines in the log and status 0. Two threads exist for
 // this. Termination signals are delivered only to the first, which never holds a lock; a fault hits whichever thread
 // has it. task_die takes the trace on the thread that was hit, which may be inside the allocator or a log call, and
 // hands it to the second thread, which logs it and exits.
@@ -26,8 +26,8 @@ void signal_set();
 void putstackinfo();
 
 // Starts the thread, of ordinary priority, that writes the status files, tells the service manager that the daemon
-// lives, looks after the links' devices, and offers kept answers where no link is open. It waits for nothing that
-// commands wait for. Result: 0, or -1 (logged); the daemon runs on without.
+// lives, looks after the links' devices, and offers kept answers where no link is open. It waits for no card.
+// Result: 0, or -1 (logged); the daemon runs on without.
 int32_t start_status_thread();
 
 } // namespace rvk

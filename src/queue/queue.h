@@ -110,7 +110,7 @@ void timerUpdate(int index, int queues);
 // lowers the count. Result: 0, or -1 (logged) when the count went below zero.
 int32_t queue_del(int index, int queue, QNode** handle);
 
-// Drops every request of a queue: no report, no post; frames and destinations stay with their owners. And the oldest
+// Drops every request of a queue: no report, no post; frames and destinations are not given back. And the oldest
 // whose `buf` is this, without changing the count, which nobody calls.
 void queue_empty(int index, int queue);
 void queue_del_buf(int index, int queue, const uint8_t* buf);

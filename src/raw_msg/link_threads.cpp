@@ -161,7 +161,7 @@ void log_resend(const note& n)
     if (n.error != 0) { print_send_error(n.error); }
 }
 
-// Of a good answer nothing is logged, nor of an asynchronous read that was given up.
+// Nothing is logged of a good answer, nor of an asynchronous read, however it ended.
 void log_end(const note& n)
 {
     const auto ack = static_cast<unsigned>(n.ack);

@@ -191,7 +191,7 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
 int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data)
 {
     if (data.empty()) { return 0; }
-    uint8_t* buf = get_buffer(std::min(frame_data_max, data.size())); // for all: a piece is out when its send returns
+    uint8_t* buf = get_buffer(std::min(frame_data_max, data.size())); // for all: sendto has copied a piece on return
     if (buf == nullptr) { return -1; }
     int32_t unsent = 0;
     for (uint32_t at = 0; at < data.size(); at += frame_data_max) {
