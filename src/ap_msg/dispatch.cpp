@@ -188,7 +188,7 @@ void ApMsgRecv(int processor)
     if (WexApipcInit() != 0) { return log_print(LOG_HERE, "create apipc wex fail\n"); }
     log_print(LOG_HERE, "create apipc wex succeed\n");
     daemon_count.endpoint_registered.set(1);
-    for (;;) { static_cast<void>(apipc_loop_wait(0, ApipcEventDeal)); } // returns on an error, never at once again
+    for (;;) { static_cast<void>(apipc_loop_wait(0, ApipcEventDeal)); } // returns after a pause on each error
 }
 
 int ApipcEventDeal(int, int, const void* message, int length)

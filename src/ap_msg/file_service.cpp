@@ -1,4 +1,4 @@
-// The mailbox and the thread. What a job does stands in files of its own: it is replaced where only these are tested.
+// The mailbox and its thread. The jobs are in files of their own, so that a test of these two can replace them.
 #include "ap_msg/file_service.h"
 
 #include "base/counters.h"

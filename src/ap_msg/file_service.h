@@ -24,8 +24,8 @@ extern mutex file_mutex;
 extern mailbox_area file_name_data RVK_GUARDED_BY(file_mutex);  // the job's data head and payload
 extern mailbox_area file_write_head RVK_GUARDED_BY(file_mutex); // the job's message head
 
-// Keeps the synchronous card exchanges of the dispatch, the update and the demo apart: held around each such exchange,
-// and by the demo for a whole picture: a command from another process waits for it.
+// Held around each synchronous exchange of the dispatch and the demo and around an update's reading of a generation,
+// and by the demo for a whole picture: a command waits for it then. A firmware transfer does not take it.
 extern fair_mutex demo_mutex;
 
 // One picture into card memory: set-up, start, data and end are never interleaved with another's.

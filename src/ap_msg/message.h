@@ -58,8 +58,7 @@ inline constexpr uint32_t mcu_input = 0x16, mcu_output = 0x17, mcu_vpu = 0x18;
 inline constexpr uint32_t fpga_input = 0x19, fpga_input_golden = 0x1C, fpga_last = 0x1E;
 } // namespace update_type
 
-// A microcontroller's goes into a shell command line: only what a shell takes as it stands, and nothing that looks like
-// an option.
+// A microcontroller's goes into a shell command line: only what a shell takes as it stands, and no option.
 constexpr bool is_plain_path(std::string_view path)
 {
     constexpr char plain[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ/._+-=,@%:";

@@ -1,5 +1,4 @@
-// The outbox: messages for requesters whose queue is full, kept and offered again, so that no thread ever waits for
-// one.
+// The outbox: messages for requesters whose queue is full are kept and offered again, so that no thread waits for them.
 #include "ap_msg/message.h"
 
 #include "base/clock.h"
@@ -76,8 +75,8 @@ int discard(const loss& lost)
     return -lost.error;
 }
 
-// Offers the first requester what is kept for it, and puts what is left last. Under the mutex throughout: who has more
-// for that requester meanwhile has to find it.
+// Offers the first requester its kept messages and moves it to the end of the list with those it does not take. Under
+// the mutex throughout, so that a newer message for it is kept behind them.
 loss offer_to_one()
 {
     const scoped_lock hold(outbox_mtx);

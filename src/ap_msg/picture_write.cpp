@@ -1,4 +1,4 @@
-// Pictures into card memory. A file is read whole before anything is sent: what happens to it meanwhile halves none.
+// Pictures into card memory. A file is read whole before anything is sent: a change of it cuts no picture short.
 #include "ap_msg/file_service.h"
 
 #include "base/bytes.h"

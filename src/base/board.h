@@ -1,5 +1,5 @@
-// base: what the daemon, the tools and the tests stand on; it knows nothing of frames or messages. Any thread may call
-// any of it. The lock order stands in mutex.h.
+// base: what the daemon, the tools and the tests all use; it includes nothing else of src. Any thread may call any of
+// it, unless its comment says otherwise. The lock order is in mutex.h.
 //
 // The words that begin the comment of a constant say where its value comes from:
 //   card, frame, packet   the cards, and the frames and packets that they take and give

@@ -1,5 +1,5 @@
-// Little-endian loads and stores: the only place where bytes in a buffer, always in wire order, become values in
-// variables, always in the host's, and back. No alignment is needed, and nothing depends on the host's byte order.
+// Little-endian loads and stores: the only place where a buffer's bytes become values, and back. They need no alignment
+// and do not depend on the host's byte order.
 #pragma once
 
 #include <cstdint>

@@ -43,9 +43,9 @@ inline void pause_us(uint64_t us)
 }
 inline void pause_ms(uint64_t ms) { pause_us(ms * 1000); }
 
-// For a thread that computes above the priority of others on its processor: sleeps 50 µs when it has not slept here for
-// that long. So they get a turn, and so does whoever waits elsewhere for a lock that one of them holds: the mutexes
-// have no priority inheritance.
+// For a thread that computes above the priority of others on its processor: sleeps 50 µs when its last sleep here is
+// `after_us` ago. They get a turn then, and so does whoever waits elsewhere for a lock that one of them holds: the
+// mutexes have no priority inheritance.
 inline void let_others_run(uint32_t after_us)
 {
     thread_local uint32_t slept = 0;

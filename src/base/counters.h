@@ -62,7 +62,7 @@ enum class command_kind { read, write, write_ack, file_write, file_read, update,
 inline constexpr auto command_names =
     names_of<command_kind>("read", "write", "write_ack", "file_write", "file_read", "update", "greeting", "other");
 
-// Why a command was not carried out.
+// Why a command was not carried out. The first two are counted before a message is taken for a command.
 enum class refusal { wrong_sender, wrong_type, daemon, broadcast, too_long, cut, no_thread, no_memory, count };
 inline constexpr auto refusal_names =
     names_of<refusal>("wrong_sender", "wrong_type", "daemon", "broadcast", "too_long", "cut", "no_thread", "no_memory");
@@ -110,14 +110,14 @@ struct link_counters {
 };
 
 struct daemon_counters {
-    counters_by<command_kind> commands; // refused and dropped ones included
+    counters_by<command_kind> commands; // refused and dropped ones included, but not wrong_sender and wrong_type
     counters_by<refusal> refused;
     counter dropped_in_update;                           // commands that came while a firmware update ran
-    counters_by<job> jobs_done, jobs_failed;             // by the result; of a read-back no requester is told
+    counters_by<job> jobs_done, jobs_failed;             // by the result, also a read-back's, which nobody is told
     counters_by<transfer> transfer_total, transfer_done; // bytes of the running one; 0 while none runs
-    counter messages_dropped;                            // to requesters that are gone or do not read
-    counter endpoint_registered, endpoint_up;            // 1 once it was registered; 1 while requesters can reach it
-    counter steps, steps_unanswered;                     // of the file job that runs, or ran last
+    counter messages_dropped;                 // to requesters that are gone, do not read, or cannot be reached
+    counter endpoint_registered, endpoint_up; // 1 once it was registered; 1 while requesters can reach it
+    counter steps, steps_unanswered;          // of the file job that runs, or ran last
     counters_by<job> last_requester, last_number, last_steps, last_unanswered; // of the last one that ended
 };
 

@@ -46,9 +46,9 @@ void prepare_descriptors(int access);
 // Result  none (errno tells why; EINVAL for a FIFO, device or folder)
 [[nodiscard]] unique_fd open_regular(const char* path, int flags, mode_t mode = 0600);
 
-// Opens a regular file for writing at a path that others may have prepared; a missing one is created with `mode` (0:
-// not at all). An existing one is opened without O_CREAT, which the system refuses for others' files in /tmp. Result
-// none (errno tells why; ELOOP for a symbolic link that root did not make)
+// Opens a regular file, to read and write, at a path that others may have prepared; a missing one is created with
+// `mode` (0: not at all). An existing one is opened without O_CREAT, which the system refuses for others' files in
+// /tmp. Result  none (errno tells why; ELOOP for a symbolic link that root did not make)
 [[nodiscard]] unique_fd open_output(const char* path, mode_t mode);
 
 // Why open_regular or open_output gave none, in words; by errno, so before anything else sets it.

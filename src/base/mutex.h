@@ -1,18 +1,20 @@
-// Mutexes, annotated so that clang refuses a read of guarded data or a call without the lock; and a semaphore.
+// Mutexes, annotated so that clang refuses an access to guarded data or a call without the lock; and a semaphore.
 //
 // Lock order: a thread that holds one of these takes only locks further in.
 //   file_mutex                              one file job, from its first byte to its reply
-//     demo_mutex                            the dispatch's and the demo's card exchanges, an update's generation read
+//     demo_mutex                            the dispatch's and the demo's exchanges, an update's generation read
 //       pic_mutex                           one picture into card memory
 //         write_read_ack_wait_mtx           one synchronous exchange in the process, its wait included
 //           find_check_mtx[link]            the life of a link's nodes; the link threads start here
 //             mutex_find | mutex_check      calls of completion handlers
 //               a queue's mtx | send_mutex | a sequence's | mutex_mem     none of these under another
 //                 the log's | a console stream's                     innermost: anybody may log
-// The outbox's stands alone: messages are offered under it, which never waits.
-// Under find_check_mtx and all further in nothing waits for a card, a file, another process or a reader of the console.
-// The one system call there is a resend's `sendto`, with a second one 1 ms later where the socket would block; the one
-// thing logged is what is rare: a socket that would block, a link that is not open (once), a count that went wrong.
+// The outbox's is taken under file_mutex or under none, and none under it: messages are offered there without waiting.
+// Under find_check_mtx and all further in nothing waits for a card, another process or a reader of the console. The
+// system calls there, beside the writing of the log: under send_mutex a `sendto`, which waits while the socket's buffer
+// is full, with a second one 1 ms later where the first says that it would block; and ioctl and bind, for a device that
+// came back. Logged is only what is rare: a send that would block, a link that is not open (once), a device that cannot
+// be bound, a queue's count that went wrong, a block that is released twice.
 #pragma once
 
 #include "base/clock.h"
@@ -93,7 +95,7 @@ public:
     void unlock() RVK_RELEASE() RVK_NO_TSA
     {
         inner.lock();
-        const uint32_t next = ++served; // holds it from here on
+        const uint32_t next = ++served; // whose it is from here on
         const bool wake = next != asked;
         inner.unlock();
         if (wake) { turns[next % threads_max].post(); }
@@ -103,7 +105,7 @@ private:
     static constexpr uint32_t threads_max = 16; // ours: more than the process has that take it
     mutex inner;                                // for a few instructions
     uint32_t asked = 0, served = 0;             // numbers in the order of asking: the next one's, the holder's
-    semaphore turns[threads_max]; // by number; on a waiter's stack one might be gone while post() still touches it
+    semaphore turns[threads_max]; // by number; not on the waiters' stacks, since post() may touch one after it woke
 };
 
 template <typename Mutex>

@@ -14,7 +14,7 @@ namespace rvk {
 namespace {
 
 constexpr size_t signal_stack_bytes = 128 * 1024; // ours: a trace of 100 frames walks the unwind tables on it
-constexpr size_t stack_bytes = 512 * 1024;        // ours, whatever limit was inherited; the deepest takes some 30 KiB
+constexpr size_t stack_bytes = 512 * 1024;        // ours, whatever limit was inherited; the most used is some 30 KiB
 
 constexpr int start_tries = 4;          // ours
 constexpr uint64_t start_retry_ms = 10; // ours

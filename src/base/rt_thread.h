@@ -1,4 +1,4 @@
-// The one place that starts a thread: real-time priority, name, alternate signal stack, and its processor.
+// The one place that starts threads, with priority, name and alternate signal stack; and pins them to a processor.
 #pragma once
 
 #include <pthread.h>
@@ -10,7 +10,7 @@ using thread_body = void (*)(int argument);
 // Starts a thread that runs body(argument).
 // name      at most 15 characters, as the kernel shows it
 // priority  SCHED_FIFO 1 to 99; 0 for an ordinary thread
-// out       receives the thread's handle; null: nobody will join it
+// out       receives the thread's handle; null: it is detached
 // Result    0, or -1 when the thread could not be created (no privilege, no memory)
 // It inherits its creator's signal mask; on its alternate signal stack a handler runs when its own stack is used up.
 [[nodiscard]] int start_thread(const char* name, int priority, thread_body body, int argument, pthread_t* out);

@@ -1,5 +1,5 @@
-// See the headers. Messages begin with the operation's name and the source line, also where a helper logs them. Data is
-// copied once on its way out and once on its way in. A block that failed is repeated whole, so often as stands below.
+// See the headers. A line that begins with "%s:%d:" names the operation that was called, also where a helper logs it.
+// Data is copied once on its way out and once on its way in. A block that failed is repeated whole.
 #include "eth_raw/bus_block.h"
 
 #include "base/clock.h"
@@ -117,7 +117,7 @@ size_t make_bus_request(std::array<uint8_t, bus_packet_max>* packet, uint32_t ad
     store_le32(p + bus::data_len, length);
     memcpy(p + bus::data, data, carried);
     std::fill_n(p + bus::data + carried, area - carried, uint8_t{0});
-    // Summed to the data length, not to the area's end; what a read asks for beyond its area would be zero bytes.
+    // Summed over the data, not to the area's end. A read's length may exceed its area of 64: zeros add nothing.
     const size_t summed = std::min<size_t>(length, area) + bus_packet_overhead;
     store_le16(p + total - checksum_bytes, packet_checksum_calc({p, summed}));
     return total;

@@ -67,7 +67,7 @@ int32_t send_request_message_func(const xfer* handle, uint32_t addr, uint32_t le
 
 // Waits for one packet and takes it as an answer about this address.
 // kind    2: read-back of `length` bytes, or the card's word that it is none; 3: response; another: only checked
-// Result  0; 1 for a good response; -1: not that answer; -2: the card refused the read
+// Result  0; 1 for a good response; -1: nothing came, not that answer, or a refusing response; -2: a refused read
 int32_t recv_message_func_unit(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination, uint8_t kind);
 int32_t recv_read_back_message_func(const xfer* handle, uint32_t addr, uint32_t length, uint8_t* destination);
 int32_t recv_response_message_func(const xfer* handle, uint32_t addr, uint32_t length); // 0 or -1; nobody calls it

@@ -83,7 +83,7 @@ constexpr size_t padded_length(uint8_t code, size_t len)
 [[nodiscard]] uint16_t frame_checksum(const uint8_t* bytes, size_t count);
 [[nodiscard]] uint16_t frame_checksum_plain(const uint8_t* bytes, size_t count);
 
-// Writes header and checksum around a payload that lies in a message buffer (28 bytes of it in front of the payload, at
+// Writes header and checksum around a payload that lies in a frame buffer (28 bytes of it in front of the payload, at
 // least padded_length + 2 from it on), and moves *payload to the frame's start. Result: the frame's length in bytes.
 [[nodiscard]] unsigned RawMsgHeaderPack(uint16_t model, uint8_t slot, uint8_t code, uint32_t addr, uint16_t seq,
                                         uint8_t** payload, uint16_t len);

@@ -36,7 +36,7 @@ ifreq request_for(const char* if_name)
     return request;
 }
 
-// Adds the flag to those of the device, which are there.
+// device  with its present flags, to which the flag is added
 bool set_promiscuous(int fd, ifreq* device)
 {
     device->ifr_flags = static_cast<short>(device->ifr_flags | IFF_PROMISC);
@@ -176,7 +176,7 @@ void watch_link(int index)
         }
         return;
     }
-    sockaddr_ll bound{}; // with the device that it had gone, to none, also where it is back with its old index
+    sockaddr_ll bound{}; // a device that is gone unbinds it, also where one came back with the same index
     socklen_t length = sizeof bound;
     if (getsockname(link.sock_fd, reinterpret_cast<sockaddr*>(&bound), &length) != 0) { return; }
     if (link.missing || device.ifr_ifindex != bound.sll_ifindex) {

@@ -1,11 +1,10 @@
-// The card links, single frames to and from the cards, and the message buffers in which frames are built in place. Owns
+// The card links, single frames to and from the cards, and the frame buffers in which frames are built in place. Owns
 // one record per link (interface, raw socket, the mutex around each send), opened by the main thread at start. The
 // sockets stay to the end of the process; a link counts as closed while its device is gone. Interfaces are left in
 // promiscuous mode: the cards send to a fixed address that is not the interface's own. Any thread sends, under the
-// link's send_mutex; the link's receive thread receives; the status thread watches. Each frame is sent once: retries
-// are the business of those above.
-// index, model, slot, addr: the card link (0 to 2) and the card's address on it, as the frame carries them. A message
-// buffer is a pool block of whoever got it; its handle is the payload, the frame starts 28 bytes before it.
+// link's send_mutex; the link's receive thread receives; the status thread watches. Resending is raw_msg's task.
+// index, model, slot, addr: the card link (0 to 2) and the card's address on it, as the frame carries them. A frame
+// buffer is a pool block, owned by who got it; its handle is the payload, the frame starts 28 bytes before it.
 #pragma once
 
 #include "base/board.h"
@@ -22,7 +21,7 @@ extern const char g_netdev_name[MAX_ETH][20];
 struct eth_init {
     int index;
     char if_name[20];
-    std::atomic<int> active; // 1 while the socket is open and, where the link has threads, both of them run
+    std::atomic<int> active; // 1 once the socket is bound; 0 where the link's two threads could not be started
     int sock_fd;
     sockaddr_ll sll;  // of the bind, and the destination of every send
     mutex send_mutex; // around each send; ready from the start
@@ -70,7 +69,7 @@ void RawMsgBuffFree(uint8_t* payload);
 void RawMsgFreeBuf(uint8_t* payload); // the same, for whoever ends a request
 
 // Builds the frame in its buffer and sends it; on success the buffer holds the frame as RawSockMsgSendAgain takes it.
-// payload, len  a message buffer's payload, 1 to 1,400 bytes; for a read the bytes asked for
+// payload, len  a frame buffer's payload, 1 to 1,400 bytes; for a read the bytes asked for
 // Result        the frame's length in bytes; -1 when refused (no such link, link not open, length) or not sent whole
 // Threads       any; a socket that would block is tried again once, 1 ms later
 [[nodiscard]] int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,

@@ -57,11 +57,12 @@ void log_trace(const stack_trace& trace)
 
 [[noreturn]] void log_and_exit(int)
 {
-    // An arena of its own: the thread that was hit may hold another's lock. Volatile, or the compiler drops the pair.
+    // Gives this thread an allocator arena of its own: the faulting thread may hold the lock of the one it uses. The
+    // pointer is volatile so that the compiler keeps the call.
     void* volatile own_arena = malloc(1);
     free(own_arena);
     trace_taken.wait();
-    // The heap may be broken: an abort of this thread waits for the end, as the thread that was hit does.
+    // The heap may be broken: when the allocator aborts, this thread waits in task_die for the process's end, too.
     signal(SIGABRT, task_die);
     logs_process_end = true;
     log_print(LOG_HERE, "ended by signal %d, SIG%s\n", crash_signal, sigabbrev_np(crash_signal));
@@ -85,8 +86,8 @@ void wait_for_termination(int)
     for (;;) { pause(); }
 }
 
-// Also a SIGSEGV that somebody sends: the kernel picks any thread for it, one that is writing to the log, or the one
-// that logs the end. It goes to the thread that holds no lock, and adds nothing once the process is ending.
+// A SIGSEGV that a process sends may be delivered to any thread, one that is writing to the log or rvk-death itself. It
+// is passed on to rvk-signal, which holds no lock, and ignored once the process is ending.
 void fault_or_termination(int signal, siginfo_t* info, void*)
 {
     const bool sent = info->si_code <= 0;

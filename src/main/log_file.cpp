@@ -1,7 +1,7 @@
 // The log sink of the daemon: two files that alternate by calendar day, and the console. A line is formatted before the
 // lock and written in one call under it, so that the lock is held for a few instructions and one write: a real-time
-// thread may wait for it. Once a second also for a look at the file's size and a search of 1,024 places, with a line
-// for each of which lines were left out. It is the innermost lock of the process.
+// thread may wait for it. Once a second it is held longer: the file's size is looked up, and 1,024 places are searched
+// for those of which lines were left out, with a line for each. It is the innermost lock of the process.
 #include "base/fd.h"
 #include "base/mutex.h"
 #include "main/log.h"
@@ -58,7 +58,7 @@ moment newest RVK_GUARDED_BY(log_mtx);       // of all lines
 uint64_t file_bytes RVK_GUARDED_BY(log_mtx); // the open file's, looked up once a second: it may be emptied
 time_t looked_up_second RVK_GUARDED_BY(log_mtx);
 bool full RVK_GUARDED_BY(log_mtx);
-std::array<place_lines, 1024> places RVK_GUARDED_BY(log_mtx); // more than there are; what finds none free is written
+std::array<place_lines, 1024> places RVK_GUARDED_BY(log_mtx); // more than there are; without one a line is written
 uint32_t overfull RVK_GUARDED_BY(log_mtx);                    // places of which lines were left out and not told
 time_t searched_second RVK_GUARDED_BY(log_mtx) = -1;          // when none was found that had to be told
 std::atomic<long> seconds_east{0};                            // of the local time from UTC
@@ -179,12 +179,12 @@ bool admits(const place& from, time_t second) RVK_REQUIRES(log_mtx)
 void write_limited(const moment& at, const place& from, const char* line, size_t bytes) RVK_REQUIRES(log_mtx)
 {
     if (!logs_process_end && !takes_more(at)) { return; }
-    const time_t second = logs_process_end ? 0 : at.now.tv_sec; // 0, a second of no line: all that was left out is told
+    const time_t second = logs_process_end ? 0 : at.now.tv_sec; // no line has 0: all that was left out is told
     tell_left_out(at, second);
     if (logs_process_end || admits(from, second)) { write_text(line, bytes); }
 }
 
-// The day of the month: a thread that waited for the lock over midnight brings one that is over.
+// The day of the month, of the newest line: a thread that waited for the lock over midnight has an older time.
 int day_of(const moment& at) RVK_REQUIRES(log_mtx)
 {
     const time_t behind = newest.now.tv_sec - at.now.tv_sec;
@@ -211,7 +211,8 @@ bool write_to_file(const moment& at, const place& from, const char* line, size_t
     return open;
 }
 
-// Standard output or standard error. A pipe or terminal is opened again: a flag of the inherited one is everybody's.
+// Standard output or standard error. A pipe or terminal is opened again, since O_NONBLOCK on the inherited descriptor
+// would hold for every process that shares it.
 struct stream {
     mutex lock;
     std::atomic<bool> owner_is_stuck{false};

@@ -1,8 +1,8 @@
 // The process: its end and its status files. The main thread calls the start of each, once.
-// SIGINT, SIGQUIT, SIGSEGV and SIGTERM end the process, with lines in the log and status 0. Two threads exist for
-// this. Termination signals are delivered only to the first, which never holds a lock; a fault hits whichever thread
-// has it. task_die takes the trace on the thread that was hit, which may be inside the allocator or a log call, and
-// hands it to the second thread, which logs it and exits.
+// SIGINT, SIGQUIT, SIGSEGV and SIGTERM end the process, with lines in the log and status 0 (1 without memory for the
+// trace). Termination signals are delivered to the thread rvk-signal alone, which never holds a lock; a fault is
+// handled on the thread that caused it. task_die takes the trace there, possibly inside the allocator or a log call,
+// and hands it to the thread rvk-death, which logs it and exits.
 // Once a second the daemon's figures are written to status.json and status.prom, in /run/rvkd or in the folder that
 // RVK_STATUS_DIR names: readable by everybody, always whole, and left there at the daemon's end.
 #pragma once
@@ -18,7 +18,7 @@ void block_signals();
 // process through task_die. Without the threads, said in one line, these four do what the system does by default.
 void signal_set();
 
-// Signal handler. Logs which signal it was, "task_die!!!" and the stack trace, empties the pool, exits with status 0;
+// Signal handler. Logs which signal it was, "task_die!!!" and the stack trace, empties the pool, exits as said above;
 // within 2 s in any case, also when logging cannot finish because the thread that was hit holds a lock.
 [[noreturn]] void task_die(int sig);
 

@@ -240,8 +240,8 @@ void write_prometheus(uint64_t up_ms)
     for (int link = 0; link < MAX_ETH; ++link) { prometheus_answer_times(link); }
 }
 
-// Writes the text to a file beside and moves that into place; of two daemons in one folder none writes into the other's
-// half-written file, and a link that somebody laid there is not followed. The text begins anew. Result: 0, or errno.
+// Writes the text to a temporary file of this process's own, renames it into place, and empties the text. A symbolic
+// link in the temporary file's place is not followed. Result: 0, or errno.
 int replace(const char* name)
 {
     char path[4096]; // the system's limit
@@ -330,13 +330,13 @@ void feed_watchdog()
 
 void run_status_thread(int)
 {
-    // Or the first figures would call an endpoint missing that is only not there yet.
+    // Without it the first figures would show no endpoint while it is being registered.
     for (int ms = 0; ms < start_ms && daemon_count.endpoint_registered.get() == 0; ms += 10) { pause_ms(10); }
     for (;;) {
         take_figures();
         write_files();
         feed_watchdog();
-        tzset(); // of a zone that is set meanwhile the log learns here: no other thread looks for one
+        tzset(); // the only call: so the log follows a change of the time zone
         for (int half = 0; half < 2; ++half) {
             for (int link = 0; link < MAX_ETH; ++link) { watch_link(link); }
             const bool offers = g_eth_init[0].active == 0; // in the place of a check thread

@@ -119,7 +119,7 @@ mem_block* mem_pop(int type)
 
 int32_t mem_in_use(int type)
 {
-    const int32_t still_waiting = waiting[type]; // first: what is made and released meanwhile must not count as less
+    const int32_t still_waiting = waiting[type]; // read first: a block made and released meanwhile lowers nothing then
     return std::max(made[type] - still_waiting, 0);
 }
 

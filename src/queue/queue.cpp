@@ -21,9 +21,9 @@ namespace {
 
 QNode* Qtail[MAX_ETH][queue_numbers];
 
-// The index: of the nodes whose sequence numbers share a slot the oldest, chained by same_slot; nearly always one. A
-// queue of waiting senders, which are few, uses 1,024 slots. Of any other queue the whole index is written when the
-// first node is filed, so that its memory does not grow as the numbers go up.
+// The index: for each slot the oldest node whose sequence number falls on it, the others chained by same_slot; nearly
+// always there is one. The queues of waiting senders, which are few, use 1,024 slots. Of the others the whole index is
+// written when the first node is filed, so that resident memory does not grow as the numbers go up.
 constexpr size_t slots = 65'536, waiting_slots = 1024; // ours
 QNode* oldest[MAX_ETH][queue_numbers][slots];
 bool has_pages[MAX_ETH][queue_numbers];

@@ -40,7 +40,7 @@ enum class outcome : uint8_t {
 
 // A node is a zero-filled block of the pool.
 struct QNode {
-    uint8_t* buf; // payload of the message buffer that holds the frame, which is packed before the node is filed
+    uint8_t* buf; // payload of the frame buffer; the frame is packed before the node is filed
     Timer timer;
     int32_t index;      // link
     uint32_t addr;      // card address; first match key

@@ -26,8 +26,7 @@ constexpr uint64_t check_period_us = 10'000;              // ours; shorter than 
 constexpr uint64_t busy_pause_us = 100;                   // ours; between passes that found as many as they take
 constexpr uint32_t give_up_count = 4;      // ours: expiries, counted from 1, that end an asynchronous request
 constexpr uint32_t give_up_count_wait = 3; // ours: expiries, counted from 0, that end a synchronous one
-constexpr uint16_t refusals_at_once = 32;  // ours: resent as they come; later ones when the timer runs out, or a card
-                                           // would be asked without end at wire speed
+constexpr uint16_t refusals_at_once = 32;  // ours: resent at once; later ones, to spare the link, at an expiry
 
 // What is to be said and done about one request once the lock is released.
 struct note {

@@ -14,8 +14,8 @@ namespace rvk {
 // Loads a picture of hor x ver pixels, 0 to 65,535 each and less than 2^29 together. A ".bmp" file has 24 bits a pixel,
 // ".txt" and any other the card's own 4 bytes; what a file has too little is zero.
 // addr    card memory address in units of 8 bytes
-// Result  0 when the file was read and sent, whatever became of its frames; -1: a size that is refused, a file that
-//         cannot be opened or read, no memory. One thread at a time; the link is open
+// Result  0 when the file was read, whatever became of its frames, and also when the selectors send none; -1: a size
+//         that is refused, a file that cannot be opened or read, no memory. One thread at a time; the link is open
 int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* file, const char* ts_sel, const char* fpga_sel);
 
 // Result: 0 for '0', 'B', 'b'; 1 for '1', 'A', 'a'; -1 for anything else.

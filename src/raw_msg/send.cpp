@@ -48,7 +48,7 @@ struct request_fields {
 };
 
 struct answer {
-    int32_t result; // 0: of a kind that waits, the rest is what came
+    int32_t result; // 0: sent; the rest is the answer to a request that waited for it
     uint8_t ack = no_answer;
     uint32_t recv_len = 0; // bytes copied to the destination
 };
@@ -93,7 +93,7 @@ QNode* make_request(const request_fields& r, unsigned* frame_bytes)
     const card_address& to = r.card;
     *frame_bytes = RawMsgHeaderPack(to.model, to.slot, r.code, to.addr, node->seq, &buf, static_cast<uint16_t>(r.len));
     node->send_len = *frame_bytes;
-    if (r.queue == READ_WAIT_QUEUE) { node->send_len = frame_data_min; } // the payload's; it is never sent again
+    if (r.queue == READ_WAIT_QUEUE) { node->send_len = frame_data_min; } // of the payload: such a read is not resent
     return node;
 }
 

@@ -31,7 +31,7 @@ extern sequence write_ack, write_ack_wait, read_ack, read_wait;
 int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                        std::span<const uint8_t> data);
 
-// The same. Result: frames that could not be sent; -1: no message buffer left.
+// The same. Result: frames that could not be sent; -1: no frame buffer left.
 [[nodiscard]] int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data);
 
 // Writes without waiting. A piece that the card then does not acknowledge in three sends, or refuses 200 times, is
@@ -64,7 +64,7 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
                                                  uint32_t timeout_ticks, uint8_t* ack = nullptr);
 
 // Reads without waiting: data or failure is reported to `requester`. Nothing in the daemon calls it.
-// dest    the payload area of a message buffer; with a result of 0 it is request_ended that gives it back
+// dest    the payload area of ap_msg's message buffer; with a result of 0 it is request_ended that gives it back
 // Result  0 when the request was sent; -1 otherwise, or when it was dropped with its queue meanwhile
 [[nodiscard]] int32_t RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
                                              uint8_t code, uint32_t len, std::span<uint8_t> dest);

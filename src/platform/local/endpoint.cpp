@@ -65,7 +65,7 @@ int clear_stale(const sockaddr_un& address)
     return errno == EPERM ? EADDRINUSE : errno; // another user's, in a sticky folder
 }
 
-// Under the lock. bind() takes the umask off the socket's mode; set by name afterwards, a link could lead it elsewhere.
+// Under the folder's lock. The umask is 0 for the bind: a chmod by name afterwards could be led elsewhere by a link.
 int bind_alone(int fd, const sockaddr_un& address)
 {
     if (const int error = clear_stale(address); error != 0) { return error; }
