@@ -162,6 +162,7 @@ int32_t Open_Eth_Raw(xfer* handles, int count)
         log_print(LOG_HERE, "invalid cnt(%d).\n", count);
         return -1;
     }
+    for (int index = 0; index < MAX_ETH; ++index) { RawSockMsgUnInit(index); } // what an earlier call has opened
     if (const int32_t result = netdev_init(g_eth_init, MAX_ETH); result != 0) {
         log_print(LOG_HERE, "netdev_init() failed(%d).\n", result);
         return -1;
