@@ -19,8 +19,8 @@ struct xfer {               // a link as the block operations take it
     const sockaddr_ll* sll; // the link's address; belongs to the link table
 };
 
-// Opens all three links, whatever the count, and the semaphore. Before the process's threads start: a second call closes
-// the sockets of the first. A handle is this process's own, and dead once its interface was made anew.
+// Opens all three links, whatever the count, and the semaphore. Before the process's threads start: a second call
+// closes the sockets of the first. A handle is this process's own, and dead once its interface was made anew.
 //
 // handles  receives a handle for each of the first count links, 0 to 3
 // Result   0, also when no semaphore could be had: block operations fail then; -1, or the failing step's
