@@ -23,7 +23,7 @@ import threading
 import time
 
 import bench
-from bench import FILE_READ, FILE_WRITE, WRITE_ACK, job, wait_until
+from bench import FILE_READ, FILE_WRITE, PATIENCE, WRITE_ACK, job, wait_until
 
 LINK, WORK = ("rvk-recv", "rvk-check"), ("rvk-ipc", "rvk-file")
 BOARD, ONE = "as on a board", "on one processor"
@@ -52,7 +52,7 @@ class Field(bench.BenchTest):
             status = self.status()
             return status["links"][0]["frames"]["sent"] > DEMO_FRAMES and not status["transfer_total_bytes"]["picture"]
 
-        assert wait_until(is_over)
+        assert wait_until(is_over, 4 * PATIENCE)  # the soak starts eight at once
 
     # The daemon's figures; with `fresh`, those that it takes from now on.
     def status(self, fresh=False):
