@@ -46,7 +46,7 @@ int32_t change_semaphore(const char* operation, short by, char name)
     return -1;
 }
 
-// Its maker ended before it set it: it would hold every program for ever. Each taking and giving back leaves its time.
+// Whether its maker ended before setting it, which would hold everybody for ever: any taking leaves a time (otime).
 bool was_never_set()
 {
     semid_ds found{};
@@ -162,7 +162,6 @@ int32_t Open_Eth_Raw(xfer* handles, int count)
         log_print(LOG_HERE, "invalid cnt(%d).\n", count);
         return -1;
     }
-    for (int index = 0; index < MAX_ETH; ++index) { RawSockMsgUnInit(index); } // what an earlier call has opened
     if (const int32_t result = netdev_init(g_eth_init, MAX_ETH); result != 0) {
         log_print(LOG_HERE, "netdev_init() failed(%d).\n", result);
         return -1;

@@ -211,18 +211,18 @@ int32_t init_netdev(eth_init* record, unsigned index, const char* operation)
         log_print(LOG_HERE, "%s:%d:socket_init() failed(%d).\n", operation, __LINE__, -1);
         return -1;
     }
+    if (record->if_name[0] == '\0') { record->sock_fd = -1; } // never opened: its 0 is no socket of ours
     memcpy(record->if_name, g_netdev_name[index], sizeof record->if_name);
     record->index = static_cast<int>(index);
-    record->sock_fd = fd.get();
-    log_print(LOG_HERE, "eth_init[%d].sock_fd = %d.\n", record->index, record->sock_fd);
-    const int result = socket_bind(&record->sll, record->sock_fd, record->if_name);
+    log_print(LOG_HERE, "eth_init[%d].sock_fd = %d.\n", record->index, fd.get());
+    const int result = socket_bind(&record->sll, fd.get(), record->if_name);
     if (result < 0) {
         log_print(LOG_HERE, "socket_bind fail\n");
-        record->sock_fd = -1;
         return result;
     }
+    unique_fd(record->sock_fd).reset(); // of an earlier opening
+    record->sock_fd = fd.release();
     record->active = 1;
-    static_cast<void>(fd.release()); // the record's own from here on
     return result;
 }
 

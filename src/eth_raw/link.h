@@ -1,6 +1,6 @@
 // The card links, single frames to and from the cards, and the frame buffers in which frames are built in place. Owns
 // one record per link (interface, raw socket, the mutex around each send), opened by the main thread at start. The
-// sockets stay to the end of the process; a link counts as closed while its device is gone. Interfaces are left in
+// daemon's sockets stay open to its end; a link counts as closed while its device is gone. Interfaces are left in
 // promiscuous mode: the cards send to a fixed address that is not the interface's own. Any thread sends, under the
 // link's send_mutex; the link's receive thread receives; the status thread watches. Resending is raw_msg's task.
 // index, model, slot, addr: the card link (0 to 2) and the card's address on it, as the frame carries them. A frame
@@ -38,10 +38,10 @@ extern eth_init g_eth_init[MAX_ETH]; // zero until a link is opened
 void RawSockMsgUnInit(int index);
 
 // The steps of RawSockMsgInit. The first fills one record; its result: 0; -1 for an index above 2 (the record is then
-// not looked at) or a socket that cannot be opened; the negative result of socket_bind, with the socket closed again.
-// operation    who reports a socket that cannot be opened
-// socket_init  result: a raw socket that receives every frame of the interface, now promiscuous; -1 on failure
-// socket_bind  fills the address with the interface's index and binds the socket to it; result: 0 or the failing call's
+// not looked at) or a socket that cannot be opened; the negative result of socket_bind. A record that was open keeps
+// its socket then. operation    who reports a socket that cannot be opened socket_init  result: a raw socket that
+// receives every frame of the interface, now promiscuous; -1 on failure socket_bind  fills the address with the
+// interface's index and binds the socket to it; result: 0 or the failing call's
 [[nodiscard]] int32_t init_netdev(eth_init* record, unsigned index, const char* operation = "init_netdev");
 [[nodiscard]] int socket_init(const char* if_name);
 [[nodiscard]] int socket_bind(sockaddr_ll* sll, int sock_fd, const char* if_name);
@@ -59,7 +59,7 @@ void watch_link(int index);
 
 inline constexpr size_t receive_bytes = 1450; // card: no reply is longer
 
-// The process's one receive buffer, link 0's receive thread's. A received payload is valid until the next receive.
+// The process's one receive buffer, the one receive thread's. A received payload is valid until the next receive.
 extern uint8_t gRecvBuffer[receive_bytes];
 
 // Result: a zero-filled buffer for len payload bytes (and at least 64); null above 1,400 or when the pool has none.

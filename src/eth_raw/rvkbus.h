@@ -16,17 +16,17 @@ inline constexpr int bus_links = 3;                  // board: eth0 to eth2
 
 struct xfer {               // a link as the block operations take it
     int sock_fd;            // the link's socket
-    const sockaddr_ll* sll; // the link's address; belongs to the link table
+    const sockaddr_ll* sll; // its address; both belong to the link table
 };
 
-// Opens all three links, whatever the count, and the semaphore. Before the process's threads start: a second call
-// closes the sockets of the first. A handle is this process's own, and dead once its interface was made anew.
+// Opens all three links, whatever the count, and the semaphore. Before the process's threads start: a second call ends
+// the handles of the first. A handle is this process's own, and dead once its interface was made anew.
 //
 // handles  receives a handle for each of the first count links, 0 to 3
-// Result   0, also when no semaphore could be had: block operations fail then; -1, or the failing step's
+// Result   0, also when no semaphore could be had: block operations fail then; -1: any other failure
 [[nodiscard]] int32_t Open_Eth_Raw(xfer* handles, int count);
 
-// Removes the semaphore: block operations of every process fail until one opens anew. Sockets stay open. Result: 0.
+// Removes the semaphore: block operations of every process fail until it opens anew. Sockets stay open. Result: 0.
 int32_t Close_Eth_Raw();
 
 // Writes a block; no answer is awaited, and what a card did with it is not known. Up to three attempts.
