@@ -37,7 +37,7 @@ command_kind kind_of(uint8_t code)
 // Of any board.
 bool is_daemon(uint32_t identity) { return (identity >> 8 & 0xFF) == module_self; }
 
-// The companion waits for every write; others do not wait for writes to the low addresses of the device's own card.
+// All writes of the companion; of others those not to slot 1, model 0, addresses below 0x10000000.
 bool is_waited_for(const received_command& c)
 {
     if (c.requester == companion_identity()) { return true; }
@@ -115,7 +115,7 @@ void write_waited(const received_command& c)
     send_reply(c, result == 0 ? 0 : -1);
 }
 
-// Answered only when it fails: here when nothing of it is sent, later by a report.
+// Not answered: a piece given up is reported later, one not sent is only logged.
 void write_unwaited(const received_command& c)
 {
     if (RawSockSendMsgWithAck(c.requester, c.index, c.model, c.slot, c.addr, code_write_ack, c.payload) != 0) {

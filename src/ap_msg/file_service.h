@@ -48,8 +48,8 @@ int32_t WexApFileTaskCreate(int processor);
 void ApMsgFileProc(int processor); // the thread's body; never returns
 void file_step();                  // what it repeats: waits for one job and runs it
 
-// The three kinds of job. A picture's write and an update are answered; the result is what the answer carries. A
-// read-back's result is always 0: nothing is answered, the file named and its image, a ".bmp" beside it, are all.
+// The jobs, in picture_write.cpp, read_back.cpp, update.cpp. The result is what the answer carries; a read-back has
+// none, and always 0: the file named and its image, the name with ".bmp" behind it, are all.
 int32_t write_file_handle(const received_command& c);
 int32_t read_file_handle(const received_command& c);
 int32_t update_file_handle(const received_command& c);

@@ -204,7 +204,7 @@ int32_t send_image(uint32_t total, uint8_t slot)
     } else {
         log_open_failure(update_temp_path);
     }
-    log_print(LOG_HERE, "\n"); // ends the progress line
+    log_print(LOG_HERE, "\n"); // -d: ends the progress
     log_print(LOG_HERE, "file is close!\n");
     return result;
 }

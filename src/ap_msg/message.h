@@ -15,7 +15,7 @@ namespace rvk {
 
 struct QNode;
 
-// Offsets from a message's first byte, little-endian.
+// Offsets in a message, then sizes, little-endian.
 namespace message {
 inline constexpr size_t aptid = 0, word1 = 4, length = 8, result = 12;          // 4 4 4 4  the outer head
 inline constexpr size_t msg_type = 16, msg_class = 18, data_len = 20;           // 2 2 4
@@ -58,7 +58,7 @@ inline constexpr uint32_t mcu_input = 0x16, mcu_output = 0x17, mcu_vpu = 0x18;
 inline constexpr uint32_t fpga_input = 0x19, fpga_input_golden = 0x1C, fpga_last = 0x1E;
 } // namespace update_type
 
-// A microcontroller's goes into a shell command line: only what a shell takes as it stands, and no option.
+// Of the path of a microcontroller image, which a shell gets: plain characters only, and no option.
 constexpr bool is_plain_path(std::string_view path)
 {
     constexpr char plain[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ/._+-=,@%:";
@@ -116,7 +116,7 @@ int ApipcDataSendAck(uint32_t destination, const uint8_t* message);
 // Offers what is kept, drops what is too old. A link's check thread after each pass; with no link, the status thread.
 void offer_outbox();
 
-// Fills a reply's head, 38 bytes: the command's, with `result` and the number of payload bytes; answers with one alone.
+// Fills a reply's head, 38 bytes: the command's, but own identity, module, result, length; answers with one alone.
 void make_reply(uint8_t* head, const received_command& to, int32_t result, uint32_t length);
 void send_reply(const received_command& to, int32_t result);
 

@@ -8,7 +8,7 @@
 
 namespace rvk {
 
-// Seconds, in whole microseconds.
+// Seconds, to the microsecond.
 inline double seconds_since(std::chrono::steady_clock::time_point start)
 {
     using namespace std::chrono;
@@ -53,7 +53,7 @@ inline void let_others_run(uint32_t after_us)
     pause_us(50); // ours
     slept = monotonic_us();
 }
-inline constexpr uint32_t picture_turn_us = 8000; // ours: a resend is at most 20 ms late
+inline constexpr uint32_t picture_turn_us = 8000; // ours: goal: resends ≤ 20 ms late
 inline constexpr uint32_t copy_turn_us = 250;     // ours: a read that is waited for takes some four turns
 
 } // namespace rvk

@@ -20,7 +20,7 @@ using thread_body = void (*)(int argument);
 
 void use_alternate_signal_stack(); // for the main thread; start_thread does it, too
 
-// The processor that belongs to a number from the configuration: 0 becomes 1, above 3 becomes 3.
+// The processor for a link's number or a caller's: 0 becomes 1, above 3 becomes 3.
 constexpr int processor_of(int number) { return number == 0 ? 1 : number > 3 ? 3 : number; }
 
 // Pins the calling thread to the one processor that belongs to the number. Result: 0, or -1 (no such processor here).

@@ -23,7 +23,7 @@ void WriteDemoPictureDataTest(int index, uint32_t buffer, int number);
 // Waits for the FPGA on link 0: until five good answers came, or 20 reads were made.
 void CheckFpgaReady();
 
-// Reads at most a picture's bytes; a file that cannot be opened leaves the buffer unchanged.
+// Reads at most the buffer's bytes; a file that cannot be opened leaves it unchanged.
 void ReadDemoPictureData(const char* path, std::span<uint8_t> buffer);
 
 // The card operations, under demo_mutex. index, model, slot: the card.

@@ -13,7 +13,7 @@ namespace rvk {
 struct eth_init; // link.h
 
 // The packets: a format of their own, unlike the frames of frame.h, with which they share the Ethernet head.
-// Offsets from the packet's first byte, little-endian; both directions. Length, rsv0 and type lie in the head.
+// Offsets in a packet, then sizes, little-endian; both directions. Length, rsv0 and type lie in the head.
 namespace bus {
 inline constexpr size_t length = 6, rsv0 = 10, type = 11;    // 4 1 1
 inline constexpr size_t rsv1 = sizeof(ethernet_head);        // 2
@@ -49,7 +49,7 @@ inline constexpr size_t bus_answer_max = 8046;                                 /
 // The sum of all bytes but the destination and the last two, modulo 65,536.
 [[nodiscard]] uint16_t packet_checksum_calc(std::span<const uint8_t> packet);
 
-// What one read tries: packets received for each piece, and the result that ends it, since the card refused.
+// Of a read: packets looked at for each request, and the result when the card refuses, which ends it.
 inline constexpr int bus_answer_tries = 10; // ours
 inline constexpr int32_t bus_read_refused = -2;
 

@@ -41,7 +41,7 @@ inline ethernet_head load_head(const uint8_t* frame) // of at least 14 bytes
 }
 inline void store_head(uint8_t* frame, const ethernet_head& head) { memcpy(frame, &head, sizeof head); }
 
-// Request, controller to card: offsets from the frame's first byte, little-endian, no padding between fields.
+// Request, controller to card: offsets in the frame, then sizes, little-endian, no padding between fields.
 namespace request {
 inline constexpr ethernet_head head{eth_raw_tx_header, eth_raw_rx_header, eth_raw_transfer_IP}; // 14 bytes, at 0
 inline constexpr uint16_t sync_mark = 0xAA55;                                                   // 55 AA on the wire

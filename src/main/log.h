@@ -10,7 +10,7 @@
 namespace rvk {
 
 inline int log_debug = 0;      // non-zero: lines also go to standard output; set before the first thread starts
-inline int log_d = 0;          // non-zero: lines go to the log file; set before the first thread starts
+inline int log_d = 0;          // non-zero: lines go to the file, opened (emptied) anyway; set as above
 inline int log_num = 0;        // number of the current log file, 0 or 1
 inline FILE* log_fp = nullptr; // the open log file, or none
 inline int log_lastday = 0;    // day of month, 1 to 31, on which it was opened

@@ -1,10 +1,10 @@
-// Pending requests: every frame that waits for its answer. One list per link and kind, filed at the tail and searched
-// from the head, so that the oldest request wins. Senders file nodes; the link's receive and check threads find, age,
-// expire and delete them. Nothing here sends or reports.
+// Pending requests: every frame that waits for its answer. One list per link and kind, oldest first, and an index by
+// number that finds the oldest request. Senders file nodes; the link's receive and check threads find, age, expire and
+// delete them. Nothing here sends or reports.
 // Owners: the queue while a node is filed, and whoever else holds it (its sender; a link thread that is to tell of its
 // end). The last one gives the node back to the pool; the frame is the holders' alone. Once filed, a node is changed
-// (but for its timer) and unlinked under its link's find_check_mtx. A queue's own mutex guards list, count and index
-// and is released before a handler runs. Links (0 to 2) and queues (0 to 5) are not checked.
+// (but for timer and links) and unlinked under its link's find_check_mtx. A queue's own mutex guards list, count and
+// index and is released before a handler runs. Links (0 to 2) and queues (0 to 5) are not checked.
 #pragma once
 
 #include "base/board.h"
@@ -46,7 +46,7 @@ struct QNode {
     uint32_t addr;      // card address; first match key
     int32_t ack;        // the answer's status; 255: no valid answer yet
     uint32_t recv_len;  // data bytes of the matching answer; 0 until one is seen
-    uint32_t send_len;  // bytes of the frame as a resend takes them
+    uint32_t send_len;  // the frame's bytes; of READ_WAIT_QUEUE 64
     uint8_t* dest;      // where a read's data goes
     uint16_t seq;       // second match key
     semaphore sem;      // a synchronous sender waits on it
@@ -110,8 +110,8 @@ void timerUpdate(int index, int queues);
 // lowers the count. Result: 0, or -1 (logged) when the count went below zero.
 int32_t queue_del(int index, int queue, QNode** handle);
 
-// Drops every request of a queue: no report, no post; frames and destinations are not given back. And the oldest
-// whose `buf` is this, without changing the count, which nobody calls.
+// Drops every request of a queue: no report, no post; frames and destinations are not given back. The other:
+// the oldest with this `buf`; the count stays, and nobody calls it.
 void queue_empty(int index, int queue);
 void queue_del_buf(int index, int queue, const uint8_t* buf);
 

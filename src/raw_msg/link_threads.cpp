@@ -222,7 +222,7 @@ void CheckAckWaitRawMsg(int index) { queue_check(index, ACK_WAIT_QUEUE, AckWaitC
 void CheckReadRawMsg(int index) { queue_check(index, READ_QUEUE, ReadCompleteMsg); }
 void CheckReadWaitRawMsg(int index) { queue_check(index, READ_WAIT_QUEUE, ReadWaitCompleteMsg); }
 
-// A pass that comes late delays every resend. Only the link's check thread writes these two.
+// A pass that comes late delays every resend. The status thread sets check_gap_us back to 0.
 void note_check_pass(int index)
 {
     link_counters& figures = link_count[index];

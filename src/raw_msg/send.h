@@ -58,7 +58,7 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
 // dest      receives the data and bounds it: nothing is written past it
 // recv_len  out: bytes copied, 0 when none came; above 1,400: what an answer that is too long had, and none are copied
 // ack       out, where it is asked for: 0 good, 255 none came, other: the card's refusal
-// Result    0 when data came; -1: no answer, refused by the card, no buffer left, or the request was not sent
+// Result    0 when 1 to 1,400 bytes of data came; -1 otherwise
 [[nodiscard]] int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                  uint32_t len, std::span<uint8_t> dest, uint32_t* recv_len,
                                                  uint32_t timeout_ticks, uint8_t* ack = nullptr);

@@ -26,7 +26,7 @@ int initTimer();
 
 void catch_alarm(int signal); // what a SIGALRM of the kernel's timer does: adds one tick
 
-// Called by a link's check thread: in every other one SIGALRM is blocked, so that no tick cuts a wait short or is late.
+// Called by a link's check thread: all others block SIGALRM, so that no tick cuts a wait short or is late.
 void receive_ticks_here();
 
 // Arms a timer; ticks are taken as an unsigned 16-bit value, 0 leaves it stopped.
