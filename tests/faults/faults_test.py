@@ -181,11 +181,11 @@ class FaultsTest(bench.BenchTest):
 
     def test_what_goes_on_failing_spins_nothing(self):
         self.settle()
+        self.play("greeting")  # makes the image
         stay = {call: [e for e in errors if e.isalpha() and e != "EINTR"] for call, errors in ERRORS.items()}
         names, calls = (self.jobs, ERRORS) if ALL else (["update"], EVERYWHERE)
-        for case in drawn([[(name, c, e) for e in stay[c]] for name in names for c in calls if stay[c]]):
-            with self.subTest(case):
-                name, call, error = case
+        for name, call, error in drawn([[(name, c, e) for e in stay[c]] for name in names for c in calls if stay[c]]):
+            with self.subTest((name, call, error)):
                 self.plan.arm(call, 1, error, lasting=1)
                 self.client.tell(**self.jobs[name][0])
                 time.sleep(0.5)
