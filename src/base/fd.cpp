@@ -19,6 +19,9 @@ constexpr int tried_descriptors = 65536;     // where the kernel cannot mark a r
 constexpr size_t at_once_bytes = 512 * 1024; // ours: some 100 µs of copying, between which others may run
 constexpr size_t large_page = size_t{2} * 1024 * 1024; // of x86-64 and of ARM with 4 KiB pages
 
+// Bytes from an address to the large page that begins there or behind it.
+constexpr size_t to_large_page(size_t at) { return (large_page - at % large_page) % large_page; }
+
 } // namespace
 
 void prepare_descriptors(int access)
@@ -106,19 +109,21 @@ bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
 
 page_buffer::page_buffer(size_t bytes)
 {
-    if (bytes + large_page < bytes) { return; }
-    void* pages = mmap(nullptr, bytes + large_page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const size_t unused = to_large_page(bytes);
+    const size_t wanted = bytes + (unused <= bytes / 8 ? unused : 0); // its end is worth a large page, too
+    if (wanted + large_page < bytes) { return; }
+    void* pages = mmap(nullptr, wanted + large_page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (pages == MAP_FAILED) { return; }
-    mapped = pages;
-    size = bytes;
-    const auto address = reinterpret_cast<uintptr_t>(pages);
-    start = static_cast<uint8_t*>(pages) + (large_page - address % large_page) % large_page;
-    madvise(start, bytes, MADV_HUGEPAGE); // a hint: without large pages the buffer only costs more faults
+    mapped = {static_cast<uint8_t*>(pages), wanted + large_page};
+    in_use = mapped.subspan(to_large_page(reinterpret_cast<uintptr_t>(pages)), bytes);
+    // Hints: without them the buffer only costs more faults.
+    madvise(in_use.data(), wanted, MADV_HUGEPAGE);
+    madvise(in_use.data() + wanted - wanted % large_page, wanted % large_page, MADV_POPULATE_WRITE);
 }
 
 page_buffer::~page_buffer()
 {
-    if (mapped != nullptr) { munmap(mapped, size + large_page); }
+    if (!mapped.empty()) { munmap(mapped.data(), mapped.size()); }
 }
 
 } // namespace rvk

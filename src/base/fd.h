@@ -76,13 +76,12 @@ public:
     page_buffer(const page_buffer&) = delete;
     page_buffer& operator=(const page_buffer&) = delete;
 
-    explicit operator bool() const { return start != nullptr; } // false when the system has no memory
-    std::span<uint8_t> bytes() const { return {start, size}; }
+    explicit operator bool() const { return in_use.data() != nullptr; } // false when the system has no memory
+    std::span<uint8_t> bytes() const { return in_use; }
 
 private:
-    void* mapped = nullptr;
-    uint8_t* start = nullptr; // the first large page
-    size_t size = 0;
+    std::span<uint8_t> mapped;
+    std::span<uint8_t> in_use; // from the first large page on
 };
 
 } // namespace rvk
