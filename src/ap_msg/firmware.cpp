@@ -17,7 +17,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <limits>
+#include <string>
 #include <sys/stat.h>
+#include <utility>
 
 namespace rvk {
 namespace {
@@ -31,6 +33,8 @@ constexpr uint32_t update_ticks = 100;                     // ours
 constexpr int update_attempts = 2;                         // ours
 constexpr uint64_t refusal_pause_ms = 10;                  // ours
 constexpr size_t piece_bytes = 1024;                       // card
+constexpr size_t pieces_at_once = 16;                      // ours: read from the file in one call
+constexpr size_t progress_bytes = 500;                     // ours: written in one call
 constexpr size_t command_bytes = 128;                      // ours
 
 // By the first marker found anywhere in the name, binary ones first; upper and lower case as listed.
@@ -162,34 +166,50 @@ int32_t send_file_info(uint32_t size, uint16_t model, uint8_t slot)
     return 0;
 }
 
-// The figure is overwritten in place, once one was printed.
-void print_progress(bool* printed, uint32_t total, uint32_t remaining)
-{
-    const auto percent = static_cast<int>(uint64_t{100} * (total - remaining) / total);
-    *printed |= console_print(STDOUT_FILENO, *printed ? "\b\b\b%2d%%" : "now sended %2d%%", percent);
-}
+// The percentage after each piece, over the one before it once that was printed. One that looks the same is written
+// with those behind it.
+struct progress_line {
+    std::string unwritten{};
+    int last = -1;
+    bool printed = false;
+
+    void show(uint64_t sent, uint64_t total)
+    {
+        const auto percent = static_cast<int>(100 * sent / total);
+        unwritten += printed || !unwritten.empty() ? "\b\b\b" : "now sended ";
+        unwritten += (percent < 10 ? " " : "") + std::to_string(percent) + '%';
+        if (std::exchange(last, percent) != percent || unwritten.size() > progress_bytes) { write(); }
+    }
+    void write()
+    {
+        printed |= console_write(STDOUT_FILENO, unwritten.data(), unwritten.size());
+        unwritten.clear();
+    }
+};
 
 int32_t send_pieces(const unique_fd& file, uint32_t total, uint8_t slot)
 {
-    std::array<uint8_t, piece_bytes> piece;
+    std::array<uint8_t, pieces_at_once * piece_bytes> block;
+    size_t held = 0;
     counted_transfer progress(transfer::firmware, total);
-    bool printed = false;
-    for (uint32_t remaining = total; remaining != 0;) {
-        const auto n = static_cast<uint32_t>(std::min<size_t>(piece_bytes, remaining));
-        if (read_full(file, {piece.data(), n}) < n) {
-            log_print(LOG_HERE, "file read err！\n");
+    progress_line line;
+    uint8_t ack = ack_good;
+    for (uint32_t sent = 0; sent != total;) {
+        const size_t at = sent % block.size(), n = std::min<size_t>(piece_bytes, total - sent);
+        if (at == 0) { held = read_full(file, block); }
+        const bool is_there = at + n <= held;
+        if (is_there) {
+            RawSockSendMsgWithAckWait_Try_nTimes(update_attempts, update_link, update_model, slot, firmware_data,
+                                                 code_write_ack, {&block[at], n}, &ack, update_ticks);
+        }
+        if (!is_there || ack != ack_good) {
+            line.write();
+            log_print(LOG_HERE, is_there ? "err! ack = 0X%02X\r\n " : "file read err！\n", ack);
             return -1;
         }
-        uint8_t ack = no_answer;
-        RawSockSendMsgWithAckWait_Try_nTimes(update_attempts, update_link, update_model, slot, firmware_data,
-                                             code_write_ack, {piece.data(), n}, &ack, update_ticks);
-        remaining -= n;
-        if (ack != ack_good) {
-            log_print(LOG_HERE, "err! ack = 0X%02X\r\n ", ack);
-            return -1;
-        }
-        progress.reached(total - remaining);
-        print_progress(&printed, total, remaining);
+        sent += static_cast<uint32_t>(n);
+        progress.reached(sent);
+        line.show(sent, total);
     }
     return 0;
 }
