@@ -9,11 +9,13 @@
 #include "platform/platform.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -25,10 +27,9 @@ std::atomic<int> process_endpoint{-1};
 namespace {
 
 constexpr char default_directory[] = "/run/apipc";
-constexpr char name_format[] = "%08x.sock";
-constexpr size_t name_length = 13;
-constexpr int directory_lock_tries = 1000;   // 1 ms apart
-constexpr int send_buffer_bytes = 256 << 20; // a bound, not a reservation: many stuck peers with full queues
+constexpr size_t digits = 8, name_length = 13; // 0000003f.sock
+constexpr int directory_lock_tries = 1000;     // 1 ms apart
+constexpr int send_buffer_bytes = 256 << 20;   // a bound, not a reservation: many stuck peers with full queues
 constexpr mode_t directory_mode = 03770, made_mode = 01770, socket_mode = 0660;
 
 // Held while an endpoint is bound, so that nobody takes a socket file for stale that its owner has just made. On the
@@ -76,15 +77,19 @@ int bind_alone(int fd, const sockaddr_un& address)
     return error;
 }
 
-// The identity in a socket's name.
-bool identity_in(const char* path, uint32_t& out)
+// Without printf: it would be most of what a message costs here.
+std::array<char, name_length + 1> socket_name(uint32_t identity)
 {
-    const char* const end = strrchr(path, '/');
-    const char* const name = end != nullptr ? end + 1 : path;
-    out = static_cast<uint32_t>(strtoul(name, nullptr, 16));
-    char expected[name_length + 1];
-    snprintf(expected, sizeof expected, name_format, static_cast<unsigned>(out));
-    return strcmp(name, expected) == 0;
+    std::array<char, name_length + 1> name{"00000000.sock"};
+    for (size_t i = digits; i-- > 0; identity >>= 4) { name[i] = "0123456789abcdef"[identity & 0xF]; }
+    return name;
+}
+
+// The identity in a socket's name.
+bool identity_in(const char* name, uint32_t& out)
+{
+    std::from_chars(name, name + strnlen(name, digits), out, 16);
+    return strcmp(name, socket_name(out).data()) == 0;
 }
 
 // Whether nobody but root could lead a path elsewhere since it was bound. The path is cut meanwhile.
@@ -102,15 +107,15 @@ bool has_only_links_of_root(char* path)
 }
 
 // Whether a socket lies in our folder, however spelled, and is no link, which an answer would follow. It may be gone.
-bool is_in_our_folder(const char* path)
+// name  in its path
+bool is_in_our_folder(const char* path, const char* name)
 {
     struct stat entry {};
     struct stat its {};
     struct stat ours {};
     if (::lstat(path, &entry) == 0 && !S_ISSOCK(entry.st_mode)) { return false; }
-    const char* const end = strrchr(path, '/');
     char folder[sizeof(sockaddr_un::sun_path) + 1] = ".";
-    if (end != nullptr) { snprintf(folder, static_cast<size_t>(end - path) + 1, "%s", path); }
+    if (name != path) { *std::copy(path, name - 1, folder) = '\0'; }
     if (strcmp(folder, endpoint_directory()) == 0) { return true; } // nearly always
     return has_only_links_of_root(folder) && ::stat(folder, &its) == 0 && ::stat(endpoint_directory(), &ours) == 0 &&
            its.st_dev == ours.st_dev && its.st_ino == ours.st_ino;
@@ -120,13 +125,15 @@ bool is_in_our_folder(const char* path)
 bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
 {
     uint32_t bound = 0;
-    char path[sizeof from.sun_path + 1]; // the terminator of one that fills sun_path stands behind it
-    snprintf(path, sizeof path, "%.*s", static_cast<int>(sizeof from.sun_path), from.sun_path);
-    if (!identity_in(path, bound)) {
+    char path[sizeof from.sun_path + 1] = ""; // the terminator of one that fills sun_path stands behind it
+    std::ranges::copy(from.sun_path, path);
+    const char* const slash = strrchr(path, '/');
+    const char* const name = slash != nullptr ? slash + 1 : path;
+    if (!identity_in(name, bound)) {
         log_print(LOG_HERE, "message of %zu bytes dropped: its sender has no endpoint of its own\n", message.size());
         return false;
     }
-    if (!is_in_our_folder(path)) {
+    if (!is_in_our_folder(path, name)) {
         log_print(LOG_HERE, "message of %zu bytes dropped: its sender's socket %s is not one in %s\n", message.size(),
                   printable(path).text, endpoint_directory());
         return false;
@@ -145,13 +152,12 @@ bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
 // What to do about it, where the bare error would not say so.
 void log_refusal(uint32_t identity, int error)
 {
-    const char* directory = endpoint_directory();
     const char* reason = error == EADDRINUSE     ? "another process is bound to it, or another user's left it behind"
                          : error == ENAMETOOLONG ? "the folder's name is too long for a socket, set a shorter APIPC_DIR"
                          : error == EWOULDBLOCK  ? "another process has kept the folder locked for a second"
                          : error == EEXIST       ? "a file that is not a socket has its name, remove it"
                                                  : strerror(error);
-    log_print(LOG_HERE, "endpoint %08x in %s refused: %s\n", static_cast<unsigned>(identity), directory, reason);
+    log_print(LOG_HERE, "endpoint %08x in %s refused: %s\n", identity, endpoint_directory(), reason);
 }
 
 uint32_t own_identity;
@@ -204,9 +210,11 @@ bool endpoint_address(uint32_t identity, sockaddr_un& out)
 {
     out = {};
     out.sun_family = AF_UNIX;
-    const int length = snprintf(out.sun_path, sizeof out.sun_path, "%s/", endpoint_directory());
-    if (length < 0 || static_cast<size_t>(length) + name_length >= sizeof out.sun_path) { return false; }
-    snprintf(out.sun_path + length, name_length + 1, name_format, static_cast<unsigned>(identity));
+    const std::string_view folder = endpoint_directory();
+    if (folder.size() + 1 + name_length >= sizeof out.sun_path) { return false; }
+    char* const end = std::ranges::copy(folder, out.sun_path).out;
+    *end = '/';
+    std::ranges::copy(socket_name(identity), end + 1);
     return true;
 }
 
