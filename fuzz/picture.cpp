@@ -138,13 +138,12 @@ bool is_demo_buffer() { return seen->buffer >= 16 && seen->buffer <= 25; }
 
 namespace rvk {
 
-int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
-                       std::span<const uint8_t> data)
+int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data, uint32_t step)
 {
-    require(index == 0 && model == 0x1234 && slot == 7 && code == code_write);
-    require(addr == (is_demo_buffer() ? 0x60000 : 0x40000) && seen->controls.size() == 2); // between start and end
-    require(!data.empty() && data.size() <= frame_data_max && !seen->short_piece);
-    seen->short_piece = data.size() < frame_data_max; // only the last may be
+    require(to.link == 0 && to.model == 0x1234 && to.slot == 7 && code == code_write && step == 0);
+    require(to.addr == (is_demo_buffer() ? 0x60000 : 0x40000) && seen->controls.size() == 2); // between start and end
+    require(!data.empty() && !seen->short_piece);
+    seen->short_piece = data.size() % frame_data_max != 0; // only the last may be
     seen->data.insert(seen->data.end(), data.begin(), data.end());
     return 0;
 }

@@ -72,7 +72,6 @@ int32_t read_card(const received_command& c)
     uint8_t* buffer = ApMsgBuffGet(frame_data_max);
     if (buffer == nullptr) {
         daemon_count.refused[refusal::no_memory].add();
-        log_print(LOG_HERE, "RawMsgBuffGet fail\n");
         return -1;
     }
     uint32_t received = 0;

@@ -111,12 +111,10 @@ int32_t read_picture_job(std::span<const uint8_t> payload, size_t path_max, pict
 
 uint8_t* ApMsgBuffGet(unsigned n)
 {
-    if (n > message_bytes_max - message_head_bytes) { return nullptr; } // the sum below would wrap
-    const unsigned bytes = n + static_cast<unsigned>(message_head_bytes);
-    auto* block = static_cast<uint8_t*>(mem_alloc(bytes));
-    if (block == nullptr) { return nullptr; }
-    memset(block, 0, bytes);
-    return block + message::payload;
+    const unsigned bytes = n + static_cast<unsigned>(message_head_bytes); // wraps for what is refused
+    void* const block = n <= message_bytes_max - message_head_bytes ? mem_alloc(bytes) : nullptr;
+    if (block == nullptr) { return log_print(LOG_HERE, "RawMsgBuffGet fail\n"), nullptr; }
+    return static_cast<uint8_t*>(memset(block, 0, bytes)) + message::payload;
 }
 
 uint8_t* ApMsgBuffHeadGet(uint8_t* handle) { return handle - message::payload; }
@@ -161,11 +159,7 @@ void refuse_file_job(const received_command& to)
 void apipc_first(uint32_t requester)
 {
     uint8_t* buffer = ApMsgBuffGet(frame_data_max);
-    if (buffer == nullptr) {
-        daemon_count.refused[refusal::no_memory].add();
-        log_print(LOG_HERE, "RawMsgBuffGet fail\n");
-        return;
-    }
+    if (buffer == nullptr) { return daemon_count.refused[refusal::no_memory].add(); }
     uint8_t* head = ApMsgBuffHeadGet(buffer);
     store_le32(head + message::aptid, own_identity());
     store_le32(head + message::length, greeting_payload_bytes);
@@ -215,7 +209,7 @@ void apipc_test()
     constexpr uint32_t test_addr = 0x10000;
     constexpr uint16_t test_len = 10;
     uint8_t* buffer = ApMsgBuffGet(frame_data_max);
-    if (buffer == nullptr) { return log_print(LOG_HERE, "RawMsgBuffGet fail\n"); }
+    if (buffer == nullptr) { return; }
     uint8_t* head = ApMsgBuffHeadGet(buffer);
     store_report(head, command::read, 0, test_addr, 0, 0); // a request has a report's fields: only its length differs
     store_le16(head + message::len, test_len);

@@ -102,7 +102,8 @@ using job_path = std::array<char, mailbox_bytes>; // zero-terminated; any path t
                                        job_path* path);
 
 // Result: the payload of a zero-filled message buffer for n payload bytes, whose handle it is; null when the pool has
-// none. Whoever got it owns it until it is freed, or until it is the destination of a read that was filed.
+// none, which is logged. Whoever got it owns it until it is freed, or until it is the destination of a read that was
+// filed.
 [[nodiscard]] uint8_t* ApMsgBuffGet(unsigned n);
 [[nodiscard]] uint8_t* ApMsgBuffHeadGet(uint8_t* handle); // where the message starts
 void ApMsgBuffFree(uint8_t* handle);

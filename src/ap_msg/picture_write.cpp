@@ -24,8 +24,8 @@ fair_mutex pic_mutex;
 
 namespace {
 
-constexpr uint32_t control_ticks = 3; // ours
-constexpr size_t frames_at_once = 64; // ours: some 200 µs, after which the clock is looked at
+constexpr uint32_t control_ticks = 3;             // ours
+constexpr size_t run_bytes = 64 * frame_data_max; // ours: some 200 µs, after which the clock is looked at
 
 constexpr uint8_t command_end = 0, command_start = 1; // card; the set-up write carries the first of them
 
@@ -44,11 +44,11 @@ void write_control(const card_address& to, std::span<const uint8_t> bytes)
 void stream(const card_address& to, std::span<const uint8_t> bytes) RVK_REQUIRES(pic_mutex)
 {
     counted_transfer progress(transfer::picture, bytes.size());
-    for (size_t at = 0; at < bytes.size(); at += frame_data_max) {
-        const auto piece = bytes.subspan(at, std::min(frame_data_max, bytes.size() - at));
-        static_cast<void>(RawSockSendMsg(to.link, to.model, to.slot, to.addr, code_write, piece));
-        progress.reached(at + piece.size());
-        if (at / frame_data_max % frames_at_once == 0) { let_others_run(picture_turn_us); }
+    for (size_t at = 0; at < bytes.size(); at += run_bytes) {
+        const auto run = bytes.subspan(at, std::min(run_bytes, bytes.size() - at));
+        static_cast<void>(send_plain(to, code_write, run, 0));
+        progress.reached(at + run.size());
+        let_others_run(picture_turn_us);
     }
 }
 

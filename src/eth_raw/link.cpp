@@ -95,6 +95,16 @@ send_outcome transmit(int index, const uint8_t* frame, size_t count)
     return outcome;
 }
 
+int32_t transmit_or_log(int index, uint8_t* payload, unsigned frame_bytes, unsigned len)
+{
+    const send_outcome outcome = transmit(index, RawMsgBuffHeadGet(payload), frame_bytes);
+    if (outcome.sent == static_cast<ssize_t>(frame_bytes)) { return static_cast<int32_t>(frame_bytes); }
+    print_send_error(outcome.error);
+    log_print(LOG_HERE, "sendto fail:len = %d, ret_len = %d, packet_length= %d, errno = %d\n", static_cast<int>(len),
+              static_cast<int>(outcome.sent), static_cast<int>(frame_bytes), outcome.error);
+    return -1;
+}
+
 // A link that is not open is refused before the system call: its descriptor may be anybody's. Logged once per link.
 bool is_open_or_logged(int index)
 {
@@ -264,12 +274,10 @@ void print_send_error(int error) { console_print(STDERR_FILENO, "sendto fail:: %
 
 uint8_t* RawMsgBuffGet(unsigned len)
 {
-    if (len > frame_data_max) { return nullptr; }
     const size_t bytes = request::payload + std::max<size_t>(len, frame_data_min) + checksum_bytes;
-    auto* block = static_cast<uint8_t*>(mem_alloc(static_cast<unsigned>(bytes)));
-    if (block == nullptr) { return nullptr; }
-    memset(block, 0, bytes);
-    return block + request::payload;
+    void* const block = len <= frame_data_max ? mem_alloc(static_cast<unsigned>(bytes)) : nullptr;
+    if (block == nullptr) { return log_print(LOG_HERE, "RawMsgBuffGet fail\n"), nullptr; }
+    return static_cast<uint8_t*>(memset(block, 0, bytes)) + request::payload;
 }
 
 uint8_t* RawMsgBuffHeadGet(uint8_t* payload) { return payload - request::payload; }
@@ -287,18 +295,12 @@ int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, u
     if (!can_be_sent(index, payload, len)) { return -1; }
     uint8_t* frame = payload;
     const unsigned count = RawMsgHeaderPack(model, slot, code, addr, seq, &frame, static_cast<uint16_t>(len));
-    return send_packed(index, payload, count, len);
+    return transmit_or_log(index, payload, count, len);
 }
 
 int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len)
 {
-    if (!can_be_sent(index, payload, len)) { return -1; }
-    const send_outcome outcome = transmit(index, RawMsgBuffHeadGet(payload), frame_bytes);
-    if (outcome.sent == static_cast<ssize_t>(frame_bytes)) { return static_cast<int32_t>(frame_bytes); }
-    print_send_error(outcome.error);
-    log_print(LOG_HERE, "sendto fail:len = %d, ret_len = %d, packet_length= %d, errno = %d\n", static_cast<int>(len),
-              static_cast<int>(outcome.sent), static_cast<int>(frame_bytes), outcome.error);
-    return -1;
+    return can_be_sent(index, payload, len) ? transmit_or_log(index, payload, frame_bytes, len) : -1;
 }
 
 int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes, int* error)

@@ -62,7 +62,8 @@ inline constexpr size_t receive_bytes = 1450; // card: no reply is longer
 // The process's one receive buffer, the one receive thread's. A received payload is valid until the next receive.
 extern uint8_t gRecvBuffer[receive_bytes];
 
-// Result: a zero-filled buffer for len payload bytes (and at least 64); null above 1,400 or when the pool has none.
+// Result: a zero-filled buffer for len payload bytes (and at least 64); null, and logged, above 1,400 or when the pool
+// has none.
 [[nodiscard]] uint8_t* RawMsgBuffGet(unsigned len);
 [[nodiscard]] uint8_t* RawMsgBuffHeadGet(uint8_t* payload); // where the frame around a payload starts
 void RawMsgBuffFree(uint8_t* payload);

@@ -25,13 +25,6 @@ constexpr int lvds_priority = 88;                             // ours, SCHED_FIF
 constexpr uint64_t poll_ms = 2000, before_reboot_ms = 30'000; // ours
 constexpr uint32_t lvds_ticks = 3, reg_ticks = 6;             // ours
 
-uint8_t* whole_buffer()
-{
-    uint8_t* buffer = RawMsgBuffGet(frame_data_max);
-    if (buffer == nullptr) { log_print(LOG_HERE, "RawMsgBuffGet fail\n"); }
-    return buffer;
-}
-
 void record_and_reboot(int failures)
 {
     log_print(LOG_HERE, "LVDS OK\n");
@@ -66,7 +59,7 @@ int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int len
     reg_answer& got = answer != nullptr ? *answer : unused;
     got = {no_answer, 0};
     log_print(LOG_HERE, "read reg 0x%x\n", addr);
-    uint8_t* buffer = whole_buffer();
+    uint8_t* buffer = RawMsgBuffGet(frame_data_max);
     if (buffer == nullptr) { return -1; }
     const int32_t result =
         RawSockSendMsgWithReadWait(index, model, slot, addr, code_read, static_cast<uint32_t>(length),
@@ -79,7 +72,7 @@ int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int len
 
 int32_t write_reg(int index, uint16_t model, uint8_t slot, uint32_t addr)
 {
-    uint8_t* buffer = whole_buffer();
+    uint8_t* buffer = RawMsgBuffGet(frame_data_max);
     if (buffer == nullptr) { return -1; }
     uint8_t ack = no_answer;
     const int32_t result =

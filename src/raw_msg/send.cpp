@@ -59,17 +59,10 @@ uint16_t take_number(sequence* from)
     return from->seq++;
 }
 
-uint8_t* get_buffer(size_t bytes)
-{
-    uint8_t* buf = RawMsgBuffGet(static_cast<unsigned>(bytes));
-    if (buf == nullptr) { log_print(LOG_HERE, "RawMsgBuffGet fail\n"); }
-    return buf;
-}
-
 // A node that waits for its first answer, its frame packed in its buffer. Result: null when the pool has no memory.
 QNode* make_request(const request_fields& r, unsigned* frame_bytes)
 {
-    uint8_t* buf = get_buffer(reads(r.queue) ? frame_data_min : r.len);
+    uint8_t* buf = RawMsgBuffGet(reads(r.queue) ? frame_data_min : r.len);
     if (buf == nullptr) { return nullptr; }
     void* block = mem_alloc(sizeof(QNode));
     if (block == nullptr) {
@@ -188,18 +181,20 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
     return send_plain({index, model, slot, addr}, code, data) < 0 ? -1 : 0;
 }
 
-int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data)
+int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data, uint32_t step)
 {
     if (data.empty()) { return 0; }
-    uint8_t* buf = get_buffer(std::min(frame_data_max, data.size())); // for all: sendto has copied a piece on return
+    // For all pieces: sendto has copied one when it returns.
+    uint8_t* buf = RawMsgBuffGet(static_cast<unsigned>(std::min(frame_data_max, data.size())));
     if (buf == nullptr) { return -1; }
     int32_t unsent = 0;
-    for (uint32_t at = 0; at < data.size(); at += frame_data_max) {
+    uint32_t addr = to.addr;
+    for (size_t at = 0; at < data.size(); at += frame_data_max, addr += step) {
         const auto piece = piece_at(data, at);
         uint8_t* end = std::copy(piece.begin(), piece.end(), buf); // over the piece before it
         if (piece.size() < frame_data_min) { std::fill(end, buf + frame_data_min, uint8_t{0}); }
         const auto length = static_cast<unsigned>(piece.size());
-        if (RawSockMsgSend(to.link, to.model, to.slot, to.addr + at, code, no_sequence, buf, length) < 1) {
+        if (RawSockMsgSend(to.link, to.model, to.slot, addr, code, no_sequence, buf, length) < 1) {
             ++unsent;
             log_print(LOG_HERE, "#######error RawSockSendMsg : index:%d addr:0x%x length:%d send fail\n", to.link,
                       to.addr, static_cast<int>(data.size()));

@@ -31,8 +31,9 @@ extern sequence write_ack, write_ack_wait, read_ack, read_wait;
 int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                        std::span<const uint8_t> data);
 
-// The same. Result: frames that could not be sent; -1: no frame buffer left.
-[[nodiscard]] int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data);
+// The same, piece i to addr + i steps. Result: frames that could not be sent; -1: no frame buffer left.
+[[nodiscard]] int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t> data,
+                                 uint32_t step = frame_data_max);
 
 // Writes without waiting. A piece that the card then does not acknowledge in three sends, or refuses 200 times, is
 // reported to `requester`. Only while 65,535 writes are pending it waits, until there are fewer.
