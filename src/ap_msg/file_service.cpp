@@ -61,12 +61,8 @@ void run_job(const received_command& c) RVK_REQUIRES(file_mutex)
     switch (c.code) {
     case command::file_write:
         count_job(job::picture_write, write_file_handle(c) == 0);
-        note_end(job::picture_write, c);
-        break;
-    case command::file_read:
-        read_file_handle(c);
-        note_end(job::read_back, c);
-        break;
+        return note_end(job::picture_write, c);
+    case command::file_read: read_file_handle(c); return note_end(job::read_back, c);
     case command::update:
         gbUpdateProcessRunning = 1;
         count_job(job::update, update_file_handle(c) == 0);

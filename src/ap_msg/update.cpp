@@ -89,15 +89,6 @@ void check_input_card(update_request* request)
     if (generation == 1) { adapt_to_new_generation(request); }
 }
 
-int tool_line(char* line, uint32_t type, const char* path)
-{
-    switch (type) {
-    case mcu_input: return snprintf(line, tool_line_bytes, "/usr/vexo/bin/mcu_isp -B input  -C 0x31 -b %s ", path);
-    case mcu_output: return snprintf(line, tool_line_bytes, "/usr/vexo/bin/mcu_isp -B output  -C 0x31 -b %s ", path);
-    default: return snprintf(line, tool_line_bytes, "/usr/vexo/bin/mcu_isp -B vpu     -C 0x31 -b %s -r 0x00 ", path);
-    }
-}
-
 // The lock under which one tool at a time programs a chip: the tool inherits it, so that it lasts as long as the tool
 // does, whatever becomes of this process. Result: none, and logged, while one runs.
 unique_fd lock_for_tool()
@@ -112,7 +103,10 @@ unique_fd lock_for_tool()
 int32_t run_tool(const update_request& request)
 {
     char line[tool_line_bytes] = "";
-    const int length = tool_line(line, request.type, request.path.data());
+    const bool is_vpu = request.type == mcu_vpu;
+    const char* const card = request.type == mcu_input ? "input " : is_vpu ? "vpu    " : "output ";
+    const int length = snprintf(line, sizeof line, "/usr/vexo/bin/mcu_isp -B %s -C 0x31 -b %s %s", card,
+                                request.path.data(), is_vpu ? "-r 0x00 " : "");
     if (!is_plain_path(request.path.data()) || length >= static_cast<int>(tool_line_bytes)) {
         log_print(LOG_HERE, "image %s refused: its path is too long or not plain enough for a command line\n",
                   shown(request).text);

@@ -93,9 +93,8 @@ struct link_counters {
     counters_by<send_failure> send_failed;
     counter kernel_dropped; // frames that the socket had no memory for
     counter resends, given_up, wrong_acks;
-    counter answers; // that found a request: the sum of the entries below
-    std::array<counter, answer_time_bounds + 1> answer_time;
-    counter answer_time_us;              // their sum
+    std::array<counter, answer_time_bounds + 1> answer_time; // answers that found a request
+    counter answer_time_us;                                  // their sum
     std::atomic<uint32_t> last_check_us; // monotonic_us() when the check thread last began a pass; 0: never
     counter check_gap_us;                // longest time between two passes since the status thread last took it
     counter check_gap_shown_us;          // what that thread took, or the time since the last pass when that is longer
@@ -103,7 +102,6 @@ struct link_counters {
 
     void count_answer(uint32_t us)
     {
-        answers.add();
         answer_time[answer_time_entry(us)].add();
         answer_time_us.add(us);
     }

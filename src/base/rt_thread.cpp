@@ -2,6 +2,7 @@
 
 #include "base/clock.h"
 
+#include <algorithm>
 #include <csignal>
 #include <memory>
 #include <new>
@@ -80,7 +81,7 @@ int pin_to_processor(int number)
 {
     cpu_set_t set;
     CPU_ZERO(&set);
-    CPU_SET(static_cast<size_t>(processor_of(number)), &set);
+    CPU_SET(static_cast<size_t>(number == 0 ? 1 : std::min(number, 3)), &set);
     return sched_setaffinity(0, sizeof set, &set);
 }
 

@@ -20,10 +20,7 @@ using thread_body = void (*)(int argument);
 
 void use_alternate_signal_stack(); // for the main thread; start_thread does it, too
 
-// The processor for a link's number or a caller's: 0 becomes 1, above 3 becomes 3.
-constexpr int processor_of(int number) { return number == 0 ? 1 : number > 3 ? 3 : number; }
-
-// Pins the calling thread to the one processor that belongs to the number. Result: 0, or -1 (no such processor here).
+// Pins the calling thread to a processor: 1 to 3, that of number 0 is 1. Result: 0, or -1 (no such processor here).
 [[nodiscard]] int pin_to_processor(int number);
 int kernel_thread_id();
 
