@@ -1,4 +1,3 @@
-// See the header.
 #include "harness.h"
 
 #include "base/clock.h"
@@ -15,32 +14,23 @@ namespace {
 
 constexpr uint64_t between_rounds_ms = 5; // real-time threads must leave the processor some time
 
-int decimals(double value) { return value < 10 ? 2 : value < 100 ? 1 : 0; }
-
-void print_row(const std::string& work, const std::string& against, const std::string& unit, pair_of_medians found,
-               const std::string& goal, bool kept)
+void print_line(const row& about, double ours, double bare, double ratio)
 {
-    std::printf("| %s | %s | %.*f | %.*f | %s | %.2f | %s | %s |\n", work.c_str(), against.c_str(),
-                decimals(found.ours), found.ours, decimals(found.bare), found.bare, unit.c_str(),
-                found.ours / found.bare, goal.c_str(), kept ? "yes" : "**no**");
+    const auto decimals = [](double value) { return value < 10 ? 2 : value < 100 ? 1 : 0; };
+    const bool kept = (about.of_bare ? ratio : ours) <= about.most;
+    std::printf("| %s | %s | %.*f | %.*f | %s | %.2f | at most %g%s | %s |\n", about.work.c_str(),
+                about.against.c_str(), decimals(ours), ours, decimals(bare), bare, about.unit.c_str(), ratio,
+                about.most, about.of_bare ? " of it" : "", kept ? "yes" : "**no**");
     std::fflush(stdout);
-}
-
-std::string at_most(double limit, const char* of)
-{
-    char text[48];
-    std::snprintf(text, sizeof text, "at most %g%s", limit, of);
-    return text;
 }
 
 } // namespace
 
 void take_processor(int priority)
 {
-    sched_param parameter{};
-    parameter.sched_priority = priority;
-    if (pin_to_processor(processor) != 0) { fail("cannot be pinned to processor 1: two processors are needed"); }
-    if (sched_setscheduler(0, SCHED_FIFO, &parameter) != 0) { fail("no real-time priority: run it as root"); }
+    const sched_param parameter{priority};
+    require(pin_to_processor(processor) == 0, "cannot be pinned to processor 1: two processors are needed");
+    require(sched_setscheduler(0, SCHED_FIFO, &parameter) == 0, "no real-time priority: run it as root");
 }
 
 void fail(const std::string& why)
@@ -49,9 +39,9 @@ void fail(const std::string& why)
     std::_Exit(1); // the processes that belong to the row end with it
 }
 
-pair_of_medians compare(int rounds, const measurement& ours, const measurement& bare)
+void compare(const row& about, const measurement& ours, const measurement& bare)
 {
-    std::vector<double> of_ours, of_bare;
+    std::vector<double> of_ours, of_bare, ratios;
     ours();
     bare();
     for (int round = 0; round < rounds; ++round) {
@@ -59,16 +49,18 @@ pair_of_medians compare(int rounds, const measurement& ours, const measurement& 
         pause_ms(between_rounds_ms);
         of_bare.push_back(bare());
         pause_ms(between_rounds_ms);
+        ratios.push_back(of_ours.back() / of_bare.back());
     }
-    return {median(of_ours), median(of_bare)};
+    print_line(about, median(of_ours), median(of_bare), median(ratios));
 }
+
+void print(const row& about, double ours, double bare) { print_line(about, ours, bare, ours / bare); }
 
 double time_per_unit(size_t units, const std::function<void()>& work)
 {
-    using clock = std::chrono::steady_clock;
-    const auto begin = clock::now();
+    const auto begin = std::chrono::steady_clock::now();
     work();
-    const std::chrono::duration<double, std::nano> taken = clock::now() - begin;
+    const std::chrono::duration<double, std::nano> taken = std::chrono::steady_clock::now() - begin;
     return taken.count() / static_cast<double>(units);
 }
 
@@ -77,25 +69,6 @@ double median(std::vector<double> values)
     const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
     std::nth_element(values.begin(), middle, values.end());
     return *middle;
-}
-
-void print_table_head()
-{
-    std::printf("| work | against | ours | bare | unit | ratio | goal | kept |\n"
-                "|---|---|---|---|---|---|---|---|\n");
-    std::fflush(stdout);
-}
-
-void print_ratio(const std::string& work, const std::string& against, const std::string& unit, pair_of_medians found,
-                 double goal)
-{
-    print_row(work, against, unit, found, at_most(goal, " of it"), found.ours <= goal * found.bare);
-}
-
-void print_bound(const std::string& work, const std::string& against, const std::string& unit, pair_of_medians found,
-                 double goal)
-{
-    print_row(work, against, unit, found, at_most(goal, ""), found.ours <= goal);
 }
 
 } // namespace rvk::bench

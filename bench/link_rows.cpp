@@ -1,153 +1,143 @@
-// The rows that talk to a card from inside the process: plain writes, waited reads, acknowledged writes.
-#include "cables.h"
+// The rows that talk to a card from inside the process: plain writes and waited reads, timed and counted.
+//
+// Both sides use one packet socket, opened before the worker is forked. The worker runs the link's real threads and is
+// stopped while the bare loop has the socket.
+#include "cards.h"
 #include "eth_raw/frame.h"
+#include "eth_raw/link.h"
 #include "harness.h"
-#include "link_contest.h"
+#include "mem/mem.h"
 #include "processes.h"
 #include "queue/queue.h"
+#include "raw_msg/link_threads.h"
 #include "raw_msg/send.h"
-#include "rows.h"
+#include "timer/timer.h"
 
-#include <algorithm>
-#include <string>
-#include <vector>
+#include <csignal>
+#include <cstdlib>
 
 namespace rvk::bench {
+
+constexpr size_t frames_counted = 1000, exchanges = 4000;
+
+// Visible, and never inlined: callgrind finds it by its name.
+__attribute__((noinline)) void bare_sends(const bare_link& link, const std::vector<frame_bytes>& frames)
+{
+    for (const frame_bytes& frame : frames) { link.send(frame); }
+}
+
 namespace {
 
-constexpr size_t plain_bytes = 8u << 20;
-constexpr size_t exchanges = 4000;
-constexpr size_t outstanding = 1000;
+constexpr size_t plain_frames = 6000; // 8 MB
 constexpr uint32_t timeout_ticks = 100;
+
+// What the daemon's start does for link 0, once the link is open.
+void start_link_threads()
+{
+    sigset_t ticks;
+    sigemptyset(&ticks);
+    sigaddset(&ticks, SIGALRM);
+    pthread_sigmask(SIG_BLOCK, &ticks, nullptr);
+    queue_init();
+    mem_init();
+    pthread_t receive{}, check{};
+    require(initTimer() == 0 && RawMsgRecvTaskCreate(0, &receive) == 0 && RawMsgRecvCheckTaskCreate(0, &check) == 0,
+            "the link's threads cannot be started");
+    take_processor(sender_priority);
+}
+
+// Compares what `ours` does with so many bytes to a loop of bare calls.
+void contest(const row& about, double (*ours)(size_t), size_t bytes,
+             const std::function<double(const bare_link&)>& bare)
+{
+    require(RawSockMsgInit(0) == 0, "eth0 cannot be opened");
+    worker own(start_link_threads, ours);
+    const simulated_cards cards(card_priority);
+    const bare_link link(g_eth_init[0].sock_fd);
+    take_processor(sender_priority);
+    compare(
+        about, [&] { return own.measure(bytes); },
+        [&] {
+            return own.process().stopped([&] {
+                link.drain();
+                return bare(link);
+            });
+        });
+}
 
 double write_plain(size_t bytes)
 {
-    static const std::vector<uint8_t> data(plain_bytes, 0x5A);
-    const size_t frames = (bytes + frame_data_max - 1) / frame_data_max;
-    return time_per_unit(std::max<size_t>(frames, 1), [bytes] {
-        if (RawSockSendMsg(0, model, slot, addr, code_write, std::span(data).first(bytes)) != 0) {
-            fail("plain write failed");
-        }
+    static const std::vector<uint8_t> data(bytes, 0x5A);
+    return time_per_unit(plain_frames, [] {
+        require(RawSockSendMsg(0, model, slot, addr, code_write, data) == 0, "plain write failed");
     });
-}
-
-std::vector<frame_bytes> plain_frames()
-{
-    std::vector<frame_bytes> frames;
-    for (size_t at = 0; at < plain_bytes; at += frame_data_max) {
-        const size_t piece = std::min(frame_data_max, plain_bytes - at);
-        frames.push_back(ready_made(code_write, static_cast<uint32_t>(addr + at), 0, piece));
-    }
-    return frames;
 }
 
 double read_waited(size_t bytes)
 {
     uint8_t data[frame_data_max];
     return time_per_unit(exchanges, [&data, bytes] {
-        for (size_t i = 0; bytes != 0 && i < exchanges; ++i) {
-            uint32_t received = 0;
-            if (RawSockSendMsgWithReadWait(0, model, slot, addr, code_read, static_cast<uint32_t>(bytes), data,
-                                           &received, timeout_ticks) != 0 ||
-                received != bytes) {
-                fail("read failed");
-            }
-        }
-    });
-}
-
-double read_bare(const bare_link& link, size_t bytes)
-{
-    const frame_bytes ask = ready_made(code_read, addr, 0, bytes);
-    return time_per_unit(exchanges, [&] {
         for (size_t i = 0; i < exchanges; ++i) {
-            link.send(ask);
-            link.receive();
+            uint32_t received = 0;
+            require(RawSockSendMsgWithReadWait(0, model, slot, addr, code_read, static_cast<uint32_t>(bytes), data,
+                                               &received, timeout_ticks) == 0 &&
+                        received == bytes,
+                    "read failed");
         }
     });
 }
 
-// A read behind the writes is answered behind them, and says so without a look at the clock.
-double write_acknowledged(size_t bytes)
+double instructions_per_frame(const std::string& which, const std::string& function)
 {
-    const std::vector<uint8_t> data(bytes, 0x5A);
-    return time_per_unit(outstanding, [&data] {
-        for (size_t i = 0; !data.empty() && i < outstanding; ++i) {
-            if (RawSockSendMsgWithAck(0, 0, model, slot, addr, code_write_ack, data) != 0) { fail("write failed"); }
-        }
-        uint8_t answer[frame_data_max];
-        uint32_t received = 0;
-        if (RawSockSendMsgWithReadWait(0, model, slot, addr, code_read, 16, answer, &received, timeout_ticks) != 0) {
-            fail("read failed");
-        }
-        const scoped_lock hold(mtx[0][ACK_QUEUE]);
-        if (Qcount[0][ACK_QUEUE] != 0) { fail("writes are pending behind the last answer"); }
-    });
-}
-
-double acknowledged_bare(const bare_link& link, size_t bytes)
-{
-    std::vector<frame_bytes> frames;
-    for (size_t i = 0; i < outstanding; ++i) {
-        frames.push_back(ready_made(code_write_ack, addr, static_cast<uint16_t>(i), bytes));
-    }
-    const frame_bytes last = ready_made(code_read, addr, 0, 16);
-    return time_per_unit(outstanding, [&] {
-        for (const frame_bytes& frame : frames) { link.send(frame); }
-        link.send(last);
-        for (size_t i = 0; i <= outstanding; ++i) { link.receive(); }
-    });
-}
-
-void acknowledged_lines(const settings& chosen, int card, const std::string& when)
-{
-    link_contest contest(write_acknowledged, card);
-    for (const size_t bytes : {size_t{16}, frame_data_max}) {
-        const auto found = compare(
-            chosen.rounds, [&] { return contest.as_ours(bytes); },
-            [&] { return contest.as_bare([&] { return acknowledged_bare(contest.link(), bytes); }); });
-        print_ratio("1,000 acknowledged writes of " + std::to_string(bytes) + " bytes, not waited for; cards answer " +
-                        when,
-                    "the same frames pipelined by one thread", "ns per write", found, 1.25);
-    }
+    const std::string text =
+        run_program({"valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", "--collect-atstart=no",
+                     "--toggle-collect=" + function, own_folder() + "/rvk-bench", "--under-callgrind", which});
+    constexpr char label[] = "Collected : ";
+    const size_t at = text.find(label);
+    require(at != std::string::npos, "callgrind counted nothing (apt-get install valgrind)");
+    return strtod(text.c_str() + at + sizeof label - 1, nullptr) / static_cast<double>(frames_counted);
 }
 
 } // namespace
 
-void plain_write_row(const settings& chosen)
+void count_instructions_of(const std::string& which)
 {
-    link_contest contest(write_plain, card_priority);
-    const std::vector<frame_bytes> frames = plain_frames();
-    const auto found = compare(
-        chosen.rounds, [&] { return contest.as_ours(plain_bytes); },
-        [&] {
-            return contest.as_bare([&] {
-                return time_per_unit(frames.size(), [&] {
-                    for (const frame_bytes& frame : frames) { contest.link().send(frame); }
-                });
-            });
-        });
-    print_ratio("plain write of 8 MB in 1,400-byte pieces", "`sendto` of ready-made frames", "ns per frame", found,
-                1.15);
-}
-
-void read_row(const settings& chosen)
-{
-    link_contest contest(read_waited, card_priority);
-    for (const size_t bytes : {size_t{16}, frame_data_max}) {
-        const auto found = compare(
-            chosen.rounds, [&] { return contest.as_ours(bytes); },
-            [&] { return contest.as_bare([&] { return read_bare(contest.link(), bytes); }); });
-        print_ratio("waited read of " + std::to_string(bytes) + " bytes, inside the process",
-                    "`sendto` and `recvfrom` on one thread", "ns per read", found, 1.33);
+    require(RawSockMsgInit(0) == 0, "eth0 cannot be opened");
+    mem_init();
+    if (which == "ours") {
+        const std::vector<uint8_t> data(frames_counted * frame_data_max, 0x5A);
+        static_cast<void>(RawSockSendMsg(0, model, slot, addr, code_write, data)); // what failed shows in the count
+    } else {
+        bare_sends(bare_link(g_eth_init[0].sock_fd), {frames_counted, ready_made(code_write, addr, 0, frame_data_max)});
     }
 }
 
-void acknowledged_row(const settings& chosen)
+void instructions_row()
 {
-    child with_quick_cards([&] { acknowledged_lines(chosen, card_priority, "at once"); });
-    with_quick_cards.wait();
-    acknowledged_lines(chosen, slow_card_priority, "when all are out");
+    print({"instructions in the process per 1,400-byte frame sent", "`sendto` of ready-made frames", "instructions",
+           1000, false},
+          instructions_per_frame("ours", "rvk::RawSockSendMsg(*"),
+          instructions_per_frame("bare", "rvk::bench::bare_sends(*"));
+}
+
+void plain_write_row()
+{
+    const std::vector<frame_bytes> frames(plain_frames, ready_made(code_write, addr, 0, frame_data_max));
+    contest({"plain write of 8 MB in 1,400-byte pieces", "`sendto` of ready-made frames", "ns per frame", 1.15},
+            write_plain, plain_frames * frame_data_max,
+            [&](const bare_link& link) { return time_per_unit(frames.size(), [&] { bare_sends(link, frames); }); });
+}
+
+void read_row(size_t bytes)
+{
+    const frame_bytes ask = ready_made(code_read, addr, 0, bytes);
+    contest({"waited read of " + std::to_string(bytes) + " bytes, inside the process",
+             "`sendto` and `recvfrom` on one thread", "ns per read", 1.33},
+            read_waited, bytes, [&](const bare_link& link) {
+                return time_per_unit(exchanges, [&] {
+                    for (size_t i = 0; i < exchanges; ++i) { link.exchange(ask); }
+                });
+            });
 }
 
 } // namespace rvk::bench

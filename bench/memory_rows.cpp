@@ -2,7 +2,6 @@
 #include "harness.h"
 #include "mem/mem.h"
 #include "queue/queue.h"
-#include "rows.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -26,11 +25,11 @@ void file_nodes(size_t count)
 {
     for (size_t i = 0; i < count; ++i) {
         void* block = mem_alloc(sizeof(QNode));
-        if (block == nullptr) { fail("no memory"); }
+        require(block != nullptr, "no memory");
         auto* node = new (block) QNode{};
         node->addr = base_addr + static_cast<uint32_t>(i);
         node->seq = static_cast<uint16_t>(i);
-        if (queue_add(0, ACK_QUEUE, node) != 0) { fail("the queue is full too early"); }
+        require(queue_add(0, ACK_QUEUE, node) == 0, "the queue is full too early");
     }
 }
 
@@ -45,7 +44,7 @@ void answer_all(const std::vector<uint32_t>& order)
 }
 
 // Nanoseconds per answer; files the requests first, which does not count.
-double answer_pending(std::vector<uint32_t>& order, size_t times)
+double answer_pending(const std::vector<uint32_t>& order, size_t times)
 {
     double sum = 0;
     for (size_t i = 0; i < times; ++i) {
@@ -53,7 +52,7 @@ double answer_pending(std::vector<uint32_t>& order, size_t times)
         sum += time_per_unit(order.size(), [&order] { answer_all(order); });
     }
     const scoped_lock hold(mtx[0][ACK_QUEUE]);
-    if (Qcount[0][ACK_QUEUE] != 0) { fail("requests are left over"); }
+    require(Qcount[0][ACK_QUEUE] == 0, "requests are left over");
     return sum / static_cast<double>(times);
 }
 
@@ -98,34 +97,32 @@ void fill_pool(unsigned bytes)
 
 } // namespace
 
-void queue_row(const settings& chosen)
+void queue_row()
 {
     take_processor(sender_priority);
     queue_init();
     mem_init();
     for (const arrival how : {arrival::in_order, arrival::reverse, arrival::shuffled}) {
-        auto many = make_order(how, pending_many), few = make_order(how, pending_few);
-        const auto found = compare(
-            chosen.rounds, [&many] { return answer_pending(many, 1); },
-            [&few] { return answer_pending(few, pending_many / pending_few); });
-        print_ratio(std::string("65,535 pending, answered ") + names[static_cast<size_t>(how)], "655 pending",
-                    "ns per answer", found, 2);
+        const auto many = make_order(how, pending_many), few = make_order(how, pending_few);
+        compare(
+            {std::string("65,535 pending, answered ") + names[static_cast<size_t>(how)], "655 pending", "ns per answer",
+             2},
+            [&] { return answer_pending(many, 1); }, [&] { return answer_pending(few, pending_many / pending_few); });
     }
 }
 
-void pool_row(const settings& chosen)
+void pool_row()
 {
     take_processor(sender_priority);
     mem_init();
     for (const unsigned bytes : pair_bytes) {
-        const auto found = compare(
-            chosen.rounds, [bytes] { return pool_pairs(bytes); }, [bytes] { return malloc_pairs(bytes); });
-        print_ratio("pool: allocate and release " + std::to_string(bytes) + " bytes", "`malloc` and `free`",
-                    "ns per pair", found, 1);
+        compare(
+            {"pool: allocate and release " + std::to_string(bytes) + " bytes", "`malloc` and `free`", "ns per pair", 1},
+            [bytes] { return pool_pairs(bytes); }, [bytes] { return malloc_pairs(bytes); });
     }
     for (const unsigned bytes : pair_bytes) {
-        const auto found = compare(
-            chosen.rounds,
+        compare(
+            {"pool: " + std::to_string(bytes) + " bytes, 50,000 blocks waiting", "an empty pool", "ns per pair", 1.1},
             [bytes] {
                 fill_pool(bytes);
                 const double taken = pool_pairs(bytes);
@@ -133,8 +130,6 @@ void pool_row(const settings& chosen)
                 return taken;
             },
             [bytes] { return pool_pairs(bytes); });
-        print_ratio("pool: " + std::to_string(bytes) + " bytes, 50,000 blocks waiting", "an empty pool", "ns per pair",
-                    found, 1.1);
     }
 }
 

@@ -1,12 +1,8 @@
-// See the header.
 #include "processes.h"
 
-#include "ap_msg/message.h"
-#include "base/bytes.h"
 #include "base/clock.h"
 #include "base/rt_thread.h"
 #include "harness.h"
-#include "requester/requester.h"
 
 #include <csignal>
 #include <cstdio>
@@ -25,70 +21,36 @@
 namespace rvk::bench {
 namespace {
 
-using std::chrono::milliseconds;
 namespace fs = std::filesystem;
 
 constexpr int start_seconds = 120;   // ours: more than the demo of a whole start takes
 constexpr double quiet_share = 0.02; // of a processor; an idle daemon uses a tenth of it
+
+fs::path folder_of(pid_t process) { return fs::path("/proc") / std::to_string(process); }
 
 void pin_threads(pid_t process)
 {
     cpu_set_t set;
     CPU_ZERO(&set);
     CPU_SET(static_cast<size_t>(processor), &set);
-    for (const auto& thread : fs::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
-        if (sched_setaffinity(std::stoi(thread.path().filename()), sizeof set, &set) != 0) {
-            fail("a thread of rvkd cannot be pinned");
-        }
+    for (const auto& thread : fs::directory_iterator(folder_of(process) / "task")) {
+        require(sched_setaffinity(std::stoi(thread.path().filename()), sizeof set, &set) == 0,
+                "a thread of rvkd cannot be pinned");
     }
 }
 
-bool answers_greeting(requester& asker)
+bool is_quiet(pid_t process)
 {
-    std::vector<uint8_t> greeting(message_head_bytes);
-    store_le32(greeting.data() + message::aptid, asker.identity());
-    store_le16(greeting.data() + message::msg_class, static_cast<uint16_t>(data_class));
-    greeting[message::code] = command::greeting;
-    if (asker.send(own_identity(), greeting) != endpoint_status::ok) { return false; }
-    return !asker.receive(milliseconds{100}).empty();
+    const double before = processor_time_ns(process);
+    pause_ms(1000);
+    return processor_time_ns(process) - before < quiet_share * 1e9;
 }
 
-void wait_for_greeting()
-{
-    requester asker;
-    fs::create_directories(socket_directory());
-    if (asker.open_free(static_cast<uint8_t>(own_identity() >> 24)) != endpoint_status::ok) { fail("no endpoint"); }
-    for (int tries = start_seconds * 10; !answers_greeting(asker); --tries) {
-        if (tries == 0) { fail("rvkd does not answer: is it built, beside this program?"); }
-        pause_ms(100);
-    }
-    while (!asker.receive(milliseconds{200}).empty()) {}
-}
-
-// It is idle also in the pauses before the demo; that the demo is over only its cards know.
-void wait_for_demo(const simulated_cards& cards)
-{
-    for (int tries = start_seconds * 10; !cards.demo_is_over(); --tries) {
-        if (tries == 0) { fail("rvkd's demo does not come to its end"); }
-        pause_ms(100);
-    }
-}
-
-void wait_until_quiet(pid_t process)
-{
-    for (int seconds = 0; seconds < start_seconds; ++seconds) {
-        const double before = processor_time_ns(process);
-        pause_ms(1000);
-        if (processor_time_ns(process) - before < quiet_share * 1e9) { return; }
-    }
-    fail("rvkd does not come to rest");
-}
-
-int kind_of_socket(int fd)
+bool is_packet_socket(int fd)
 {
     int domain = -1;
     socklen_t size = sizeof domain;
-    return getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 ? domain : -1;
+    return getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_PACKET;
 }
 
 } // namespace
@@ -97,7 +59,7 @@ child::child(const std::function<void()>& body)
 {
     std::fflush(stdout); // or the child would write it again
     process = fork();
-    if (process < 0) { fail("no process"); }
+    require(process >= 0, "no process");
     if (process > 0) { return; }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     body();
@@ -115,46 +77,53 @@ void child::stop() const
 {
     int status = 0;
     kill(process, SIGSTOP);
-    if (waitpid(process, &status, WUNTRACED) != process || !WIFSTOPPED(status)) { fail("a process of this row ended"); }
+    require(waitpid(process, &status, WUNTRACED) == process && WIFSTOPPED(status), "a process of this row ended");
 }
+
+void child::go_on() const { kill(process, SIGCONT); }
 
 void child::wait()
 {
     int status = 0;
     waitpid(std::exchange(process, -1), &status, 0);
-    if (status != 0) { fail("a process of this row failed"); }
+    require(status == 0, "a process of this row failed");
 }
 
-void child::go_on() const { kill(process, SIGCONT); }
-
-worker::channel::channel()
+double child::stopped(const std::function<double()>& loop) const
 {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) { fail("no pipe"); }
-    read_end.reset(ends[0]);
-    write_end.reset(ends[1]);
+    stop();
+    const double result = loop();
+    go_on();
+    return result;
+}
+
+ends::ends()
+{
+    int both[2];
+    require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, both) == 0, "no socket");
+    here.reset(both[0]);
+    there.reset(both[1]);
 }
 
 worker::worker(const std::function<void()>& prepare, const std::function<double(size_t)>& measure)
     : body([&] {
           prepare();
           size_t argument = 0;
-          while (read(questions.read_end.get(), &argument, sizeof argument) == sizeof argument) {
+          while (read(channel.there.get(), &argument, sizeof argument) == sizeof argument) {
               const double result = measure(argument);
-              if (write(answers.write_end.get(), &result, sizeof result) != sizeof result) { return; }
+              if (write(channel.there.get(), &result, sizeof result) != sizeof result) { return; }
           }
       })
 {
-    answers.write_end.reset(); // the child's alone: its end is then seen
+    channel.there.reset(); // the child's alone: its end is then seen
 }
 
 double worker::measure(size_t argument)
 {
     double result = 0;
-    if (write(questions.write_end.get(), &argument, sizeof argument) != sizeof argument ||
-        read(answers.read_end.get(), &result, sizeof result) != sizeof result) {
-        fail("a process of this row ended");
-    }
+    require(write(channel.here.get(), &argument, sizeof argument) == sizeof argument &&
+                read(channel.here.get(), &result, sizeof result) == sizeof result,
+            "a process of this row ended");
     return result;
 }
 
@@ -162,19 +131,24 @@ child launch_daemon()
 {
     const std::string program = own_folder() + "/rvkd";
     return child([&program] {
-        if (pin_to_processor(processor) != 0) { fail("rvkd cannot be pinned"); }
+        require(pin_to_processor(processor) == 0, "rvkd cannot be pinned");
         dup2(open("/dev/null", O_WRONLY), STDERR_FILENO); // its sysctl calls complain at every start
+        dup2(STDERR_FILENO, STDOUT_FILENO);
         execl(program.c_str(), program.c_str(), nullptr);
-        std::_Exit(1); // shows as a daemon that does not answer
+        std::_Exit(1); // shows as a daemon whose demo does not come to its end
     });
 }
 
 child start_daemon(const simulated_cards& cards)
 {
     child daemon = launch_daemon();
-    wait_for_greeting();
-    wait_for_demo(cards);
-    wait_until_quiet(daemon.pid());
+    for (int tries = start_seconds * 10; !cards.has_played(end_of_playback); --tries) {
+        require(tries > 0, "rvkd's demo does not come to its end: is it built, beside this program?");
+        pause_ms(100);
+    }
+    for (int seconds = 0; !is_quiet(daemon.pid()); ++seconds) {
+        require(seconds < start_seconds, "rvkd does not come to rest");
+    }
     pin_threads(daemon.pid()); // where there are more processors, one of them has chosen another
     return daemon;
 }
@@ -182,10 +156,10 @@ child start_daemon(const simulated_cards& cards)
 unique_fd packet_socket_of(pid_t process)
 {
     const unique_fd handle{static_cast<int>(syscall(SYS_pidfd_open, process, 0))};
-    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+    for (const auto& entry : fs::directory_iterator(folder_of(process) / "fd")) {
         const int number = std::stoi(entry.path().filename());
         unique_fd copy{static_cast<int>(syscall(SYS_pidfd_getfd, handle.get(), number, 0))};
-        if (copy && kind_of_socket(copy.get()) == AF_PACKET) { return copy; }
+        if (copy && is_packet_socket(copy.get())) { return copy; }
     }
     fail("rvkd has no packet socket: is eth0 there?");
 }
@@ -193,7 +167,7 @@ unique_fd packet_socket_of(pid_t process)
 double processor_time_ns(pid_t process)
 {
     double sum = 0;
-    for (const auto& thread : fs::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+    for (const auto& thread : fs::directory_iterator(folder_of(process) / "task")) {
         double used = 0;
         std::ifstream(thread.path() / "schedstat") >> used;
         sum += used;
@@ -201,27 +175,20 @@ double processor_time_ns(pid_t process)
     return sum;
 }
 
-double resident_bytes(pid_t process)
+double resident_bytes(pid_t process, const char* which)
 {
-    double whole = 0, resident = 0;
-    std::ifstream("/proc/" + std::to_string(process) + "/statm") >> whole >> resident;
-    return resident * static_cast<double>(sysconf(_SC_PAGESIZE));
+    std::ifstream status(folder_of(process) / "status");
+    double kilobytes = 0;
+    for (std::string word; status >> word;) {
+        if (word == which && status >> kilobytes) { return kilobytes * 1024; }
+    }
+    fail("the kernel does not say how much memory a process has");
 }
 
 void forget_peak(pid_t process)
 {
-    std::ofstream file("/proc/" + std::to_string(process) + "/clear_refs");
-    if (!(file << "5" << std::flush)) { fail("the peak memory of a process cannot be counted anew"); }
-}
-
-double peak_bytes(pid_t process)
-{
-    std::ifstream status("/proc/" + std::to_string(process) + "/status");
-    for (std::string word; status >> word;) {
-        double kilobytes = 0;
-        if (word == "VmHWM:" && status >> kilobytes) { return kilobytes * 1024; }
-    }
-    fail("the kernel does not say how much memory a process had");
+    std::ofstream file(folder_of(process) / "clear_refs");
+    require(static_cast<bool>(file << "5" << std::flush), "the peak memory of a process cannot be counted anew");
 }
 
 std::string run_program(const std::vector<std::string>& arguments)
@@ -237,8 +204,7 @@ std::string run_program(const std::vector<std::string>& arguments)
     });
     program.wait();
     std::string text(4096, '\0');
-    const ssize_t length = pread(output.get(), text.data(), text.size(), 0);
-    text.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    text.resize(static_cast<size_t>(std::max<ssize_t>(pread(output.get(), text.data(), text.size(), 0), 0)));
     return text;
 }
 

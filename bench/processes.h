@@ -1,11 +1,10 @@
-// Processes beside the one that runs a row: one that measures on demand and can be stopped, so that nothing of it runs
-// while the bare loop does; the real daemon; and what the kernel says about a process.
+// Processes beside the one that runs a row: one that measures on demand, the real daemon, each stopped while the bare
+// loop runs; and what the kernel says about a process.
 #pragma once
 
 #include "base/fd.h"
-#include "cables.h"
+#include "cards.h"
 
-#include <cstddef>
 #include <functional>
 #include <string>
 #include <sys/types.h>
@@ -24,10 +23,16 @@ public:
     [[nodiscard]] pid_t pid() const { return process; }
     void stop() const; // returns when none of its threads runs any more
     void go_on() const;
-    void wait(); // for its end
+    void wait();                                               // for its end
+    double stopped(const std::function<double()>& loop) const; // what the loop gives, while the child is stopped
 
 private:
     pid_t process = -1;
+};
+
+struct ends { // of a socket
+    ends();
+    unique_fd here, there;
 };
 
 // A child that prepares itself and then measures what it is asked for.
@@ -37,36 +42,30 @@ public:
     // measure  argument as given to measure() below; result per unit of work
     // Started before the parent has threads: only the calling thread lives on in the child.
     worker(const std::function<void()>& prepare, const std::function<double(size_t)>& measure);
-
     [[nodiscard]] double measure(size_t argument);
     [[nodiscard]] const child& process() const { return body; }
 
 private:
-    struct channel {
-        channel();
-        unique_fd read_end, write_end;
-    };
-    channel questions, answers;
+    ends channel;
     child body;
 };
 
 // Starts rvkd, found beside this program, without options, on the bench's processor. Waits for nothing.
 [[nodiscard]] child launch_daemon();
 
-// The same, and waits until its start is over: greeting answered, demo done, idle. `cards` are those that it talks
-// to; every thread of it is then on the bench's processor.
+// The same, and waits until its start is over: demo done, idle. `cards` are those that it talks to; every thread of it
+// is then on the bench's processor.
 [[nodiscard]] child start_daemon(const simulated_cards& cards);
 
 // A copy of a process's packet socket, as it is bound to its link.
 [[nodiscard]] unique_fd packet_socket_of(pid_t process);
 
-// Nanoseconds of processor time that all threads of a process have used; its resident memory in bytes.
+// Nanoseconds of processor time that all threads of a process have used; its resident memory in bytes, now and at most
+// since that count was started anew.
 [[nodiscard]] double processor_time_ns(pid_t process);
-[[nodiscard]] double resident_bytes(pid_t process);
-
-// Starts the count of the most resident memory anew; that memory in bytes.
+[[nodiscard]] double resident_bytes(pid_t process, const char* which = "VmRSS:");
+[[nodiscard]] inline double peak_bytes(pid_t process) { return resident_bytes(process, "VmHWM:"); }
 void forget_peak(pid_t process);
-[[nodiscard]] double peak_bytes(pid_t process);
 
 // Starts a program and waits for it. Result: what it wrote to standard error.
 [[nodiscard]] std::string run_program(const std::vector<std::string>& arguments);

@@ -23,7 +23,7 @@
 namespace rvk {
 namespace {
 
-constexpr uint32_t client = 0x010A7F05, companion = 0x010A3C00, own_identity_here = 0x010A3B00, usual_addr = 0x1000;
+constexpr uint32_t client = 0x010A7F05, own_identity_here = 0x010A3B00, usual_addr = 0x1000;
 constexpr uint32_t asked_word1 = 0xC0FFEE; // replies bring it back
 constexpr uint8_t untouched = 0xEE;
 constexpr char answers[] =

@@ -2,13 +2,14 @@
 // frames.
 #pragma once
 
+#include "base/fd.h"
 #include "cardsim/cards.h"
 #include "cardsim/link.h"
 
 #include <cstdint>
 #include <functional>
 #include <linux/if_packet.h>
-#include <span>
+#include <string>
 #include <vector>
 
 namespace rvk::bench {
@@ -20,34 +21,42 @@ inline constexpr uint32_t addr = 0x2000;
 
 using frame_bytes = std::vector<uint8_t>;
 
-// The frames that arrive at these cards while `work` runs, the first `max` at most.
-[[nodiscard]] std::vector<kept_frame> frames_to_cards(card_farm& farm, size_t max, const std::function<void()>& work);
-
-// Cards on card0, with something to read at `addr`, answering at this priority.
+// Cards on an end of a cable, with something to read at `addr`. At the row's end they have refused and lost nothing.
 class simulated_cards {
 public:
-    explicit simulated_cards(int priority);
+    explicit simulated_cards(int priority, const std::string& interface = "card0");
     ~simulated_cards();
     simulated_cards(const simulated_cards&) = delete;
     simulated_cards& operator=(const simulated_cards&) = delete;
 
-    // A daemon's start, since the cards are there: its first picture plays; its last one is complete.
-    [[nodiscard]] bool demo_plays() const;
-    [[nodiscard]] bool demo_is_over() const;
-
     // The frames that arrive while `work` runs, `max` at most: a bare loop then sends the very same.
     [[nodiscard]] std::vector<frame_bytes> arriving(size_t max, const std::function<void()>& work);
+
+    // Whether the demo's playback has come to this line.
+    [[nodiscard]] bool has_played(const std::string& line) const;
     [[nodiscard]] std::vector<uint8_t> picture(uint8_t buffer);
 
-private:
     card_farm farm;
+
+private:
     card_link link{farm};
+};
+
+// When the frames to one address of a card arrived, by the kernel's stamps.
+class stamps {
+public:
+    explicit stamps(uint32_t of, const char* interface = "card0");
+    [[nodiscard]] double ns_per_frame() const; // of those since the last call: the mean from one to the next
+
+private:
+    unique_fd fd;
 };
 
 // A request as the daemon would pack it. A read carries no data and asks for data_bytes.
 [[nodiscard]] frame_bytes ready_made(uint8_t code, uint32_t at, uint16_t seq, size_t data_bytes);
 
-// A packet socket that belongs to somebody else, who is stopped while it is used here.
+// A packet socket that belongs to somebody else, who is stopped while it is used here: one more on the interface would
+// get a copy of every frame.
 class bare_link {
 public:
     explicit bare_link(int socket);
@@ -55,9 +64,6 @@ public:
     void receive() const;                          // one frame
     void exchange(const frame_bytes& frame) const; // waits for its answer where it has one
     void drain() const;                            // what is left from others
-    void check_replies_come() const;               // once, before anything is timed
-
-    void make_room_for_replies() const; // for 1,000 and more that nobody takes yet
 
 private:
     int fd;
