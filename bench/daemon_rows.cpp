@@ -6,6 +6,7 @@
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "base/clock.h"
+#include "base/mutex.h"
 #include "cards.h"
 #include "demo/demo.h"
 #include "eth_raw/frame.h"
@@ -24,13 +25,15 @@
 #include <span>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <thread>
 
 namespace rvk::bench {
 namespace {
 
 using bytes = std::vector<uint8_t>;
 
-constexpr uint32_t requester_identity = identity_of(201, module_tools), relay_identity = identity_of(200, module_tools);
+constexpr uint32_t requester_identity = identity_of(201, module_tools), relay_identity = identity_of(200, module_tools),
+                   floor_identity = identity_of(199, module_tools);
 constexpr size_t exchanges = 2000, outstanding = 1000;
 constexpr uint8_t buffer = 1;
 constexpr char folder[] = "/run/rvk-bench/";
@@ -109,13 +112,20 @@ private:
 };
 
 // In the place of rvkd, with bare system calls only: takes a command, sends its frame, waits for the answer, answers a
-// read. What it needs is made at the first command of a kind. late: the cards answer behind the last write.
+// read. What it needs is made at the first command of a kind. late: the cards answer behind the last write. As a floor
+// it has rvkd's threads, too: one of higher priority takes the answers.
 class relay {
 public:
-    relay(int packet_socket, bool late) : link(packet_socket), waits_for_each(!late)
+    relay(uint32_t identity, int packet_socket, bool late) : link(packet_socket), own(identity), waits_for_each(!late)
     {
-        require(local::bind_endpoint(relay_identity, endpoint) == 0 && local::endpoint_address(requester_identity, to),
+        require(local::bind_endpoint(own, endpoint) == 0 && local::endpoint_address(requester_identity, to),
                 "the relay has no endpoint");
+    }
+
+    void take_answers()
+    {
+        take_processor(90); // rvk-recv's
+        for (;; answered.post()) { link.receive(); }
     }
 
     void serve()
@@ -127,7 +137,7 @@ public:
         link.send(frame);
         ++pending;
         while ((reads || waits_for_each) && pending > 0) {
-            link.receive();
+            own == floor_identity ? answered.wait() : link.receive();
             --pending;
         }
         if (!reads) { return; }
@@ -143,11 +153,13 @@ private:
         frame = ready_made(code, addr, 0, count);
         if (code != code_read) { return; }
         answer.assign(message_head_bytes + count, 0);
-        store_le32(answer.data(), relay_identity);
+        store_le32(answer.data(), own);
     }
 
     bare_link link;
+    uint32_t own;
     bool waits_for_each;
+    semaphore answered{0};
     size_t pending = 0;
     unique_fd endpoint;
     sockaddr_un to{};
@@ -168,17 +180,43 @@ struct setting {
 
     void ask(const bytes& command, size_t answer_bytes = 0) { asker.exchange(own_identity(), command, answer_bytes); }
 
-    // Compares commands, which rvkd and then a relay serves, by the time of `work`.
-    void compare_to_relay(const row& about, bool late, size_t units, const std::function<void(uint32_t whom)>& work)
+    [[nodiscard]] child start_relay(uint32_t identity, bool late)
     {
-        const child bare([&] {
+        child started([&] {
             take_processor(sender_priority);
-            for (relay serving(socket.get(), late);;) { serving.serve(); }
+            relay serving(identity, socket.get(), late);
+            if (identity == floor_identity) { std::thread(&relay::take_answers, &serving).detach(); }
+            for (;;) { serving.serve(); }
         });
-        while (!local::endpoint_alive(relay_identity)) { pause_ms(1); }
+        while (!local::endpoint_alive(identity)) { pause_ms(1); }
+        return started;
+    }
+
+    // Compares commands, which rvkd and then a relay serves, by the time of `work`; and the floor to that relay.
+    void compare_to_relay(row about, bool late, size_t units, const std::function<void(uint32_t whom)>& work)
+    {
+        const auto timed = [&](uint32_t whom) { return time_per_unit(units, [&] { work(whom); }); };
+        const child bare = start_relay(relay_identity, late);
+        const auto of_relay = [&] { return daemon.stopped([&] { return timed(relay_identity); }); };
         compare(
-            about, [&] { return time_per_unit(units, [&] { work(own_identity()); }); },
-            [&] { return daemon.stopped([&] { return time_per_unit(units, [&] { work(relay_identity); }); }); });
+            about, [&] { return timed(own_identity()); }, of_relay);
+        daemon.stop();
+        child floor = start_relay(floor_identity, late);
+        about.work = "floor of that: such a relay with a thread for the answers";
+        about.most = 0;
+        compare(
+            about,
+            [&] {
+                const double taken = timed(floor_identity);
+                floor.stop();
+                return taken;
+            },
+            [&] {
+                const double taken = timed(relay_identity);
+                floor.go_on();
+                return taken;
+            });
+        daemon.go_on();
     }
 
     // Compares the time from frame to frame to one address, while `work` runs, and while the frames of it are sent

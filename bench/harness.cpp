@@ -17,10 +17,13 @@ constexpr uint64_t between_rounds_ms = 5; // real-time threads must leave the pr
 void print_line(const row& about, double ours, double bare, double ratio)
 {
     const auto decimals = [](double value) { return value < 10 ? 2 : value < 100 ? 1 : 0; };
-    const bool kept = (about.of_bare ? ratio : ours) <= about.most;
-    std::printf("| %s | %s | %.*f | %.*f | %s | %.2f | at most %g%s | %s |\n", about.work.c_str(),
-                about.against.c_str(), decimals(ours), ours, decimals(bare), bare, about.unit.c_str(), ratio,
-                about.most, about.of_bare ? " of it" : "", kept ? "yes" : "**no**");
+    const char* const kept = about.most == 0 ? "" : (about.of_bare ? ratio : ours) <= about.most ? "yes" : "**no**";
+    char goal[48] = "";
+    if (about.most != 0) {
+        std::snprintf(goal, sizeof goal, "at most %g%s", about.most, about.of_bare ? " of it" : "");
+    }
+    std::printf("| %s | %s | %.*f | %.*f | %s | %.2f | %s | %s |\n", about.work.c_str(), about.against.c_str(),
+                decimals(ours), ours, decimals(bare), bare, about.unit.c_str(), ratio, goal, kept);
     std::fflush(stdout);
 }
 

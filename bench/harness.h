@@ -39,7 +39,7 @@ inline int rounds = 15; // of each side
 
 struct row {
     std::string work, against, unit;
-    double most;         // the goal
+    double most;         // the goal; 0: there is none
     bool of_bare = true; // as a ratio; false: in the row's unit
 };
 
