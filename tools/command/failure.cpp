@@ -1,13 +1,15 @@
 // The table is all there is to say about a kind of failure.
 #include "command/failure.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 namespace rvk::tool {
 namespace {
 
 struct problem_row {
-    problem what;
+    problem what; // in the enumeration's order
     exit_status status;
     const char* name;
 };
@@ -32,13 +34,9 @@ constexpr problem_row problems[] = {
     {problem::interrupted, exit_no_answer, "interrupted"},
 };
 
-const problem_row& row_of(problem what)
-{
-    for (const problem_row& row : problems) {
-        if (row.what == what) { return row; }
-    }
-    return problems[0];
-}
+const problem_row& row_of(problem what) { return problems[static_cast<size_t>(what)]; }
+static_assert(std::size(problems) == static_cast<size_t>(problem::interrupted) + 1);
+static_assert(std::ranges::is_sorted(problems, {}, &problem_row::what));
 
 } // namespace
 

@@ -1,7 +1,6 @@
 #include "command/values.h"
 
 #include "command/failure.h"
-#include "files/write_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -87,19 +86,15 @@ void append_dump_line(std::string& out, uint64_t addr, std::span<const uint8_t> 
 
 } // namespace
 
-uint64_t number_in(const char* name, const std::string& text, uint64_t least, uint64_t most)
+uint64_t number_in(const char* name, const std::string& text, uint64_t least, uint64_t most, int base)
 {
     uint64_t value = 0;
-    if (parse(text, 10, value) && value >= least && value <= most) { return value; }
-    throw failure{problem::wrong_usage,
-                  format("%s \"%s\": give a number from %" PRIu64 " to %" PRIu64 " (0x%" PRIx64 "), decimal or 0x…",
-                         name, text.c_str(), least, most, most)};
-}
-
-uint64_t hex_number_in(const char* name, const std::string& text, uint64_t least, uint64_t most)
-{
-    uint64_t value = 0;
-    if (parse(text, 16, value) && value >= least && value <= most) { return value; }
+    if (parse(text, base, value) && value >= least && value <= most) { return value; }
+    if (base == 10) {
+        throw failure{problem::wrong_usage,
+                      format("%s \"%s\": give a number from %" PRIu64 " to %" PRIu64 " (0x%" PRIx64 "), decimal or 0x…",
+                             name, text.c_str(), least, most, most)};
+    }
     throw failure{problem::wrong_usage,
                   format("%s \"%s\": give a hexadecimal number from %" PRIx64 " to %" PRIx64 " (%" PRIu64 " decimal)",
                          name, text.c_str(), least, most, most)};
@@ -163,7 +158,14 @@ std::vector<uint8_t> bytes_of_file(const std::string& path)
 
 void save(const std::string& path, std::span<const uint8_t> bytes)
 {
-    if (const std::string wrong = write_file(path, bytes); !wrong.empty()) { throw failure{problem::io_error, wrong}; }
+    const auto refused = [&](const char* why) {
+        return failure{problem::io_error, path + ": " + why + ": " + strerror(errno)};
+    };
+    FILE* file = fopen(path.c_str(), "wbe");
+    if (file == nullptr) { throw refused("cannot be created"); }
+    const bool whole = fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+    const bool closed = fclose(file) == 0; // what was buffered fails here when the disk is full
+    if (!whole || !closed) { throw refused("cannot be written whole"); }
 }
 
 std::string printable_lines(const std::string& text)

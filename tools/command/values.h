@@ -12,11 +12,9 @@
 
 namespace rvk::tool {
 
-// A decimal or 0x… number from least to most; throws a failure that names it, its value and the range.
-uint64_t number_in(const char* name, const std::string& text, uint64_t least, uint64_t most);
-
-// The same of hexadecimal numbers, whose 0x may be left out.
-uint64_t hex_number_in(const char* name, const std::string& text, uint64_t least, uint64_t most);
+// A decimal or 0x… number from least to most; throws a failure that names it, its value and the range. With base 16 a
+// hexadecimal one, whose 0x may be left out.
+uint64_t number_in(const char* name, const std::string& text, uint64_t least, uint64_t most, int base = 10);
 
 // WxH in pixels, each side from least to 65,535 and less than 2^29 together; throws a failure.
 picture_size size_in(const char* name, const std::string& text, uint32_t least);

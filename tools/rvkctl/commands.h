@@ -59,8 +59,41 @@ void run_picture_get(const settings& used, const picture_options& options, outco
 void run_update(const settings& used, const update_options& options, outcome& run);
 void run_status(const settings& used, bool watch, outcome& run); // watch: each second, until a signal ends it
 
+// Notes what every command to a card has.
+void note_request(const settings& used, const card_options& card, uint8_t code, const char* meaning, outcome& run);
+
 // Reads once and notes what came in `facts`. Result: the data. Throws a failure when the card gave none, or less than
 // was asked for (facts then have what came).
 std::vector<uint8_t> read_card(session& talk, const read_options& what, nlohmann::ordered_json& facts);
+
+// The daemon's figures as its status file has them, and as a table for a person. Needs no daemon that answers, and no
+// privilege: the file is readable by everybody.
+struct status_view {
+    nlohmann::ordered_json figures;
+    double age_s = 0; // by the clock that both use, which nobody sets; negative: before the machine's last start
+};
+
+// Reads the file, /run/rvkd/status.json unless RVK_STATUS_DIR names another folder. Throws a failure when it is not
+// there or not the daemon's.
+[[nodiscard]] status_view read_status();
+
+// What a board's daemon that does not answer says of itself, to be put behind an error's text; empty when it says
+// nothing that explains it. Throws nothing.
+[[nodiscard]] std::string why_unreached(int board);
+
+// What a file job asked of its card once it was over; none when the figures do not come to name that job of this
+// requester. Waits until they are written anew. Throws nothing.
+struct job_figures {
+    uint64_t steps, unanswered;
+};
+[[nodiscard]] std::optional<job_figures> figures_of_job(const char* job, int board, uint32_t requester,
+                                                        uint16_t number);
+
+// The transfers that run, "firmware 1024 of 4096 bytes (25 %)"; empty when none does, or nothing is known.
+[[nodiscard]] std::string transfer_text();
+[[nodiscard]] std::string transfer_text(const nlohmann::ordered_json& figures);
+
+// The table. before: an earlier view of the same daemon, to show rates beside what only grows.
+[[nodiscard]] std::string status_table(const status_view& now, const std::optional<status_view>& before);
 
 } // namespace rvk::ctl

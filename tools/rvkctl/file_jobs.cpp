@@ -5,20 +5,148 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "base/fd.h"
 #include "base/picture.h"
-#include "rvkctl/file_watch.h"
-#include "rvkctl/status_view.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <poll.h>
+#include <string>
 #include <string_view>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace rvk::ctl {
 namespace {
+
+constexpr std::chrono::seconds missing_after{1};      // the daemon opens the second file at once after the first
+constexpr std::chrono::seconds both_missing_after{5}; // and the first at once, but a disk may be asleep
+constexpr std::chrono::seconds at_rest{1};            // a file that nobody has written to for so long is complete
+constexpr uint32_t watched_events = IN_OPEN | IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE;
+
+// Waits until another process has written two files and closed them. The folders are watched, not the files: those may
+// not be there yet.
+class file_watch {
+public:
+    // A file and the size that it is to have, in bytes.
+    struct expected {
+        std::string path;
+        uint64_t bytes;
+    };
+
+    // From now on. The files' folders must exist; throws a failure.
+    file_watch(const expected& first, const expected& second);
+
+    // To be called when the other process has begun.
+    void begun() { last_event = clock::now(); }
+
+    // Waits for a while. Result: whether both were closed after writing. Throws a failure when one was closed and
+    // nothing has opened the other for a second, or when nothing has opened either for five: it could not be opened.
+    bool both_closed(std::chrono::milliseconds wait);
+
+private:
+    using clock = std::chrono::steady_clock;
+
+    struct watched {
+        std::string path, name{};
+        uint64_t bytes = 0;
+        int folder = -1;
+        bool opened = false, closed = false;
+    };
+
+    void note(const char* events, size_t bytes);
+    void look_at_the_files();
+    void check_for_a_missing_one() const;
+    void check_for_missing_ones() const;
+
+    unique_fd fd;
+    std::array<watched, 2> files;
+    clock::time_point last_event = clock::now();
+    bool missed_events = false;
+};
+
+file_watch::file_watch(const expected& first, const expected& second)
+    : fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)), files{{{.path = first.path, .bytes = first.bytes},
+                                                          {.path = second.path, .bytes = second.bytes}}}
+{
+    for (watched& file : files) {
+        const std::filesystem::path whole = file.path;
+        file.name = whole.filename().string();
+        file.folder = inotify_add_watch(fd.get(), whole.parent_path().c_str(), watched_events | IN_ONLYDIR);
+        if (file.folder < 0) {
+            throw failure{problem::wrong_usage,
+                          "folder \"" + whole.parent_path().string() + "\" cannot be used: " + strerror(errno)};
+        }
+    }
+}
+
+bool file_watch::both_closed(std::chrono::milliseconds wait)
+{
+    pollfd poll_for{fd.get(), POLLIN, 0};
+    if (poll(&poll_for, 1, static_cast<int>(wait.count())) > 0) {
+        alignas(inotify_event) char events[4096];
+        const ssize_t got = read(fd.get(), events, sizeof events);
+        if (got > 0) { note(events, static_cast<size_t>(got)); }
+    }
+    if (missed_events) { look_at_the_files(); }
+    if (files[0].closed && files[1].closed) { return true; }
+    check_for_a_missing_one();
+    check_for_missing_ones();
+    return false;
+}
+
+void file_watch::note(const char* events, size_t bytes)
+{
+    for (size_t at = 0; at + sizeof(inotify_event) <= bytes;) {
+        inotify_event event;
+        memcpy(&event, events + at, sizeof event);
+        const char* name = event.len == 0 ? "" : events + at + sizeof event;
+        if ((event.mask & IN_Q_OVERFLOW) != 0) { missed_events = true; }
+        for (watched& file : files) {
+            if (event.wd != file.folder || file.name != name) { continue; }
+            file.opened = true;
+            file.closed = file.closed || (event.mask & IN_CLOSE_WRITE) != 0;
+            last_event = clock::now();
+        }
+        at += sizeof event + event.len;
+    }
+}
+
+// A folder in which more happened than the kernel keeps events of (this process was stopped meanwhile, say).
+void file_watch::look_at_the_files()
+{
+    for (watched& file : files) {
+        struct stat status = {};
+        timespec now = {};
+        clock_gettime(CLOCK_REALTIME, &now);
+        if (stat(file.path.c_str(), &status) != 0) { continue; }
+        file.opened = true;
+        const bool whole = static_cast<uint64_t>(status.st_size) == file.bytes;
+        file.closed = file.closed || (whole && now.tv_sec - status.st_mtim.tv_sec > at_rest.count());
+    }
+}
+
+void file_watch::check_for_a_missing_one() const
+{
+    const auto closed = std::find_if(files.begin(), files.end(), [](const watched& f) { return f.closed; });
+    const auto missing = std::find_if(files.begin(), files.end(), [](const watched& f) { return !f.opened; });
+    if (closed == files.end() || missing == files.end() || clock::now() - last_event < missing_after) { return; }
+    throw failure{problem::refused, "the daemon could not open \"" + missing->path + "\": see rvkd's log"};
+}
+
+void file_watch::check_for_missing_ones() const
+{
+    if (files[0].opened || files[1].opened || clock::now() - last_event < both_missing_after) { return; }
+    throw failure{problem::refused, "the daemon opened neither \"" + files[0].path + "\" nor \"" + files[1].path +
+                                        "\": can files be made there? see rvkd's log"};
+}
 
 constexpr uint64_t file_bytes_max = INT32_MAX; // daemon: it takes no larger one
 using namespace update_type;
@@ -57,15 +185,6 @@ request request_of(uint8_t code, const card_options& card, std::span<const uint8
             .addr = card.addr,
             .len = static_cast<uint16_t>(payload.size()),
             .payload = payload};
-}
-
-void note_request(const settings& used, const card_options& card, uint8_t code, const char* meaning, outcome& run)
-{
-    run.facts.update(facts_of(used));
-    run.facts["code"] = code;
-    run.facts["code_meaning"] = meaning;
-    run.facts["slot"] = card.slot;
-    run.facts["model"] = card.model;
 }
 
 void note_picture(const picture_options& options, outcome& run)
@@ -237,7 +356,7 @@ void run_picture_put(const settings& used, const picture_options& options, outco
     const auto payload = payload_of({options.size.hor, options.size.ver}, path);
     answer got;
     talk.doing = [] { return transfer_text(); };
-    waited("picture", [&] { got = talk.ask_patiently(request_of(command::file_write, options, payload)); });
+    waited("picture", [&] { got = talk.ask(request_of(command::file_write, options, payload), true); });
     note_result(got.result, run.facts);
     run.facts["elapsed_s"] = watch.seconds();
     if (got.result != 0) {
@@ -307,7 +426,7 @@ void run_update(const settings& used, const update_options& options, outcome& ru
     const bool by_tool = options.type <= mcu_vpu;
     answer got;
     talk.doing = [by_tool] { return by_tool ? "the programming tool runs" : transfer_text(); };
-    waited("update", [&] { got = talk.ask_patiently(request_of(command::update, options, payload)); });
+    waited("update", [&] { got = talk.ask(request_of(command::update, options, payload), true); });
     note_result(got.result, run.facts);
     run.facts["elapsed_s"] = watch.seconds();
     const std::string what = format("slot %d, image \"%s\"", options.slot, path.c_str());

@@ -4,8 +4,6 @@
 #include "eth_raw/frame.h"
 #include "platform/platform.h"
 #include "rvkctl/commands.h"
-#include "rvkctl/status_view.h"
-#include "rvkctl/waiting.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -4,7 +4,6 @@
 #include "rvkctl/commands.h"
 
 #include "ap_msg/message.h"
-#include "rvkctl/status_view.h"
 
 #include <chrono>
 #include <ctime>
@@ -13,16 +12,6 @@ namespace rvk::ctl {
 namespace {
 
 constexpr uint32_t interval_default_ms = 1000;
-
-void note_request(const read_options& what, nlohmann::ordered_json& facts)
-{
-    facts["code"] = command::read;
-    facts["code_meaning"] = "read";
-    facts["slot"] = what.slot;
-    facts["model"] = what.model;
-    facts["addr"] = what.addr;
-    facts["len"] = what.len;
-}
 
 void check_usage(const read_options& what)
 {
@@ -113,6 +102,15 @@ void read_repeatedly(session& talk, const read_options& what, bool json, outcome
 
 } // namespace
 
+void note_request(const settings& used, const card_options& card, uint8_t code, const char* meaning, outcome& run)
+{
+    run.facts.update(facts_of(used));
+    run.facts["code"] = code;
+    run.facts["code_meaning"] = meaning;
+    run.facts["slot"] = card.slot;
+    run.facts["model"] = card.model;
+}
+
 void run_hello(const settings& used, outcome& run)
 {
     run.facts.update(facts_of(used));
@@ -156,8 +154,9 @@ std::vector<uint8_t> read_card(session& talk, const read_options& what, nlohmann
 void run_read(const settings& used, const read_options& options, outcome& run)
 {
     check_usage(options);
-    run.facts.update(facts_of(used));
-    note_request(options, run.facts);
+    note_request(used, options, command::read, "read", run);
+    run.facts["addr"] = options.addr;
+    run.facts["len"] = options.len;
     run.one_line = options.repeat.has_value();
     session talk(used);
     run.facts["requester_identity"] = talk.identity();

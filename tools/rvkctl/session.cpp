@@ -16,7 +16,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr uint8_t unit_of_cards = 254;
 constexpr milliseconds alive_interval{250}; // how soon a wait notices that the daemon has ended, or that it is to end
 
 // A report carries no sequence number, so none of ours is 0.
@@ -38,7 +37,7 @@ std::vector<uint8_t> message_of(const request& command, uint32_t own, uint16_t s
     store_le16(m + message::msg_class, static_cast<uint16_t>(data_class));
     store_le32(m + message::data_len, static_cast<uint32_t>(data_head_bytes + command.payload.size()));
     m[message::module] = static_cast<uint8_t>(own >> 8);
-    m[message::id] = unit_of_cards;
+    m[message::id] = GetIdByIndex(0);
     m[message::code] = command.code;
     m[message::slot] = command.slot;
     store_le16(m + message::model, command.model);
@@ -197,21 +196,18 @@ void session::greet_patiently()
     });
 }
 
-answer session::ask(const request& command)
+answer session::ask(const request& command, bool patiently)
 {
     const uint16_t seq = tell(command);
     answer got;
-    const auto its = [&](const answer& a) { return answers(a, command, seq); };
-    if (!wait_for(its, clock::now() + used.timeout(), got)) { throw no_answer(); }
-    return got;
-}
-
-answer session::ask_patiently(const request& command)
-{
-    const uint16_t seq = tell(command);
-    answer got;
-    const auto its = [&](const answer& a) { return answers(a, command, seq); };
-    wait_while_alive([&](milliseconds wait) { return wait_for(its, clock::now() + wait, got); });
+    const auto comes_within = [&](milliseconds wait) {
+        return wait_for([&](const answer& a) { return answers(a, command, seq); }, clock::now() + wait, got);
+    };
+    if (patiently) {
+        wait_while_alive(comes_within);
+    } else if (!comes_within(used.timeout())) {
+        throw no_answer();
+    }
     return got;
 }
 

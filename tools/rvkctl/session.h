@@ -4,7 +4,6 @@
 
 #include "requester/requester.h"
 #include "rvkctl/outcome.h"
-#include "rvkctl/waiting.h"
 
 #include <chrono>
 #include <cstdint>
@@ -60,17 +59,15 @@ public:
     // Asks the daemon whether it handles commands. Result: its greeting's text.
     std::string greet();
 
-    // The same, as long as ask_patiently waits: what was sent before is in the daemon's hands then. Asks again and
+    // The same, as long as a patient ask() waits: what was sent before is in the daemon's hands then. Asks again and
     // again, since a greeting that comes during an update is dropped.
     void greet_patiently();
 
-    // Sends a command and waits for the answer to it.
-    answer ask(const request& command);
+    // Sends a command and waits for the answer to it; for long work patiently, as long as the daemon lives, or as long
+    // as a timeout that was given.
+    answer ask(const request& command, bool patiently = false);
 
-    // The same for long work: waits as long as the daemon lives, or as long as a timeout that was given.
-    answer ask_patiently(const request& command);
-
-    // Calls `done` with a time to wait in, until it returns true, as long as ask_patiently waits.
+    // Calls `done` with a time to wait in, until it returns true, as long as a patient ask() waits.
     void wait_while_alive(const std::function<bool(std::chrono::milliseconds)>& done);
 
     // Sends a command that has no answer of its own. Result: its number.

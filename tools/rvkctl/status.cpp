@@ -1,21 +1,153 @@
-// How the daemon is doing, as the file says that it writes each second: once, or each second with rates.
-#include "rvkctl/status_view.h"
+// How the daemon is doing, as the file says that it writes each second: once, or each second with rates. What is zero
+// is left out, so that what is worth a look stands alone.
+#include "rvkctl/commands.h"
 
 #include "base/board.h"
 #include "base/clock.h"
 #include "base/fd.h"
-#include "rvkctl/commands.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cinttypes>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <unistd.h>
 #include <vector>
 
 namespace rvk::ctl {
 namespace {
+
+using json = nlohmann::ordered_json;
+
+// A figure, of the past, for a rate; or none.
+struct pair_of_views {
+    const json* now;
+    const json* before; // null: no rates
+    double seconds;     // between the two
+
+    pair_of_views member(const std::string& name) const
+    {
+        static const json absent;
+        const json* then = before != nullptr && before->contains(name) ? &before->at(name) : nullptr;
+        return {now->contains(name) ? &now->at(name) : &absent, then, seconds};
+    }
+};
+
+uint64_t count_in(const json& value) { return value.is_number_unsigned() ? value.get<uint64_t>() : 0; }
+
+std::string with_rate(const pair_of_views& figure)
+{
+    const uint64_t now = count_in(*figure.now);
+    if (figure.before == nullptr || figure.seconds <= 0) { return format("%" PRIu64, now); }
+    const uint64_t then = count_in(*figure.before);
+    if (now <= then) { return format("%" PRIu64, now); }
+    return format("%" PRIu64 " (%.1f/s)", now, static_cast<double>(now - then) / figure.seconds);
+}
+
+std::string row(std::string_view name, const std::string& text)
+{
+    return format("  %-16.*s  %s\n", static_cast<int>(name.size()), name.data(), text.c_str());
+}
+
+// "read 3, write 1"; "none" when all are zero.
+std::string kinds(const pair_of_views& family)
+{
+    std::string out;
+    for (const auto& [key, value] : family.now->items()) {
+        if (count_in(value) == 0) { continue; }
+        out += (out.empty() ? "" : ", ") + key + " " + with_rate(family.member(key));
+    }
+    return out.empty() ? "none" : out;
+}
+
+std::string duration_text(uint64_t ms)
+{
+    const uint64_t s = ms / 1000;
+    return format("%" PRIu64 " d %02d:%02d:%02d", s / 86'400, static_cast<int>(s / 3600 % 24),
+                  static_cast<int>(s / 60 % 60), static_cast<int>(s % 60));
+}
+
+std::string us_text(uint64_t us)
+{
+    return us < 1000 ? format("%" PRIu64 " us", us) : format("%.1f ms", static_cast<double>(us) / 1e3);
+}
+
+std::string pool_text(const json& figures)
+{
+    uint64_t in_use = 0, made = 0;
+    for (const auto& [size, count] : figures.at("pool_in_use").items()) { in_use += count_in(count); }
+    for (const auto& [size, count] : figures.at("pool_made").items()) { made += count_in(count); }
+    return format("%" PRIu64 " of %" PRIu64 " blocks in use", in_use, made);
+}
+
+// "1200, half within 64 us, 99 % within 128 us, all within 512 us"
+std::string answers_text(const json& answers)
+{
+    const uint64_t longer = count_in(answers.value("longer", json(0u)));
+    uint64_t all = longer;
+    for (const auto& [bound, count] : answers.at("at_most_us").items()) { all += count_in(count); }
+    if (all == 0) { return "none"; }
+    const struct {
+        const char* name;
+        double share;
+    } parts[] = {{"half", 0.5}, {"99 %", 0.99}, {"all", 1}};
+    std::string out = format("%" PRIu64, all);
+    for (const auto& part : parts) {
+        std::string within = "more than 512 ms";
+        uint64_t so_far = 0;
+        for (const auto& [bound, count] : answers.at("at_most_us").items()) {
+            so_far += count_in(count);
+            if (static_cast<double>(so_far) < part.share * static_cast<double>(all)) { continue; }
+            within = "within " + us_text(strtoull(bound.c_str(), nullptr, 10));
+            break;
+        }
+        out += format(", %s %s", part.name, within.c_str());
+    }
+    return out;
+}
+
+bool is_used(const json& link)
+{
+    return count_in(link.at("open")) != 0 || count_in(link.at("send_failed").value("not_open", json(0u))) != 0;
+}
+
+std::string link_lines(const pair_of_views& link)
+{
+    const json& now = *link.now;
+    const auto way = [&link](const char* direction) {
+        return with_rate(link.member("frames").member(direction)) + " frames, " +
+               with_rate(link.member("bytes").member(direction)) + " bytes";
+    };
+    return format("%s, %s\n", now.value("interface", std::string("?")).c_str(),
+                  count_in(now.at("open")) != 0 ? "open" : "NOT OPEN") +
+           row("sent", way("sent")) + row("received", way("received")) + row("dropped", kinds(link.member("dropped"))) +
+           row("lost in kernel", with_rate(link.member("kernel_dropped"))) +
+           row("send failures", kinds(link.member("send_failed"))) + row("resends", with_rate(link.member("resends"))) +
+           row("given up", with_rate(link.member("given_up"))) +
+           row("refused by card", with_rate(link.member("wrong_acks"))) +
+           row("waiting", kinds({link.member("queued").now, nullptr, 0})) +
+           row("answers", answers_text(now.at("answers"))) +
+           row("check passes", "at most " + us_text(count_in(now.at("check_gap_us"))) + " apart, since the start " +
+                                   us_text(count_in(now.at("check_gap_most_us"))));
+}
+
+// What keeps the daemon from its work, in words; empty when nothing does.
+std::string illness(const json& figures)
+{
+    std::string out;
+    const auto add = [&out](const std::string& what) { out += (out.empty() ? "" : "; ") + what; };
+    if (count_in(figures.at("endpoint")) == 0) { add("no requester is heard, its endpoint is gone: restart it"); }
+    const json& link = figures.at("links").at(0);
+    if (count_in(link.at("open")) == 0) {
+        add(link.value("interface", std::string("?")) + " is not open, no card is reached");
+    }
+    if (count_in(link.at("check_gap_us")) > 1'000'000) {
+        add("check passes are more than 1 s apart: who takes the processors?");
+    }
+    return out;
+}
 
 constexpr double age_max_s = 3; // ours: the daemon writes once a second
 constexpr std::chrono::milliseconds job_wait{
@@ -129,6 +261,49 @@ T if_there(Look look)
 }
 
 } // namespace
+
+std::string transfer_text(const json& figures)
+{
+    std::string out;
+    for (const auto& [kind, total] : figures.at("transfer_total_bytes").items()) {
+        const uint64_t all = count_in(total);
+        if (all == 0) { continue; }
+        const uint64_t done = count_in(figures.at("transfer_bytes").value(kind, json(0u)));
+        out += format("%s%s %" PRIu64 " of %s (%d %%)", out.empty() ? "" : ", ", kind.c_str(), done,
+                      byte_count(all).c_str(),
+                      static_cast<int>(100.0 * static_cast<double>(done) / static_cast<double>(all)));
+    }
+    return out;
+}
+
+std::string status_table(const status_view& now, const std::optional<status_view>& before)
+{
+    const bool same = before && before->figures.at("pid") == now.figures.at("pid");
+    const double seconds =
+        same ? (now.figures.at("boot_ms").get<double>() - before->figures.at("boot_ms").get<double>()) / 1e3 : 0;
+    const pair_of_views all{&now.figures, same ? &before->figures : nullptr, seconds};
+    const json& figures = now.figures;
+    const std::string ill = illness(figures), running = transfer_text(figures);
+    std::string out = (ill.empty() ? "well\n" : "NOT WELL: " + ill + "\n") +
+                      format("rvkd of board %" PRIu64 " (process %" PRIu64 "), up %s; figures %.1f s old\n",
+                             count_in(figures.at("board")), count_in(figures.at("pid")),
+                             duration_text(count_in(figures.at("up_ms"))).c_str(), now.age_s);
+    out += row("commands", kinds(all.member("commands"))) + row("refused", kinds(all.member("refused"))) +
+           row("dropped", with_rate(all.member("dropped_in_update")) + " during an update") +
+           row("jobs done", kinds(all.member("jobs_done"))) + row("jobs failed", kinds(all.member("jobs_failed"))) +
+           row("transfer", running.empty() ? "none" : running) +
+           row("file job", with_rate(all.member("steps")) + " exchanges with the card, " +
+                               with_rate(all.member("steps_unanswered")) + " not answered") +
+           row("answers lost",
+               with_rate(all.member("messages_dropped")) + ", to requesters that are gone or do not read") +
+           row("pool", pool_text(figures));
+    const pair_of_views links = all.member("links");
+    for (size_t i = 0; i < links.now->size(); ++i) {
+        const json* then = links.before != nullptr && i < links.before->size() ? &links.before->at(i) : nullptr;
+        if (is_used(links.now->at(i))) { out += link_lines({&links.now->at(i), then, seconds}); }
+    }
+    return out;
+}
 
 status_view read_status()
 {

@@ -33,16 +33,6 @@ std::vector<uint8_t> bytes_of(const write_options& options)
     return bytes;
 }
 
-void note_request(const write_options& options, size_t bytes, outcome& run)
-{
-    run.facts["code"] = options.no_ack ? command::write : command::write_ack;
-    run.facts["code_meaning"] = options.no_ack ? "plain write" : "acknowledged write";
-    run.facts["slot"] = options.slot;
-    run.facts["model"] = options.model;
-    run.facts["addr"] = options.addr;
-    run.facts["data_bytes"] = bytes;
-}
-
 class writer {
 public:
     writer(session& with, const write_options& given, std::span<const uint8_t> bytes, outcome& into)
@@ -201,8 +191,10 @@ void note_progress(const writer& all, outcome& run)
 void run_write(const settings& used, const write_options& options, outcome& run)
 {
     const std::vector<uint8_t> bytes = bytes_of(options);
-    run.facts.update(facts_of(used));
-    note_request(options, bytes.size(), run);
+    note_request(used, options, options.no_ack ? command::write : command::write_ack,
+                 options.no_ack ? "plain write" : "acknowledged write", run);
+    run.facts["addr"] = options.addr;
+    run.facts["data_bytes"] = bytes.size();
     session talk(used);
     run.facts["requester_identity"] = talk.identity();
     writer all(talk, options, bytes, run);

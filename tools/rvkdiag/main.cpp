@@ -84,7 +84,7 @@ std::vector<uint8_t> value_or_file(const std::string& text)
 std::string understand_and_run(fpga_options& o)
 {
     if (o.kind == access::read || o.kind == access::read_wait) {
-        o.len = static_cast<uint16_t>(hex_number_in("LEN", o.last, 1, frame_data_max));
+        o.len = static_cast<uint16_t>(number_in("LEN", o.last, 1, frame_data_max, 16));
     } else {
         o.bytes = value_or_file(o.last);
     }
@@ -106,7 +106,7 @@ void add_hex(CLI::App& app, const char* name, T& value, const char* what, uint64
 {
     add_value(
         app, name, what,
-        [&value, name, most](const std::string& text) { value = static_cast<T>(hex_number_in(name, text, 0, most)); })
+        [&value, name, most](const std::string& text) { value = static_cast<T>(number_in(name, text, 0, most, 16)); })
         ->required()
         ->type_name("");
 }
