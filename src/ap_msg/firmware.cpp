@@ -17,7 +17,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <limits>
-#include <string>
 #include <sys/stat.h>
 #include <utility>
 
@@ -34,7 +33,6 @@ constexpr int update_attempts = 2;                         // ours
 constexpr uint64_t refusal_pause_ms = 10;                  // ours
 constexpr size_t piece_bytes = 1024;                       // card
 constexpr size_t pieces_at_once = 16;                      // ours: read from the file in one call
-constexpr size_t progress_bytes = 500;                     // ours: written in one call
 constexpr size_t command_bytes = 128;                      // ours
 
 // By the first marker found anywhere in the name, binary ones first; upper and lower case as listed.
@@ -169,22 +167,20 @@ int32_t send_file_info(uint32_t size, uint16_t model, uint8_t slot)
 // The percentage after each piece, over the one before it once that was printed. One that looks the same is written
 // with those behind it.
 struct progress_line {
-    std::string unwritten{};
+    std::array<char, 512> unwritten{};
+    size_t used = 0;
     int last = -1;
     bool printed = false;
 
     void show(uint64_t sent, uint64_t total)
     {
         const auto percent = static_cast<int>(100 * sent / total);
-        unwritten += printed || !unwritten.empty() ? "\b\b\b" : "now sended ";
-        unwritten += (percent < 10 ? " " : "") + std::to_string(percent) + '%';
-        if (std::exchange(last, percent) != percent || unwritten.size() > progress_bytes) { write(); }
+        const char* const before = printed || used != 0 ? "\b\b\b" : "now sended ";
+        const size_t space = unwritten.size() - used;
+        used += static_cast<size_t>(snprintf(&unwritten[used], space, "%s%2d%%", before, percent));
+        if (std::exchange(last, percent) != percent || used > unwritten.size() - sizeof "\b\b\b100%") { write(); }
     }
-    void write()
-    {
-        printed |= console_write(STDOUT_FILENO, unwritten.data(), unwritten.size());
-        unwritten.clear();
-    }
+    void write() { printed |= console_write(STDOUT_FILENO, unwritten.data(), std::exchange(used, 0)); }
 };
 
 int32_t send_pieces(const unique_fd& file, uint32_t total, uint8_t slot)
