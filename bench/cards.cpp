@@ -57,7 +57,7 @@ std::vector<frame_bytes> simulated_cards::arriving(size_t max, const std::functi
 
 bool simulated_cards::has_played(const std::string& line) const
 {
-    const auto lines = farm.playback();
+    const auto lines = farm.with([](farm_content& c) { return c.playback.lines(); });
     return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 

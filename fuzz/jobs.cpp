@@ -190,7 +190,7 @@ void check_transfer(const job_input& job, const std::string& path, const std::op
     if (was_disk_full()) { require(result == -1 && seen->frames <= 1); } // at most the card's generation is asked for
     if (job.is_faultless()) { require(result == (good_file ? 0 : -1)); }
     if (result != 0) { return; }
-    const auto files = here->farm.with({0, job.slot}, [](auto& c) { return c.firmware.files(); });
+    const auto files = here->farm.with({0, job.slot}, [](auto& c) { return c.firmware.files; });
     require(good_file && files.size() == 1);
     require(std::ranges::equal(files[0].image(), *image));
     const auto sum = std::accumulate(image->begin(), image->end(), 0x5555u);

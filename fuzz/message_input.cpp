@@ -51,7 +51,7 @@ void take_message(world& w, bool make_data, std::span<const uint8_t> bytes)
     ApipcEventDeal(0, 0, m.get(), static_cast<int>(bytes.size()));
 }
 
-void require_good_frames(const world& w)
+void require_good_frames(world& w)
 {
     const farm_counts counts = w.farm.counts();
     for (size_t v = first_violation; v < first_of_registers; ++v) { require(counts.violations[v] == 0); }

@@ -19,4 +19,4 @@ void take_message(rvk::world& w, bool make_data, std::span<const uint8_t> bytes)
 
 // No frame was one that no controller should send, whatever it was asked to do: a register used wrongly is not among
 // them.
-void require_good_frames(const rvk::world& w);
+void require_good_frames(rvk::world& w);

@@ -10,17 +10,17 @@ endif()
 rvk_library(log_discard  SOURCES ${here}/log_discard.cpp  USES base log)
 rvk_library(fuzz_messages
     SOURCES ${here}/message_input.cpp
-    USES base eth_raw ap_msg world cardsim)
+    USES base eth_raw ap_msg world cardsim tool_command)
 target_include_directories(fuzz_messages_headers INTERFACE ${CMAKE_CURRENT_LIST_DIR})
 
 rvk_fuzz(frame  USES base eth_raw)
 rvk_fuzz(bus_answer  USES base eth_raw bus_block  WRAPS recvfrom)
-rvk_fuzz(message  USES base eth_raw ap_msg world fuzz_messages cardsim)
-rvk_fuzz(cards  USES base eth_raw bus_block cardsim)
-rvk_fuzz(delivery  USES base eth_raw ap_msg world fuzz_messages cardsim)
+rvk_fuzz(message  USES base eth_raw ap_msg world fuzz_messages cardsim tool_command)
+rvk_fuzz(cards  USES base eth_raw bus_block cardsim tool_command)
+rvk_fuzz(delivery  USES base eth_raw ap_msg world fuzz_messages cardsim tool_command)
 rvk_fuzz(picture
     USES base eth_raw raw_msg platform ap_msg private_files
     WRAPS read)
 rvk_fuzz(jobs
     SOURCES ${here}/job_input.cpp
-    USES base eth_raw ap_msg world fuzz_messages private_files cardsim tool_files)
+    USES base eth_raw ap_msg world fuzz_messages private_files cardsim tool_command tool_files)

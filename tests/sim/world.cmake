@@ -6,7 +6,7 @@ endif()
 if(NOT TARGET world)
     rvk_library(world
         SOURCES ${world}/world.cpp
-        USES base log mem timer queue eth_raw raw_msg platform ap_msg cardsim)
+        USES base log mem timer queue eth_raw raw_msg platform ap_msg cardsim tool_command)
     target_include_directories(world_headers INTERFACE ${CMAKE_SOURCE_DIR}/tests)
     foreach(call sendto recvfrom sem_wait pthread_mutex_lock pthread_mutex_unlock clock_gettime clock_nanosleep
                  __clock_gettime64 __clock_nanosleep_time64 _ZN3rvk9mem_allocEj _ZN3rvk8mem_freeEPv _ZN3rvk13console_printEiPKcz)

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace rvk {
 namespace {
@@ -65,6 +66,175 @@ constexpr uint8_t read_done = 1; // ours: what the read-back's status register s
 // Only those of model 0, slot 0 are the picture loader's; elsewhere its addresses are plain memory.
 bool is_of_loader(const request_fields& request) { return request.model == 0 && request.slot == 0; }
 
+violation set_up(picture_port& port, std::span<const uint8_t> bytes, picture_records& records)
+{
+    const picture_record wanted{bytes[5], {load_le16(&bytes[1]), load_le16(&bytes[3])}};
+    if (bytes[0] != 0) { return violation::picture_command; }
+    if (port.for_demo && (wanted.buffer < demo_first || wanted.buffer > demo_last)) {
+        return violation::picture_buffer_number;
+    }
+    if (spread(uint64_t{stride_of(wanted.size)} * wanted.size.ver) > buffer_bytes) {
+        return violation::picture_too_large;
+    }
+    const bool interrupts = port.now == picture_port::phase::taking;
+    records[wanted.buffer] = wanted;
+    port.buffer = wanted.buffer;
+    port.now = picture_port::phase::set_up;
+    return interrupts ? violation::picture_not_ended : violation::none;
+}
+
+// Whatever is wrong with the picture, it is over.
+violation end(picture_port& port, picture_records& records)
+{
+    if (port.now != picture_port::phase::taking) { return violation::picture_end_order; }
+    port.now = picture_port::phase::idle;
+    picture_record& record = records[port.buffer];
+    if (port.spoilt == violation::none && record.received < picture_bytes(record.size)) {
+        return violation::picture_data_missing;
+    }
+    record.whole = port.spoilt == violation::none;
+    return port.spoilt;
+}
+
+// One write to the control register.
+violation control(picture_port& port, std::span<const uint8_t> bytes, picture_records& records)
+{
+    if (bytes.size() == control_block_bytes) { return set_up(port, bytes, records); }
+    if (bytes.size() != 1) { return violation::picture_control_length; }
+    if (bytes[0] == 0) { return end(port, records); }
+    if (bytes[0] != 1) { return violation::picture_command; }
+    if (port.now != picture_port::phase::set_up) { return violation::picture_start_order; }
+    port = {port.for_demo, picture_port::phase::taking, port.buffer};
+    return violation::none;
+}
+
+// One frame to the data port.
+violation take_data(picture_port& port, std::span<const uint8_t> bytes, picture_records& records, card_memory& memory)
+{
+    if (port.now != picture_port::phase::taking) { return violation::picture_data_order; }
+    picture_record& record = records[port.buffer];
+    const bool excess = record.received + bytes.size() > picture_bytes(record.size);
+    if (excess || port.short_seen) {
+        const violation wrong = excess ? violation::picture_data_excess : violation::picture_frame_size;
+        if (port.spoilt == violation::none) { port.spoilt = wrong; }
+        return wrong;
+    }
+    for_stretches(record, record.received, bytes.size(),
+                  [&](uint64_t place, size_t offset, size_t n) { memory.write(place, bytes.subspan(offset, n)); });
+    record.received += bytes.size();
+    port.short_seen = bytes.size() < frame_data_max;
+    return violation::none;
+}
+
+violation read_command(read_back_port& port, std::span<const uint8_t> bytes)
+{
+    if (bytes.size() != command_block_bytes) { return violation::read_command_length; }
+    const uint32_t wanted = load_le16(&bytes[4]);
+    if (wanted == 0 || wanted > step_bursts || bytes[6] != 0) { return violation::read_command_value; }
+    port = {read_back_port::phase::commanded, uint64_t{load_le32(&bytes[0])} * word_bytes, wanted};
+    return violation::none;
+}
+
+violation read_start(read_back_port& port, std::span<const uint8_t> bytes)
+{
+    if (bytes.size() != 1 || bytes[0] != 1) { return violation::read_start_value; }
+    if (port.now != read_back_port::phase::commanded) { return violation::read_start_order; }
+    port.now = read_back_port::phase::started;
+    return violation::none;
+}
+
+violation read_status(read_back_port& port, uint8_t& status)
+{
+    if (port.now < read_back_port::phase::started) { return violation::read_status_order; }
+    port.now = read_back_port::phase::looked_at;
+    status = read_done;
+    return violation::none;
+}
+
+violation read_window(read_back_port& port, const card_memory& memory, std::span<uint8_t> out)
+{
+    if (port.now < read_back_port::phase::started) { return violation::read_window_order; }
+    if (bursts_of(out.size()) != port.bursts) { return violation::read_window_size; }
+    memory.read(port.from, out);
+    const bool skipped = port.now == read_back_port::phase::started;
+    port.now = read_back_port::phase::idle;
+    return skipped ? violation::read_status_skipped : violation::none;
+}
+
+// offset  of the frame's address from the data port's
+violation load_data(loader_port& port, size_t offset, std::span<const uint8_t> frame)
+{
+    std::vector<uint8_t>& piece = port.piece;
+    const bool abandons = offset == 0 && !piece.empty(); // the command of the piece before never came
+    if (abandons) { piece.clear(); }
+    const bool behind_short = piece.size() % frame_data_max != 0;
+    if (offset != piece.size() || behind_short) { return violation::loader_data_order; }
+    if (piece.size() + frame.size() > loader_piece_max) { return violation::loader_data_excess; }
+    piece.insert(piece.end(), frame.begin(), frame.end());
+    return abandons ? violation::loader_piece_abandoned : violation::none;
+}
+
+violation load_command(loader_port& port, std::span<const uint8_t> block)
+{
+    if (block.size() != command_block_bytes) { return violation::loader_command_length; }
+    if (port.piece.empty()) { return violation::loader_command_order; }
+    const bool fits = load_le16(&block[4]) == bursts_of(port.piece.size()) && block[6] == 1;
+    if (fits) { port.memory.write(uint64_t{load_le32(&block[0])} * word_bytes, port.piece); }
+    port.piece.clear();
+    return fits ? violation::none : violation::loader_command_value;
+}
+
+// slot  the card's own, which the last register must name
+bool is_good(const firmware_port& port, size_t index, std::span<const uint8_t> bytes, uint8_t slot)
+{
+    switch (index) {
+    case total_size: return load_le32(bytes.data()) >= image_head_bytes;
+    case received_length: return load_le32(bytes.data()) == 0;
+    case file_count: return load_le32(bytes.data()) == 1;
+    case file_size: return load_le32(bytes.data()) == port.total;
+    case version: return bytes[0] == 0;
+    case card_slot: return bytes[0] == 0 && bytes[1] == 0 && bytes[2] == slot;
+    default: return true; // device_type: any model
+    }
+}
+
+// index  into firmware_registers
+violation write_register(firmware_port& port, size_t index, std::span<const uint8_t> bytes, uint8_t slot)
+{
+    if (bytes.size() != firmware_registers[index].bytes) { return violation::firmware_register_length; }
+    if (index != total_size && (port.whole || index != port.registers)) { return violation::firmware_register_order; }
+    if (!is_good(port, index, bytes, slot)) { return violation::firmware_register_value; }
+    if (index == total_size) {
+        port.abandoned += port.is_running();
+        port.total = load_le32(bytes.data());
+        port.received = 0;
+        port.whole = false;
+        port.coming.bytes.clear();
+    }
+    if (index == device_type) { port.coming.device_type = static_cast<uint16_t>(bytes[0] << 8 | bytes[1]); }
+    port.registers = index + 1;
+    return violation::none;
+}
+
+violation take_piece(firmware_port& port, std::span<const uint8_t> bytes)
+{
+    if (port.next_piece() == 0) { return violation::firmware_piece_order; }
+    const uint64_t due = std::min<uint64_t>(piece_bytes, port.total - port.received);
+    if (bytes.size() != due) { return violation::firmware_piece_size; }
+    std::vector<uint8_t>& coming = port.coming.bytes;
+    coming.insert(coming.end(), bytes.begin(), bytes.end());
+    if (coming.size() == port.total) {
+        if (const violation v = check_head(port.coming); v != violation::none) {
+            coming.resize(static_cast<size_t>(port.received)); // a refused piece was never taken
+            return v;
+        }
+        port.files.push_back(std::exchange(port.coming, {}));
+        port.whole = true;
+    }
+    port.received += bytes.size();
+    return violation::none;
+}
+
 } // namespace
 
 void card_memory::write(uint64_t addr, std::span<const uint8_t> bytes)
@@ -115,67 +285,6 @@ void card_memory::note(uint64_t first, uint64_t end)
     noted.emplace_hint(at, first, end);
 }
 
-violation picture_port::control(std::span<const uint8_t> bytes, picture_records& records)
-{
-    if (bytes.size() == control_block_bytes) { return set_up(bytes, records); }
-    if (bytes.size() != 1) { return violation::picture_control_length; }
-    switch (bytes[0]) {
-    case 0: return end(records);
-    case 1: break;
-    default: return violation::picture_command;
-    }
-    if (now != phase::set_up) { return violation::picture_start_order; }
-    now = phase::taking;
-    short_seen = false;
-    spoilt = violation::none;
-    return violation::none;
-}
-
-violation picture_port::set_up(std::span<const uint8_t> bytes, picture_records& records)
-{
-    const picture_record wanted{bytes[5], {load_le16(&bytes[1]), load_le16(&bytes[3])}};
-    if (bytes[0] != 0) { return violation::picture_command; }
-    if (demo && (wanted.buffer < demo_first || wanted.buffer > demo_last)) { return violation::picture_buffer_number; }
-    if (spread(uint64_t{stride_of(wanted.size)} * wanted.size.ver) > buffer_bytes) {
-        return violation::picture_too_large;
-    }
-    const bool interrupts = now == phase::taking;
-    records[wanted.buffer] = wanted;
-    current = wanted.buffer;
-    now = phase::set_up;
-    return interrupts ? violation::picture_not_ended : violation::none;
-}
-
-// Whatever is wrong with the picture, it is over.
-violation picture_port::end(picture_records& records)
-{
-    if (now != phase::taking) { return violation::picture_end_order; }
-    now = phase::idle;
-    picture_record& record = records[current];
-    if (spoilt == violation::none && record.received < picture_bytes(record.size)) {
-        return violation::picture_data_missing;
-    }
-    record.whole = spoilt == violation::none;
-    return spoilt;
-}
-
-violation picture_port::data(std::span<const uint8_t> bytes, picture_records& records, card_memory& memory)
-{
-    if (now != phase::taking) { return violation::picture_data_order; }
-    picture_record& record = records[current];
-    const bool excess = record.received + bytes.size() > picture_bytes(record.size);
-    if (excess || short_seen) {
-        const violation wrong = excess ? violation::picture_data_excess : violation::picture_frame_size;
-        if (spoilt == violation::none) { spoilt = wrong; }
-        return wrong;
-    }
-    for_stretches(record, record.received, bytes.size(),
-                  [&](uint64_t place, size_t offset, size_t n) { memory.write(place, bytes.subspan(offset, n)); });
-    record.received += bytes.size();
-    short_seen = bytes.size() < frame_data_max;
-    return violation::none;
-}
-
 std::vector<uint8_t> picture_from(const card_memory& memory, const picture_record& record)
 {
     std::vector<uint8_t> picture(picture_bytes(record.size));
@@ -185,94 +294,7 @@ std::vector<uint8_t> picture_from(const card_memory& memory, const picture_recor
     return picture;
 }
 
-violation read_back_port::command(std::span<const uint8_t> bytes)
-{
-    if (bytes.size() != command_block_bytes) { return violation::read_command_length; }
-    const uint32_t wanted = load_le16(&bytes[4]);
-    if (wanted == 0 || wanted > step_bursts || bytes[6] != 0) { return violation::read_command_value; }
-    from = uint64_t{load_le32(&bytes[0])} * word_bytes;
-    bursts = wanted;
-    now = phase::commanded;
-    return violation::none;
-}
-
-violation read_back_port::start(std::span<const uint8_t> bytes)
-{
-    if (bytes.size() != 1 || bytes[0] != 1) { return violation::read_start_value; }
-    if (now != phase::commanded) { return violation::read_start_order; }
-    now = phase::started;
-    return violation::none;
-}
-
-violation read_back_port::status()
-{
-    if (now != phase::started && now != phase::looked_at) { return violation::read_status_order; }
-    now = phase::looked_at;
-    return violation::none;
-}
-
-violation read_back_port::window(const card_memory& memory, std::span<uint8_t> out)
-{
-    if (now != phase::started && now != phase::looked_at) { return violation::read_window_order; }
-    if (bursts_of(out.size()) != bursts) { return violation::read_window_size; }
-    memory.read(from, out);
-    const bool skipped = now == phase::started;
-    now = phase::idle;
-    return skipped ? violation::read_status_skipped : violation::none;
-}
-
-violation loader_port::data(size_t offset, std::span<const uint8_t> frame)
-{
-    const bool abandons = offset == 0 && !piece.empty(); // the command of the piece before never came
-    if (abandons) { piece.clear(); }
-    const bool behind_short = piece.size() % frame_data_max != 0;
-    if (offset != piece.size() || behind_short) { return violation::loader_data_order; }
-    if (piece.size() + frame.size() > loader_piece_max) { return violation::loader_data_excess; }
-    piece.insert(piece.end(), frame.begin(), frame.end());
-    return abandons ? violation::loader_piece_abandoned : violation::none;
-}
-
-violation loader_port::command(std::span<const uint8_t> block)
-{
-    if (block.size() != command_block_bytes) { return violation::loader_command_length; }
-    if (piece.empty()) { return violation::loader_command_order; }
-    const bool fits = load_le16(&block[4]) == bursts_of(piece.size()) && block[6] == 1;
-    if (fits) { memory.write(uint64_t{load_le32(&block[0])} * word_bytes, piece); }
-    piece.clear();
-    return fits ? violation::none : violation::loader_command_value;
-}
-
 std::span<const uint8_t> firmware_file::image() const { return std::span(bytes).subspan(image_head_bytes); }
-
-bool firmware_port::is_good(size_t index, std::span<const uint8_t> bytes, uint8_t slot) const
-{
-    switch (index) {
-    case total_size: return load_le32(bytes.data()) >= image_head_bytes;
-    case received_length: return load_le32(bytes.data()) == 0;
-    case file_count: return load_le32(bytes.data()) == 1;
-    case file_size: return load_le32(bytes.data()) == total;
-    case version: return bytes[0] == 0;
-    case card_slot: return bytes[0] == 0 && bytes[1] == 0 && bytes[2] == slot;
-    default: return true; // device_type: any model
-    }
-}
-
-violation firmware_port::write_register(size_t index, std::span<const uint8_t> bytes, uint8_t slot)
-{
-    if (bytes.size() != firmware_registers[index].bytes) { return violation::firmware_register_length; }
-    if (index != total_size && (whole || index != registers)) { return violation::firmware_register_order; }
-    if (!is_good(index, bytes, slot)) { return violation::firmware_register_value; }
-    if (index == total_size) {
-        given_up += is_running();
-        total = load_le32(bytes.data());
-        received = 0;
-        whole = false;
-        coming.bytes.clear();
-    }
-    if (index == device_type) { coming.device_type = static_cast<uint16_t>(bytes[0] << 8 | bytes[1]); }
-    registers = index + 1;
-    return violation::none;
-}
 
 uint32_t firmware_port::next_piece() const
 {
@@ -280,36 +302,17 @@ uint32_t firmware_port::next_piece() const
     return static_cast<uint32_t>(received / piece_bytes) + 1;
 }
 
-violation firmware_port::piece(std::span<const uint8_t> bytes)
-{
-    if (next_piece() == 0) { return violation::firmware_piece_order; }
-    const uint64_t due = std::min<uint64_t>(piece_bytes, total - received);
-    if (bytes.size() != due) { return violation::firmware_piece_size; }
-    coming.bytes.insert(coming.bytes.end(), bytes.begin(), bytes.end());
-    if (coming.bytes.size() == total) {
-        if (const violation v = check_head(coming); v != violation::none) {
-            coming.bytes.resize(static_cast<size_t>(received)); // a refused piece was never taken
-            return v;
-        }
-        kept.push_back(std::move(coming));
-        coming = {};
-        whole = true;
-    }
-    received += bytes.size();
-    return violation::none;
-}
-
 violation sim_card::write(const request_fields& request)
 {
     switch (request.addr) {
-    case demo_data: return demo_port.data(request.data, buffers, pictures);
-    case other_data: return other_port.data(request.data, buffers, pictures);
-    case firmware_data: return firmware.piece(request.data);
+    case demo_data: return take_data(demo_port, request.data, buffers, pictures);
+    case other_data: return take_data(other_port, request.data, buffers, pictures);
+    case firmware_data: return take_piece(firmware, request.data);
     default: break;
     }
     for (size_t i = 0; is_of_loader(request) && i < loaders.size(); ++i) {
         const uint32_t offset = request.addr - loader_data[i];
-        if (offset < loader_piece_max) { return loaders[i].data(offset, request.data); }
+        if (offset < loader_piece_max) { return load_data(loaders[i], offset, request.data); }
     }
     const violation wrong = write_part(request);
     if (!is_refused(wrong)) { registers.write(request.addr, request.data); }
@@ -320,18 +323,18 @@ violation sim_card::write(const request_fields& request)
 violation sim_card::write_part(const request_fields& request)
 {
     switch (request.addr) {
-    case demo_control: return demo_port.control(request.data, buffers);
-    case other_control: return other_port.control(request.data, buffers);
-    case read_command_register: return read_back.command(request.data);
-    case read_start_register: return read_back.start(request.data);
+    case demo_control: return control(demo_port, request.data, buffers);
+    case other_control: return control(other_port, request.data, buffers);
+    case read_command_register: return read_command(read_back, request.data);
+    case read_start_register: return read_start(read_back, request.data);
     default: break;
     }
     for (size_t i = 0; is_of_loader(request) && i < loaders.size(); ++i) {
-        if (request.addr == loader_commands[i]) { return loaders[i].command(request.data); }
+        if (request.addr == loader_commands[i]) { return load_command(loaders[i], request.data); }
     }
     for (size_t i = 0; i < firmware_registers.size(); ++i) {
         if (request.addr == firmware_registers[i].addr) {
-            return firmware.write_register(i, request.data, request.slot);
+            return write_register(firmware, i, request.data, request.slot);
         }
     }
     return violation::none;
@@ -339,12 +342,8 @@ violation sim_card::write_part(const request_fields& request)
 
 violation sim_card::read(const request_fields& request, std::span<uint8_t> out)
 {
-    if (request.addr == read_window_register) { return read_back.window(pictures, out.first(request.len)); }
-    if (request.addr == read_status_register) {
-        const violation wrong = read_back.status();
-        if (!is_refused(wrong)) { out[0] = read_done; }
-        return wrong;
-    }
+    if (request.addr == read_window_register) { return read_window(read_back, pictures, out.first(request.len)); }
+    if (request.addr == read_status_register) { return read_status(read_back, out[0]); }
     registers.read(request.addr, out);
     return violation::none;
 }
@@ -352,7 +351,7 @@ violation sim_card::read(const request_fields& request, std::span<uint8_t> out)
 std::optional<uint8_t> sim_card::demo_picture_ended(const request_fields& request) const
 {
     const bool ends = request.addr == demo_control && request.data.size() == 1 && request.data[0] == 0;
-    return ends ? std::optional(demo_port.buffer()) : std::nullopt;
+    return ends ? std::optional(demo_port.buffer) : std::nullopt;
 }
 
 } // namespace rvk

@@ -57,26 +57,10 @@ struct picture_record {
 };
 using picture_records = std::map<uint8_t, picture_record>; // by buffer number; what each was set up as last
 
-class picture_port {
-public:
-    explicit picture_port(bool for_demo) : demo(for_demo) {} // the port of buffers 16 to 25
-
-    // One write to the control register; one frame to the data port.
-    [[nodiscard]] violation control(std::span<const uint8_t> bytes, picture_records& records);
-    [[nodiscard]] violation data(std::span<const uint8_t> bytes, picture_records& records, card_memory& memory);
-
-    // The buffer that was set up last.
-    [[nodiscard]] uint8_t buffer() const { return current; }
-
-private:
-    enum class phase : uint8_t { idle, set_up, taking };
-
-    violation set_up(std::span<const uint8_t> bytes, picture_records& records);
-    violation end(picture_records& records);
-
-    const bool demo;
-    phase now = phase::idle;
-    uint8_t current = 0;
+struct picture_port {
+    bool for_demo; // the port of buffers 16 to 25
+    enum class phase : uint8_t { idle, set_up, taking } now = phase::idle;
+    uint8_t buffer = 0;                 // that was set up last
     bool short_seen = false;            // a frame of less than 1,400 bytes came: it must have been the last
     violation spoilt = violation::none; // the first thing wrong with the data
 };
@@ -85,18 +69,8 @@ private:
 [[nodiscard]] std::vector<uint8_t> picture_from(const card_memory& memory, const picture_record& record);
 
 // Command, start, status, data window: in this order for each step.
-class read_back_port {
-public:
-    [[nodiscard]] violation command(std::span<const uint8_t> bytes); // 7 bytes: address in words, bursts, 0
-    [[nodiscard]] violation start(std::span<const uint8_t> bytes);
-    [[nodiscard]] violation status();
-    // Fills `out`, as many bytes as the read asked for, unless the violation is one that is refused.
-    [[nodiscard]] violation window(const card_memory& memory, std::span<uint8_t> out);
-
-private:
-    enum class phase : uint8_t { idle, commanded, started, looked_at };
-
-    phase now = phase::idle;
+struct read_back_port {
+    enum class phase : uint8_t { idle, commanded, started, looked_at } now = phase::idle;
     uint64_t from = 0; // byte in card memory
     uint32_t bursts = 0;
 };
@@ -104,16 +78,9 @@ private:
 // One memory of the picture loader. A piece comes in frames of 1,400 bytes at the data port's address, 1,400 further,
 // and so on; the command that ends it carries the address in words, the number of bursts, and 1. A piece is put
 // together first and stored with its command, so that one whose frames are not all there is not stored.
-class loader_port {
-public:
-    // offset  of the frame's address from the data port's
-    [[nodiscard]] violation data(size_t offset, std::span<const uint8_t> frame);
-    [[nodiscard]] violation command(std::span<const uint8_t> block);
-
+struct loader_port {
     card_memory memory{UINT64_MAX}; // by byte: 8 times the loader's addresses
-
-private:
-    std::vector<uint8_t> piece;
+    std::vector<uint8_t> piece{};
 };
 
 struct firmware_file {
@@ -124,28 +91,17 @@ struct firmware_file {
 
 // A card's firmware memory: takes one file after another, register by register and piece by piece, checks what a card
 // checks, and keeps every file that it acknowledged to the last byte. A part of a file is never kept as a whole one.
-class firmware_port {
-public:
-    // index  into firmware_registers
-    // slot   the card's own, which the last register must name
-    [[nodiscard]] violation write_register(size_t index, std::span<const uint8_t> bytes, uint8_t slot);
-    [[nodiscard]] violation piece(std::span<const uint8_t> bytes);
-
-    [[nodiscard]] uint32_t next_piece() const;                                // its number, from 1; 0 while none is due
-    [[nodiscard]] bool is_running() const { return registers > 0 && !whole; } // a transfer
-    [[nodiscard]] size_t abandoned() const { return given_up; } // transfers that another one followed before
-    [[nodiscard]] const std::vector<firmware_file>& files() const { return kept; } // oldest first
-
-private:
-    bool is_good(size_t index, std::span<const uint8_t> bytes, uint8_t slot) const;
-
+struct firmware_port {
     size_t registers = 0;  // of the file information, written so far
     uint32_t total = 0;    // bytes announced
     uint64_t received = 0; // bytes taken
     bool whole = false;    // the last one
-    size_t given_up = 0;
-    firmware_file coming;
-    std::vector<firmware_file> kept;
+    size_t abandoned = 0;  // transfers that another one followed before
+    firmware_file coming{};
+    std::vector<firmware_file> files{}; // oldest first
+
+    [[nodiscard]] uint32_t next_piece() const;                                // its number, from 1; 0 while none is due
+    [[nodiscard]] bool is_running() const { return registers > 0 && !whole; } // a transfer
 };
 
 // Card: registers of single cards of model 0 that injected faults and the log of the playback know.
@@ -177,7 +133,7 @@ public:
 private:
     violation write_part(const request_fields& request);
 
-    picture_port demo_port{true}, other_port{false};
+    picture_port demo_port{.for_demo = true}, other_port{.for_demo = false};
     read_back_port read_back;
 };
 

@@ -47,6 +47,19 @@ struct farm_content {
     farm_counts counts;
 };
 
+struct late_reply {
+    uint64_t due_us;
+    bool behind_next; // goes out behind the next reply, at the latest when due
+    reply_frame bytes;
+};
+
+struct farm_state : farm_content {
+    fault_injector injector{};
+    std::vector<late_reply> late{};
+
+    bool happens(fault kind); // takes one chance of it, and counts
+};
+
 class card_farm {
 public:
     explicit card_farm(const card_faults& faults = {}) { set_faults(faults); }
@@ -58,10 +71,14 @@ public:
     // Appends the held-back replies that are due at now_us.
     void due(uint64_t now_us, std::vector<reply_frame>& out) RVK_EXCLUDES(lock);
     // When the next held-back reply is due; nothing when none is held.
-    [[nodiscard]] std::optional<uint64_t> next_due_us() const RVK_EXCLUDES(lock);
+    [[nodiscard]] std::optional<uint64_t> next_due_us() RVK_EXCLUDES(lock);
 
     // From the next frame on. Starts the record's chances and counts over; replies already held back stay so.
-    void set_faults(const card_faults& faults) RVK_EXCLUDES(lock);
+    void set_faults(const card_faults& faults) RVK_EXCLUDES(lock)
+    {
+        scoped_lock hold(lock);
+        state.injector = {faults};
+    }
 
     // Calls use(all that the cards hold), or use(one card), under the lock, for presetting and for comparing. Result:
     // what it returns.
@@ -69,54 +86,21 @@ public:
     auto with(Use use) RVK_EXCLUDES(lock)
     {
         scoped_lock hold(lock);
-        return use(content);
-    }
-    template <typename Use>
-    auto with(Use use) const RVK_EXCLUDES(lock)
-    {
-        scoped_lock hold(lock);
-        return use(content);
+        return use(static_cast<farm_content&>(state));
     }
     template <typename Use>
     auto with(card_id card, Use use) RVK_EXCLUDES(lock)
     {
         return with([&](farm_content& c) { return use(c.cards[card]); });
     }
-    farm_counts counts() const
+    farm_counts counts()
     {
-        return with([](const farm_content& c) { return c.counts; });
-    }
-    std::vector<std::string> playback() const
-    {
-        return with([](const farm_content& c) { return c.playback.lines(); });
+        return with([](farm_content& c) { return c.counts; });
     }
 
 private:
-    struct late_reply {
-        uint64_t due_us;
-        bool behind_next; // goes out behind the next reply, at the latest when due
-        reply_frame bytes;
-    };
-
-    bool happens(fault kind) RVK_REQUIRES(lock);
-    bool answer_write(const request_fields& request, reply_frame& reply) RVK_REQUIRES(lock);
-    bool answer_read(const request_fields& request, reply_frame& reply) RVK_REQUIRES(lock);
-    bool answer_bus(const request_fields& request, reply_frame& reply) RVK_REQUIRES(lock);
-    bool act_on_write(const request_fields& request, uint8_t& status) RVK_REQUIRES(lock);
-    void spoil(reply_frame& reply) RVK_REQUIRES(lock);
-    void spoil_bus(reply_frame& reply) RVK_REQUIRES(lock);
-    void damage(reply_frame& reply) RVK_REQUIRES(lock);
-    void send_foreign(uint64_t now_us, std::vector<reply_frame>& out) RVK_REQUIRES(lock);
-    void deliver(const reply_frame& reply, uint64_t now_us, std::vector<reply_frame>& out) RVK_REQUIRES(lock);
-    void hand_out(const reply_frame& frame, uint64_t now_us, std::vector<reply_frame>& out) RVK_REQUIRES(lock);
-    // Hands out those that wait for a next one, or those that are due; the one due first in front, equal ones as they
-    // came.
-    void release(bool behind_next, uint64_t now_us, std::vector<reply_frame>& out) RVK_REQUIRES(lock);
-
-    mutable mutex lock;
-    fault_injector injector RVK_GUARDED_BY(lock);
-    farm_content content RVK_GUARDED_BY(lock);
-    std::vector<late_reply> late RVK_GUARDED_BY(lock);
+    mutex lock;
+    farm_state state RVK_GUARDED_BY(lock);
 };
 
 } // namespace rvk

@@ -3,47 +3,46 @@
 // same seed brings the same faults again, whatever else is asked for and however time passes.
 #pragma once
 
-#include <array>
-#include <cstdint>
+#include "command/values.h"
+
 #include <optional>
-#include <span>
-#include <string_view>
-#include <utility>
 
 namespace rvk {
 
 struct request_fields;
 
-// Decided in this order, each on its own, so that one answer may suffer several; of the four that change what a read is
-// answered with, of the three that change len, and of the four that change what a bus-block answer holds, the first
-// that happens excludes the rest. An answer is the reply to a read or to an acknowledged write; a plain write has none.
+// By chance: what one does, for a person. Decided in this order, each on its own, so that one answer may suffer
+// several; of the four that change what a read is answered with, of the three that change len, and of those that change
+// what a bus-block answer holds, the first that happens excludes the rest. An answer is the reply to a read or to an
+// acknowledged write; a plain write has none.
+#define RVK_CHANCES(ROW)                                                                          \
+    ROW(loss, "a request is never seen: nothing written, nothing answered")                       \
+    ROW(wrong_ack, "an acknowledged write is answered with the wrong status and not carried out") \
+    ROW(wrong_read, "a read is answered with the wrong status and no data")                       \
+    ROW(read_says_none, "a read is answered with status 255 and its data")                        \
+    ROW(read_empty, "a read is answered with status 0 and no data")                               \
+    ROW(read_oversized, "a read is answered with 1401 bytes, more than any asks for")             \
+    ROW(ack_code_short, "an acknowledged write is answered with code 0x10 in place of 0x11")      \
+    ROW(len_past_end, "an answer's len is 100 more than the data it carries")                     \
+    ROW(len_huge, "an answer's len is 60000")                                                     \
+    ROW(len_short, "an answer's len is half of the data it carries")                              \
+    ROW(corrupt, "one bit of an answer is wrong, so its checksum is")                             \
+    ROW(trailing, "an answer has 1 to 16 bytes behind its checksum")                              \
+    ROW(foreign, "a frame that is no reply comes before the answer")                              \
+    ROW(runt, "a frame too short for a header comes before the answer")                           \
+    ROW(reply_loss, "a request is carried out, its answer does not arrive")                       \
+    ROW(duplicate, "an answer arrives twice")                                                     \
+    ROW(delay, "an answer arrives late")                                                          \
+    ROW(reorder, "an answer arrives behind the next one, or 5 ms late when none comes")           \
+    ROW(bus_refused, "a bus-block read is answered with the wrong status in place of data")       \
+    ROW(bus_no_data, "a bus-block read is answered as good, without data")                        \
+    ROW(bus_data_short, "a bus-block answer has half of the data, and says so")                   \
+    ROW(bus_wrong_addr, "a bus-block answer is about another address")
+
 enum class fault : uint8_t {
-    loss,
-    wrong_ack,
-    wrong_read,
-    read_says_none,
-    read_empty,
-    read_oversized,
-    ack_code_short,
-    len_past_end,
-    len_huge,
-    len_short,
-    corrupt,
-    trailing,
-    foreign,
-    runt,
-    reply_loss,
-    duplicate,
-    delay,
-    reorder,
-    bus_refused,
-    bus_no_data,
-    bus_data_short,
-    bus_data_lie,
-    bus_length_lie,
-    bus_wrong_type,
-    bus_wrong_addr,
-    bus_wrong_dest,
+#define RVK_ROW(name, help) name,
+    RVK_CHANCES(RVK_ROW)
+#undef RVK_ROW
     // Not by chance, but by what the record says of a register.
     refused_register,
     refused_piece,
@@ -53,9 +52,7 @@ enum class fault : uint8_t {
 };
 inline constexpr auto chance_count = static_cast<size_t>(fault::refused_register); // of those by chance
 inline constexpr size_t fault_count = static_cast<size_t>(fault::oversized_answer) + 1;
-
-// What one by chance does, for a person; none of the others. Its option is called as it is, with '-' for '_'.
-[[nodiscard]] const char* help_of(fault kind);
+static_assert(tool::enumerators<fault, fault_count>.back() == "oversized_answer");
 
 // How often: first the next so many chances, then this part of all, 0 to 1.
 struct occurrence {
@@ -87,10 +84,9 @@ struct card_faults {
 };
 
 // Follows a record and counts down what it limits. Not thread-safe: its owner locks.
-class fault_injector {
-public:
-    void load(const card_faults& record); // starts over: chance 0 of every fault is next
-    const card_faults& record() const { return loaded; }
+struct fault_injector {
+    card_faults record{};
+    std::array<uint64_t, chance_count> chances{}; // taken so far
 
     // Takes one chance of this fault. Result: it happens.
     [[nodiscard]] bool happens(fault kind);
@@ -104,27 +100,6 @@ public:
 
     // Makes an answer what the record says of its register: `len` of the bytes in `data`. Result: what was done wrong.
     std::optional<fault> on_read(const request_fields& request, std::span<uint8_t> data, size_t& len);
-
-private:
-    card_faults loaded;
-    std::array<uint64_t, chance_count> chances{};
 };
-
-// Names of an enumeration's first `count` values, as the compiler tells them.
-template <auto value>
-constexpr std::string_view enumerator()
-{
-    const std::string_view text = __PRETTY_FUNCTION__; // "… value = rvk::fault::loss; …" or "… = rvk::fault::loss]"
-    const size_t end = text.find_first_of(";]", text.find("value = "));
-    const size_t begin = text.rfind(':', end) + 1;
-    return text.substr(begin, end - begin);
-}
-template <typename Enum, size_t count>
-inline constexpr auto enumerators = []<size_t... i>(std::index_sequence<i...>)
-{
-    return std::array{enumerator<static_cast<Enum>(i)>()...};
-}
-(std::make_index_sequence<count>());
-static_assert(enumerators<fault, fault_count>.back() == "oversized_answer");
 
 } // namespace rvk

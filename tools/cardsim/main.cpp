@@ -44,10 +44,10 @@ Exit status: 0 ended by a signal; 1 a link could not be opened, a file not be wr
 
 struct cardsim_options {
     std::vector<std::string> links{"card0"};
-    std::string state_folder;        // empty: nothing is written
-    std::vector<std::string> loaded; // MEMORY:ADDR:WxH
-    std::string pcap_folder;         // empty: no frames are kept
-    size_t pcap_frames = 1000;
+    std::string state_folder;         // empty: nothing is written
+    std::vector<std::string> loaded;  // MEMORY:ADDR:WxH
+    std::string pcap_folder;          // empty: no frames are kept
+    size_t pcap_frames = 1000;        // of each link
     int processor = -1, priority = 0; // as link_options
     card_faults faults;
 };
@@ -60,8 +60,8 @@ occurrence occurrence_in(const std::string& option, const std::string& text)
     const auto [rest, error] = text.find('.') == std::string::npos ? std::from_chars(text.data(), end, how_often.next)
                                                                    : std::from_chars(text.data(), end, how_often.part);
     if (error == std::errc{} && rest == end && how_often.part >= 0 && how_often.part <= 1) { return how_often; }
-    throw failure{problem::wrong_usage,
-                  option + " \"" + text + "\": give a number of chances, as 3, or a part of all, as 0.05 or 1.0"};
+    tool::fail(problem::wrong_usage, "%s \"%s\": give a number of chances, as 3, or a part of all, as 0.05 or 1.0",
+               option.c_str(), text.c_str());
 }
 
 // "1:0x2000:1920x1080": memory, address, size.
@@ -69,70 +69,75 @@ loaded_picture loaded_in(const std::string& text)
 {
     const size_t first = text.find(':'), last = text.rfind(':');
     if (first == last) {
-        throw failure{problem::wrong_usage, "--loaded \"" + text + "\": give MEMORY:ADDR:WxH, as 1:0x2000:1920x1080"};
+        tool::fail(problem::wrong_usage, "--loaded \"%s\": give MEMORY:ADDR:WxH, as 1:0x2000:1920x1080", text.c_str());
     }
-    const auto size = tool::size_in("WxH of --loaded", text.substr(last + 1), 1);
+    const auto addr = text.substr(first + 1, last - first - 1);
     return {tool::number_in("MEMORY of --loaded", text.substr(0, first), 0, loader_data.size() - 1),
-            static_cast<uint32_t>(
-                tool::number_in("ADDR of --loaded", text.substr(first + 1, last - first - 1), 0, UINT32_MAX)),
-            size};
+            static_cast<uint32_t>(tool::number_in("ADDR of --loaded", addr, 0, UINT32_MAX)),
+            tool::size_in("WxH of --loaded", text.substr(last + 1), 1)};
+}
+
+void add_register_options(CLI::App& app, card_faults& f)
+{
+    app.option_defaults()->group("Registers");
+    constexpr uint64_t times_max = 1'000'000, pieces_max = 1u << 22; // of 1,024 bytes: all that 32 bits count
+    add_number(app, "--generation", "N", f.generation,
+               "the input card's generation (0x10000015 of slot 2): 0 old, 1 new, odd others [0]");
+    add_number(app, "--generation-bytes", "N", f.generation_bytes, "bytes that it answers with", 1, reply_data_max);
+    add_number(app, "--readiness", "N", f.readiness,
+               "the FPGA's readiness (0x00F00009 of slot 1); 255: never ready [0]");
+    add_number(app, "--readiness-bytes", "N", f.readiness_bytes, "bytes that it answers with", 1, reply_data_max);
+    app.add_flag("--readiness-silent", f.readiness_silent, "its reads are not answered");
+    add_number(app, "--status-bytes", "N", f.status_bytes,
+               "bytes that the status of a read-back (0xA0FFD) answers with", 1, reply_data_max);
+    add_number(app, "--lvds-wrong-reads", "N", f.lvds_wrong_reads,
+               "reads of the LVDS status (0x30082 of slot 1) that get a wrong one [its memory]", 0, times_max);
+    add_number(app, "--refuse-register", "N", f.refuse_register,
+               "refuse the N-th register of a firmware transfer's file information", 1, firmware_registers.size());
+    add_number(app, "--refuse-register-times", "N", f.refuse_register_times, "so many times [1]", 1, times_max);
+    add_number(app, "--refuse-piece", "N", f.refuse_piece, "refuse the N-th piece of a firmware transfer", 1,
+               pieces_max);
+    add_number(app, "--refuse-piece-times", "N", f.refuse_piece_times, "so many times [1]", 1, times_max);
+    add_number(app, "--silent-piece", "N", f.silent_piece, "neither take nor answer the N-th such piece", 1,
+               pieces_max);
 }
 
 void add_fault_options(CLI::App& app, card_faults& f)
 {
-    app.option_defaults()->group("Registers");
-    constexpr uint64_t times_max = 1'000'000, pieces_max = 1u << 22; // of 1,024 bytes: all that 32 bits count
-    add_number(app, "--generation", f.generation,
-               "the input card's generation (0x10000015 of slot 2): 0 old, 1 new, odd others [0]");
-    add_number(app, "--generation-bytes", f.generation_bytes, "bytes that it answers with", 1, reply_data_max);
-    add_number(app, "--readiness", f.readiness, "the FPGA's readiness (0x00F00009 of slot 1); 255: never ready [0]");
-    add_number(app, "--readiness-bytes", f.readiness_bytes, "bytes that it answers with", 1, reply_data_max);
-    app.add_flag("--readiness-silent", f.readiness_silent, "its reads are not answered");
-    add_number(app, "--status-bytes", f.status_bytes, "bytes that the status of a read-back (0xA0FFD) answers with", 1,
-               reply_data_max);
-    add_number(app, "--lvds-wrong-reads", f.lvds_wrong_reads,
-               "reads of the LVDS status (0x30082 of slot 1) that get a wrong one [its memory]", 0, times_max);
-    add_number(app, "--refuse-register", f.refuse_register,
-               "refuse the N-th register of a firmware transfer's file information", 1, firmware_registers.size());
-    add_number(app, "--refuse-register-times", f.refuse_register_times, "so many times [1]", 1, times_max);
-    add_number(app, "--refuse-piece", f.refuse_piece, "refuse the N-th piece of a firmware transfer", 1, pieces_max);
-    add_number(app, "--refuse-piece-times", f.refuse_piece_times, "so many times [1]", 1, times_max);
-    add_number(app, "--silent-piece", f.silent_piece, "neither take nor answer the N-th such piece", 1, pieces_max);
+#define RVK_ROW(name, help) help,
+    static constexpr const char* helps[]{RVK_CHANCES(RVK_ROW)};
+#undef RVK_ROW
     app.option_defaults()->group("Faults");
-    add_number(app, "--seed", f.seed, "of the dice [1]");
+    add_number(app, "--seed", "N", f.seed, "of the dice [1]");
     for (size_t i = 0; i < chance_count; ++i) {
-        std::string name = "--" + std::string(enumerators<fault, fault_count>[i]);
+        std::string name = "--" + std::string(tool::enumerators<fault, fault_count>[i]);
         std::replace(name.begin(), name.end(), '_', '-');
-        tool::add_value(app, name, help_of(static_cast<fault>(i)), [&f, i, name](const std::string& text) {
-            f.how_often[i] = occurrence_in(name, text);
-        })->type_name("HOW");
+        tool::add_value(app, name, "HOW", helps[i],
+                        [&f, i, name](const std::string& text) { f.how_often[i] = occurrence_in(name, text); });
     }
-    add_number(app, "--wrong-status", f.wrong_status, "status of --wrong-ack and --wrong-read, 0 to 255 [2]");
-    add_number(app, "--delay-ms", f.delay_ms, "how late --delay is, at most 60000 [120]", 0, 60'000);
+    add_number(app, "--wrong-status", "N", f.wrong_status, "status of --wrong-ack and --wrong-read, 0 to 255 [2]");
+    add_number(app, "--delay-ms", "N", f.delay_ms, "how late --delay is, at most 60000 [120]", 0, 60'000);
 }
 
-void add_options(CLI::App& app, cardsim_options& options)
+void add_options(CLI::App& app, cardsim_options& o)
 {
-    app.add_option("--link", options.links, "an interface to answer on; may be repeated [card0]")->type_name("IFACE");
-    app.add_option("--state", options.state_folder,
+    app.add_option("--link", o.links, "an interface to answer on; may be repeated [card0]")->type_name("IFACE");
+    tool::add_text(app, "--state", "DIR", o.state_folder,
                    "on SIGUSR1 and at the end, write what the cards hold below this folder: a text file per card,\n"
-                   "pictures as BMP, firmware images as they were before their head")
-        ->type_name("DIR");
+                   "pictures as BMP, firmware images as they were before their head");
     app.add_option(
-           "--loaded", options.loaded,
+           "--loaded", o.loaded,
            "with --state, also write what the picture loader put into memory 0 or 1, at this address of its own,\n"
            "as a picture of this size, which cards are not told (MEMORY:ADDR:WxH, 0:0x2000:1920x1080); may be repeated")
         ->type_name("PICTURE");
-    app.add_option("--pcap", options.pcap_folder, "at the end, write the last frames of each link to DIR/LINK.pcap")
-        ->type_name("DIR");
-    add_number(app, "--pcap-frames", options.pcap_frames, "how many frames that is, at most 1000000 [1000]", 1,
+    tool::add_text(app, "--pcap", "DIR", o.pcap_folder,
+                   "at the end, write the last frames of each link to DIR/LINK.pcap");
+    add_number(app, "--pcap-frames", "N", o.pcap_frames, "how many frames that is, at most 1000000 [1000]", 1,
                1'000'000);
-    add_number(app, "--processor", options.processor, "pin the links' threads to this processor, 1 to 3", 1, 3);
-    add_number(app, "--priority", options.priority, "run them at this real-time priority (SCHED_FIFO), 1 to 99", 1, 99);
-    add_fault_options(app, options.faults);
-    for (CLI::Option* o : app.get_options([](const CLI::Option* o) { return o->get_type_name() == "TEXT"; })) {
-        o->type_name("N");
-    }
+    add_number(app, "--processor", "N", o.processor, "pin the links' threads to this processor, 1 to 3", 1, 3);
+    add_number(app, "--priority", "N", o.priority, "run them at this real-time priority (SCHED_FIFO), 1 to 99", 1, 99);
+    add_register_options(app, o.faults);
+    add_fault_options(app, o.faults);
 }
 
 struct served_link {
@@ -184,7 +189,7 @@ void run(const cardsim_options& options)
 {
     const std::set<std::string> different(options.links.begin(), options.links.end());
     if (different.size() != options.links.size()) {
-        throw failure{problem::wrong_usage, "--link: the same interface is named twice"};
+        tool::fail(problem::wrong_usage, "--link: the same interface is named twice");
     }
     for (const std::string& folder : {options.state_folder, options.pcap_folder}) {
         if (!folder.empty()) { prepare_folder(folder); }
@@ -200,7 +205,7 @@ void run(const cardsim_options& options)
             l.farm.with([&](auto& c) { c.trail.keep(options.pcap_frames); });
         }
         const std::string wrong = l.link.start(how);
-        if (!wrong.empty()) { throw failure{problem::io_error, wrong}; }
+        if (!wrong.empty()) { tool::fail(problem::io_error, "%s", wrong.c_str()); }
     }
     std::puts("ready");
     std::fflush(stdout);
@@ -214,17 +219,15 @@ void run(const cardsim_options& options)
         std::printf("%s: %" PRIu64 " dropped by the kernel, %" PRIu64 " could not be sent\n", l.name.c_str(),
                     l.link.dropped(), l.link.unsent());
     }
-    if (const std::string wrong = save(options, loaded, links, true); !wrong.empty()) {
-        throw failure{problem::io_error, wrong};
-    }
+    const std::string wrong = save(options, loaded, links, true);
+    if (!wrong.empty()) { tool::fail(problem::io_error, "%s", wrong.c_str()); }
 }
 
 int run_command_line(int argc, char** argv)
 {
     cardsim_options options;
     CLI::App app{about, "rvk-cardsim"};
-    app.footer(footer);
-    app.set_version_flag("--version", "rvk-cardsim " RVK_VERSION);
+    tool::set_up(app, footer);
     add_options(app, options);
     return tool::run_app(app, argc, argv, [&options] { run(options); });
 }

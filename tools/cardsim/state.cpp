@@ -94,7 +94,7 @@ void save_pictures(saved_text& to, card_id card)
 void save_firmware(saved_text& to, card_id card)
 {
     size_t n = 0;
-    for (const firmware_file& f : to.farm.with(card, [](sim_card& c) { return c.firmware.files(); })) {
+    for (const firmware_file& f : to.farm.with(card, [](sim_card& c) { return c.firmware.files; })) {
         ++n;
         to.save_file(format("-firmware%zu.bin", n), f.image(),
                      format("firmware %zu  for model 0x%04x, %zu bytes", n, f.device_type, f.image().size()));
@@ -106,8 +106,8 @@ std::string describe_files(const farm_content& c, const char* link)
     size_t whole = 0, incomplete = 0, images = 0, abandoned = 0, running = 0;
     for (const auto& [id, card] : c.cards) {
         for (const auto& [buffer, r] : card.buffers) { ++(r.whole ? whole : incomplete); }
-        images += card.firmware.files().size();
-        abandoned += card.firmware.abandoned();
+        images += card.firmware.files.size();
+        abandoned += card.firmware.abandoned;
         running += card.firmware.is_running();
     }
     return format(

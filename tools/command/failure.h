@@ -2,17 +2,16 @@
 // one; the program's main presents it. The statuses are the same in every tool and are promised to scripts.
 #pragma once
 
-#include <cstdio>
-#include <exception>
-#include <new>
+#include <functional>
 #include <string>
 
 namespace rvk::tool {
 
+// Their names are promised to scripts too; the order tells the status.
 enum class problem {
     none,
     wrong_usage,
-    no_directory,
+    no_directory, // from here on: no answer
     no_socket,
     nobody_listening,
     no_permission,
@@ -22,12 +21,12 @@ enum class problem {
     old_status, // or they say nothing of now
     identity_taken,
     endpoint_error, // anything else that the messaging service said
-    refused,        // the daemon or the card said no
+    interrupted,    // by a signal, while waiting
+    refused,        // from here on: the daemon or the card said no, or the machine
     short_answer,   // the card sent less than was asked for
     differs,        // what was read back is not what was written
     io_error,       // a file or standard output could not be written
-    no_memory,
-    interrupted // by a signal, while waiting
+    no_memory
 };
 
 enum exit_status { exit_done = 0, exit_no = 1, exit_usage = 2, exit_no_answer = 3 };
@@ -38,29 +37,16 @@ struct failure {
     std::string text;
 };
 
+// Throws one, with a text as printf makes it.
+[[noreturn]] void fail(problem what, const char* text, ...) __attribute__((format(printf, 2, 3)));
+
 [[nodiscard]] exit_status status_of(problem what);
-[[nodiscard]] const char* name_of(problem what); // for scripts, as in the enumeration
+[[nodiscard]] std::string name_of(problem what); // as in the enumeration
 
 // What main() of every tool does: runs it, and says in a line what nobody in it has said. Result: the exit status.
-template <typename Body>
-int run_tool(const char* name, Body body) noexcept
-{
-    try {
-        return body();
-    } catch (const failure& failed) {
-        fprintf(stderr, "%s: %s\n", name, failed.text.c_str());
-        return status_of(failed.what);
-    } catch (const std::bad_alloc&) {
-        fprintf(stderr, "%s: there is not enough memory\n", name);
-    } catch (const std::exception& error) {
-        fprintf(stderr, "%s: %s\n", name, error.what());
-    } catch (...) {
-        fprintf(stderr, "%s: ended by an unknown exception\n", name);
-    }
-    return exit_no;
-}
+int run_tool(const char* name, const std::function<int()>& body) noexcept;
 
-// Puts the whole text on standard output. Result: false (errno tells why) when it could not be written.
-[[nodiscard]] bool write_out(const std::string& text);
+// Puts the whole text on standard output; fails with io_error. Result: exit_done.
+exit_status write_out(const std::string& text);
 
 } // namespace rvk::tool

@@ -3,30 +3,23 @@
 #include "command/failure.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cinttypes>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <new>
+#include <sstream>
 
 namespace rvk::tool {
 namespace {
 
 constexpr size_t dump_line_bytes = 16;
 constexpr size_t file_step_bytes = 64 * 1024, file_bytes_max = 64u << 20; // ours
-
-// -1: not a hex digit.
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9') { return c - '0'; }
-    const int lower = c | 0x20;
-    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
-}
 
 bool has_hex_prefix(const std::string& text) { return text.size() > 1 && text[0] == '0' && (text[1] | 0x20) == 'x'; }
 
@@ -40,23 +33,19 @@ bool parse(const std::string& text, int base, uint64_t& out)
     return error == std::errc{} && rest == end;
 }
 
-void append_word(const std::string& name, const std::string& word, std::vector<uint8_t>& out)
+void append_word(const char* name, const std::string& word, std::vector<uint8_t>& out)
 {
-    const std::string named = name + " \"" + word + "\": ";
-    if (has_hex_prefix(word)) {
-        throw failure{problem::wrong_usage,
-                      named + "give hex digits in memory order, lowest address first, without 0x"};
-    }
-    if (const auto wrong = std::find_if(word.begin(), word.end(), [](char c) { return hex_digit(c) < 0; });
-        wrong != word.end()) {
-        throw failure{problem::wrong_usage, named + "'" + *wrong + "' is not a hex digit"};
-    }
+    const auto refuse = [&](const std::string& why) {
+        fail(problem::wrong_usage, "%s \"%s\": %s", name, word.c_str(), why.c_str());
+    };
+    if (has_hex_prefix(word)) { refuse("give hex digits in memory order, lowest address first, without 0x"); }
+    const auto wrong = std::find_if(word.begin(), word.end(), [](unsigned char c) { return std::isxdigit(c) == 0; });
+    if (wrong != word.end()) { refuse(format("'%c' is not a hex digit", *wrong)); }
     if (word.size() % 2 != 0) {
-        throw failure{problem::wrong_usage,
-                      named + format("%zu hex digits are no whole number of bytes, give two for each", word.size())};
+        refuse(format("%zu hex digits are no whole number of bytes, give two for each", word.size()));
     }
-    for (size_t i = 0; i < word.size(); i += 2) {
-        out.push_back(static_cast<uint8_t>(hex_digit(word[i]) << 4 | hex_digit(word[i + 1])));
+    for (const char* at = word.data(); at != word.data() + word.size(); at += 2) {
+        std::from_chars(at, at + 2, out.emplace_back(), 16);
     }
 }
 
@@ -73,13 +62,9 @@ void append_dump_line(std::string& out, uint64_t addr, std::span<const uint8_t> 
     out += format("%08" PRIx64 ":", addr);
     std::string ascii;
     for (size_t i = 0; i < dump_line_bytes; ++i) {
-        if (i % 2 == 0) { out += ' '; }
-        if (i >= bytes.size()) {
-            out += "  ";
-            continue;
-        }
-        out += format("%02x", bytes[i]);
-        ascii += bytes[i] >= 0x20 && bytes[i] < 0x7F ? static_cast<char>(bytes[i]) : '.';
+        out += i % 2 == 0 ? " " : "";
+        out += i < bytes.size() ? format("%02x", bytes[i]) : "  ";
+        if (i < bytes.size()) { ascii += bytes[i] >= 0x20 && bytes[i] < 0x7F ? static_cast<char>(bytes[i]) : '.'; }
     }
     out += "  " + ascii + "\n";
 }
@@ -90,82 +75,74 @@ uint64_t number_in(const char* name, const std::string& text, uint64_t least, ui
 {
     uint64_t value = 0;
     if (parse(text, base, value) && value >= least && value <= most) { return value; }
-    if (base == 10) {
-        throw failure{problem::wrong_usage,
-                      format("%s \"%s\": give a number from %" PRIu64 " to %" PRIu64 " (0x%" PRIx64 "), decimal or 0x…",
-                             name, text.c_str(), least, most, most)};
-    }
-    throw failure{problem::wrong_usage,
-                  format("%s \"%s\": give a hexadecimal number from %" PRIx64 " to %" PRIx64 " (%" PRIu64 " decimal)",
-                         name, text.c_str(), least, most, most)};
+    const std::string range =
+        base == 10
+            ? format("number from %" PRIu64 " to %" PRIu64 " (0x%" PRIx64 "), decimal or 0x…", least, most, most)
+            : format("hexadecimal number from %" PRIx64 " to %" PRIx64 " (%" PRIu64 " decimal)", least, most, most);
+    fail(problem::wrong_usage, "%s \"%s\": give a %s", name, text.c_str(), range.c_str());
 }
 
 picture_size size_in(const char* name, const std::string& text, uint32_t least)
 {
     const size_t by = text.find('x', text.starts_with("0x") ? 2 : 0);
     if (by == std::string::npos) {
-        throw failure{problem::wrong_usage, format("%s \"%s\": give WxH, as 3840x2160", name, text.c_str())};
+        fail(problem::wrong_usage, "%s \"%s\": give WxH, as 3840x2160", name, text.c_str());
     }
     const auto side = [&](const char* which, const std::string& part) {
         return static_cast<uint32_t>(number_in(format("%s of %s", which, name).c_str(), part, least, side_max));
     };
     const picture_size size{side("width", text.substr(0, by)), side("height", text.substr(by + 1))};
     if (uint64_t{size.hor} * size.ver <= pixels_max) { return size; }
-    throw failure{problem::wrong_usage,
-                  format("%s \"%s\": a picture has at most 536870911 pixels", name, text.c_str())};
+    fail(problem::wrong_usage, "%s \"%s\": a picture has at most 536870911 pixels", name, text.c_str());
 }
 
 void check_space(uint32_t addr, uint64_t bytes)
 {
-    if (bytes <= space_from(addr)) { return; }
-    throw failure{problem::wrong_usage,
-                  format("%" PRIu64 " bytes from 0x%08x on run past the last address, 0xffffffff", bytes, addr)};
+    if (bytes <= uint64_t{UINT32_MAX} + 1 - addr) { return; }
+    fail(problem::wrong_usage, "%" PRIu64 " bytes from 0x%08x on run past the last address, 0xffffffff", bytes, addr);
 }
 
 std::vector<uint8_t> bytes_of_hex(const char* name, const std::vector<std::string>& words)
 {
     std::vector<uint8_t> out;
     for (const std::string& argument : words) {
-        for (size_t at = 0; at < argument.size();) {
-            const size_t end = std::min(argument.find_first_of(" \t\n", at), argument.size());
-            append_word(name, argument.substr(at, end - at), out);
-            at = end + 1;
-        }
+        std::istringstream in(argument);
+        for (std::string word; in >> word;) { append_word(name, word, out); }
     }
-    if (out.empty()) { throw failure{problem::wrong_usage, std::string(name) + " is empty: nothing to write"}; }
+    if (out.empty()) { fail(problem::wrong_usage, "%s is empty: nothing to write", name); }
     return out;
 }
 
 std::vector<uint8_t> bytes_of_file(const std::string& path)
 {
-    const auto refused = [&](const std::string& why) {
-        return failure{problem::wrong_usage, "file \"" + path + "\" " + why};
+    const auto refuse = [&](const std::string& why) {
+        fail(problem::wrong_usage, "file \"%s\" %s", path.c_str(), why.c_str());
     };
     const owned_file file{fopen(path.c_str(), "rbe")};
-    if (!file) { throw refused(std::string("cannot be opened: ") + strerror(errno)); }
+    if (!file) { refuse(std::string("cannot be opened: ") + strerror(errno)); }
     std::vector<uint8_t> out;
     for (size_t got = file_step_bytes; got == file_step_bytes;) {
         const size_t before = out.size();
         out.resize(before + file_step_bytes);
         got = fread(out.data() + before, 1, file_step_bytes, file.get());
         out.resize(before + got);
-        if (out.size() > file_bytes_max) { throw refused("has more than 64 MiB"); }
+        if (out.size() > file_bytes_max) { refuse("has more than 64 MiB"); }
     }
-    if (ferror(file.get()) != 0) { throw refused(std::string("cannot be read: ") + strerror(errno)); }
-    if (out.empty()) { throw refused("is empty: nothing to write"); }
+    if (ferror(file.get()) != 0) { refuse(std::string("cannot be read: ") + strerror(errno)); }
+    if (out.empty()) { refuse("is empty: nothing to write"); }
     return out;
 }
 
 void save(const std::string& path, std::span<const uint8_t> bytes)
 {
-    const auto refused = [&](const char* why) {
-        return failure{problem::io_error, path + ": " + why + ": " + strerror(errno)};
+    const auto refuse = [&](const char* why) {
+        fail(problem::io_error, "%s: %s: %s", path.c_str(), why, strerror(errno));
     };
     FILE* file = fopen(path.c_str(), "wbe");
-    if (file == nullptr) { throw refused("cannot be created"); }
+    if (file == nullptr) { refuse("cannot be created"); }
     const bool whole = fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
     const bool closed = fclose(file) == 0; // what was buffered fails here when the disk is full
-    if (!whole || !closed) { throw refused("cannot be written whole"); }
+    if (!whole || !closed) { refuse("cannot be written whole"); }
 }
 
 std::string printable_lines(const std::string& text)
@@ -173,11 +150,8 @@ std::string printable_lines(const std::string& text)
     std::string out;
     for (const char c : text) {
         const auto byte = static_cast<uint8_t>(c);
-        if ((byte < 0x20 && c != '\n') || byte == 0x7F) {
-            out += format("\\x%02x", byte);
-        } else {
-            out += c;
-        }
+        const bool control = (byte < 0x20 && c != '\n') || byte == 0x7F;
+        out += control ? format("\\x%02x", byte) : std::string(1, c);
     }
     return out;
 }
@@ -208,11 +182,11 @@ std::string rate_text(uint64_t bytes, double seconds)
 
 std::string absolute_path(const std::string& path, const char* name, size_t most)
 {
-    if (path.empty()) { throw failure{problem::wrong_usage, std::string(name) + " \"\": give the path of a file"}; }
+    if (path.empty()) { fail(problem::wrong_usage, "%s \"\": give the path of a file", name); }
     std::string absolute = std::filesystem::absolute(path).string(); // no ".." is taken out: a folder may be a link
     if (absolute.size() <= most) { return absolute; }
-    throw failure{problem::wrong_usage, format("%s \"%s\" has %zu characters as an absolute path, at most %zu", name,
-                                               absolute.c_str(), absolute.size(), most)};
+    fail(problem::wrong_usage, "%s \"%s\" has %zu characters as an absolute path, at most %zu", name, absolute.c_str(),
+         absolute.size(), most);
 }
 
 uint64_t file_bytes(const std::string& path)
@@ -222,16 +196,22 @@ uint64_t file_bytes(const std::string& path)
     return error ? 0 : bytes;
 }
 
+std::string format_list(const char* text, va_list arguments)
+{
+    char* made = nullptr;
+    const int length = vasprintf(&made, text, arguments);
+    if (length < 0) { throw std::bad_alloc(); }
+    const std::unique_ptr<char, free_text> owned{made};
+    return {made, static_cast<size_t>(length)};
+}
+
 std::string format(const char* text, ...)
 {
     va_list arguments;
     va_start(arguments, text);
-    char* made = nullptr;
-    const int length = vasprintf(&made, text, arguments);
+    std::string made = format_list(text, arguments);
     va_end(arguments);
-    if (length < 0) { throw std::bad_alloc(); }
-    const std::unique_ptr<char, free_text> owned{made};
-    return {made, static_cast<size_t>(length)};
+    return made;
 }
 
 } // namespace rvk::tool

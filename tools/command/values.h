@@ -4,10 +4,14 @@
 
 #include "base/picture.h"
 
+#include <array>
 #include <chrono>
+#include <cstdarg>
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace rvk::tool {
@@ -19,8 +23,7 @@ uint64_t number_in(const char* name, const std::string& text, uint64_t least, ui
 // WxH in pixels, each side from least to 65,535 and less than 2^29 together; throws a failure.
 picture_size size_in(const char* name, const std::string& text, uint32_t least);
 
-// How many bytes there are from an address on, and a failure when it is less than these.
-constexpr uint64_t space_from(uint32_t addr) { return uint64_t{UINT32_MAX} + 1 - addr; }
+// Fails when so many bytes from an address on run past the last one.
 void check_space(uint32_t addr, uint64_t bytes);
 
 // Bytes as hex digits in memory order, each word a whole number of bytes; throws a failure.
@@ -65,5 +68,22 @@ private:
 
 // printf into a string.
 std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
+std::string format_list(const char* text, va_list arguments) __attribute__((format(printf, 1, 0)));
+
+// Names of an enumeration's first `count` values, as the compiler tells them.
+template <auto value>
+constexpr std::string_view enumerator()
+{
+    const std::string_view text = __PRETTY_FUNCTION__; // "… value = rvk::fault::loss; …" or "… = rvk::fault::loss]"
+    const size_t end = text.find_first_of(";]", text.find("value = "));
+    const size_t begin = text.rfind(':', end) + 1;
+    return text.substr(begin, end - begin);
+}
+template <typename Enum, size_t count>
+inline constexpr auto enumerators = []<size_t... i>(std::index_sequence<i...>)
+{
+    return std::array{enumerator<static_cast<Enum>(i)>()...};
+}
+(std::make_index_sequence<count>());
 
 } // namespace rvk::tool

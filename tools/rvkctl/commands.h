@@ -5,8 +5,6 @@
 #include "rvkctl/outcome.h"
 #include "rvkctl/session.h"
 
-#include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -66,17 +64,6 @@ void note_request(const settings& used, const card_options& card, uint8_t code, 
 // was asked for (facts then have what came).
 std::vector<uint8_t> read_card(session& talk, const read_options& what, nlohmann::ordered_json& facts);
 
-// The daemon's figures as its status file has them, and as a table for a person. Needs no daemon that answers, and no
-// privilege: the file is readable by everybody.
-struct status_view {
-    nlohmann::ordered_json figures;
-    double age_s = 0; // by the clock that both use, which nobody sets; negative: before the machine's last start
-};
-
-// Reads the file, /run/rvkd/status.json unless RVK_STATUS_DIR names another folder. Throws a failure when it is not
-// there or not the daemon's.
-[[nodiscard]] status_view read_status();
-
 // What a board's daemon that does not answer says of itself, to be put behind an error's text; empty when it says
 // nothing that explains it. Throws nothing.
 [[nodiscard]] std::string why_unreached(int board);
@@ -91,9 +78,5 @@ struct job_figures {
 
 // The transfers that run, "firmware 1024 of 4096 bytes (25 %)"; empty when none does, or nothing is known.
 [[nodiscard]] std::string transfer_text();
-[[nodiscard]] std::string transfer_text(const nlohmann::ordered_json& figures);
-
-// The table. before: an earlier view of the same daemon, to show rates beside what only grows.
-[[nodiscard]] std::string status_table(const status_view& now, const std::optional<status_view>& before);
 
 } // namespace rvk::ctl

@@ -5,6 +5,7 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "base/clock.h"
 #include "base/fd.h"
 #include "base/picture.h"
 
@@ -12,13 +13,9 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <poll.h>
-#include <string>
-#include <string_view>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -29,124 +26,87 @@ namespace {
 constexpr std::chrono::seconds missing_after{1};      // the daemon opens the second file at once after the first
 constexpr std::chrono::seconds both_missing_after{5}; // and the first at once, but a disk may be asleep
 constexpr std::chrono::seconds at_rest{1};            // a file that nobody has written to for so long is complete
-constexpr uint32_t watched_events = IN_OPEN | IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE;
 
-// Waits until another process has written two files and closed them. The folders are watched, not the files: those may
-// not be there yet.
-class file_watch {
-public:
-    // A file and the size that it is to have, in bytes.
-    struct expected {
-        std::string path;
-        uint64_t bytes;
-    };
-
-    // From now on. The files' folders must exist; throws a failure.
-    file_watch(const expected& first, const expected& second);
-
-    // To be called when the other process has begun.
-    void begun() { last_event = clock::now(); }
-
-    // Waits for a while. Result: whether both were closed after writing. Throws a failure when one was closed and
-    // nothing has opened the other for a second, or when nothing has opened either for five: it could not be opened.
-    bool both_closed(std::chrono::milliseconds wait);
-
-private:
-    using clock = std::chrono::steady_clock;
-
-    struct watched {
-        std::string path, name{};
-        uint64_t bytes = 0;
-        int folder = -1;
-        bool opened = false, closed = false;
-    };
-
-    void note(const char* events, size_t bytes);
-    void look_at_the_files();
-    void check_for_a_missing_one() const;
-    void check_for_missing_ones() const;
-
-    unique_fd fd;
-    std::array<watched, 2> files;
-    clock::time_point last_event = clock::now();
-    bool missed_events = false;
+struct job_file {
+    std::string path;
+    uint64_t bytes; // that it is to have
+    bool opened = false, closed = false;
 };
 
-file_watch::file_watch(const expected& first, const expected& second)
-    : fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)), files{{{.path = first.path, .bytes = first.bytes},
-                                                          {.path = second.path, .bytes = second.bytes}}}
-{
-    for (watched& file : files) {
-        const std::filesystem::path whole = file.path;
-        file.name = whole.filename().string();
-        file.folder = inotify_add_watch(fd.get(), whole.parent_path().c_str(), watched_events | IN_ONLYDIR);
-        if (file.folder < 0) {
-            throw failure{problem::wrong_usage,
-                          "folder \"" + whole.parent_path().string() + "\" cannot be used: " + strerror(errno)};
+// Waits until another process has written two files of one folder and closed them. The folder is watched, not the
+// files: those may not be there yet.
+struct file_watch {
+    using clock = std::chrono::steady_clock;
+
+    std::array<job_file, 2> files;
+    unique_fd events{inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
+    clock::time_point last_event = clock::now(); // or the time when the other process began
+    bool missed_events = false;
+
+    // The folder must exist; fails.
+    void begin()
+    {
+        const std::string folder = std::filesystem::path(files[0].path).parent_path().string();
+        constexpr uint32_t watched = IN_OPEN | IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_ONLYDIR;
+        if (inotify_add_watch(events.get(), folder.c_str(), watched) >= 0) { return; }
+        fail(problem::wrong_usage, "folder \"%s\" cannot be used: %s", folder.c_str(), strerror(errno));
+    }
+
+    // Waits for a while. Result: whether both were closed after writing. Fails when one was closed and nothing has
+    // opened the other for a second, or when nothing has opened either for five: it could not be opened.
+    bool both_closed(std::chrono::milliseconds wait)
+    {
+        alignas(inotify_event) char bytes[4096];
+        if (wait_readable(events.get(), static_cast<uint64_t>(wait.count()))) {
+            const ssize_t got = read(events.get(), bytes, sizeof bytes);
+            if (got > 0) { note(bytes, static_cast<size_t>(got)); }
         }
+        if (missed_events) { look_at_the_files(); }
+        if (files[0].closed && files[1].closed) { return true; }
+        check_for_missing_ones();
+        return false;
     }
-}
 
-bool file_watch::both_closed(std::chrono::milliseconds wait)
-{
-    pollfd poll_for{fd.get(), POLLIN, 0};
-    if (poll(&poll_for, 1, static_cast<int>(wait.count())) > 0) {
-        alignas(inotify_event) char events[4096];
-        const ssize_t got = read(fd.get(), events, sizeof events);
-        if (got > 0) { note(events, static_cast<size_t>(got)); }
-    }
-    if (missed_events) { look_at_the_files(); }
-    if (files[0].closed && files[1].closed) { return true; }
-    check_for_a_missing_one();
-    check_for_missing_ones();
-    return false;
-}
-
-void file_watch::note(const char* events, size_t bytes)
-{
-    for (size_t at = 0; at + sizeof(inotify_event) <= bytes;) {
+    void note(const char* bytes, size_t count)
+    {
         inotify_event event;
-        memcpy(&event, events + at, sizeof event);
-        const char* name = event.len == 0 ? "" : events + at + sizeof event;
-        if ((event.mask & IN_Q_OVERFLOW) != 0) { missed_events = true; }
-        for (watched& file : files) {
-            if (event.wd != file.folder || file.name != name) { continue; }
-            file.opened = true;
-            file.closed = file.closed || (event.mask & IN_CLOSE_WRITE) != 0;
-            last_event = clock::now();
+        for (size_t at = 0; at + sizeof event <= count; at += sizeof event + event.len) {
+            memcpy(&event, bytes + at, sizeof event);
+            const std::string name = event.len == 0 ? "" : bytes + at + sizeof event;
+            missed_events |= (event.mask & IN_Q_OVERFLOW) != 0;
+            for (job_file& file : files) {
+                if (!file.path.ends_with("/" + name)) { continue; }
+                file.opened = true;
+                file.closed = file.closed || (event.mask & IN_CLOSE_WRITE) != 0;
+                last_event = clock::now();
+            }
         }
-        at += sizeof event + event.len;
     }
-}
 
-// A folder in which more happened than the kernel keeps events of (this process was stopped meanwhile, say).
-void file_watch::look_at_the_files()
-{
-    for (watched& file : files) {
-        struct stat status = {};
-        timespec now = {};
-        clock_gettime(CLOCK_REALTIME, &now);
-        if (stat(file.path.c_str(), &status) != 0) { continue; }
-        file.opened = true;
-        const bool whole = static_cast<uint64_t>(status.st_size) == file.bytes;
-        file.closed = file.closed || (whole && now.tv_sec - status.st_mtim.tv_sec > at_rest.count());
+    // A folder in which more happened than the kernel keeps events of (this process was stopped meanwhile, say).
+    void look_at_the_files()
+    {
+        for (job_file& file : files) {
+            struct stat status = {};
+            if (stat(file.path.c_str(), &status) != 0) { continue; }
+            file.opened = true;
+            const bool whole = static_cast<uint64_t>(status.st_size) == file.bytes;
+            file.closed = file.closed || (whole && time(nullptr) - status.st_mtim.tv_sec > at_rest.count());
+        }
     }
-}
 
-void file_watch::check_for_a_missing_one() const
-{
-    const auto closed = std::find_if(files.begin(), files.end(), [](const watched& f) { return f.closed; });
-    const auto missing = std::find_if(files.begin(), files.end(), [](const watched& f) { return !f.opened; });
-    if (closed == files.end() || missing == files.end() || clock::now() - last_event < missing_after) { return; }
-    throw failure{problem::refused, "the daemon could not open \"" + missing->path + "\": see rvkd's log"};
-}
-
-void file_watch::check_for_missing_ones() const
-{
-    if (files[0].opened || files[1].opened || clock::now() - last_event < both_missing_after) { return; }
-    throw failure{problem::refused, "the daemon opened neither \"" + files[0].path + "\" nor \"" + files[1].path +
-                                        "\": can files be made there? see rvkd's log"};
-}
+    void check_for_missing_ones() const
+    {
+        const auto quiet = clock::now() - last_event;
+        for (size_t i = 0; i < files.size(); ++i) {
+            if (files[i].opened || !files[1 - i].closed || quiet < missing_after) { continue; }
+            fail(problem::refused, "the daemon could not open \"%s\": see rvkd's log", files[i].path.c_str());
+        }
+        if (files[0].opened || files[1].opened || quiet < both_missing_after) { return; }
+        fail(problem::refused, "the daemon opened neither \"%s\" nor \"%s\": can files be made there? see rvkd's log",
+             files[0].path.c_str(), files[1].path.c_str());
+    }
+};
 
 constexpr uint64_t file_bytes_max = INT32_MAX; // daemon: it takes no larger one
 using namespace update_type;
@@ -177,7 +137,7 @@ std::vector<uint8_t> payload_of(std::initializer_list<uint32_t> numbers, const s
     return out;
 }
 
-request request_of(uint8_t code, const card_options& card, std::span<const uint8_t> payload)
+request order_of(uint8_t code, const card_options& card, std::span<const uint8_t> payload)
 {
     return {.code = code,
             .slot = card.slot,
@@ -189,17 +149,16 @@ request request_of(uint8_t code, const card_options& card, std::span<const uint8
 
 void note_picture(const picture_options& options, outcome& run)
 {
-    run.facts["hor"] = options.size.hor;
-    run.facts["ver"] = options.size.ver;
-    run.facts["data_bytes"] = picture_bytes(options.size);
+    run.facts.update(
+        {{"hor", options.size.hor}, {"ver", options.size.ver}, {"data_bytes", picture_bytes(options.size)}});
 }
 
 [[noreturn]] void refuse_file(const char* kind, const std::string& path, const std::string& why)
 {
-    throw failure{problem::wrong_usage, format("%s \"%s\" %s", kind, path.c_str(), why.c_str())};
+    fail(problem::wrong_usage, "%s \"%s\" %s", kind, path.c_str(), why.c_str());
 }
 
-// Result: its size. Throws a failure when the daemon will not take it.
+// Result: its size. Fails when the daemon will not take it.
 uint64_t check_file(const char* kind, const std::string& path)
 {
     struct stat status = {};
@@ -208,30 +167,24 @@ uint64_t check_file(const char* kind, const std::string& path)
     }
     if (!S_ISREG(status.st_mode)) { refuse_file(kind, path, "is not a regular file"); }
     const auto bytes = static_cast<uint64_t>(status.st_size);
-    if (bytes > file_bytes_max) {
-        refuse_file(kind, path,
-                    format("has %s: at most %s", byte_count(bytes).c_str(), byte_count(file_bytes_max).c_str()));
-    }
-    return bytes;
-}
-
-// Where a picture's pixels begin in its file; 0 of a .bmp that is none.
-uint64_t pixels_at(const std::string& path)
-{
-    if (!path.ends_with(".bmp")) { return 0; }
-    uint8_t head[bmp::pixels_at_end] = {};
-    std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(head), sizeof head);
-    return head[0] == 'B' && head[1] == 'M' ? load_le32(head + bmp::pixels_at) : 0;
+    if (bytes <= file_bytes_max) { return bytes; }
+    refuse_file(kind, path, "has " + byte_count(bytes) + ": at most " + byte_count(file_bytes_max));
 }
 
 // The daemon answers "done" for the black picture that it writes in a bad file's place, so the file is looked at first.
 void check_picture(const std::string& path, const picture_options& options)
 {
-    const uint64_t bytes = check_file("picture", path), offset = pixels_at(path);
-    if (path.ends_with(".bmp") && offset == 0) {
-        refuse_file("picture", path, "is no BMP file: give one, or raw pixels under another name");
+    const uint64_t bytes = check_file("picture", path);
+    uint64_t wanted = picture_bytes(options.size);
+    if (path.ends_with(".bmp")) {
+        uint8_t head[bmp::pixels_at_end] = {};
+        std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(head), sizeof head);
+        const uint32_t pixels_at = head[0] == 'B' && head[1] == 'M' ? load_le32(head + bmp::pixels_at) : 0;
+        if (pixels_at == 0) {
+            refuse_file("picture", path, "is no BMP file: give one, or raw pixels under another name");
+        }
+        wanted += pixels_at;
     }
-    const uint64_t wanted = offset + picture_bytes(options.size);
     if (bytes >= wanted) { return; }
     refuse_file("picture", path,
                 format("has %s, %u x %u pixels need %llu: check --size", byte_count(bytes).c_str(), options.size.hor,
@@ -254,44 +207,60 @@ uint64_t check_image(const std::string& path, uint8_t type)
     return bytes;
 }
 
-// Calls the job; when a signal ends the wait for it, says what goes on.
-template <typename Job>
-void waited(const char* what, Job job)
+// A job in the daemon's hands: what it is called, where its figures stand, what it is told.
+struct file_job {
+    const char* name;
+    const char* figures; // their name in the daemon's status
+    request order;
+};
+
+// Calls `wait`, and says what goes on when a signal ends it.
+template <typename Wait>
+void waited(const file_job& job, Wait wait)
 {
     try {
-        job();
+        wait();
     } catch (failure& failed) {
         if (failed.what == problem::interrupted) {
-            failed.text += format("; rvkd goes on with the %s: rvkctl status shows how far it is", what);
+            failed.text += format("; rvkd goes on with the %s: rvkctl status shows how far it is", job.name);
         }
         throw;
     }
 }
 
-// What the daemon's figures say of a job that is over, in words. Throws a failure when the card left steps unanswered.
-std::string acknowledged(const char* job, const session& talk, uint16_t number, const settings& used,
+// Has a job done that is answered at its end.
+answer done(session& talk, const file_job& job, outcome& run)
+{
+    talk.greet();
+    const stop_watch watch;
+    answer got;
+    waited(job, [&] { got = talk.ask(job.order, true); });
+    note_result(got.result, run.facts);
+    run.facts["elapsed_s"] = watch.seconds();
+    return got;
+}
+
+// What the daemon's figures say of a job that is over, in words. Fails when the card left steps unanswered.
+std::string acknowledged(const file_job& job, const session& talk, uint16_t number, const settings& used,
                          const std::string& what, outcome& run)
 {
-    const std::optional<job_figures> figures = figures_of_job(job, used.board, talk.identity(), number);
+    const std::optional<job_figures> figures = figures_of_job(job.figures, used.board, talk.identity(), number);
     if (!figures) { return "sent; no figures of rvkd's say whether the card answered"; }
-    run.facts["card_exchanges"] = figures->steps;
-    run.facts["card_unanswered"] = figures->unanswered;
+    run.facts.update({{"card_exchanges", figures->steps}, {"card_unanswered", figures->unanswered}});
     if (figures->unanswered == 0) { return "acknowledged by the card"; }
-    throw failure{
-        problem::no_answer,
-        format("%s: the card left %llu of %llu exchanges unanswered: is it there, is the link up? see rvkd's log",
-               what.c_str(), static_cast<unsigned long long>(figures->unanswered),
-               static_cast<unsigned long long>(figures->steps))};
+    fail(problem::no_answer,
+         "%s: the card left %llu of %llu exchanges unanswered: is it there, is the link up? see rvkd's log",
+         what.c_str(), static_cast<unsigned long long>(figures->unanswered),
+         static_cast<unsigned long long>(figures->steps));
 }
 
 // A path that ends short: both files of a get must have their whole length.
-void check_length(const file_watch::expected& file)
+void check_length(const job_file& file)
 {
     const uint64_t bytes = file_bytes(file.path);
     if (bytes == file.bytes) { return; }
-    throw failure{problem::refused,
-                  format("\"%s\" has %s and should have %llu: is the disk full? see rvkd's log", file.path.c_str(),
-                         byte_count(bytes).c_str(), static_cast<unsigned long long>(file.bytes))};
+    fail(problem::refused, "\"%s\" has %s and should have %llu: is the disk full? see rvkd's log", file.path.c_str(),
+         byte_count(bytes).c_str(), static_cast<unsigned long long>(file.bytes));
 }
 
 // The daemon writes into regular files only.
@@ -299,7 +268,7 @@ void check_target(const std::string& path)
 {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) { return; } // missing: the daemon makes it
-    throw failure{problem::wrong_usage, "\"" + path + "\" is there and not a regular file: choose another BASE"};
+    fail(problem::wrong_usage, "\"%s\" is there and not a regular file: choose another BASE", path.c_str());
 }
 
 // A microcontroller's result is the programming tool's, as a shell reports it.
@@ -312,13 +281,6 @@ std::string update_failure(uint8_t type, int32_t result)
     return format("the programming tool ended by signal %d", WTERMSIG(result));
 }
 
-std::string name_of(uint8_t type)
-{
-    const auto* const row =
-        std::find_if(std::begin(names), std::end(names), [&](const type_name& n) { return n.type == type; });
-    return row->name;
-}
-
 } // namespace
 
 uint8_t update_type_in(const std::string& text)
@@ -329,8 +291,8 @@ uint8_t update_type_in(const std::string& text)
     try {
         return static_cast<uint8_t>(number_in("--type", text, mcu_input, fpga_last));
     } catch (const failure&) {
-        throw failure{problem::wrong_usage,
-                      "--type \"" + text + "\": give a name or its number: " + update_type_names()};
+        fail(problem::wrong_usage, "--type \"%s\": give a name or its number: %s", text.c_str(),
+             update_type_names().c_str());
     }
 }
 
@@ -346,99 +308,81 @@ void run_picture_put(const settings& used, const picture_options& options, outco
     const std::string path = absolute_path(options.file, "FILE", picture_path_max);
     note_request(used, options, command::file_write, "picture into card memory", run);
     note_picture(options, run);
-    run.facts["buffer"] = options.addr;
-    run.facts["file"] = path;
+    run.facts.update({{"buffer", options.addr}, {"file", path}});
     check_picture(path, options);
-    session talk(used);
-    run.facts["requester_identity"] = talk.identity();
-    talk.greet();
-    const stop_watch watch;
+    session talk(used, run);
     const auto payload = payload_of({options.size.hor, options.size.ver}, path);
-    answer got;
-    talk.doing = [] { return transfer_text(); };
-    waited("picture", [&] { got = talk.ask(request_of(command::file_write, options, payload), true); });
-    note_result(got.result, run.facts);
-    run.facts["elapsed_s"] = watch.seconds();
+    const file_job job{"picture", "picture_write", order_of(command::file_write, options, payload)};
+    talk.doing = transfer_text;
+    const answer got = done(talk, job, run);
     if (got.result != 0) {
-        throw failure{problem::refused,
-                      format("picture \"%s\" was not written (result %d): see rvkd's log", path.c_str(), got.result)};
+        fail(problem::refused, "picture \"%s\" was not written (result %d): see rvkd's log", path.c_str(), got.result);
     }
-    const std::string rate = rate_text(picture_bytes(options.size), watch.seconds());
+    const std::string rate = rate_text(picture_bytes(options.size), run.facts["elapsed_s"]);
     const std::string what =
         format("picture of %u x %u into buffer %u", options.size.hor, options.size.ver, options.addr);
-    run.answer = what + " " + acknowledged("picture_write", talk, got.seq, used, what, run) + ": " + rate;
+    run.answer = what + " " + acknowledged(job, talk, got.seq, used, what, run) + ": " + rate;
 }
 
 void run_picture_get(const settings& used, const picture_options& options, outcome& run)
 {
     const std::string base = absolute_path(options.file, "BASE", read_back_path_max);
-    const file_watch::expected raw{base, picture_bytes(options.size)};
-    const file_watch::expected image{(base + ".bmp").substr(0, image_name_max), raw.bytes + bmp::head_bytes};
+    const uint64_t bytes = picture_bytes(options.size);
+    file_watch watched{{{{base, bytes}, {(base + ".bmp").substr(0, image_name_max), bytes + bmp::head_bytes}}}};
+    const auto& [raw, image] = watched.files;
     note_request(used, options, command::file_read, "card memory into files", run);
     note_picture(options, run);
-    run.facts["addr"] = options.addr;
-    run.facts["raw_file"] = raw.path;
-    run.facts["image_file"] = image.path;
+    run.facts.update({{"addr", options.addr}, {"raw_file", raw.path}, {"image_file", image.path}});
     check_target(raw.path);
     check_target(image.path);
     if (raw.path == image.path) {
-        throw failure{problem::wrong_usage, format("BASE \"%s\": with %zu characters both files would be one; choose a "
-                                                   "shorter name",
-                                                   base.c_str(), base.size())};
+        fail(problem::wrong_usage, "BASE \"%s\": with %zu characters both files would be one; choose a shorter name",
+             base.c_str(), base.size());
     }
-    session talk(used);
-    run.facts["requester_identity"] = talk.identity();
+    session talk(used, run);
     talk.greet();
     const stop_watch watch;
-    file_watch files(raw, image);
+    watched.begin();
     const auto payload = payload_of({options.size.hor, options.size.ver}, base);
-    const uint16_t number = talk.tell(request_of(command::file_read, options, payload));
-    talk.doing = [] { return transfer_text(); };
-    waited("read-back", [&] {
-        talk.greet_patiently(); // handled in their order: the job is in the daemon's hands now, or behind no others
-                                // more
-        files.begun();
-        talk.wait_while_alive([&](std::chrono::milliseconds wait) { return files.both_closed(wait); });
+    const file_job job{"read-back", "read_back", order_of(command::file_read, options, payload)};
+    const uint16_t number = talk.tell(job.order);
+    talk.doing = transfer_text;
+    waited(job, [&] {
+        talk.greet_patiently(); // handled in their order: the job has begun now, or waits behind no other
+        watched.last_event = file_watch::clock::now();
+        talk.wait_while_alive([&](std::chrono::milliseconds wait) { return watched.both_closed(wait); });
     });
     run.facts["elapsed_s"] = watch.seconds();
+    const std::string rate = rate_text(raw.bytes, run.facts["elapsed_s"]);
     check_length(raw);
     check_length(image);
     const std::string what = format("picture of %u x %u read into %s and %s", options.size.hor, options.size.ver,
                                     raw.path.c_str(), image.path.c_str());
-    const std::string rate = rate_text(raw.bytes, watch.seconds());
-    run.answer = what + ", " + acknowledged("read_back", talk, number, used, what, run) + ": " + rate;
+    run.answer = what + ", " + acknowledged(job, talk, number, used, what, run) + ": " + rate;
 }
 
 void run_update(const settings& used, const update_options& options, outcome& run)
 {
     const std::string path = absolute_path(options.file, "FILE", update_path_max);
+    const char* const name = std::ranges::find(names, options.type, &type_name::type)->name;
     note_request(used, options, command::update, "firmware update", run);
-    run.facts["type"] = options.type;
-    run.facts["type_meaning"] = name_of(options.type);
-    run.facts["file"] = path;
+    run.facts.update({{"type", options.type}, {"type_meaning", name}, {"file", path}});
     const uint64_t bytes = check_image(path, options.type);
     run.facts["data_bytes"] = bytes;
-    session talk(used);
-    run.facts["requester_identity"] = talk.identity();
-    talk.greet();
-    const stop_watch watch;
+    session talk(used, run);
     const auto payload = payload_of({options.type}, path);
+    const file_job job{"update", "update", order_of(command::update, options, payload)};
     const bool by_tool = options.type <= mcu_vpu;
-    answer got;
     talk.doing = [by_tool] { return by_tool ? "the programming tool runs" : transfer_text(); };
-    waited("update", [&] { got = talk.ask(request_of(command::update, options, payload), true); });
-    note_result(got.result, run.facts);
-    run.facts["elapsed_s"] = watch.seconds();
+    const answer got = done(talk, job, run);
     const std::string what = format("slot %d, image \"%s\"", options.slot, path.c_str());
-    const std::string rate = rate_text(bytes, watch.seconds());
-    const std::string said = by_tool ? "" : acknowledged("update", talk, got.seq, used, "update of " + what, run);
+    const std::string rate = rate_text(bytes, run.facts["elapsed_s"]);
+    const std::string said = by_tool ? "" : ", " + acknowledged(job, talk, got.seq, used, "update of " + what, run);
     if (got.result != 0) {
-        throw failure{problem::refused, format("update of %s failed (result %d): %s; see rvkd's log", what.c_str(),
-                                               got.result, update_failure(options.type, got.result).c_str())};
+        fail(problem::refused, "update of %s failed (result %d): %s; see rvkd's log", what.c_str(), got.result,
+             update_failure(options.type, got.result).c_str());
     }
-    run.answer = format("slot %d updated (%s)%s%s: ", options.slot, name_of(options.type).c_str(), by_tool ? "" : ", ",
-                        said.c_str()) +
-                 rate;
+    run.answer = format("slot %d updated (%s)%s: ", options.slot, name, said.c_str()) + rate;
 }
 
 } // namespace rvk::ctl

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <functional>
 #include <new>
 
 namespace rvk::ctl {
@@ -18,8 +17,6 @@ namespace {
 constexpr uint64_t longest_ms = 24ull * 3600 * 1000; // ours: of a timeout and of an interval
 
 constexpr char about[] = "Sends commands to a running rvkd over the board's messaging service and shows the answers.";
-constexpr char commands[] = "hello, read, write, picture put, picture get, update, status";
-
 constexpr char footer[] =
     R"(Numbers are decimal or 0x… . Options may stand before or behind the command; rvkctl COMMAND --help says more.
 
@@ -65,66 +62,54 @@ constexpr char update_footer[] =
 constexpr char status_footer[] =
     R"(Figures that rvkd wrote within the last 3 s. It is not asked, so it need not answer, and no privilege is needed.)";
 
-using action = std::function<void(const settings&, outcome&)>;
-
-// What the command line says.
+// What the command line says, and what comes of it.
 struct command_line {
     settings used;
+    outcome run;
     std::optional<uint8_t> board;
     read_options read;
     write_options write;
     picture_options picture{{.slot = 1}};
     update_options update;
     bool watch = false;
-    std::string command; // as given
-    action run;          // none: no command was
+    chosen_command chosen;
 };
 
-CLI::App* add_command(CLI::App& parent, const char* name, const char* about_it, const char* help, command_line& line,
-                      action run)
+void add_model(CLI::App& app, card_options& card)
 {
-    CLI::App* const command = parent.add_subcommand(name, about_it);
-    command->footer(help);
-    const std::string whole = parent.get_parent() == nullptr ? name : parent.get_name() + " " + name;
-    command->callback([&line, whole, run = std::move(run)] {
-        line.command = whole;
-        line.run = run;
-    });
-    return command;
+    add_number(app, "--model", "M", card.model, "Card model, 0 to 65535; default 0");
 }
 
 void add_card(CLI::App& app, card_options& card)
 {
-    add_number(app, "SLOT", card.slot, "Card slot, 0 to 255")->required()->type_name("");
-    add_number(app, "ADDR", card.addr, "Register or memory address, 32 bits")->required()->type_name("");
-    add_number(app, "--model", card.model, "Card model, 0 to 65535; default 0")->type_name("M");
+    add_number(app, "SLOT", "", card.slot, "Card slot, 0 to 255");
+    add_number(app, "ADDR", "", card.addr, "Register or memory address, 32 bits");
+    add_model(app, card);
 }
 
 void add_read(CLI::App& app, command_line& line)
 {
     read_options& read = line.read;
-    CLI::App& command = *add_command(app, "read", "Read from a card and show the bytes", read_footer, line,
-                                     [&read](const settings& used, outcome& run) { run_read(used, read, run); });
+    CLI::App& command = add_command(app, "read", "Read from a card and show the bytes", read_footer, line.chosen,
+                                    [&] { run_read(line.used, line.read, line.run); });
     add_card(command, read);
-    add_number(command, "LEN", read.len, "Bytes to read, 1 to 1400", 1, frame_data_max)->required()->type_name("");
-    command.add_option("--out", read.out_file, "Put the bytes into FILE instead of showing them")->type_name("FILE");
-    add_number(command, "--repeat", read.repeat,
-               "Read N times, 0: until a signal ends it, and show what is new, with its time")
-        ->type_name("N");
-    add_number(command, "--interval", read.interval_ms, "From one repeated read to the next, in ms; default 1000", 1,
-               longest_ms)
-        ->type_name("MS");
+    add_number(command, "LEN", "", read.len, "Bytes to read, 1 to 1400", 1, frame_data_max);
+    add_text(command, "--out", "FILE", read.out_file, "Put the bytes into FILE instead of showing them");
+    add_number(command, "--repeat", "N", read.repeat,
+               "Read N times, 0: until a signal ends it, and show what is new, with its time");
+    add_number(command, "--interval", "MS", read.interval_ms, "From one repeated read to the next, in ms; default 1000",
+               1, longest_ms);
     command.add_flag("--all", read.all, "Show every repeated read, not only what is new");
 }
 
 void add_write(CLI::App& app, command_line& line)
 {
     write_options& write = line.write;
-    CLI::App& command = *add_command(app, "write", "Write to a card", write_footer, line,
-                                     [&write](const settings& used, outcome& run) { run_write(used, write, run); });
+    CLI::App& command = add_command(app, "write", "Write to a card", write_footer, line.chosen,
+                                    [&] { run_write(line.used, line.write, line.run); });
     add_card(command, write);
     command.add_option("BYTES", write.words, "Hex digits in memory order, blanks allowed between bytes")->type_name("");
-    command.add_option("--file", write.file, "Write what FILE holds")->type_name("FILE");
+    add_text(command, "--file", "FILE", write.file, "Write what FILE holds");
     command.add_flag("--no-ack", write.no_ack, "Do not ask the card for an acknowledgement");
     command.add_flag("--verify", write.verify, "Read it back and compare; status 1 when it differs");
 }
@@ -132,77 +117,66 @@ void add_write(CLI::App& app, command_line& line)
 void add_picture(CLI::App& app, command_line& line)
 {
     picture_options& options = line.picture;
-    CLI::App& picture = *app.add_subcommand("picture", "Move a picture between a file and a card's memory");
-    picture.require_subcommand(0, 1);
-    picture.fallthrough();
-    picture.footer("");
-    CLI::App& put =
-        *add_command(picture, "put", "Write a picture file into a card's picture buffer", put_footer, line,
-                     [&options](const settings& used, outcome& run) { run_picture_put(used, options, run); });
-    put.add_option("FILE", options.file, "4 bytes a pixel as they stand; of a .bmp from its pixels on")
-        ->required()
-        ->type_name("");
-    add_number(put, "--buffer", options.addr,
+    CLI::App& picture = add_group(app, "picture", "Move a picture between a file and a card's memory");
+    CLI::App& put = add_command(picture, "put", "Write a picture file into a card's picture buffer", put_footer,
+                                line.chosen, [&] { run_picture_put(line.used, line.picture, line.run); });
+    add_text(put, "FILE", "", options.file, "4 bytes a pixel as they stand; of a .bmp from its pixels on");
+    add_number(put, "--buffer", "N", options.addr,
                "Number of the card's picture buffer, 0 to 255; those of the demo are 16 to 24", 0, UINT8_MAX)
-        ->required()
-        ->type_name("N");
-    CLI::App& get =
-        *add_command(picture, "get", "Read card memory into BASE and BASE.bmp", get_footer, line,
-                     [&options](const settings& used, outcome& run) { run_picture_get(used, options, run); });
-    get.add_option("BASE", options.file, "Raw file; the image's name is this with .bmp")->required()->type_name("");
-    add_number(get, "--addr", options.addr, "Start in card memory, in words of 8 bytes")->required()->type_name("A");
+        ->required();
+    CLI::App& get = add_command(picture, "get", "Read card memory into BASE and BASE.bmp", get_footer, line.chosen,
+                                [&] { run_picture_get(line.used, line.picture, line.run); });
+    add_text(get, "BASE", "", options.file, "Raw file; the image's name is this with .bmp");
+    add_number(get, "--addr", "A", options.addr, "Start in card memory, in words of 8 bytes")->required();
     for (CLI::App* const command : {&put, &get}) {
-        add_value(*command, "--size", "Width and height in pixels",
-                  [&options](const std::string& text) { options.size = size_in("--size", text, 0); })
-            ->required()
-            ->type_name("WxH");
-        add_number(*command, "--slot", options.slot, "Card slot, 0 to 255; default 1")->type_name("S");
-        add_number(*command, "--model", options.model, "Card model, 0 to 65535; default 0")->type_name("M");
+        add_value(*command, "--size", "WxH", "Width and height in pixels", [&](const std::string& text) {
+            line.picture.size = size_in("--size", text, 0);
+        })->required();
+        add_number(*command, "--slot", "S", options.slot, "Card slot, 0 to 255; default 1");
+        add_model(*command, options);
     }
 }
 
 void add_update(CLI::App& app, command_line& line)
 {
-    update_options& update = line.update;
-    CLI::App& command = *add_command(app, "update", "Update a card's firmware", update_footer, line,
-                                     [&update](const settings& used, outcome& run) { run_update(used, update, run); });
-    command.add_option("FILE", update.file, "The image")->required()->type_name("");
-    add_value(command, "--type", "Kind of image: " + update_type_names(),
-              [&update](const std::string& text) { update.type = update_type_in(text); })
-        ->required()
-        ->type_name("TYPE");
-    add_number(command, "--slot", update.slot, "Card slot, 0 to 255")->required()->type_name("S");
-    add_number(command, "--model", update.model, "Card model, 0 to 65535; default 0")->type_name("M");
+    CLI::App& command = add_command(app, "update", "Update a card's firmware", update_footer, line.chosen,
+                                    [&] { run_update(line.used, line.update, line.run); });
+    add_text(command, "FILE", "", line.update.file, "The image");
+    add_value(command, "--type", "TYPE", "Kind of image: " + update_type_names(), [&](const std::string& text) {
+        line.update.type = update_type_in(text);
+    })->required();
+    add_number(command, "--slot", "S", line.update.slot, "Card slot, 0 to 255")->required();
+    add_model(command, line.update);
 }
 
 void add_commands(CLI::App& app, command_line& line)
 {
     add_command(app, "hello", "Ask the daemon whether it is there",
-                "Done: the daemon answered, so it handles commands.", line, run_hello);
+                "Done: the daemon answered, so it handles commands.", line.chosen,
+                [&] { run_hello(line.used, line.run); });
     add_read(app, line);
     add_write(app, line);
     add_picture(app, line);
     add_update(app, line);
-    add_command(app, "status", "Show how the daemon is doing, without asking it", status_footer, line,
-                [&line](const settings& used, outcome& run) { run_status(used, line.watch, run); })
-        ->add_flag("--watch", line.watch, "Each second, with rates, until a signal ends it");
+    add_command(app, "status", "Show how the daemon is doing, without asking it", status_footer, line.chosen, [&] {
+        run_status(line.used, line.watch, line.run);
+    }).add_flag("--watch", line.watch, "Each second, with rates, until a signal ends it");
 }
 
 void add_settings(CLI::App& app, command_line& line)
 {
-    add_number(app, "--board", line.board, "Board of the daemon and of the requester, 0 to 255; default APCARD_SELF")
-        ->type_name("N");
-    add_value(app, "--as", "Module number to ask as, default 0x7F; 0x3C acts as the companion, one process at a time",
-              [&line](const std::string& text) {
+    add_number(app, "--board", "N", line.board,
+               "Board of the daemon and of the requester, 0 to 255; default APCARD_SELF");
+    add_value(app, "--as", "MODULE",
+              "Module number to ask as, default 0x7F; 0x3C acts as the companion, one process at a time",
+              [&](const std::string& text) {
                   line.used.module = static_cast<uint8_t>(number_in("--as", text, 0, UINT8_MAX));
                   if (line.used.module != module_self) { return; }
-                  throw failure{problem::wrong_usage,
-                                "--as \"" + text + "\": 0x3b is the daemon itself, choose another module"};
-              })
-        ->type_name("MODULE");
-    add_number(app, "--timeout", line.used.timeout_ms, "Longest wait for each answer, in ms; default 5000", 1,
-               longest_ms)
-        ->type_name("MS");
+                  fail(problem::wrong_usage, "--as \"%s\": 0x3b is the daemon itself, choose another module",
+                       text.c_str());
+              });
+    add_number(app, "--timeout", "MS", line.used.timeout_ms, "Longest wait for each answer, in ms; default 5000", 1,
+               longest_ms);
     app.add_flag("--json", line.used.json, "Print one JSON object instead, errors included");
 }
 
@@ -213,34 +187,33 @@ uint8_t default_board()
     return static_cast<uint8_t>(number_in("APCARD_SELF", named, 0, UINT8_MAX));
 }
 
-// Fills `line` as far as it gets; throws a failure of wrong usage. Result: what was asked for in place of a run.
-std::string parse(int argc, char** argv, command_line& line)
+// Throws a failure. Result: the text of --help or --version, when that was asked for in place of a run.
+std::string parse_and_run(int argc, char** argv, command_line& line)
 {
-    // Also for a command line that is not understood as a whole.
-    line.used.json = std::any_of(argv, argv + argc, [](const char* word) { return strcmp(word, "--json") == 0; });
     CLI::App app{about, "rvkctl"};
     set_up(app, footer);
     add_settings(app, line);
     add_commands(app, line);
-    if (std::string asked = tool::parse(app, argc, argv); !asked.empty()) { return asked; }
-    refuse_extras(app, commands, line.run != nullptr);
+    if (std::string asked = parse(app, argc, argv); !asked.empty()) { return asked; }
     line.used.board = line.board ? *line.board : default_board();
+    line.run.command = line.chosen.name;
+    line.chosen.run();
     return {};
 }
 
 int run_command_line(int argc, char** argv)
 {
     command_line line;
-    outcome run;
+    outcome& run = line.run;
+    // Also for a command line that is not understood as a whole.
+    line.used.json = std::any_of(argv, argv + argc, [](const char* word) { return strcmp(word, "--json") == 0; });
     try {
-        run.answer = parse(argc, argv, line);
-        run.command = line.command;
-        if (!run.answer.empty()) { return write_out(run.answer) ? exit_done : exit_no; }
-        line.run(line.used, run);
+        const std::string asked = parse_and_run(argc, argv, line);
+        if (!asked.empty()) { return write_out(asked); }
     } catch (const failure& failed) {
-        run.command = line.command;
+        run.command = line.chosen.name;
         run.failed = failed;
-        if (status_of(failed.what) == exit_no_answer && line.command != "status") {
+        if (status_of(failed.what) == exit_no_answer && run.command != "status") {
             run.failed.text += why_unreached(line.used.board);
         }
     } catch (const std::bad_alloc&) {
@@ -256,6 +229,8 @@ int run_command_line(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    const rvk::ctl::interrupt_guard until_all_is_cleared_away;
-    return rvk::tool::run_tool("rvkctl", [=] { return rvk::ctl::run_command_line(argc, argv); });
+    rvk::ctl::catch_signals();
+    const int status = rvk::tool::run_tool("rvkctl", [=] { return rvk::ctl::run_command_line(argc, argv); });
+    rvk::ctl::end_by_signal(); // all is cleared away
+    return status;
 }

@@ -3,9 +3,8 @@
 #include "base/clock.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <unistd.h>
 
 namespace rvk::ctl {
@@ -41,16 +40,18 @@ void note(int signal) { signal_came = signal; }
 
 void say(const outcome& run, bool json)
 {
-    const bool written =
-        run.told || write_out(json ? object_text(run, status_of(run.failed.what)) : printable_lines(run.answer));
-    const int error = errno;
-    const bool unheard = run.failed.what == problem::io_error && interrupted(); // a pipe whose reader went
-    if (run.failed.what != problem::none && !unheard) {
+    const auto complain = [&run] {
+        const bool unheard = run.failed.what == problem::io_error && interrupted(); // a pipe whose reader went
+        if (run.failed.what == problem::none || unheard) { return; }
         fprintf(stderr, "rvkctl: %s\n", printable_lines(run.failed.text).c_str());
+    };
+    try {
+        if (!run.told) { write_out(json ? object_text(run, status_of(run.failed.what)) : printable_lines(run.answer)); }
+    } catch (const failure&) {
+        complain();
+        throw;
     }
-    if (written) { return; }
-    throw failure{problem::io_error,
-                  std::string("the answer could not be written to standard output: ") + strerror(error)};
+    complain();
 }
 
 int present(const outcome& run, bool json)
@@ -73,20 +74,20 @@ void note_result(int32_t result, nlohmann::ordered_json& facts)
                                              : "a result this program does not know";
 }
 
-interrupt_guard::interrupt_guard()
+void catch_signals()
 {
-    struct sigaction once {};
+    struct sigaction once {
+    }, before{};
     once.sa_handler = note;
     once.sa_flags = static_cast<int>(SA_RESETHAND);
-    for (size_t i = 0; i < signals.size(); ++i) {
-        sigaction(signals[i], nullptr, &before[i]);
-        if (before[i].sa_handler != SIG_IGN) { sigaction(signals[i], &once, nullptr); } // nohup's stays ignored
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+        sigaction(signal, nullptr, &before);
+        if (before.sa_handler != SIG_IGN) { sigaction(signal, &once, nullptr); } // nohup's stays ignored
     }
 }
 
-interrupt_guard::~interrupt_guard()
+void end_by_signal()
 {
-    for (size_t i = 0; i < signals.size(); ++i) { sigaction(signals[i], &before[i], nullptr); }
     const int signal = signal_came;
     if (signal != 0 && (!accepted || signal == SIGPIPE)) { static_cast<void>(raise(signal)); }
 }

@@ -6,9 +6,7 @@
 #include "command/failure.h"
 #include "command/values.h"
 
-#include <array>
 #include <chrono>
-#include <csignal>
 #include <cstdint>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -38,26 +36,17 @@ int present(const outcome& run, bool json);
 // The result of an answer, as a number and in words.
 void note_result(int32_t result, nlohmann::ordered_json& facts);
 
-// Lives as long as the program's work. The first SIGINT, SIGTERM, SIGHUP or SIGPIPE then only makes every wait for the
-// daemon end in a failure; whoever made something clears it away as that passes, and at its end the guard lets the
-// signal end the process as it always would have. A second one ends it at once. One guard at a time.
-class interrupt_guard {
-public:
-    interrupt_guard();
-    ~interrupt_guard();
-    interrupt_guard(const interrupt_guard&) = delete;
-    interrupt_guard& operator=(const interrupt_guard&) = delete;
+// From here on the first SIGINT, SIGTERM, SIGHUP or SIGPIPE only makes every wait for the daemon end in a failure;
+// whoever made something clears it away as that passes. A second one ends the process at once.
+void catch_signals();
 
-private:
-    static constexpr std::array signals{SIGINT, SIGTERM, SIGHUP, SIGPIPE};
-
-    std::array<struct sigaction, signals.size()> before{};
-};
+// At the end of all: lets the signal that came, if one did, end the process as it always would have.
+void end_by_signal();
 
 // From now on a signal is an orderly end of the work: the process ends with its own status (but for SIGPIPE).
 void accept_interrupt();
 
-// Whether a signal came since the guard was made.
+// Whether a signal came.
 [[nodiscard]] bool interrupted();
 
 // Pauses until then, or until a signal came, which it notices within a quarter of a second.

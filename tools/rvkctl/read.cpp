@@ -16,11 +16,11 @@ constexpr uint32_t interval_default_ms = 1000;
 void check_usage(const read_options& what)
 {
     if (what.repeat && !what.out_file.empty()) {
-        throw failure{problem::wrong_usage, "--out and --repeat: a read that is repeated is shown; leave one out"};
+        fail(problem::wrong_usage, "--out and --repeat: a read that is repeated is shown; leave one out");
     }
     if (what.repeat || (!what.interval_ms && !what.all)) { return; }
-    throw failure{problem::wrong_usage, std::string(what.all ? "--all" : "--interval") +
-                                            " is for reads that are repeated: give --repeat N too"};
+    fail(problem::wrong_usage, "%s is for reads that are repeated: give --repeat N too",
+         what.all ? "--all" : "--interval");
 }
 
 // Now, in local time as ISO 8601 has it; for a person with a blank and without the zone.
@@ -59,14 +59,6 @@ void read_again(session& talk, const read_options& what, outcome& line)
     line.facts["time"] = time_text(true);
 }
 
-void tell(outcome& line, bool json)
-{
-    if (line.failed.what != problem::none) {
-        line.failed.text = json ? line.failed.text : time_text(false) + "  " + line.failed.text;
-    }
-    say(line, json);
-}
-
 void read_repeatedly(session& talk, const read_options& what, bool json, outcome& run)
 {
     accept_interrupt();
@@ -82,12 +74,12 @@ void read_repeatedly(session& talk, const read_options& what, bool json, outcome
         ++reads;
         if (line.failed.what != problem::none && failures++ == 0) { first = line.failed.what; }
         const std::string data = line.facts.value("data", std::string());
-        const std::string now = std::string(name_of(line.failed.what)) + data;
+        const std::string now = name_of(line.failed.what) + data;
         if (now != before || what.all) {
-            if (!data.empty()) {
-                line.answer = time_text(false) + "  " + pairs_text(bytes_of_hex("data", {data})) + "\n";
-            }
-            tell(line, json);
+            const std::string time = time_text(false) + "  ";
+            if (!data.empty()) { line.answer = time + pairs_text(bytes_of_hex("data", {data})) + "\n"; }
+            if (!json) { line.failed.text = time + line.failed.text; }
+            say(line, json);
         }
         before = now;
         if (reads != *what.repeat) {
@@ -95,8 +87,8 @@ void read_repeatedly(session& talk, const read_options& what, bool json, outcome
         }
     }
     if (failures > 0) {
-        throw failure{first, format("%llu of %llu reads failed", static_cast<unsigned long long>(failures),
-                                    static_cast<unsigned long long>(reads))};
+        fail(first, "%llu of %llu reads failed", static_cast<unsigned long long>(failures),
+             static_cast<unsigned long long>(reads));
     }
 }
 
@@ -104,25 +96,18 @@ void read_repeatedly(session& talk, const read_options& what, bool json, outcome
 
 void note_request(const settings& used, const card_options& card, uint8_t code, const char* meaning, outcome& run)
 {
-    run.facts.update(facts_of(used));
-    run.facts["code"] = code;
-    run.facts["code_meaning"] = meaning;
-    run.facts["slot"] = card.slot;
-    run.facts["model"] = card.model;
+    note_command(used, code, meaning, run);
+    run.facts.update({{"slot", card.slot}, {"model", card.model}});
 }
 
 void run_hello(const settings& used, outcome& run)
 {
-    run.facts.update(facts_of(used));
-    run.facts["code"] = command::greeting;
-    run.facts["code_meaning"] = "greeting";
-    session talk(used);
-    run.facts["requester_identity"] = talk.identity();
+    note_command(used, command::greeting, "greeting", run);
+    session talk(used, run);
     const stop_watch watch;
     const std::string text = talk.greet();
     const double took_ms = watch.seconds() * 1e3;
-    run.facts["text"] = text;
-    run.facts["elapsed_ms"] = took_ms;
+    run.facts.update({{"text", text}, {"elapsed_ms", took_ms}});
     run.answer = format("board %d answered in %.1f ms: %s\n", used.board, took_ms, text.c_str());
 }
 
@@ -134,38 +119,34 @@ std::vector<uint8_t> read_card(session& talk, const read_options& what, nlohmann
     const std::string text = format("read of %s at 0x%08x from slot %d, model 0x%x", byte_count(what.len).c_str(),
                                     what.addr, what.slot, what.model);
     if (got.result != 0) {
-        throw failure{problem::refused,
-                      format("%s failed (result %d): the card did not answer or refused; check slot, model and address",
-                             text.c_str(), got.result)};
+        fail(problem::refused,
+             "%s failed (result %d): the card did not answer or refused; check slot, model and address", text.c_str(),
+             got.result);
     }
     if (got.length > got.payload.size()) {
-        throw failure{problem::refused, format("%s: the answer claims %u bytes and carries %zu: is this the daemon's "
-                                               "version that belongs to this program?",
-                                               text.c_str(), got.length, got.payload.size())};
+        fail(problem::refused,
+             "%s: the answer claims %u bytes and carries %zu: is this the daemon's version that belongs to this "
+             "program?",
+             text.c_str(), got.length, got.payload.size());
     }
     std::vector<uint8_t> data{got.payload.begin(), got.payload.begin() + static_cast<ptrdiff_t>(got.length)};
-    facts["data_bytes"] = data.size();
-    facts["data"] = hex_text(data);
+    facts.update({{"data_bytes", data.size()}, {"data", hex_text(data)}});
     if (data.size() >= what.len) { return data; }
-    throw failure{problem::short_answer, format("%s: the card sent only %s; does that register block end there?",
-                                                text.c_str(), byte_count(data.size()).c_str())};
+    fail(problem::short_answer, "%s: the card sent only %s; does that register block end there?", text.c_str(),
+         byte_count(data.size()).c_str());
 }
 
 void run_read(const settings& used, const read_options& options, outcome& run)
 {
     check_usage(options);
     note_request(used, options, command::read, "read", run);
-    run.facts["addr"] = options.addr;
-    run.facts["len"] = options.len;
+    run.facts.update({{"addr", options.addr}, {"len", options.len}});
     run.one_line = options.repeat.has_value();
-    session talk(used);
-    run.facts["requester_identity"] = talk.identity();
+    session talk(used, run);
     if (options.repeat) { return read_repeatedly(talk, options, used.json, run); }
     const std::vector<uint8_t> data = read_card(talk, options, run.facts);
-    if (options.out_file.empty()) {
-        run.answer = hex_dump(options.addr, data);
-        return;
-    }
+    run.answer = hex_dump(options.addr, data);
+    if (options.out_file.empty()) { return; }
     save(options.out_file, data);
     run.facts["out_file"] = options.out_file;
     run.answer = format("%s written to %s\n", byte_count(data.size()).c_str(), options.out_file.c_str());

@@ -83,101 +83,94 @@ uint64_t socket_inode(uint32_t identity)
     return stat(socket_path(identity).c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
-std::string wait_text(const settings& used)
-{
-    return format("within %lld ms", static_cast<long long>(used.timeout().count()));
-}
-
 void check_interrupt()
 {
-    if (interrupted()) { throw failure{problem::interrupted, "interrupted while waiting for an answer"}; }
+    if (interrupted()) { fail(problem::interrupted, "interrupted while waiting for an answer"); }
 }
 
-failure cannot_open(endpoint_status status, const settings& used, int error)
+[[noreturn]] void cannot_open(endpoint_status status, const settings& used, int error)
 {
-    const std::string directory = socket_directory();
+    const std::string folder = socket_directory();
+    const char* const directory = folder.c_str();
     switch (status) {
     case endpoint_status::no_directory:
-        return {problem::no_directory,
-                "no directory " + directory +
-                    ": rvkd makes it when it starts; start rvkd, or set APIPC_DIR as it was for rvkd"};
+        fail(problem::no_directory,
+             "no directory %s: rvkd makes it when it starts; start rvkd, or set APIPC_DIR as it was for rvkd",
+             directory);
     case endpoint_status::name_too_long:
-        return {problem::wrong_usage,
-                "APIPC_DIR \"" + directory + "\" is too long for a socket address: set a shorter one, for rvkd too"};
+        fail(problem::wrong_usage, "APIPC_DIR \"%s\" is too long for a socket address: set a shorter one, for rvkd too",
+             directory);
     case endpoint_status::no_permission:
-        return {problem::no_permission,
-                "no permission to use " + directory + ": run as a user or group that may write to it"};
+        fail(problem::no_permission, "no permission to use %s: run as a user or group that may write to it", directory);
     case endpoint_status::identity_taken:
         if (used.module == module_companion) {
-            return {problem::identity_taken,
-                    format("identity %08x is in use: one process at a time acts as the companion, try later",
-                           identity_of(used.board, used.module))};
+            fail(problem::identity_taken,
+                 "identity %08x is in use: one process at a time acts as the companion, try later",
+                 identity_of(used.board, used.module));
         }
-        return {problem::identity_taken,
-                format("all identities of board %d, module 0x%02x are in use: wait for other clients to end, or choose "
-                       "another with --as",
-                       used.board, used.module)};
-    default: return {problem::endpoint_error, "no endpoint in " + directory + ": " + strerror(error)};
+        fail(problem::identity_taken,
+             "all identities of board %d, module 0x%02x are in use: wait for other clients to end, or choose another "
+             "with --as",
+             used.board, used.module);
+    default: fail(problem::endpoint_error, "no endpoint in %s: %s", directory, strerror(error));
     }
 }
 
-failure cannot_send(endpoint_status status, const settings& used, const std::string& path, int error)
+[[noreturn]] void cannot_send(endpoint_status status, const settings& used, const std::string& path, int error)
 {
-    switch (status) {
-    case endpoint_status::no_directory:
-        return {problem::no_directory,
-                "the directory " + socket_directory() + " is gone: was rvkd's machine cleaned up?"};
-    case endpoint_status::no_socket:
-        return {problem::no_socket,
-                format("no socket of board %d (%s): rvkd is not running for this board; start it, or "
-                       "choose the board with --board",
-                       used.board, path.c_str())};
-    case endpoint_status::nobody_listening:
-        return {
-            problem::nobody_listening,
-            format("nobody is listening for board %d (%s): rvkd has ended, start it again", used.board, path.c_str())};
-    case endpoint_status::no_permission:
-        return {problem::no_permission,
-                format("no permission to send to board %d (%s): run as a user or group that may "
-                       "write to it",
-                       used.board, path.c_str())};
-    case endpoint_status::queue_full:
-        return {problem::queue_full,
-                format("board %d did not take the command %s, its queue is full (%s): rvkd is busy or "
-                       "stopped, try later",
-                       used.board, wait_text(used).c_str(), path.c_str())};
-    default:
-        return {problem::endpoint_error, format("the command could not be sent to board %d (%s): %s", used.board,
-                                                path.c_str(), strerror(error))};
+    static constexpr struct {
+        endpoint_status status;
+        problem what;
+        const char *before, *behind; // of the board and its socket
+    } rows[] = {
+        {endpoint_status::no_directory, problem::no_directory, "no directory any more for",
+         "was rvkd's machine cleaned up?"},
+        {endpoint_status::no_socket, problem::no_socket, "no socket of",
+         "rvkd is not running for this board; start it, or choose the board with --board"},
+        {endpoint_status::nobody_listening, problem::nobody_listening, "nobody is listening for",
+         "rvkd has ended, start it again"},
+        {endpoint_status::no_permission, problem::no_permission, "no permission to send to",
+         "run as a user or group that may write to it"},
+        {endpoint_status::queue_full, problem::queue_full, "no room in time in the queue of",
+         "rvkd is busy or stopped, try later"},
+    };
+    for (const auto& row : rows) {
+        if (row.status != status) { continue; }
+        fail(row.what, "%s board %d (%s): %s", row.before, used.board, path.c_str(), row.behind);
     }
+    fail(problem::endpoint_error, "the command could not be sent to board %d (%s): %s", used.board, path.c_str(),
+         strerror(error));
 }
 
 } // namespace
 
-nlohmann::ordered_json facts_of(const settings& used)
+void note_command(const settings& used, uint8_t code, const char* meaning, outcome& run)
 {
     const uint32_t daemon = identity_of(used.board, module_self);
-    return {{"board", used.board},
-            {"daemon_identity", daemon},
-            {"socket", socket_path(daemon)},
-            {"timeout_ms", used.timeout().count()}};
+    run.facts.update({{"board", used.board},
+                      {"daemon_identity", daemon},
+                      {"socket", socket_path(daemon)},
+                      {"timeout_ms", used.timeout().count()},
+                      {"code", code},
+                      {"code_meaning", meaning}});
 }
 
-session::session(const settings& options)
+session::session(const settings& options, outcome& run)
     : used(options), daemon(identity_of(options.board, module_self)), daemon_socket(socket_inode(daemon)),
       last_seq(first_seq())
 {
     // The companion is known by its whole identity.
     const endpoint_status status = used.module == module_companion ? endpoint.open(identity_of(used.board, used.module))
                                                                    : endpoint.open_free(used.board, used.module);
-    if (status != endpoint_status::ok) { throw cannot_open(status, used, endpoint.error()); }
+    if (status != endpoint_status::ok) { cannot_open(status, used, endpoint.error()); }
+    run.facts["requester_identity"] = identity();
 }
 
 std::string session::greet()
 {
     tell({.code = command::greeting});
     answer got;
-    if (!wait_for(is_greeting, clock::now() + used.timeout(), got)) { throw no_answer(); }
+    if (!wait_for(is_greeting, clock::now() + used.timeout(), got)) { no_answer(); }
     const size_t text_bytes = std::min(got.payload.size(), greeting_text_bytes);
     const auto text_end = std::find(got.payload.begin(), got.payload.begin() + static_cast<ptrdiff_t>(text_bytes), 0);
     return {got.payload.begin(), text_end};
@@ -206,7 +199,7 @@ answer session::ask(const request& command, bool patiently)
     if (patiently) {
         wait_while_alive(comes_within);
     } else if (!comes_within(used.timeout())) {
-        throw no_answer();
+        no_answer();
     }
     return got;
 }
@@ -218,11 +211,11 @@ void session::wait_while_alive(const std::function<bool(milliseconds)>& done)
         if (done(alive_interval)) { return; }
         check_interrupt();
         life.show(doing);
-        if (used.timeout_ms && clock::now() >= end) { throw no_answer(); }
+        if (used.timeout_ms && clock::now() >= end) { no_answer(); }
         if (!daemon_is_the_same()) {
-            throw failure{problem::nobody_listening,
-                          format("board %d's daemon ended before the work did (%s): start it and repeat the command",
-                                 used.board, socket_path(daemon).c_str())};
+            fail(problem::nobody_listening,
+                 "board %d's daemon ended before the work did (%s): start it and repeat the command", used.board,
+                 socket_path(daemon).c_str());
         }
     }
 }
@@ -249,7 +242,7 @@ uint16_t session::tell(const request& command)
     last_seq = next_seq(last_seq);
     const std::vector<uint8_t> message = message_of(command, endpoint.identity(), last_seq);
     const endpoint_status status = endpoint.send(daemon, message, used.timeout());
-    if (status != endpoint_status::ok) { throw cannot_send(status, used, socket_path(daemon), endpoint.error()); }
+    if (status != endpoint_status::ok) { cannot_send(status, used, socket_path(daemon), endpoint.error()); }
     return last_seq;
 }
 
@@ -258,10 +251,10 @@ bool session::daemon_is_the_same() const
     return local::endpoint_alive(daemon) && socket_inode(daemon) == daemon_socket;
 }
 
-failure session::no_answer() const
+void session::no_answer() const
 {
-    return {problem::no_answer, format("board %d did not answer %s (%s): is a firmware update running? try later",
-                                       used.board, wait_text(used).c_str(), socket_path(daemon).c_str())};
+    fail(problem::no_answer, "board %d did not answer within %lld ms (%s): is a firmware update running? try later",
+         used.board, static_cast<long long>(used.timeout().count()), socket_path(daemon).c_str());
 }
 
 bool session::wait_for(const std::function<bool(const answer&)>& wanted, clock::time_point end, answer& out)

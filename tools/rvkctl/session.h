@@ -48,13 +48,13 @@ struct answer {
     std::vector<uint8_t> payload; // everything behind the head, padding included
 };
 
-// Whom a command is for, for the JSON object; known before anything is opened.
-[[nodiscard]] nlohmann::ordered_json facts_of(const settings& used);
+// Notes whom a command is for, and what it is; known before anything is opened.
+void note_command(const settings& used, uint8_t code, const char* meaning, outcome& run);
 
 class session {
 public:
-    // Opens the endpoint. Throws a failure, as everything below.
-    explicit session(const settings& options);
+    // Opens the endpoint, and notes its identity. Throws a failure, as everything below.
+    session(const settings& options, outcome& run);
 
     // Asks the daemon whether it handles commands. Result: its greeting's text.
     std::string greet();
@@ -88,7 +88,7 @@ private:
 
     // The next answer that is wanted; reports of failed writes that come meanwhile are kept. False: the time ran out.
     bool wait_for(const std::function<bool(const answer&)>& wanted, clock::time_point end, answer& out);
-    [[nodiscard]] failure no_answer() const;
+    [[noreturn]] void no_answer() const;
     [[nodiscard]] bool daemon_is_the_same() const; // alive, and not another one started since
 
     settings used;

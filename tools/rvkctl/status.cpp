@@ -21,6 +21,21 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
+constexpr double age_max_s = 3;                 // ours: the daemon writes once a second
+constexpr std::chrono::seconds job_wait{5};     // ours: by then it has written what it knew before, busy as it may be
+constexpr uint64_t job_look_ms = 50;            // ours
+constexpr std::chrono::seconds watch_period{1}; // as often as the daemon writes
+constexpr off_t file_bytes_max = 1 << 20;       // ours: far above what the daemon writes
+constexpr char clear_screen[] = "\033[H\033[J";
+constexpr char kept_log[] = "/var/log/rvk_end_1.txt"; // of the last end, as the unit's keep-log names it
+
+// The daemon's figures as its status file has them. Needs no daemon that answers, and no privilege: everybody may read
+// the file.
+struct status_view {
+    json figures;
+    double age_s = 0; // by the clock that both use, which nobody sets; negative: before the machine's last start
+};
+
 // A figure, of the past, for a rate; or none.
 struct pair_of_views {
     const json* now;
@@ -60,6 +75,13 @@ std::string kinds(const pair_of_views& family)
         out += (out.empty() ? "" : ", ") + key + " " + with_rate(family.member(key));
     }
     return out.empty() ? "none" : out;
+}
+
+// A count, or one of each kind.
+std::string figure(const pair_of_views& of, const char* name)
+{
+    const pair_of_views found = of.member(name);
+    return found.now->is_object() ? kinds(found) : with_rate(found);
 }
 
 std::string duration_text(uint64_t ms)
@@ -117,17 +139,15 @@ std::string link_lines(const pair_of_views& link)
 {
     const json& now = *link.now;
     const auto way = [&link](const char* direction) {
-        return with_rate(link.member("frames").member(direction)) + " frames, " +
-               with_rate(link.member("bytes").member(direction)) + " bytes";
+        return figure(link.member("frames"), direction) + " frames, " + figure(link.member("bytes"), direction) +
+               " bytes";
     };
     return format("%s, %s\n", now.value("interface", std::string("?")).c_str(),
                   count_in(now.at("open")) != 0 ? "open" : "NOT OPEN") +
-           row("sent", way("sent")) + row("received", way("received")) + row("dropped", kinds(link.member("dropped"))) +
-           row("lost in kernel", with_rate(link.member("kernel_dropped"))) +
-           row("send failures", kinds(link.member("send_failed"))) + row("resends", with_rate(link.member("resends"))) +
-           row("given up", with_rate(link.member("given_up"))) +
-           row("refused by card", with_rate(link.member("wrong_acks"))) +
-           row("waiting", kinds({link.member("queued").now, nullptr, 0})) +
+           row("sent", way("sent")) + row("received", way("received")) + row("dropped", figure(link, "dropped")) +
+           row("lost in kernel", figure(link, "kernel_dropped")) + row("send failures", figure(link, "send_failed")) +
+           row("resends", figure(link, "resends")) + row("given up", figure(link, "given_up")) +
+           row("refused by card", figure(link, "wrong_acks")) + row("waiting", kinds({&now.at("queued"), nullptr, 0})) +
            row("answers", answers_text(now.at("answers"))) +
            row("check passes", "at most " + us_text(count_in(now.at("check_gap_us"))) + " apart, since the start " +
                                    us_text(count_in(now.at("check_gap_most_us"))));
@@ -149,14 +169,48 @@ std::string illness(const json& figures)
     return out;
 }
 
-constexpr double age_max_s = 3; // ours: the daemon writes once a second
-constexpr std::chrono::milliseconds job_wait{
-    5000};                                      // ours: by then it has written what it knew before, busy as it may be
-constexpr uint64_t job_look_ms = 50;            // ours
-constexpr std::chrono::seconds watch_period{1}; // as often as the daemon writes
-constexpr off_t file_bytes_max = 1 << 20;       // ours: far above what the daemon writes
-constexpr char clear_screen[] = "\033[H\033[J";
-constexpr char kept_log[] = "/var/log/rvk_end_1.txt"; // of the last end, as the unit's keep-log names it
+std::string transfer_text(const json& figures)
+{
+    std::string out;
+    for (const auto& [kind, total] : figures.at("transfer_total_bytes").items()) {
+        const uint64_t all = count_in(total);
+        if (all == 0) { continue; }
+        const uint64_t done = count_in(figures.at("transfer_bytes").value(kind, json(0u)));
+        out += format("%s%s %" PRIu64 " of %s (%d %%)", out.empty() ? "" : ", ", kind.c_str(), done,
+                      byte_count(all).c_str(),
+                      static_cast<int>(100.0 * static_cast<double>(done) / static_cast<double>(all)));
+    }
+    return out;
+}
+
+// before: an earlier view of the same daemon, to show rates beside what only grows.
+std::string status_table(const status_view& now, const std::optional<status_view>& before)
+{
+    const bool same = before && before->figures.at("pid") == now.figures.at("pid");
+    const double seconds =
+        same ? (now.figures.at("boot_ms").get<double>() - before->figures.at("boot_ms").get<double>()) / 1e3 : 0;
+    const pair_of_views all{&now.figures, same ? &before->figures : nullptr, seconds};
+    const json& figures = now.figures;
+    const std::string ill = illness(figures), running = transfer_text(figures);
+    std::string out = (ill.empty() ? "well\n" : "NOT WELL: " + ill + "\n") +
+                      format("rvkd of board %" PRIu64 " (process %" PRIu64 "), up %s; figures %.1f s old\n",
+                             count_in(figures.at("board")), count_in(figures.at("pid")),
+                             duration_text(count_in(figures.at("up_ms"))).c_str(), now.age_s);
+    out += row("commands", figure(all, "commands")) + row("refused", figure(all, "refused")) +
+           row("dropped", figure(all, "dropped_in_update") + " during an update") +
+           row("jobs done", figure(all, "jobs_done")) + row("jobs failed", figure(all, "jobs_failed")) +
+           row("transfer", running.empty() ? "none" : running) +
+           row("file job", figure(all, "steps") + " exchanges with the card, " + figure(all, "steps_unanswered") +
+                               " not answered") +
+           row("answers lost", figure(all, "messages_dropped") + ", to requesters that are gone or do not read") +
+           row("pool", pool_text(figures));
+    const pair_of_views links = all.member("links");
+    for (size_t i = 0; i < links.now->size(); ++i) {
+        const json* then = links.before != nullptr && i < links.before->size() ? &links.before->at(i) : nullptr;
+        if (is_used(links.now->at(i))) { out += link_lines({&links.now->at(i), then, seconds}); }
+    }
+    return out;
+}
 
 std::string status_path() { return std::string(status_folder()) + "/" + status_json_name; }
 
@@ -164,27 +218,37 @@ std::string text_of(const std::string& path)
 {
     const unique_fd file = open_regular(path.c_str(), O_RDONLY);
     if (!file) {
-        throw failure{errno == EACCES ? problem::no_permission : problem::no_status,
-                      "no status in " + path + " (" + strerror(errno) +
-                          "): does rvkd run, and does RVK_STATUS_DIR name the folder that it has?"};
+        fail(errno == EACCES ? problem::no_permission : problem::no_status,
+             "no status in %s (%s): does rvkd run, and does RVK_STATUS_DIR name the folder that it has?", path.c_str(),
+             strerror(errno));
     }
-    std::vector<uint8_t> bytes(static_cast<size_t>(std::clamp<off_t>(size_of(file), 0, file_bytes_max)));
-    const size_t count = read_full(file, bytes);
-    return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count)};
+    std::string text(static_cast<size_t>(std::clamp<off_t>(size_of(file), 0, file_bytes_max)), '\0');
+    text.resize(read_full(file, {reinterpret_cast<uint8_t*>(text.data()), text.size()}));
+    return text;
+}
+
+// Throws a failure when the file is not there or not the daemon's.
+status_view read_status()
+{
+    const std::string path = status_path();
+    json figures = json::parse(text_of(path), nullptr, false);
+    if (!figures.is_object() || !figures.value("boot_ms", json()).is_number_unsigned() ||
+        !figures.value("links", json()).is_array()) {
+        fail(problem::no_status, "%s is not a status of this program's version: which rvkd wrote it?", path.c_str());
+    }
+    const double age_ms = static_cast<double>(boot_ms()) - figures.at("boot_ms").get<double>();
+    return {std::move(figures), age_ms / 1e3};
 }
 
 // Why figures of that age say nothing of now; problem::none when they do.
 failure judge_age(const status_view& now)
 {
-    if (now.age_s < 0) {
-        return {problem::old_status, "the figures in " + status_path() +
-                                         " are from before the machine's last start: rvkd has not run since"};
-    }
-    if (now.age_s <= age_max_s) { return {problem::none, {}}; }
-    return {problem::old_status,
-            format("the figures in %s are %.1f s old, and rvkd writes them each second: has it ended, or does a "
-                   "real-time process keep it from the processors?",
-                   status_path().c_str(), now.age_s)};
+    if (now.age_s >= 0 && now.age_s <= age_max_s) { return {problem::none, {}}; }
+    const std::string age = now.age_s < 0 ? "are from before the machine's last start: rvkd has not run since"
+                                          : format("are %.1f s old, and rvkd writes them each second: has it ended, or "
+                                                   "does a real-time process keep it from the processors?",
+                                                   now.age_s);
+    return {problem::old_status, "the figures in " + status_path() + " " + age};
 }
 
 // Fills what there is to say of now. Result: the view, none when there is no status.
@@ -194,9 +258,8 @@ std::optional<status_view> look(const settings& used, outcome& run, const std::o
     try {
         const status_view now = read_status();
         if (const uint64_t board = now.figures.at("board"); board != used.board) {
-            throw failure{problem::no_status,
-                          format("the figures in %s are of board %d, not of %d: see --board and RVK_STATUS_DIR",
-                                 status_path().c_str(), static_cast<int>(board), used.board)};
+            fail(problem::no_status, "the figures in %s are of board %d, not of %d: see --board and RVK_STATUS_DIR",
+                 status_path().c_str(), static_cast<int>(board), used.board);
         }
         if (now.age_s >= 0) { run.facts["age_s"] = now.age_s; }
         run.facts["status"] = now.figures;
@@ -217,35 +280,26 @@ std::optional<status_view> look(const settings& used, outcome& run, const std::o
     return std::nullopt;
 }
 
-// Result: the first failure of all looks; status that was bad once makes the whole watch so.
-failure watch(const settings& used, const std::string& command)
+// Fails in the end as the first look that did; status that was bad once makes the whole watch so.
+void watch(const settings& used, outcome& run)
 {
+    accept_interrupt();
+    run.told = true;
     const bool terminal = !used.json && isatty(STDOUT_FILENO) == 1;
     failure first{problem::none, {}};
     std::optional<status_view> before;
     auto next = std::chrono::steady_clock::now();
     while (!interrupted()) {
-        outcome line;
-        line.command = command;
-        line.one_line = true;
-        line.facts["status_file"] = status_path();
+        outcome line{.command = run.command, .facts = run.facts, .one_line = true};
         before = look(used, line, before);
         line.answer += terminal ? "" : "\n";
         if (first.what == problem::none) { first = line.failed; }
-        if (terminal) { static_cast<void>(write_out(clear_screen)); } // what follows fails likewise
+        if (terminal) { fputs(clear_screen, stdout); }
         say(line, used.json);
         next = std::max(next + watch_period, std::chrono::steady_clock::now()); // not all at once after a stop
         pause_until(next);
     }
-    return first;
-}
-
-// The figures of a board's daemon, where they say something of now.
-std::optional<nlohmann::ordered_json> fresh_figures(int board)
-{
-    status_view now = read_status();
-    if (judge_age(now).what != problem::none || now.figures.at("board") != board) { return std::nullopt; }
-    return std::move(now.figures);
+    if (first.what != problem::none) { fail(first.what, "at first: %s", first.text.c_str()); }
 }
 
 // Calls `look`, which may find no figures, or not those of this version. Result: what it gives, or nothing.
@@ -262,68 +316,15 @@ T if_there(Look look)
 
 } // namespace
 
-std::string transfer_text(const json& figures)
-{
-    std::string out;
-    for (const auto& [kind, total] : figures.at("transfer_total_bytes").items()) {
-        const uint64_t all = count_in(total);
-        if (all == 0) { continue; }
-        const uint64_t done = count_in(figures.at("transfer_bytes").value(kind, json(0u)));
-        out += format("%s%s %" PRIu64 " of %s (%d %%)", out.empty() ? "" : ", ", kind.c_str(), done,
-                      byte_count(all).c_str(),
-                      static_cast<int>(100.0 * static_cast<double>(done) / static_cast<double>(all)));
-    }
-    return out;
-}
-
-std::string status_table(const status_view& now, const std::optional<status_view>& before)
-{
-    const bool same = before && before->figures.at("pid") == now.figures.at("pid");
-    const double seconds =
-        same ? (now.figures.at("boot_ms").get<double>() - before->figures.at("boot_ms").get<double>()) / 1e3 : 0;
-    const pair_of_views all{&now.figures, same ? &before->figures : nullptr, seconds};
-    const json& figures = now.figures;
-    const std::string ill = illness(figures), running = transfer_text(figures);
-    std::string out = (ill.empty() ? "well\n" : "NOT WELL: " + ill + "\n") +
-                      format("rvkd of board %" PRIu64 " (process %" PRIu64 "), up %s; figures %.1f s old\n",
-                             count_in(figures.at("board")), count_in(figures.at("pid")),
-                             duration_text(count_in(figures.at("up_ms"))).c_str(), now.age_s);
-    out += row("commands", kinds(all.member("commands"))) + row("refused", kinds(all.member("refused"))) +
-           row("dropped", with_rate(all.member("dropped_in_update")) + " during an update") +
-           row("jobs done", kinds(all.member("jobs_done"))) + row("jobs failed", kinds(all.member("jobs_failed"))) +
-           row("transfer", running.empty() ? "none" : running) +
-           row("file job", with_rate(all.member("steps")) + " exchanges with the card, " +
-                               with_rate(all.member("steps_unanswered")) + " not answered") +
-           row("answers lost",
-               with_rate(all.member("messages_dropped")) + ", to requesters that are gone or do not read") +
-           row("pool", pool_text(figures));
-    const pair_of_views links = all.member("links");
-    for (size_t i = 0; i < links.now->size(); ++i) {
-        const json* then = links.before != nullptr && i < links.before->size() ? &links.before->at(i) : nullptr;
-        if (is_used(links.now->at(i))) { out += link_lines({&links.now->at(i), then, seconds}); }
-    }
-    return out;
-}
-
-status_view read_status()
-{
-    const std::string path = status_path();
-    auto figures = nlohmann::ordered_json::parse(text_of(path), nullptr, false);
-    if (!figures.is_object() || !figures.value("boot_ms", nlohmann::ordered_json()).is_number_unsigned() ||
-        !figures.value("links", nlohmann::ordered_json()).is_array()) {
-        throw failure{problem::no_status, path + " is not a status of this program's version: which rvkd wrote it?"};
-    }
-    const double age_ms = static_cast<double>(boot_ms()) - figures.at("boot_ms").get<double>();
-    return {std::move(figures), age_ms / 1e3};
-}
-
 std::string why_unreached(int board)
 {
     return if_there<std::string>([&]() -> std::string {
-        const auto figures = fresh_figures(board);
-        if (!figures || figures->at("endpoint") != 0) { return {}; }
+        const status_view now = read_status();
+        const bool explains =
+            judge_age(now).what == problem::none && now.figures.at("board") == board && now.figures.at("endpoint") == 0;
+        if (!explains) { return {}; }
         return format("; rvkd runs (process %d), but has no endpoint in its folder: its log says why, restart it",
-                      figures->at("pid").get<int>());
+                      now.figures.at("pid").get<int>());
     });
 }
 
@@ -351,14 +352,8 @@ std::string transfer_text()
 void run_status(const settings& used, bool watching, outcome& run)
 {
     run.facts["status_file"] = status_path();
-    if (!watching) {
-        static_cast<void>(look(used, run, std::nullopt));
-        return;
-    }
-    accept_interrupt();
-    const failure first = watch(used, run.command);
-    run.told = true;
-    if (first.what != problem::none) { throw failure{first.what, "at first: " + first.text}; }
+    if (watching) { return watch(used, run); }
+    static_cast<void>(look(used, run, std::nullopt));
 }
 
 } // namespace rvk::ctl

@@ -25,7 +25,7 @@ std::string target_text(const write_options& options)
 std::vector<uint8_t> bytes_of(const write_options& options)
 {
     if (options.words.empty() == options.file.empty()) {
-        throw failure{problem::wrong_usage, "write needs either BYTES or --file FILE, and not both"};
+        fail(problem::wrong_usage, "write needs either BYTES or --file FILE, and not both");
     }
     std::vector<uint8_t> bytes =
         options.file.empty() ? bytes_of_hex("BYTES", options.words) : bytes_of_file(options.file);
@@ -33,12 +33,14 @@ std::vector<uint8_t> bytes_of(const write_options& options)
     return bytes;
 }
 
-class writer {
-public:
-    writer(session& with, const write_options& given, std::span<const uint8_t> bytes, outcome& into)
-        : talk(with), options(given), all(bytes), run(into)
-    {
-    }
+struct writer {
+    session& talk;
+    const write_options& options;
+    std::span<const uint8_t> all;
+    outcome& run;
+    size_t sent = 0, confirmed = 0;   // commands; one that is sent and not confirmed may have been carried out
+    bool greeted = false;             // behind the last command
+    uint64_t last_reported_bytes = 0; // from the first byte on: what a report may be about; 0 without such a piece
 
     void write_all()
     {
@@ -51,10 +53,6 @@ public:
         if (last_reported_bytes > 0) { refuse_reported(report_wait); }
     }
 
-    size_t sent = 0, confirmed = 0; // commands; one that is sent and not confirmed may have been carried out
-    std::string confirmed_by;       // how the last was
-
-private:
     void write_piece(uint32_t addr, std::span<const uint8_t> bytes)
     {
         const request piece{.code = options.no_ack ? command::write : command::write_ack,
@@ -63,38 +61,30 @@ private:
                             .addr = addr,
                             .len = static_cast<uint16_t>(bytes.size()),
                             .payload = bytes};
-        if (talk.write_is_answered(piece)) {
-            write_answered(piece);
-        } else {
-            write_between_greetings(piece);
-        }
+        const bool answered = talk.write_is_answered(piece);
+        if (!answered && !greeted) { talk.greet(); }
+        ++sent;
+        answered ? write_answered(piece) : write_before_a_greeting(piece);
+        greeted = !answered;
+        run.facts["confirmed_by"] = answered ? "reply" : "greeting";
     }
 
     void write_answered(const request& piece)
     {
-        ++sent;
         const answer got = talk.ask(piece);
-        greeted = false;
-        confirmed_by = "reply";
         note_result(got.result, run.facts);
         if (got.result == 0) { return; }
         const size_t before = piece.addr - options.addr;
-        throw failure{
-            problem::refused,
-            format("write of %s at 0x%08x to %s failed (result %d): the card did not answer; check slot, model and "
-                   "address%s",
-                   byte_count(piece.len).c_str(), piece.addr, target_text(options).c_str(), got.result,
-                   before == 0 ? "" : format("; the %s before are written", byte_count(before).c_str()).c_str())};
+        fail(problem::refused,
+             "write of %s at 0x%08x to %s failed (result %d): the card did not answer; check slot, model and address%s",
+             byte_count(piece.len).c_str(), piece.addr, target_text(options).c_str(), got.result,
+             before == 0 ? "" : format("; the %s before are written", byte_count(before).c_str()).c_str());
     }
 
-    void write_between_greetings(const request& piece)
+    void write_before_a_greeting(const request& piece)
     {
-        if (!greeted) { talk.greet(); }
-        ++sent;
         talk.tell(piece);
         talk.greet();
-        greeted = true;
-        confirmed_by = "greeting";
         if (options.no_ack) { return; } // nobody ever reports on a plain write
         last_reported_bytes = piece.addr + uint64_t{piece.len} - options.addr;
         refuse_reported(milliseconds{0});
@@ -107,32 +97,23 @@ private:
         if (!where) { return; }
         note_result(-1, run.facts);
         run.facts["failed_addr"] = *where;
-        throw failure{
-            problem::refused,
-            format("write of %s at 0x%08x to %s failed (reported by the daemon): the card did not answer at 0x%08x; "
-                   "check slot, model and address",
-                   byte_count(all.size()).c_str(), options.addr, target_text(options).c_str(), *where)};
+        fail(problem::refused,
+             "write of %s at 0x%08x to %s failed (reported by the daemon): the card did not answer at 0x%08x; check "
+             "slot, model and address",
+             byte_count(all.size()).c_str(), options.addr, target_text(options).c_str(), *where);
     }
-
-    session& talk;
-    const write_options& options;
-    std::span<const uint8_t> all;
-    outcome& run;
-    bool greeted = false;
-    uint64_t last_reported_bytes = 0; // from the first byte on: what a report may be about; 0 without such a piece
 };
 
 [[noreturn]] void refuse_difference(const write_options& options, uint64_t at, uint8_t wanted, uint8_t got,
                                     outcome& run)
 {
-    const uint64_t where = uint64_t{options.addr} + at;
-    run.facts["read_back"] = "differs";
-    run.facts["first_difference"] = {{"offset", at}, {"wanted", hex_text({&wanted, 1})}, {"got", hex_text({&got, 1})}};
-    throw failure{
-        problem::differs,
-        format("%s at 0x%08x differs from what was written: first at offset %llu (0x%08llx), wanted %02x, got %02x",
-               target_text(options).c_str(), options.addr, static_cast<unsigned long long>(at),
-               static_cast<unsigned long long>(where), wanted, got)};
+    run.facts.update(
+        {{"read_back", "differs"},
+         {"first_difference", {{"offset", at}, {"wanted", hex_text({&wanted, 1})}, {"got", hex_text({&got, 1})}}}});
+    fail(problem::differs,
+         "%s at 0x%08x differs from what was written: first at offset %llu (0x%08llx), wanted %02x, got %02x",
+         target_text(options).c_str(), options.addr, static_cast<unsigned long long>(at),
+         static_cast<unsigned long long>(options.addr + at), wanted, got);
 }
 
 // Reads the same bytes back, in pieces as they were written.
@@ -158,32 +139,16 @@ void verify(session& talk, const write_options& options, std::span<const uint8_t
         failed.text = "written, but could not read it back: " + failed.text;
         throw;
     }
-    run.facts["read_back"] = "same";
-    run.facts["compared_bytes"] = all.size();
-}
-
-std::string done_text(const write_options& options, size_t bytes, const writer& done)
-{
-    const std::string what =
-        format("%s written to %s at 0x%08x", byte_count(bytes).c_str(), target_text(options).c_str(), options.addr);
-    const char* const read_back = options.verify ? ", read back the same\n" : "\n";
-    if (options.no_ack) { return what + ": sent, the card is not asked" + read_back; }
-    return what + (done.confirmed_by == "reply" ? ": answered" : ": no failure reported") + read_back;
+    run.facts.update({{"read_back", "same"}, {"compared_bytes", all.size()}});
 }
 
 // Added when no answer came, or a signal: how far the write got.
-std::string progress_text(size_t bytes, const writer& all, problem what)
+std::string progress_text(const writer& w, problem what)
 {
-    if (all.sent == 0) { return ""; }
-    const bool unsure = (what == problem::no_answer || what == problem::interrupted) && all.sent > all.confirmed;
-    return format("; %zu of %s confirmed%s", std::min(all.confirmed * frame_data_max, bytes), byte_count(bytes).c_str(),
-                  unsure ? ", the next ones may have been written" : "");
-}
-
-void note_progress(const writer& all, outcome& run)
-{
-    run.facts["commands_confirmed"] = all.confirmed;
-    if (!all.confirmed_by.empty()) { run.facts["confirmed_by"] = all.confirmed_by; }
+    if (w.sent == 0 || what == problem::refused) { return ""; }
+    const bool unsure = (what == problem::no_answer || what == problem::interrupted) && w.sent > w.confirmed;
+    return format("; %zu of %s confirmed%s", std::min(w.confirmed * frame_data_max, w.all.size()),
+                  byte_count(w.all.size()).c_str(), unsure ? ", the next ones may have been written" : "");
 }
 
 } // namespace
@@ -193,21 +158,24 @@ void run_write(const settings& used, const write_options& options, outcome& run)
     const std::vector<uint8_t> bytes = bytes_of(options);
     note_request(used, options, options.no_ack ? command::write : command::write_ack,
                  options.no_ack ? "plain write" : "acknowledged write", run);
-    run.facts["addr"] = options.addr;
-    run.facts["data_bytes"] = bytes.size();
-    session talk(used);
-    run.facts["requester_identity"] = talk.identity();
-    writer all(talk, options, bytes, run);
+    run.facts.update({{"addr", options.addr}, {"data_bytes", bytes.size()}});
+    session talk(used, run);
+    writer all{talk, options, bytes, run};
     try {
         all.write_all();
     } catch (failure& failed) {
-        note_progress(all, run);
-        if (failed.what != problem::refused) { failed.text += progress_text(bytes.size(), all, failed.what); }
+        run.facts["commands_confirmed"] = all.confirmed;
+        failed.text += progress_text(all, failed.what);
         throw;
     }
-    note_progress(all, run);
+    run.facts["commands_confirmed"] = all.confirmed;
     if (options.verify) { verify(talk, options, bytes, run); }
-    run.answer = done_text(options, bytes.size(), all);
+    const char* const known = options.no_ack ? "sent, the card is not asked"
+                              : all.greeted  ? "no failure reported"
+                                             : "answered";
+    run.answer =
+        format("%s written to %s at 0x%08x: %s%s\n", byte_count(bytes.size()).c_str(), target_text(options).c_str(),
+               options.addr, known, options.verify ? ", read back the same" : "");
 }
 
 } // namespace rvk::ctl

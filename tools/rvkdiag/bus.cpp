@@ -27,8 +27,6 @@ using namespace tool;
 constexpr timeval answer_wait{0, 50'000}; // a card answers within one; 100 of them are a failed block
 constexpr uint64_t look_ms = 20;
 
-size_t longest_packet(size_t bytes) { return std::clamp(bytes, bus_data_min, bus_data_max) + bus_packet_overhead; }
-
 // The block operation waits without bound, and says nothing.
 void tell_of_a_wait()
 {
@@ -44,20 +42,19 @@ void tell_of_a_wait()
 }
 
 // The semaphore is every program's on this machine, so it is neither made sure of being free nor removed.
-xfer open_link(int link, size_t bytes)
+xfer open_bus(int link, size_t bytes)
 {
     xfer handle{};
     take_link(link);
-    open_without_threads(link, longest_packet(bytes));
+    open_link(link, std::clamp(bytes, bus_data_min, bus_data_max) + bus_packet_overhead, false);
     const bool set = eth_raw_tranfser_set(&g_eth_init[link], &handle, 1) == 0 &&
                      setsockopt(handle.sock_fd, SOL_SOCKET, SO_RCVTIMEO, &answer_wait, sizeof answer_wait) == 0;
     if (set && open_semaphore() == 0 && sem_id >= 0) {
         tell_of_a_wait();
         return handle;
     }
-    throw failure{problem::no_permission,
-                  format("the semaphore of the bus-block link (key %d) cannot be had; see ipcs -s", bus_semaphore_key) +
-                      said()};
+    fail(problem::no_permission, "the semaphore of the bus-block link (key %d) cannot be had; see ipcs -s%s",
+         bus_semaphore_key, said().c_str());
 }
 
 std::string what_text(const bus_options& o, const char* verb, size_t bytes)
@@ -76,7 +73,7 @@ int32_t ask_once_more(const xfer& handle, uint32_t addr, uint32_t n, uint8_t* in
     return -1;
 }
 
-failure first_fault(const xfer& handle, const bus_options& o, std::vector<uint8_t>& into)
+[[noreturn]] void refuse_first_fault(const xfer& handle, const bus_options& o, std::vector<uint8_t>& into)
 {
     const std::string what = what_text(o, "read", o.len);
     const auto step = static_cast<uint32_t>(bus_data_max);
@@ -84,23 +81,25 @@ failure first_fault(const xfer& handle, const bus_options& o, std::vector<uint8_
         const int32_t came = ask_once_more(handle, o.addr + at, std::min(step, o.len - at), into.data() + at);
         if (came == 0) { continue; }
         if (came == bus_read_refused) {
-            return {problem::refused, format("%s: the card refused at 0x%08x", what.c_str(), o.addr + at)};
+            fail(problem::refused, "%s: the card refused at 0x%08x", what.c_str(), o.addr + at);
         }
-        return {problem::no_answer, format("%s: no answer at 0x%08x; check card, address and MTU at both ends (9000)",
-                                           what.c_str(), o.addr + at)};
+        fail(problem::no_answer, "%s: no answer at 0x%08x; check card, address and MTU at both ends (9000)",
+             what.c_str(), o.addr + at);
     }
-    return {problem::no_answer, what + ": ten attempts failed, though each piece came when asked for alone: the link "
-                                       "loses or spoils packets"};
+    fail(problem::no_answer,
+         "%s: ten attempts failed, though each piece came when asked for alone: the link loses or spoils packets",
+         what.c_str());
 }
 
-failure why_unread(const xfer& handle, const bus_options& o, std::vector<uint8_t>& into)
+// Reads `bytes` of the block from offset `at` on into their place.
+void read_part(const xfer& handle, const bus_options& o, std::vector<uint8_t>& block, size_t at, size_t bytes)
 {
+    const auto addr = static_cast<uint32_t>(o.addr + at);
+    if (Read_FPGA_Bus_Block(&handle, addr, static_cast<uint32_t>(bytes), block.data() + at) == 0) { return; }
     if (semaphore_p() != 0) {
-        return {problem::no_permission, what_text(o, "read", o.len) + ": the bus-block link's semaphore is gone"};
+        fail(problem::no_permission, "%s: the bus-block link's semaphore is gone", what_text(o, "read", o.len).c_str());
     }
-    failure found = first_fault(handle, o, into);
-    static_cast<void>(semaphore_v()); // logged; undone at this process's end
-    return found;
+    refuse_first_fault(handle, o, block); // the semaphore is undone at this process's end
 }
 
 bool is_all(std::span<const uint8_t> bytes, uint8_t what)
@@ -114,16 +113,15 @@ void read_block(const xfer& handle, const bus_options& o, std::vector<uint8_t>& 
 {
     constexpr uint8_t filling = 0xA5, other = 0x5A;
     std::fill(block.begin(), block.end(), filling);
-    if (Read_FPGA_Bus_Block(&handle, o.addr, o.len, block.data()) != 0) { throw why_unread(handle, o, block); }
+    read_part(handle, o, block, 0, block.size());
     for (size_t at = 0; at < block.size(); at += bus_data_max) {
         const auto piece = std::span(block).subspan(at, std::min(bus_data_max, block.size() - at));
         if (!is_all(piece, filling)) { continue; }
         std::fill(piece.begin(), piece.end(), other);
-        const auto addr = static_cast<uint32_t>(o.addr + at), bytes = static_cast<uint32_t>(piece.size());
-        if (Read_FPGA_Bus_Block(&handle, addr, bytes, piece.data()) != 0) { throw why_unread(handle, o, block); }
+        read_part(handle, o, block, at, piece.size());
         if (!is_all(piece, other)) { continue; }
-        throw failure{problem::refused, what_text(o, "read", o.len) +
-                                            format(": the card answered \"good\" without data at 0x%08x", addr)};
+        fail(problem::refused, "%s: the card answered \"good\" without data at 0x%08x",
+             what_text(o, "read", o.len).c_str(), static_cast<uint32_t>(o.addr + at));
     }
 }
 
@@ -132,7 +130,7 @@ void check_output(const std::string& path)
 {
     const bool was_there = ::access(path.c_str(), F_OK) == 0;
     const unique_fd file{open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666)};
-    if (!file) { throw failure{problem::io_error, "file \"" + path + "\" cannot be made: " + strerror(errno)}; }
+    if (!file) { fail(problem::io_error, "file \"%s\" cannot be made: %s", path.c_str(), strerror(errno)); }
     if (!was_there) { unlink(path.c_str()); }
 }
 
@@ -141,7 +139,7 @@ void check_output(const std::string& path)
 std::string run_bus_read(const bus_options& o)
 {
     check_output(o.file);
-    const xfer handle = open_link(o.link, o.len);
+    const xfer handle = open_bus(o.link, o.len);
     std::vector<uint8_t> block(o.len);
     const stop_watch watch;
     read_block(handle, o, block);
@@ -155,10 +153,10 @@ std::string run_bus_write(const bus_options& o)
     const std::vector<uint8_t> block = bytes_of_file(o.file); // at most bus_block_max
     const auto bytes = static_cast<uint32_t>(block.size());
     check_space(o.addr, bytes);
-    const xfer handle = open_link(o.link, bytes);
+    const xfer handle = open_bus(o.link, bytes);
     const stop_watch watch;
     if (Write_FPGA_Bus_Block(&handle, o.addr, bytes, block.data()) != 0) {
-        throw failure{problem::no_answer, what_text(o, "write", bytes) + ": not sent whole" + said()};
+        fail(problem::no_answer, "%s: not sent whole%s", what_text(o, "write", bytes).c_str(), said().c_str());
     }
     return what_text(o, "write", bytes) + ", not acknowledged: " + rate_text(bytes, watch.seconds());
 }

@@ -5,17 +5,20 @@
 
 #include "command/failure.h"
 #include "command/values.h"
-
-#include <cstdint>
-#include <string>
-#include <vector>
+#include "rvkdiag/link.h"
 
 namespace rvk::diag {
 
-enum class access { read, read_wait, write, write_ack, write_ack_wait };
+struct fpga_options;
+struct fpga_kind {
+    const char* name;
+    bool reads;
+    std::optional<numbers> used; // none: it needs no answer
+    std::string (*run)(const fpga_options&);
+};
 
 struct fpga_options {
-    access kind = access::read;
+    const fpga_kind* kind = nullptr;
     int link = 0;
     uint16_t model = 0;
     uint8_t slot = 0;
@@ -38,6 +41,7 @@ struct bus_options {
     std::string file{};
 };
 
+const fpga_kind& fpga_kind_in(const std::string& text); // throws a failure of wrong usage
 std::string run_fpga(const fpga_options& options);
 std::string run_picture(const picture_options& options);
 [[noreturn]] void run_lvds(); // ends with the machine, or by a signal

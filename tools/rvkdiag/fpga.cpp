@@ -31,17 +31,22 @@ std::string what_text(const fpga_options& o, const char* verb, size_t bytes)
     return format("%s of %s at 0x%08x, %s", verb, byte_count(bytes).c_str(), o.addr, card_text(o).c_str());
 }
 
+size_t frames_of(const fpga_options& o)
+{
+    return std::max<size_t>((o.bytes.size() + frame_data_max - 1) / frame_data_max, 1);
+}
+
 [[noreturn]] void no_answer_to(const std::string& what)
 {
-    throw failure{problem::no_answer, what + ": no answer; check card, slot, model and address"};
+    fail(problem::no_answer, "%s: no answer; check card, slot, model and address", what.c_str());
 }
 
 // Result: nothing more to say than what is printed.
 std::string check_length(const fpga_options& o, size_t received)
 {
     if (received >= o.len) { return ""; }
-    throw failure{problem::short_answer, format("%s: the card sent only %s; does that register block end there?",
-                                                what_text(o, "read", o.len).c_str(), byte_count(received).c_str())};
+    fail(problem::short_answer, "%s: the card sent only %s; does that register block end there?",
+         what_text(o, "read", o.len).c_str(), byte_count(received).c_str());
 }
 
 std::string peek_and_wait(const fpga_options& o)
@@ -50,8 +55,8 @@ std::string peek_and_wait(const fpga_options& o)
     if (read_reg(o.link, o.model, o.slot, o.addr, o.len, &got) == 0) { return check_length(o, got.received); }
     const std::string what = what_text(o, "read", o.len);
     if (got.ack == no_answer) { no_answer_to(what); }
-    if (got.ack == ack_good) { throw failure{problem::refused, what + ": the card answered without usable data"}; }
-    throw failure{problem::refused, format("%s: the card refused with status 0x%02x", what.c_str(), got.ack)};
+    if (got.ack == ack_good) { fail(problem::refused, "%s: the card answered without usable data", what.c_str()); }
+    fail(problem::refused, "%s: the card refused with status 0x%02x", what.c_str(), got.ack);
 }
 
 std::vector<report> ask_for_report(const fpga_options& o)
@@ -70,22 +75,22 @@ std::string peek(const fpga_options& o)
 {
     const std::vector<report> reports = ask_for_report(o);
     const std::string what = what_text(o, "read", o.len);
-    if (reports.empty()) { throw failure{problem::no_answer, what + ": not sent" + said()}; }
+    if (reports.empty()) { fail(problem::no_answer, "%s: not sent%s", what.c_str(), said().c_str()); }
     const report& end = reports.front();
     static constexpr uint8_t nothing = 0;
     process_recvbuf(end.data.empty() ? &nothing : end.data.data(), o.addr, static_cast<int>(end.data.size()));
     if (end.result == 0) { return check_length(o, end.data.size()); }
     if (!end.answered) { no_answer_to(what + ", sent three times"); }
-    throw failure{problem::refused, what + ": the card refused, or its answer was unusable" + said()};
+    fail(problem::refused, "%s: the card refused, or its answer was unusable%s", what.c_str(), said().c_str());
 }
 
 std::string poke(const fpga_options& o)
 {
     const std::string what = what_text(o, "write", o.bytes.size());
     const int32_t unsent = send_plain({o.link, o.model, o.slot, o.addr}, code_write, o.bytes);
-    if (unsent < 0) { throw failure{problem::no_answer, what + ": not sent, no buffer left"}; }
+    if (unsent < 0) { fail(problem::no_answer, "%s: not sent, no buffer left", what.c_str()); }
     if (unsent > 0) {
-        throw failure{problem::no_answer, format("%s: %d frames could not be sent", what.c_str(), unsent) + said()};
+        fail(problem::no_answer, "%s: %d frames could not be sent%s", what.c_str(), unsent, said().c_str());
     }
     return what + ": sent, the card is not asked\n";
 }
@@ -104,7 +109,7 @@ std::string poke_and_wait(const fpga_options& o)
         std::string what = what_text(o, "write", all.size());
         if (at != 0) { what += format(", at 0x%08x", addr); }
         if (ack == no_answer) { no_answer_to(what); }
-        throw failure{problem::refused, format("%s: the card refused with status 0x%02x", what.c_str(), ack)};
+        fail(problem::refused, "%s: the card refused with status 0x%02x", what.c_str(), ack);
     }
     return what_text(o, "write", all.size()) + ": acknowledged\n";
 }
@@ -114,47 +119,43 @@ std::string poke_and_await_report(const fpga_options& o)
     const std::string what = what_text(o, "write", o.bytes.size());
     const int32_t sent = RawSockSendMsgWithAck(nobody, o.link, o.model, o.slot, o.addr, code_write_ack, o.bytes);
     const std::vector<report> given_up = await_reports();
-    if (sent != 0) { throw failure{problem::no_answer, what + ": not sent whole" + said()}; }
+    if (sent != 0) { fail(problem::no_answer, "%s: not sent whole%s", what.c_str(), said().c_str()); }
     if (given_up.empty()) { return what + ": acknowledged\n"; }
-    const auto lowest = std::min_element(given_up.begin(), given_up.end(),
-                                         [](const report& a, const report& b) { return a.addr < b.addr; });
-    const bool refused = std::any_of(given_up.begin(), given_up.end(), [](const report& r) { return r.answered; });
-    throw failure{refused ? problem::refused : problem::no_answer,
-                  format("%s: %zu of %zu frames given up, the lowest at 0x%08x: %s", what.c_str(), given_up.size(),
-                         (o.bytes.size() + frame_data_max - 1) / frame_data_max, lowest->addr,
-                         refused ? "the card refused again and again"
-                                 : "no answer to three sends; check card, slot, model and address")};
+    const uint32_t lowest = std::ranges::min(given_up, {}, &report::addr).addr;
+    const bool refused = std::ranges::any_of(given_up, &report::answered);
+    fail(refused ? problem::refused : problem::no_answer, "%s: %zu of %zu frames given up, the lowest at 0x%08x: %s",
+         what.c_str(), given_up.size(), frames_of(o), lowest,
+         refused ? "the card refused again and again"
+                 : "no answer to three sends; check card, slot, model and address");
 }
+
+constexpr fpga_kind kinds[] = {{"read", true, numbers::read_ack, peek},
+                               {"readw", true, numbers::read_wait, peek_and_wait},
+                               {"write", false, {}, poke},
+                               {"writea", false, numbers::write_ack, poke_and_await_report},
+                               {"writeaw", false, numbers::write_ack_wait, poke_and_wait}};
 
 } // namespace
 
+const fpga_kind& fpga_kind_in(const std::string& text)
+{
+    for (const fpga_kind& kind : kinds) {
+        if (text == kind.name) { return kind; }
+    }
+    fail(problem::wrong_usage, "KIND \"%s\": give read, readw, write, writea or writeaw", text.c_str());
+}
+
 std::string run_fpga(const fpga_options& o)
 {
-    const size_t frames = std::max<size_t>((o.bytes.size() + frame_data_max - 1) / frame_data_max, 1);
-    if (o.kind == access::write) {
-        take_link(o.link);
-        open_without_threads(o.link, request_bytes_max);
-        return poke(o);
-    }
-    static constexpr struct {
-        access kind;
-        numbers used;
-        std::string (*run)(const fpga_options&);
-    } rows[] = {{access::read, numbers::read_ack, peek},
-                {access::read_wait, numbers::read_wait, peek_and_wait},
-                {access::write_ack, numbers::write_ack, poke_and_await_report},
-                {access::write_ack_wait, numbers::write_ack_wait, poke_and_wait}};
-    const auto* const row =
-        std::find_if(std::begin(rows), std::end(rows), [&](const auto& r) { return r.kind == o.kind; });
-    take_link(o.link, row->used, frames);
-    open_with_threads(o.link, request_bytes_max);
+    take_link(o.link, o.kind->used, frames_of(o));
+    open_link(o.link, request_bytes_max, o.kind->used.has_value());
     try {
-        std::string answer = row->run(o);
+        std::string answer = o.kind->run(o);
         all_answered();
         return answer;
     } catch (const failure& failed) {
         // Of writes that nobody waits for, others may be unanswered beside one that was refused.
-        if (status_of(failed.what) == exit_no && o.kind != access::write_ack) { all_answered(); }
+        if (status_of(failed.what) == exit_no && o.kind->used != numbers::write_ack) { all_answered(); }
         throw;
     }
 }

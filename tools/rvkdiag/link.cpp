@@ -37,7 +37,6 @@ using namespace tool;
 constexpr int daemon_link = 0, boards = 256;
 constexpr double lock_wait_s = 5;
 constexpr uint64_t lock_look_ms = 50, report_look_ms = 2;
-constexpr char rights[] = "it takes root, or CAP_NET_RAW, CAP_NET_ADMIN and CAP_SYS_NICE";
 
 // The lock's file: the four kinds' next numbers, and who holds it.
 struct lock_record {
@@ -77,10 +76,10 @@ void refuse_beside_a_daemon(int link)
     for (int board = 0; board < boards; ++board) {
         const uint32_t identity = identity_of(static_cast<uint8_t>(board), module_self);
         if (!local::endpoint_alive(identity)) { continue; }
-        throw failure{problem::wrong_usage,
-                      format("link 0 is in use by a daemon (%s/%08x.sock is alive): each would take the other's "
-                             "answers; end rvkd first, or use rvkctl; links 1 and 2 are free",
-                             local::endpoint_directory(), identity)};
+        fail(problem::wrong_usage,
+             "link 0 is in use by a daemon (%s/%08x.sock is alive): each would take the other's answers; end rvkd "
+             "first, or use rvkctl; links 1 and 2 are free",
+             local::endpoint_directory(), identity);
     }
 }
 
@@ -95,28 +94,26 @@ bool ask_interface(int link, unsigned long what, ifreq& out)
 
 void check_interface(int link, size_t longest_frame)
 {
-    const char* name = g_netdev_name[link];
     const std::string named = name_of_link(link);
+    const char *name = g_netdev_name[link], *const what = named.c_str();
     ifreq asked;
     if (!ask_interface(link, SIOCGIFFLAGS, asked)) {
-        throw failure{problem::no_answer, named + ": this machine has no such interface; see ip link"};
+        fail(problem::no_answer, "%s: this machine has no such interface; see ip link", what);
     }
-    if ((asked.ifr_flags & IFF_UP) == 0) {
-        throw failure{problem::no_answer, format("%s is down: ip link set %s up", named.c_str(), name)};
-    }
+    if ((asked.ifr_flags & IFF_UP) == 0) { fail(problem::no_answer, "%s is down: ip link set %s up", what, name); }
     if ((asked.ifr_flags & IFF_RUNNING) == 0) {
-        throw failure{problem::no_answer, named + " has no carrier: check the cable and whether the card is on"};
+        fail(problem::no_answer, "%s has no carrier: check the cable and whether the card is on", what);
     }
     const size_t needed = longest_frame - ETHER_HDR_LEN;
-    if (ask_interface(link, SIOCGIFMTU, asked) && static_cast<size_t>(asked.ifr_mtu) < needed) {
-        throw failure{problem::wrong_usage, format("%s has an MTU of %d, and this needs %zu: ip link set %s mtu 9000",
-                                                   named.c_str(), asked.ifr_mtu, needed, name)};
-    }
+    if (!ask_interface(link, SIOCGIFMTU, asked) || static_cast<size_t>(asked.ifr_mtu) >= needed) { return; }
+    fail(problem::wrong_usage, "%s has an MTU of %d, and this needs %zu: ip link set %s mtu 9000", what, asked.ifr_mtu,
+         needed, name);
 }
 
 [[noreturn]] void fail_to_open(int link, const std::string& why)
 {
-    throw failure{problem::no_permission, name_of_link(link) + " cannot be opened" + why + "; " + rights};
+    fail(problem::no_permission, "%s cannot be opened%s; it takes root, or CAP_NET_RAW, CAP_NET_ADMIN and CAP_SYS_NICE",
+         name_of_link(link).c_str(), why.c_str());
 }
 
 mutex reports_mtx;
@@ -140,10 +137,9 @@ void keep_report(const QNode* node, int32_t result)
 
 bool blocks_are_out()
 {
-    for (size_t type = 0; type < mem_classes; ++type) {
-        if (mem_in_use(static_cast<int>(type)) != 0) { return true; }
-    }
-    return false;
+    int out = 0;
+    for (int type = 0; type < static_cast<int>(mem_classes); ++type) { out |= mem_in_use(type); }
+    return out != 0;
 }
 
 } // namespace
@@ -162,8 +158,9 @@ void take_link(int link, std::optional<numbers> kind, size_t frames)
             continue;
         }
         read_record();
-        throw failure{problem::wrong_usage, name_of_link(link) + " is in use by " + record.holder +
-                                                ": each would take the other's answers; try again when it has ended"};
+        fail(problem::wrong_usage,
+             "%s is in use by %s: each would take the other's answers; try again when it has ended",
+             name_of_link(link).c_str(), record.holder);
     }
     read_record();
     used = kind;
@@ -184,24 +181,20 @@ void all_answered()
     write_record();
 }
 
-void open_without_threads(int link, size_t longest_frame)
+void open_link(int link, size_t longest_frame, bool threads)
 {
     refuse_beside_a_daemon(link);
     check_interface(link, longest_frame);
     mem_init();
-    if (RawSockMsgInit(link) != 0) { fail_to_open(link, said()); }
-}
-
-void open_with_threads(int link, size_t longest_frame)
-{
-    refuse_beside_a_daemon(link);
-    check_interface(link, longest_frame);
+    if (!threads) {
+        if (RawSockMsgInit(link) != 0) { fail_to_open(link, said()); }
+        return;
+    }
     sigset_t ticks; // for the check thread alone, which unblocks them
     sigemptyset(&ticks);
     sigaddset(&ticks, SIGALRM);
     pthread_sigmask(SIG_BLOCK, &ticks, nullptr);
     queue_init();
-    mem_init();
     request_ended = keep_report;
     pthread_t receive{}, check{};
     if (initTimer() != 0 || RawMsgModuleInit(link, &receive, &check) != 0 || g_eth_init[link].active == 0) {

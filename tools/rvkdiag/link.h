@@ -7,8 +7,6 @@
 // keeps them.
 #pragma once
 
-#include "queue/queue.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -26,10 +24,10 @@ void take_link(int link, std::optional<numbers> kind = {}, size_t frames = 0);
 // Every request had its answer: the next run's numbers begin at 0.
 void all_answered();
 
-// Throw a failure when the link cannot be had.
+// Throws a failure when the link cannot be had.
 // longest_frame  bytes of the longest frame that will travel, its Ethernet header included
-void open_without_threads(int link, size_t longest_frame); // to send, and to receive by oneself
-void open_with_threads(int link, size_t longest_frame);    // for exchanges; their reports are kept
+// threads        for exchanges, whose reports are kept; without, to send, and to receive by oneself
+void open_link(int link, size_t longest_frame, bool threads);
 
 // What the transport reports of an asynchronous request.
 struct report {

@@ -11,10 +11,7 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
-#include <functional>
 
 namespace rvk::diag {
 namespace {
@@ -23,8 +20,6 @@ using namespace tool;
 
 constexpr char about[] =
     "Works on a card link directly, with no daemon on it: peek and poke, pictures, LVDS test, bus blocks.";
-constexpr char commands[] = "fpga, picture, lvds, bus read, bus write, usage";
-
 constexpr char footer[] =
     R"(Numbers of fpga are hexadecimal, those of the other commands decimal or 0x… . ID and LINK are 0, 1 or 2: eth0 to eth2.
 While a daemon is alive nothing works on link 0 here, and one rvkdiag at a time works on a link.
@@ -57,16 +52,9 @@ struct command_line {
     picture_options picture;
     bus_options bus;
     bool reboot = false, verbose = false;
-    std::function<std::string()> run; // none: no command was given
+    chosen_command chosen;
+    std::string answer;
 };
-
-access kind_in(const std::string& text)
-{
-    static constexpr std::array names{"read", "readw", "write", "writea", "writeaw"}; // as in `access`
-    const auto* const found = std::find(names.begin(), names.end(), text);
-    if (found != names.end()) { return static_cast<access>(found - names.begin()); }
-    throw failure{problem::wrong_usage, "KIND \"" + text + "\": give read, readw, write, writea or writeaw"};
-}
 
 std::vector<uint8_t> value_or_file(const std::string& text)
 {
@@ -83,7 +71,7 @@ std::vector<uint8_t> value_or_file(const std::string& text)
 
 std::string understand_and_run(fpga_options& o)
 {
-    if (o.kind == access::read || o.kind == access::read_wait) {
+    if (o.kind->reads) {
         o.len = static_cast<uint16_t>(number_in("LEN", o.last, 1, frame_data_max, 16));
     } else {
         o.bytes = value_or_file(o.last);
@@ -92,81 +80,49 @@ std::string understand_and_run(fpga_options& o)
     return run_fpga(o);
 }
 
-CLI::App& add_command(CLI::App& parent, const char* name, const char* about_it, const char* help, command_line& line,
-                      std::function<std::string()> run)
-{
-    CLI::App* const command = parent.add_subcommand(name, about_it);
-    command->footer(help);
-    command->callback([&line, run = std::move(run)] { line.run = run; });
-    return *command;
-}
-
-template <typename T>
-void add_hex(CLI::App& app, const char* name, T& value, const char* what, uint64_t most)
-{
-    add_value(
-        app, name, what,
-        [&value, name, most](const std::string& text) { value = static_cast<T>(number_in(name, text, 0, most, 16)); })
-        ->required()
-        ->type_name("");
-}
-
-void add_text(CLI::App& app, const char* name, std::string& value, const char* what)
-{
-    app.add_option(name, value, what)->required()->type_name("");
-}
-
 void add_fpga(CLI::App& app, command_line& line)
 {
     fpga_options& o = line.fpga;
     CLI::App& fpga = add_command(app, "fpga", "Read or write card registers; all numbers hexadecimal", fpga_footer,
-                                 line, [&o] { return understand_and_run(o); });
-    add_hex(fpga, "ID", o.link, "Link, 0 to 2", MAX_ETH - 1);
-    add_value(fpga, "KIND", "read, readw; write (plain), writea (acknowledged), writeaw (and waited for)",
-              [&o](const std::string& text) { o.kind = kind_in(text); })
-        ->required()
-        ->type_name("");
-    add_hex(fpga, "MODEL", o.model, "Card model, 0 to ffff", UINT16_MAX);
-    add_hex(fpga, "SLOT", o.slot, "Card slot, 0 to ff", UINT8_MAX);
-    add_hex(fpga, "ADDR", o.addr, "Register or memory address, 32 bits", UINT32_MAX);
-    add_text(fpga, "LEN|VALUE|FILENAME", o.last, "Bytes to read, 1 to 578; or what to write");
+                                 line.chosen, [&line] { line.answer = understand_and_run(line.fpga); });
+    add_number(fpga, "ID", "", o.link, "Link, 0 to 2", 0, MAX_ETH - 1, 16);
+    add_value(fpga, "KIND", "", "read, readw; write (plain), writea (acknowledged), writeaw (and waited for)",
+              [&o](const std::string& text) { o.kind = &fpga_kind_in(text); });
+    add_number(fpga, "MODEL", "", o.model, "Card model, 0 to ffff", 0, UINT16_MAX, 16);
+    add_number(fpga, "SLOT", "", o.slot, "Card slot, 0 to ff", 0, UINT8_MAX, 16);
+    add_number(fpga, "ADDR", "", o.addr, "Register or memory address, 32 bits", 0, UINT32_MAX, 16);
+    add_text(fpga, "LEN|VALUE|FILENAME", "", o.last, "Bytes to read, 1 to 578; or what to write");
 }
 
 void add_picture(CLI::App& app, command_line& line)
 {
     picture_options& o = line.picture;
     CLI::App& picture = add_command(app, "picture", "Load a picture into a memory behind link 1 or 2", picture_footer,
-                                    line, [&o] { return run_picture(o); });
-    add_number(picture, "ADDR", o.addr, "Card memory address, in units of 8 bytes")->required()->type_name("");
-    add_value(picture, "WxH", "Width and height in pixels",
-              [&o](const std::string& text) { o.size = size_in("WxH", text, 1); })
-        ->required()
-        ->type_name("");
-    add_text(picture, "FILE", o.file, "A .bmp of 24 bits a pixel; any other file as card pixels of 4 bytes");
-    add_text(picture, "TS_SEL", o.ts_sel, "Its second character is e");
-    add_text(picture, "FPGA_SEL", o.fpga_sel,
+                                    line.chosen, [&line] { line.answer = run_picture(line.picture); });
+    add_number(picture, "ADDR", "", o.addr, "Card memory address, in units of 8 bytes");
+    add_value(picture, "WxH", "", "Width and height in pixels",
+              [&o](const std::string& text) { o.size = size_in("WxH", text, 1); });
+    add_text(picture, "FILE", "", o.file, "A .bmp of 24 bits a pixel; any other file as card pixels of 4 bytes");
+    add_text(picture, "TS_SEL", "", o.ts_sel, "Its second character is e");
+    add_text(picture, "FPGA_SEL", "", o.fpga_sel,
              "Second character: link, 1/A/a is 1, 0/B/b is 2; third: memory, 1/A/a or 0/B/b");
 }
 
 void add_bus(CLI::App& app, command_line& line)
 {
     bus_options& o = line.bus;
-    CLI::App& bus = *app.add_subcommand("bus", "Move a block of up to 64 MiB between a file and card memory");
-    bus.require_subcommand(0, 1);
-    bus.footer("");
-    CLI::App& read = add_command(bus, "read", "Card memory into FILE", bus_read_footer, line, [&o] {
-        check_space(o.addr, o.len);
-        return run_bus_read(o);
+    CLI::App& bus = add_group(app, "bus", "Move a block of up to 64 MiB between a file and card memory");
+    CLI::App& read = add_command(bus, "read", "Card memory into FILE", bus_read_footer, line.chosen, [&line] {
+        check_space(line.bus.addr, line.bus.len);
+        line.answer = run_bus_read(line.bus);
     });
-    CLI::App& write =
-        add_command(bus, "write", "FILE into card memory", bus_write_footer, line, [&o] { return run_bus_write(o); });
+    CLI::App& write = add_command(bus, "write", "FILE into card memory", bus_write_footer, line.chosen,
+                                  [&line] { line.answer = run_bus_write(line.bus); });
     for (CLI::App* const command : {&read, &write}) {
-        add_number(*command, "LINK", o.link, "0 to 2", 0, MAX_ETH - 1)->required()->type_name("");
-        add_number(*command, "ADDR", o.addr, "Card memory address, in bytes")->required()->type_name("");
-        if (command == &read) {
-            add_number(read, "LEN", o.len, "Bytes to read, 1 to 67108864", 1, bus_block_max)->required()->type_name("");
-        }
-        add_text(*command, "FILE", o.file, "The block");
+        add_number(*command, "LINK", "", o.link, "0 to 2", 0, MAX_ETH - 1);
+        add_number(*command, "ADDR", "", o.addr, "Card memory address, in bytes");
+        if (command == &read) { add_number(read, "LEN", "", o.len, "Bytes to read, 1 to 67108864", 1, bus_block_max); }
+        add_text(*command, "FILE", "", o.file, "The block");
     }
 }
 
@@ -174,52 +130,25 @@ void add_commands(CLI::App& app, command_line& line)
 {
     add_fpga(app, line);
     add_picture(app, line);
-    add_command(app, "lvds", "Wait for a good LVDS status on link 0, record it, reboot", "", line,
-                [&line]() -> std::string {
-                    if (line.reboot) { run_lvds(); }
-                    throw failure{problem::wrong_usage,
-                                  "lvds reboots this machine at the first good status: give --reboot if it may"};
-                })
-        .add_flag("--reboot", line.reboot, "Yes, reboot this machine");
+    add_command(app, "lvds", "Wait for a good LVDS status on link 0, record it, reboot", "", line.chosen, [&line] {
+        if (line.reboot) { run_lvds(); }
+        fail(problem::wrong_usage, "lvds reboots this machine at the first good status: give --reboot if it may");
+    }).add_flag("--reboot", line.reboot, "Yes, reboot this machine");
     add_bus(app, line);
-    add_command(app, "usage", "Print the usage of fpga in the system's own words", "", line, []() -> std::string {
-        usage();
-        return "";
-    });
-}
-
-// Result: what was asked for in place of a run. Throws a failure of wrong usage.
-std::string parse(int argc, char** argv, command_line& line)
-{
-    CLI::App app{about, "rvkdiag"};
-    set_up(app, footer);
-    app.add_flag("-v,--verbose", line.verbose, "Show on standard error what the link says meanwhile");
-    add_commands(app, line);
-    if (std::string asked = tool::parse(app, argc, argv); !asked.empty()) { return asked; }
-    refuse_extras(app, commands, line.run != nullptr);
-    return {};
-}
-
-int present(const failure& failed)
-{
-    fflush(stdout);
-    fprintf(stderr, "rvkdiag: %s\n", printable_lines(failed.text).c_str());
-    return status_of(failed.what);
+    add_command(app, "usage", "Print the usage of fpga in the system's own words", "", line.chosen, usage);
 }
 
 int run_command_line(int argc, char** argv)
 {
-    try {
-        command_line line;
-        std::string answer = parse(argc, argv, line);
-        if (line.verbose) { show_log(); }
-        if (answer.empty()) { answer = line.run(); }
-        if (write_out(answer)) { return exit_done; }
-        return present(
-            {problem::io_error, std::string("the answer could not be written to standard output: ") + strerror(errno)});
-    } catch (const failure& failed) {
-        return present(failed);
-    }
+    command_line line;
+    CLI::App app{about, "rvkdiag"};
+    set_up(app, footer);
+    app.add_flag("-v,--verbose", line.verbose, "Show on standard error what the link says meanwhile");
+    add_commands(app, line);
+    if (const std::string asked = parse(app, argc, argv); !asked.empty()) { return write_out(asked); }
+    if (line.verbose) { show_log(); }
+    line.chosen.run();
+    return write_out(line.answer);
 }
 
 } // namespace

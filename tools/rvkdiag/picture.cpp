@@ -27,8 +27,7 @@ int selected(const std::string& text, size_t position, const char* says)
 {
     const int index = text.size() > position ? convert_index(text[position]) : -1;
     if (index >= 0) { return index; }
-    throw failure{problem::wrong_usage,
-                  format("FPGA_SEL \"%s\" selects nothing, so nothing was sent: %s", text.c_str(), says)};
+    fail(problem::wrong_usage, "FPGA_SEL \"%s\" selects nothing, so nothing was sent: %s", text.c_str(), says);
 }
 
 constexpr unsigned loader_bits = 24;
@@ -36,7 +35,7 @@ constexpr unsigned loader_bits = 24;
 void check_file(const picture_options& o)
 {
     const auto refuse = [&](const std::string& why) {
-        throw failure{problem::wrong_usage, "file \"" + o.file + "\" " + why};
+        fail(problem::wrong_usage, "file \"%s\" %s", o.file.c_str(), why.c_str());
     };
     const unique_fd file = open_regular(o.file.c_str(), O_RDONLY);
     if (!file) {
@@ -69,25 +68,23 @@ uint64_t failed_sends(int link)
 std::string run_picture(const picture_options& o)
 {
     if (o.ts_sel.size() < 2 || o.ts_sel[1] != 'e') {
-        throw failure{problem::wrong_usage,
-                      "TS_SEL \"" + o.ts_sel +
-                          "\" selects nothing, so nothing was sent: its second character must be e"};
+        fail(problem::wrong_usage, "TS_SEL \"%s\" selects nothing, so nothing was sent: its second character must be e",
+             o.ts_sel.c_str());
     }
     const int link =
         selected(o.fpga_sel, 1, "its second character is 1, A or a for link 1, 0, B or b for link 2") == 1 ? 1 : 2;
     const int memory = selected(o.fpga_sel, 2, "its third character is 0, B or b for memory 0, 1, A or a for memory 1");
     check_file(o);
     take_link(link);
-    open_without_threads(link, request_bytes_max);
+    open_link(link, request_bytes_max, false);
     const std::string what = format("picture of %ux%u from %s", o.size.hor, o.size.ver, o.file.c_str());
     if (LoadPicture(o.addr, static_cast<int>(o.size.hor), static_cast<int>(o.size.ver), o.file.c_str(),
                     o.ts_sel.c_str(), o.fpga_sel.c_str()) != 0) {
-        throw failure{problem::no_memory, what + " was not sent" + said()};
+        fail(problem::no_memory, "%s was not sent%s", what.c_str(), said().c_str());
     }
     if (const uint64_t failed = failed_sends(link); failed != 0) {
-        throw failure{problem::no_answer, format("%s: %llu of its frames could not be sent", what.c_str(),
-                                                 static_cast<unsigned long long>(failed)) +
-                                              said()};
+        fail(problem::no_answer, "%s: %llu of its frames could not be sent%s", what.c_str(),
+             static_cast<unsigned long long>(failed), said().c_str());
     }
     return format("%s%s sent to memory %d of %s at 0x%08x; its frames are not acknowledged\n", what.c_str(),
                   o.file.ends_with(".bmp") ? "" : ", whose bytes are card pixels as they stand,", memory,
@@ -97,14 +94,12 @@ std::string run_picture(const picture_options& o)
 void run_lvds()
 {
     show_log(); // it has no end that could say what was seen
-    open_with_threads(0, request_bytes_max);
-    static_cast<void>(
-        write_out("asking " + name_of_link(0) +
-                  " for its LVDS status every 2 s, one that does not answer without a word; a good status is "
-                  "recorded in /root/lvds_check.txt, and 30 s later this machine reboots; Ctrl-C ends the test\n"));
+    open_link(0, request_bytes_max, true);
+    write_out("asking " + name_of_link(0) +
+              " for its LVDS status every 2 s, one that does not answer without a word; a good status is recorded in "
+              "/root/lvds_check.txt, and 30 s later this machine reboots; Ctrl-C ends the test\n");
     if (LvdsTestTaskCreate(0) != 0) {
-        throw failure{problem::no_permission,
-                      "the test's real-time thread cannot be created: it takes root, or CAP_SYS_NICE"};
+        fail(problem::no_permission, "the test's real-time thread cannot be created: it takes root, or CAP_SYS_NICE");
     }
     for (;;) { pause_ms(1000); }
 }
