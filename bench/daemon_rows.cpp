@@ -88,7 +88,7 @@ class asking_process {
 public:
     asking_process()
     {
-        require(asker.open(requester_identity) == endpoint_status::ok, "the requester has no endpoint");
+        require(asker.open(requester_identity) == 0, "the requester has no endpoint");
     }
 
     void tell(uint32_t whom, const bytes& command)

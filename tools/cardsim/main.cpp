@@ -25,13 +25,8 @@ memory. Prints "ready" when its links are open, and what it saw when it ends (SI
 scripts/in-bench, which makes the links card0, card1 and card2.)";
 
 constexpr char footer[] =
-    R"(Where pictures lie: buffer N begins at address N x 0x1000000 of a read-back (rvkctl picture get --addr): buffer 16
-at 0x10000000, buffer 0 at 0. Each has 128 MiB, enough for 7680 x 4320; a larger picture is refused. Its lines, the
-first one first, are padded to 64 bytes and laid out 1400 bytes to each 1408, as read-backs take them: the picture
-that was put is the one got.
-The picture loader's memories 0 and 1 (data ports 0xB0000 and 0xF0000) and the memory of bus blocks, one per link,
-lie apart from all that.
-What a card would refuse (order, sizes, checksums) is answered with status 1, not carried out, and named at the end.
+    R"(Buffer N begins at address N x 0x1000000 of a read-back (rvkctl picture get --addr). What a card would refuse
+(order, sizes, checksums) is answered with status 1, not carried out, and named at the end.
 
 A fault's HOW is a whole number, the next so many chances (3), or a part of all chances with a point in it
 (0.05: one in twenty; 1.0: all). Each link has chances of its own; which of them are taken depends on --seed, the
@@ -44,11 +39,10 @@ Exit status: 0 ended by a signal; 1 a link could not be opened, a file not be wr
 
 struct cardsim_options {
     std::vector<std::string> links{"card0"};
-    std::string state_folder;         // empty: nothing is written
-    std::vector<std::string> loaded;  // MEMORY:ADDR:WxH
-    std::string pcap_folder;          // empty: no frames are kept
-    size_t pcap_frames = 1000;        // of each link
-    int processor = -1, priority = 0; // as link_options
+    std::string state_folder;  // empty: nothing is written
+    std::string pcap_folder;   // empty: no frames are kept
+    size_t pcap_frames = 1000; // of each link
+    link_options how{};        // of each
     card_faults faults;
 };
 
@@ -62,19 +56,6 @@ occurrence occurrence_in(const std::string& option, const std::string& text)
     if (error == std::errc{} && rest == end && how_often.part >= 0 && how_often.part <= 1) { return how_often; }
     tool::fail(problem::wrong_usage, "%s \"%s\": give a number of chances, as 3, or a part of all, as 0.05 or 1.0",
                option.c_str(), text.c_str());
-}
-
-// "1:0x2000:1920x1080": memory, address, size.
-loaded_picture loaded_in(const std::string& text)
-{
-    const size_t first = text.find(':'), last = text.rfind(':');
-    if (first == last) {
-        tool::fail(problem::wrong_usage, "--loaded \"%s\": give MEMORY:ADDR:WxH, as 1:0x2000:1920x1080", text.c_str());
-    }
-    const auto addr = text.substr(first + 1, last - first - 1);
-    return {tool::number_in("MEMORY of --loaded", text.substr(0, first), 0, loader_data.size() - 1),
-            static_cast<uint32_t>(tool::number_in("ADDR of --loaded", addr, 0, UINT32_MAX)),
-            tool::size_in("WxH of --loaded", text.substr(last + 1), 1)};
 }
 
 void add_register_options(CLI::App& app, card_faults& f)
@@ -125,17 +106,13 @@ void add_options(CLI::App& app, cardsim_options& o)
     tool::add_text(app, "--state", "DIR", o.state_folder,
                    "on SIGUSR1 and at the end, write what the cards hold below this folder: a text file per card,\n"
                    "pictures as BMP, firmware images as they were before their head");
-    app.add_option(
-           "--loaded", o.loaded,
-           "with --state, also write what the picture loader put into memory 0 or 1, at this address of its own,\n"
-           "as a picture of this size, which cards are not told (MEMORY:ADDR:WxH, 0:0x2000:1920x1080); may be repeated")
-        ->type_name("PICTURE");
     tool::add_text(app, "--pcap", "DIR", o.pcap_folder,
                    "at the end, write the last frames of each link to DIR/LINK.pcap");
     add_number(app, "--pcap-frames", "N", o.pcap_frames, "how many frames that is, at most 1000000 [1000]", 1,
                1'000'000);
-    add_number(app, "--processor", "N", o.processor, "pin the links' threads to this processor, 1 to 3", 1, 3);
-    add_number(app, "--priority", "N", o.priority, "run them at this real-time priority (SCHED_FIFO), 1 to 99", 1, 99);
+    add_number(app, "--processor", "N", o.how.processor, "pin the links' threads to this processor, 1 to 3", 1, 3);
+    add_number(app, "--priority", "N", o.how.priority, "run them at this real-time priority (SCHED_FIFO), 1 to 99", 1,
+               99);
     add_register_options(app, o.faults);
     add_fault_options(app, o.faults);
 }
@@ -162,8 +139,7 @@ sigset_t blocked_signals()
 
 // What the cards hold; at the end, also the last frames. A file that cannot be written keeps no other from it.
 // Result: empty, or one line that says what was wrong.
-std::string save(const cardsim_options& options, const std::vector<loaded_picture>& loaded, served_links& links,
-                 bool ended)
+std::string save(const cardsim_options& options, served_links& links, bool ended)
 {
     std::string wrong;
     const auto attempt = [&wrong](const auto& write) {
@@ -175,7 +151,7 @@ std::string save(const cardsim_options& options, const std::vector<loaded_pictur
     };
     for (served_link& l : links) {
         if (!options.state_folder.empty()) {
-            attempt([&] { save_state(l.farm, options.state_folder, l.name, loaded); });
+            attempt([&] { save_state(l.farm, options.state_folder, l.name); });
         }
         if (ended && !options.pcap_folder.empty()) {
             const auto file = l.farm.with([](farm_content& c) { return c.trail.as_pcap(); });
@@ -194,12 +170,11 @@ void run(const cardsim_options& options)
     for (const std::string& folder : {options.state_folder, options.pcap_folder}) {
         if (!folder.empty()) { prepare_folder(folder); }
     }
-    std::vector<loaded_picture> loaded;
-    for (const std::string& text : options.loaded) { loaded.push_back(loaded_in(text)); }
     const sigset_t signals = blocked_signals();
     served_links links;
     for (const std::string& name : options.links) {
-        const link_options how{.interface = name, .processor = options.processor, .priority = options.priority};
+        link_options how = options.how;
+        how.interface = name;
         served_link& l = links.emplace_back(name, options.faults);
         if (!options.pcap_folder.empty()) {
             l.farm.with([&](auto& c) { c.trail.keep(options.pcap_frames); });
@@ -210,7 +185,7 @@ void run(const cardsim_options& options)
     std::puts("ready");
     std::fflush(stdout);
     for (int number = 0; sigwait(&signals, &number) == 0 && number == SIGUSR1;) {
-        const std::string wrong = save(options, loaded, links, false);
+        const std::string wrong = save(options, links, false);
         if (!wrong.empty()) { std::fprintf(stderr, "rvk-cardsim: %s\n", wrong.c_str()); }
     }
     for (served_link& l : links) {
@@ -219,7 +194,7 @@ void run(const cardsim_options& options)
         std::printf("%s: %" PRIu64 " dropped by the kernel, %" PRIu64 " could not be sent\n", l.name.c_str(),
                     l.link.dropped(), l.link.unsent());
     }
-    const std::string wrong = save(options, loaded, links, true);
+    const std::string wrong = save(options, links, true);
     if (!wrong.empty()) { tool::fail(problem::io_error, "%s", wrong.c_str()); }
 }
 

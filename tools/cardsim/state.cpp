@@ -58,25 +58,6 @@ void save_memory(saved_text& to, Memory memory, const std::string& file = "", co
     }
 }
 
-// The picture loader pads lines to whole bursts.
-void save_loaded_picture(saved_text& to, card_id card, const loaded_picture& p)
-{
-    const uint64_t at = uint64_t{p.addr} * word_bytes;
-    const size_t line = line_bytes(p.size), stride = stride_of(p.size);
-    bytes_t pixels;
-    to.farm.with(card, [&](sim_card& c) {
-        const card_memory& memory = c.loaders[p.memory].memory;
-        const auto holds = [at](const auto& e) { return e.first <= at && at < e.second; };
-        if (std::ranges::none_of(memory.written(), holds)) { return; }
-        pixels.resize(picture_bytes(p.size));
-        for (size_t y = 0; y < p.size.ver; ++y) {
-            memory.read(at + y * stride, std::span(pixels).subspan(y * line, line));
-        }
-    });
-    if (pixels.empty()) { return; }
-    tool::save(to.base + format("-memory%zu-%08x.bmp", p.memory, p.addr), bmp_of(pixels, p.size, 32));
-}
-
 void save_pictures(saved_text& to, card_id card)
 {
     for (const auto& [buffer, r] : to.farm.with(card, [](sim_card& c) { return c.buffers; })) {
@@ -132,11 +113,11 @@ void prepare_folder(const std::string& folder)
     std::filesystem::create_directories(folder, error);
     if (!error && access(folder.c_str(), W_OK | X_OK) != 0) { error.assign(errno, std::generic_category()); }
     if (!error) { return; }
-    throw tool::failure{tool::problem::wrong_usage, folder + ": cannot be made or written: " + error.message()};
+    tool::fail(tool::problem::wrong_usage, "%s: cannot be made or written: %s", folder.c_str(),
+               error.message().c_str());
 }
 
-void save_state(card_farm& farm, const std::string& folder, const std::string& link,
-                std::span<const loaded_picture> loaded)
+void save_state(card_farm& farm, const std::string& folder, const std::string& link)
 {
     prepare_folder(folder);
     std::vector<card_id> ids;
@@ -155,7 +136,6 @@ void save_state(card_farm& farm, const std::string& folder, const std::string& l
         }
         save_firmware(to, card);
         to.save();
-        for (const loaded_picture& p : loaded) { save_loaded_picture(to, card, p); }
     }
     saved_text bus{farm, folder + '/' + link + "-bus",
                    "# " + link + ": what bus blocks wrote; hexadecimal, in memory order\n"};

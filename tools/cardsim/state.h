@@ -5,13 +5,6 @@
 
 namespace rvk {
 
-// A picture that the picture loader is to have put into memory 0 or 1: the cards are not told its size.
-struct loaded_picture {
-    size_t memory = 0;
-    uint32_t addr = 0; // as the loader was given it, in units of 8 bytes
-    picture_size size{};
-};
-
 // Makes a folder where there is none; throws a failure of wrong usage when it cannot be made or written.
 void prepare_folder(const std::string& folder);
 
@@ -22,14 +15,11 @@ void prepare_folder(const std::string& folder);
 //   BASE-bufferN.bmp    a picture that is whole, 32 bits a pixel, as the daemon's read-back writes it
 //   BASE-bufferN-incomplete.bmp   what there is of one that is not
 //   BASE-memoryM-ADDRESS.bin     a stretch of memory M that the picture loader wrote, at this address of its own
-//   BASE-memoryM-ADDRESS.bmp     the picture that lies there, of those asked for in `loaded`
 //   BASE-firmwareN.bin  a firmware image that was acknowledged to its last byte, without its head; N counts from 1
 // and, for the older block protocol, LINK-bus.txt and LINK-bus-ADDRESS.bin, in the manner of the registers.
-// loaded  a card that has nothing at one's place leaves it out
 // Throws a failure. The farm answers meanwhile: its lock is held for no longer than it takes to copy what one file
 // holds.
-void save_state(card_farm& farm, const std::string& folder, const std::string& link,
-                std::span<const loaded_picture> loaded);
+void save_state(card_farm& farm, const std::string& folder, const std::string& link);
 
 // What came, what was refused and what was done wrong on purpose: a few lines for a person, each beginning with LINK.
 [[nodiscard]] std::string summary(card_farm& farm, const std::string& link);

@@ -34,16 +34,12 @@ inline CLI::Option* add_text(CLI::App& app, const std::string& name, const char*
 }
 
 template <typename T>
-struct number_type {
-    using type = T;
-};
+T number_type(const T&);
 template <typename T>
-struct number_type<std::optional<T>> {
-    using type = T;
-};
+T number_type(const std::optional<T>&);
 
 // A number from least to most; with base 16 a hexadecimal one.
-template <typename T, typename N = typename number_type<T>::type>
+template <typename T, typename N = decltype(number_type(std::declval<T>()))>
 CLI::Option* add_number(CLI::App& app, const std::string& name, const char* value, T& number, const std::string& about,
                         uint64_t least = 0, uint64_t most = std::numeric_limits<N>::max(), int base = 10)
 {

@@ -21,25 +21,6 @@ using clock = std::chrono::steady_clock;
 constexpr uint32_t low_byte_count = 255; // 1 to 255
 constexpr uint64_t retry_interval_ms = 1;
 
-bool directory_exists() { return ::access(local::endpoint_directory(), F_OK) == 0; }
-
-endpoint_status status_of(int error)
-{
-    switch (error) {
-    case 0: return endpoint_status::ok;
-    case ENOENT: return directory_exists() ? endpoint_status::no_socket : endpoint_status::no_directory;
-    case ENOTDIR: return endpoint_status::no_directory;
-    case ENAMETOOLONG: return endpoint_status::name_too_long;
-    case ECONNREFUSED: return endpoint_status::nobody_listening;
-    case EACCES:
-    case EPERM: return endpoint_status::no_permission;
-    case EAGAIN: return endpoint_status::queue_full;
-    case EMSGSIZE: return endpoint_status::message_too_long;
-    case EADDRINUSE: return endpoint_status::identity_taken;
-    default: return endpoint_status::other;
-    }
-}
-
 // Waits for a message. False when the time ran out.
 bool wait_readable_until(int fd, clock::time_point end)
 {
@@ -56,34 +37,25 @@ requester::requester() : incoming(std::make_unique<local::receive_buffer>()) {}
 
 requester::~requester() { close(); }
 
-endpoint_status requester::failed(int error)
-{
-    last_error = error;
-    return status_of(error);
-}
-
-endpoint_status requester::open(uint32_t identity)
+int requester::open(uint32_t identity)
 {
     close();
-    if (const int error = local::bind_endpoint(identity, fd); error != 0) {
-        // A folder that somebody keeps locked is no full queue; error() says so.
-        return error == EAGAIN ? (last_error = error, endpoint_status::other) : failed(error);
-    }
+    const int error = local::bind_endpoint(identity, fd);
     own = identity;
     socket_file = socket_path(identity);
-    return endpoint_status::ok;
+    return error;
 }
 
-endpoint_status requester::open_free(uint8_t board, uint8_t module)
+int requester::open_free(uint8_t board, uint8_t module)
 {
     // Each process starts its search elsewhere: an answer that is late for one client should not find the next in its
     // place.
     const uint32_t first = static_cast<uint32_t>(::getpid()) % low_byte_count;
-    endpoint_status status = endpoint_status::identity_taken;
-    for (uint32_t i = 0; i < low_byte_count && status == endpoint_status::identity_taken; ++i) {
-        status = open(identity_of(board, module) | ((first + i) % low_byte_count + 1));
+    int error = EADDRINUSE;
+    for (uint32_t i = 0; i < low_byte_count && error == EADDRINUSE; ++i) {
+        error = open(identity_of(board, module) | ((first + i) % low_byte_count + 1));
     }
-    return status;
+    return error;
 }
 
 void requester::close()
@@ -93,15 +65,13 @@ void requester::close()
     fd.reset();
 }
 
-endpoint_status requester::send(uint32_t destination, std::span<const uint8_t> message, milliseconds patience)
+int requester::send(uint32_t destination, std::span<const uint8_t> message, milliseconds patience)
 {
     const auto end = clock::now() + patience;
     for (;;) {
         const int error = local::send_datagram(fd.get(), destination, message);
-        if (error == 0) { return endpoint_status::ok; }
-        if (error != EAGAIN || clock::now() >= end) { return failed(error); }
-        // The own socket's readiness says nothing about the other's queue.
-        pause_ms(retry_interval_ms);
+        if (error != EAGAIN || clock::now() >= end) { return error; }
+        pause_ms(retry_interval_ms); // the own socket's readiness says nothing about the other's queue
     }
 }
 
@@ -111,10 +81,7 @@ std::vector<uint8_t> requester::receive(milliseconds timeout)
     while (wait_readable_until(fd.get(), end)) {
         const ssize_t received = local::receive_datagram(fd.get(), *incoming, MSG_DONTWAIT);
         if (received > 0) { return {incoming->bytes, incoming->bytes + received}; }
-        if (received < 0 && errno != EAGAIN && errno != EINTR) {
-            last_error = errno;
-            break;
-        }
+        if (received < 0 && errno != EAGAIN && errno != EINTR) { break; }
     }
     return {};
 }
@@ -124,7 +91,5 @@ std::string socket_path(uint32_t identity)
     sockaddr_un address;
     return local::endpoint_address(identity, address) ? address.sun_path : local::endpoint_directory();
 }
-
-std::string socket_directory() { return local::endpoint_directory(); }
 
 } // namespace rvk

@@ -12,13 +12,6 @@
 
 namespace rvk::ctl {
 
-// A card, and where in it.
-struct card_options {
-    uint8_t slot = 0;
-    uint16_t model = 0;
-    uint32_t addr = 0;
-};
-
 struct read_options : card_options {
     uint16_t len = 0;                      // 1 to frame_data_max
     std::string out_file{};                // empty: a dump on standard output

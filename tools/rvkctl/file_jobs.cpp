@@ -139,12 +139,7 @@ std::vector<uint8_t> payload_of(std::initializer_list<uint32_t> numbers, const s
 
 request order_of(uint8_t code, const card_options& card, std::span<const uint8_t> payload)
 {
-    return {.code = code,
-            .slot = card.slot,
-            .model = card.model,
-            .addr = card.addr,
-            .len = static_cast<uint16_t>(payload.size()),
-            .payload = payload};
+    return {card, code, static_cast<uint16_t>(payload.size()), payload};
 }
 
 void note_picture(const picture_options& options, outcome& run)

@@ -113,8 +113,7 @@ void run_hello(const settings& used, outcome& run)
 
 std::vector<uint8_t> read_card(session& talk, const read_options& what, nlohmann::ordered_json& facts)
 {
-    const answer got =
-        talk.ask({.code = command::read, .slot = what.slot, .model = what.model, .addr = what.addr, .len = what.len});
+    const answer got = talk.ask({what, command::read, what.len});
     note_result(got.result, facts);
     const std::string text = format("read of %s at 0x%08x from slot %d, model 0x%x", byte_count(what.len).c_str(),
                                     what.addr, what.slot, what.model);

@@ -7,9 +7,11 @@
 #include "platform/local/endpoint.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <random>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace rvk::ctl {
 namespace {
@@ -56,7 +58,6 @@ bool take_apart(const std::vector<uint8_t>& bytes, uint32_t daemon, answer& out)
     out.result = static_cast<int32_t>(load_le32(m + message::result));
     out.length = load_le32(m + message::length);
     out.code = m[message::code];
-    out.id = m[message::id];
     out.slot = m[message::slot];
     out.model = load_le16(m + message::model);
     out.seq = load_le16(m + message::seq);
@@ -72,8 +73,8 @@ bool is_greeting(const answer& got) { return got.code == command::greeting; }
 
 bool answers(const answer& a, const request& command, uint16_t seq)
 {
-    return a.seq == seq && a.code == command.code && a.addr == command.addr && a.slot == command.slot &&
-           a.model == command.model;
+    const card_options& asked = command;
+    return a.seq == seq && a.code == command.code && a == asked;
 }
 
 // 0 when there is no such file.
@@ -88,55 +89,48 @@ void check_interrupt()
     if (interrupted()) { fail(problem::interrupted, "interrupted while waiting for an answer"); }
 }
 
-[[noreturn]] void cannot_open(endpoint_status status, const settings& used, int error)
+[[noreturn]] void cannot_open(const settings& used, int error)
 {
-    const std::string folder = socket_directory();
-    const char* const directory = folder.c_str();
-    switch (status) {
-    case endpoint_status::no_directory:
+    const char* const folder = local::endpoint_directory();
+    switch (error) {
+    case ENOENT:
+    case ENOTDIR:
         fail(problem::no_directory,
-             "no directory %s: rvkd makes it when it starts; start rvkd, or set APIPC_DIR as it was for rvkd",
-             directory);
-    case endpoint_status::name_too_long:
+             "no directory %s: rvkd makes it when it starts; start rvkd, or set APIPC_DIR as it was for rvkd", folder);
+    case ENAMETOOLONG:
         fail(problem::wrong_usage, "APIPC_DIR \"%s\" is too long for a socket address: set a shorter one, for rvkd too",
-             directory);
-    case endpoint_status::no_permission:
-        fail(problem::no_permission, "no permission to use %s: run as a user or group that may write to it", directory);
-    case endpoint_status::identity_taken:
-        if (used.module == module_companion) {
-            fail(problem::identity_taken,
-                 "identity %08x is in use: one process at a time acts as the companion, try later",
-                 identity_of(used.board, used.module));
-        }
+             folder);
+    case EACCES:
+    case EPERM:
+        fail(problem::no_permission, "no permission to use %s: run as a user or group that may write to it", folder);
+    case EADDRINUSE:
         fail(problem::identity_taken,
-             "all identities of board %d, module 0x%02x are in use: wait for other clients to end, or choose another "
-             "with --as",
-             used.board, used.module);
-    default: fail(problem::endpoint_error, "no endpoint in %s: %s", directory, strerror(error));
+             "no identity of board %d, module 0x%02x is free (there %s): wait for other clients to end, or choose "
+             "another with --as",
+             used.board, used.module, used.module == module_companion ? "is one" : "are 255");
+    default: fail(problem::endpoint_error, "no endpoint in %s: %s", folder, strerror(error));
     }
 }
 
-[[noreturn]] void cannot_send(endpoint_status status, const settings& used, const std::string& path, int error)
+[[noreturn]] void cannot_send(const settings& used, const std::string& path, int error)
 {
     static constexpr struct {
-        endpoint_status status;
+        int error;
         problem what;
         const char *before, *behind; // of the board and its socket
     } rows[] = {
-        {endpoint_status::no_directory, problem::no_directory, "no directory any more for",
-         "was rvkd's machine cleaned up?"},
-        {endpoint_status::no_socket, problem::no_socket, "no socket of",
+        {ENOTDIR, problem::no_directory, "no directory any more for", "was rvkd's machine cleaned up?"},
+        {ENOENT, problem::no_socket, "no socket of",
          "rvkd is not running for this board; start it, or choose the board with --board"},
-        {endpoint_status::nobody_listening, problem::nobody_listening, "nobody is listening for",
-         "rvkd has ended, start it again"},
-        {endpoint_status::no_permission, problem::no_permission, "no permission to send to",
-         "run as a user or group that may write to it"},
-        {endpoint_status::queue_full, problem::queue_full, "no room in time in the queue of",
-         "rvkd is busy or stopped, try later"},
+        {ECONNREFUSED, problem::nobody_listening, "nobody is listening for", "rvkd has ended, start it again"},
+        {EACCES, problem::no_permission, "no permission to send to", "run as a user or group that may write to it"},
+        {EPERM, problem::no_permission, "no permission to send to", "run as a user or group that may write to it"},
+        {EAGAIN, problem::queue_full, "no room in time in the queue of", "rvkd is busy or stopped, try later"},
     };
-    for (const auto& row : rows) {
-        if (row.status != status) { continue; }
-        fail(row.what, "%s board %d (%s): %s", row.before, used.board, path.c_str(), row.behind);
+    if (error == ENOENT && access(local::endpoint_directory(), F_OK) != 0) { error = ENOTDIR; }
+    const auto* const row = std::ranges::find(rows, error, [](const auto& r) { return r.error; });
+    if (row != std::end(rows)) {
+        fail(row->what, "%s board %d (%s): %s", row->before, used.board, path.c_str(), row->behind);
     }
     fail(problem::endpoint_error, "the command could not be sent to board %d (%s): %s", used.board, path.c_str(),
          strerror(error));
@@ -160,15 +154,15 @@ session::session(const settings& options, outcome& run)
       last_seq(first_seq())
 {
     // The companion is known by its whole identity.
-    const endpoint_status status = used.module == module_companion ? endpoint.open(identity_of(used.board, used.module))
-                                                                   : endpoint.open_free(used.board, used.module);
-    if (status != endpoint_status::ok) { cannot_open(status, used, endpoint.error()); }
+    const int error = used.module == module_companion ? endpoint.open(identity_of(used.board, used.module))
+                                                      : endpoint.open_free(used.board, used.module);
+    if (error != 0) { cannot_open(used, error); }
     run.facts["requester_identity"] = identity();
 }
 
 std::string session::greet()
 {
-    tell({.code = command::greeting});
+    tell({{}, command::greeting});
     answer got;
     if (!wait_for(is_greeting, clock::now() + used.timeout(), got)) { no_answer(); }
     const size_t text_bytes = std::min(got.payload.size(), greeting_text_bytes);
@@ -182,7 +176,7 @@ void session::greet_patiently()
     answer got;
     wait_while_alive([&](milliseconds wait) {
         if (const auto now = clock::now(); now - asked >= used.timeout()) {
-            tell({.code = command::greeting});
+            tell({{}, command::greeting});
             asked = now;
         }
         return wait_for(is_greeting, clock::now() + wait, got);
@@ -241,8 +235,8 @@ uint16_t session::tell(const request& command)
 {
     last_seq = next_seq(last_seq);
     const std::vector<uint8_t> message = message_of(command, endpoint.identity(), last_seq);
-    const endpoint_status status = endpoint.send(daemon, message, used.timeout());
-    if (status != endpoint_status::ok) { cannot_send(status, used, socket_path(daemon), endpoint.error()); }
+    const int error = endpoint.send(daemon, message, used.timeout());
+    if (error != 0) { cannot_send(used, socket_path(daemon), error); }
     return last_seq;
 }
 

@@ -28,24 +28,27 @@ struct settings {
     }
 };
 
-// Where on a card, and what.
-struct request {
-    uint8_t code = 0;
+// A card, and where in it.
+struct card_options {
     uint8_t slot = 0;
     uint16_t model = 0;
     uint32_t addr = 0;
+    bool operator==(const card_options&) const = default;
+};
+
+struct request : card_options {
+    uint8_t code = 0;
     uint16_t len = 0;                   // data bytes to write, or to read
     std::span<const uint8_t> payload{}; // empty for a read
 };
 
 // What the daemon sent, taken apart.
-struct answer {
+struct answer : card_options {
     int32_t result = 0;
     uint32_t length = 0; // payload bytes of a reply; reports and greetings count otherwise
-    uint8_t code = 0, id = 0, slot = 0;
-    uint16_t model = 0, seq = 0;
-    uint32_t addr = 0;
-    std::vector<uint8_t> payload; // everything behind the head, padding included
+    uint8_t code = 0;
+    uint16_t seq = 0;
+    std::vector<uint8_t> payload{}; // everything behind the head, padding included
 };
 
 // Notes whom a command is for, and what it is; known before anything is opened.

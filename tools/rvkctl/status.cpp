@@ -111,23 +111,17 @@ std::string answers_text(const json& answers)
     uint64_t all = longer;
     for (const auto& [bound, count] : answers.at("at_most_us").items()) { all += count_in(count); }
     if (all == 0) { return "none"; }
-    const struct {
-        const char* name;
-        double share;
-    } parts[] = {{"half", 0.5}, {"99 %", 0.99}, {"all", 1}};
-    std::string out = format("%" PRIu64, all);
-    for (const auto& part : parts) {
-        std::string within = "more than 512 ms";
+    const auto within = [&](double share) {
         uint64_t so_far = 0;
         for (const auto& [bound, count] : answers.at("at_most_us").items()) {
             so_far += count_in(count);
-            if (static_cast<double>(so_far) < part.share * static_cast<double>(all)) { continue; }
-            within = "within " + us_text(strtoull(bound.c_str(), nullptr, 10));
-            break;
+            if (static_cast<double>(so_far) < share * static_cast<double>(all)) { continue; }
+            return "within " + us_text(strtoull(bound.c_str(), nullptr, 10));
         }
-        out += format(", %s %s", part.name, within.c_str());
-    }
-    return out;
+        return std::string("more than 512 ms");
+    };
+    return format("%" PRIu64 ", half %s, 99 %% %s, all %s", all, within(0.5).c_str(), within(0.99).c_str(),
+                  within(1).c_str());
 }
 
 bool is_used(const json& link)

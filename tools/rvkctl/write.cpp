@@ -46,21 +46,17 @@ struct writer {
     {
         for (size_t at = 0; at < all.size(); at += frame_data_max) {
             talk.doing = [this, at] { return format("%zu of %s", at, byte_count(all.size()).c_str()); };
-            write_piece(static_cast<uint32_t>(options.addr + at),
-                        all.subspan(at, std::min(frame_data_max, all.size() - at)));
+            write_piece(at, all.subspan(at, std::min(frame_data_max, all.size() - at)));
             ++confirmed;
         }
         if (last_reported_bytes > 0) { refuse_reported(report_wait); }
     }
 
-    void write_piece(uint32_t addr, std::span<const uint8_t> bytes)
+    void write_piece(size_t at, std::span<const uint8_t> bytes)
     {
-        const request piece{.code = options.no_ack ? command::write : command::write_ack,
-                            .slot = options.slot,
-                            .model = options.model,
-                            .addr = addr,
-                            .len = static_cast<uint16_t>(bytes.size()),
-                            .payload = bytes};
+        request piece{options, options.no_ack ? command::write : command::write_ack,
+                      static_cast<uint16_t>(bytes.size()), bytes};
+        piece.addr += static_cast<uint32_t>(at);
         const bool answered = talk.write_is_answered(piece);
         if (!answered && !greeted) { talk.greet(); }
         ++sent;
