@@ -14,7 +14,6 @@
 #include "harness.h"
 #include "platform/local/endpoint.h"
 #include "processes.h"
-#include "requester/requester.h"
 
 #include <algorithm>
 #include <chrono>
@@ -32,8 +31,8 @@ namespace {
 
 using bytes = std::vector<uint8_t>;
 
-constexpr uint32_t requester_identity = identity_of(201, module_tools), relay_identity = identity_of(200, module_tools),
-                   floor_identity = identity_of(199, module_tools);
+constexpr uint32_t requester_identity = identity_of(201, 0x7F), relay_identity = identity_of(200, 0x7F),
+                   floor_identity = identity_of(199, 0x7F);
 constexpr size_t exchanges = 2000, outstanding = 1000;
 constexpr uint8_t buffer = 1;
 constexpr char folder[] = "/run/rvk-bench/";
@@ -88,26 +87,26 @@ class asking_process {
 public:
     asking_process()
     {
-        require(asker.open(requester_identity) == 0, "the requester has no endpoint");
+        require(local::bind_endpoint(requester_identity, endpoint) == 0, "the requester has no endpoint");
     }
 
     void tell(uint32_t whom, const bytes& command)
     {
-        require(local::send_datagram(asker.descriptor(), whom, command) == 0, "a command cannot be sent");
+        require(local::send_datagram(endpoint.get(), whom, command) == 0, "a command cannot be sent");
     }
 
     // Waits for the answer: done, and with so many bytes of payload.
     void exchange(uint32_t whom, const bytes& command, size_t answer_bytes = 0)
     {
         tell(whom, command);
-        const ssize_t length = local::receive_datagram(asker.descriptor(), incoming, 0);
+        const ssize_t length = local::receive_datagram(endpoint.get(), incoming, 0);
         require(length == static_cast<ssize_t>(message_head_bytes + answer_bytes) &&
                     load_le32(incoming.bytes + message::result) == 0,
                 "a command failed: did something of higher priority keep the processor?");
     }
 
 private:
-    requester asker;
+    unique_fd endpoint;
     local::receive_buffer incoming;
 };
 

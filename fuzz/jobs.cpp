@@ -10,8 +10,8 @@
 #include "ap_msg/file_service.h"
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "command/values.h"
 #include "eth_raw/frame.h"
-#include "files/bmp.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -120,7 +120,7 @@ void check_cut_files(const job_input& job, const std::vector<uint8_t>& raw, cons
 {
     const size_t whole = size_t{job.hor} * job.ver * 4;
     require(raw.empty() || raw.size() == whole);
-    require(image.empty() || (raw.size() == whole && image == bmp_of(raw, {job.hor, job.ver}, 32)));
+    require(image.empty() || (raw.size() == whole && image == tool::bmp_of(raw, {job.hor, job.ver}, 32)));
     require(raw.empty() || image.empty());
 }
 
@@ -137,7 +137,7 @@ void check_read_back(const job_input& job, placed before)
     require(raw && image && seen->syncs == (was_disk_full() && seen->frames == 0 ? 0 : 1)); // no space for its head
     if (was_disk_full()) { return check_cut_files(job, *raw, *image); }
     require(raw->size() == size_t{job.hor} * job.ver * 4);
-    require(*image == bmp_of(*raw, {job.hor, job.ver}, 32));
+    require(*image == tool::bmp_of(*raw, {job.hor, job.ver}, 32));
     const auto wanted = picture_in_card(job);
     for (size_t i = 0; wanted && i < raw->size(); ++i) {
         require((*raw)[i] == (*wanted)[i] || (!job.is_faultless() && (*raw)[i] == 0)); // a step that fails leaves zeros

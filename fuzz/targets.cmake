@@ -23,4 +23,4 @@ rvk_fuzz(picture
     WRAPS read)
 rvk_fuzz(jobs
     SOURCES ${here}/job_input.cpp
-    USES base eth_raw ap_msg world fuzz_messages private_files cardsim tool_command tool_files)
+    USES base eth_raw ap_msg world fuzz_messages private_files cardsim tool_command)

@@ -2,7 +2,6 @@
 
 #include "command/failure.h"
 #include "command/values.h"
-#include "files/bmp.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -66,7 +65,7 @@ void save_pictures(saved_text& to, card_id card)
         const bytes_t pixels = to.farm.with(card, [&r = r](sim_card& c) { return picture_from(c.pictures, r); });
         std::error_code ignored; // there is none, as a rule
         std::filesystem::remove(to.base + (r.whole ? incomplete : whole), ignored);
-        to.save_file(r.whole ? whole : incomplete, bmp_of(pixels, r.size, 32),
+        to.save_file(r.whole ? whole : incomplete, tool::bmp_of(pixels, r.size, 32),
                      format("buffer %u  %u x %u, %" PRIu64 " bytes%s", buffer, r.size.hor, r.size.ver, r.received,
                             r.whole ? "" : ", incomplete"));
     }

@@ -54,6 +54,12 @@ std::string absolute_path(const std::string& path, const char* name, size_t most
 
 uint64_t file_bytes(const std::string& path); // 0 when it cannot be had
 
+// The BMP file of a picture in a card's layout, top line first. A BMP's pixel is blue, green, red and, with 32 bits,
+// the byte that is not shown; its bottom line comes first. With 32 bits the file is what the daemon makes of a picture
+// that it reads back, with other code for the pixels: the two can be compared. bits  32, or 24: lines are padded to 4
+// bytes then, and the byte that is not shown is lost
+std::vector<uint8_t> bmp_of(std::span<const uint8_t> pixels, picture_size size, unsigned bits);
+
 // Time since it was made.
 class stop_watch {
 public:

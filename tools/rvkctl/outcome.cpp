@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <unistd.h>
+#include <utility>
 
 namespace rvk::ctl {
 namespace {
@@ -27,12 +28,17 @@ std::string object_text(const outcome& run, exit_status status)
     return object.dump(run.one_line ? -1 : 2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
+using std::chrono::steady_clock;
+
 constexpr std::chrono::milliseconds pause_step{250};
 constexpr std::chrono::seconds show_interval{1};
 constexpr char wipe_line[] = "\r\033[K";
 
 volatile sig_atomic_t signal_came = 0;
 bool accepted = false;
+const auto started = steady_clock::now();
+auto shown = started; // the line that show_life() shows
+bool visible = false;
 
 void note(int signal) { signal_came = signal; }
 
@@ -40,6 +46,7 @@ void note(int signal) { signal_came = signal; }
 
 void say(const outcome& run, bool json)
 {
+    if (std::exchange(visible, false)) { fputs(wipe_line, stderr); }
     const auto complain = [&run] {
         const bool unheard = run.failed.what == problem::io_error && interrupted(); // a pipe whose reader went
         if (run.failed.what == problem::none || unheard) { return; }
@@ -76,8 +83,8 @@ void note_result(int32_t result, nlohmann::ordered_json& facts)
 
 void catch_signals()
 {
-    struct sigaction once {
-    }, before{};
+    struct sigaction once {};
+    struct sigaction before {};
     once.sa_handler = note;
     once.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
@@ -98,30 +105,21 @@ bool interrupted() { return signal_came != 0; }
 
 void pause_until(std::chrono::steady_clock::time_point end)
 {
-    for (auto now = std::chrono::steady_clock::now(); now < end && !interrupted();
-         now = std::chrono::steady_clock::now()) {
+    for (auto now = steady_clock::now(); now < end && !interrupted(); now = steady_clock::now()) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now);
         pause_ms(static_cast<uint64_t>(std::min(left, pause_step).count()));
     }
 }
 
-life_sign::life_sign() : terminal(isatty(STDERR_FILENO) == 1) {}
-
-life_sign::~life_sign()
+void show_life(const std::function<std::string()>& doing)
 {
-    if (visible) { fputs(wipe_line, stderr); }
-}
-
-void life_sign::show(const std::function<std::string()>& doing)
-{
-    const auto now = clock::now();
-    if (!terminal || now - shown < show_interval) { return; }
+    const auto now = steady_clock::now();
+    if (now - shown < show_interval || isatty(STDERR_FILENO) != 1) { return; }
     shown = now;
     visible = true;
-    const std::string what = doing ? doing() : "";
+    const std::string what = doing ? ", " + doing() : "";
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - started).count();
-    fprintf(stderr, "%srvkctl: %lld s%s%s", wipe_line, static_cast<long long>(seconds), what.empty() ? "" : ", ",
-            what.c_str());
+    fprintf(stderr, "%srvkctl: %lld s%s", wipe_line, static_cast<long long>(seconds), what.c_str());
     fflush(stderr);
 }
 

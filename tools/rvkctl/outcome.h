@@ -52,24 +52,9 @@ void accept_interrupt();
 // Pauses until then, or until a signal came, which it notices within a quarter of a second.
 void pause_until(std::chrono::steady_clock::time_point end);
 
-// One line on standard error, when that is a terminal, with the time that the work has taken; wiped when it ends.
-class life_sign {
-public:
-    life_sign();
-    ~life_sign();
-    life_sign(const life_sign&) = delete;
-    life_sign& operator=(const life_sign&) = delete;
-
-    // To be called while waiting, as often as one likes; shows a line each second, the first after one.
-    // doing  says what stands behind the time, is asked for each line; may be none
-    void show(const std::function<std::string()>& doing);
-
-private:
-    using clock = std::chrono::steady_clock;
-
-    bool terminal;
-    clock::time_point started = clock::now(), shown = started;
-    bool visible = false;
-};
+// To be called while waiting, as often as one likes: on a terminal, a line each second on standard error with the time
+// that the run has taken, the first after one; say() wipes it.
+// doing  says what stands behind the time, is asked for each line; may be none
+void show_life(const std::function<std::string()>& doing);
 
 } // namespace rvk::ctl

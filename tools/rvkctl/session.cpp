@@ -3,13 +3,14 @@
 
 #include "ap_msg/message.h"
 #include "base/bytes.h"
+#include "base/clock.h"
 #include "command/values.h"
-#include "platform/local/endpoint.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <random>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr uint32_t low_bytes = 255; // of identities, 1 to 255: 0 is that of the module's own process
+constexpr uint64_t retry_interval_ms = 1;
 constexpr milliseconds alive_interval{250}; // how soon a wait notices that the daemon has ended, or that it is to end
 
 // A report carries no sequence number, so none of ours is 0.
@@ -51,10 +54,10 @@ std::vector<uint8_t> message_of(const request& command, uint32_t own, uint16_t s
 }
 
 // False: not a message of the daemon's.
-bool take_apart(const std::vector<uint8_t>& bytes, uint32_t daemon, answer& out)
+bool take_apart(std::span<const uint8_t> bytes, uint32_t daemon, answer& out)
 {
-    if (bytes.size() < message_head_bytes || load_le32(bytes.data() + message::aptid) != daemon) { return false; }
     const uint8_t* const m = bytes.data();
+    if (bytes.size() < message_head_bytes || load_le32(m + message::aptid) != daemon) { return false; }
     out.result = static_cast<int32_t>(load_le32(m + message::result));
     out.length = load_le32(m + message::length);
     out.code = m[message::code];
@@ -77,11 +80,33 @@ bool answers(const answer& a, const request& command, uint16_t seq)
     return a.seq == seq && a.code == command.code && a == asked;
 }
 
+std::string socket_path(uint32_t identity)
+{
+    sockaddr_un address;
+    return local::endpoint_address(identity, address) ? address.sun_path : local::endpoint_directory();
+}
+
 // 0 when there is no such file.
 uint64_t socket_inode(uint32_t identity)
 {
     struct stat status = {};
     return stat(socket_path(identity).c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+// Binds an identity of a module: the companion's own, by which it is known, or one with a low byte of 1 to 255 that is
+// free. Each process starts its search elsewhere: an answer that is late for one client should not find the next in its
+// place. Result: as bind_endpoint's.
+int bind_identity(uint8_t board, uint8_t module, uint32_t& own, unique_fd& out)
+{
+    const uint32_t first = static_cast<uint32_t>(getpid()) % low_bytes;
+    int error = EADDRINUSE;
+    for (uint32_t i = 0; i < low_bytes && error == EADDRINUSE; ++i) {
+        own = identity_of(board, module);
+        if (module == module_companion) { return local::bind_endpoint(own, out); }
+        own |= (first + i) % low_bytes + 1;
+        error = local::bind_endpoint(own, out);
+    }
+    return error;
 }
 
 void check_interrupt()
@@ -153,12 +178,14 @@ session::session(const settings& options, outcome& run)
     : used(options), daemon(identity_of(options.board, module_self)), daemon_socket(socket_inode(daemon)),
       last_seq(first_seq())
 {
-    // The companion is known by its whole identity.
-    const int error = used.module == module_companion ? endpoint.open(identity_of(used.board, used.module))
-                                                      : endpoint.open_free(used.board, used.module);
-    if (error != 0) { cannot_open(used, error); }
-    run.facts["requester_identity"] = identity();
+    if (const int error = bind_identity(used.board, used.module, own, endpoint); error != 0) {
+        cannot_open(used, error);
+    }
+    socket_file = socket_path(own);
+    run.facts["requester_identity"] = own;
 }
+
+session::~session() { unlink(socket_file.c_str()); } // before the socket goes: nobody takes over what is still alive
 
 std::string session::greet()
 {
@@ -204,7 +231,7 @@ void session::wait_while_alive(const std::function<bool(milliseconds)>& done)
     for (;;) {
         if (done(alive_interval)) { return; }
         check_interrupt();
-        life.show(doing);
+        show_life(doing);
         if (used.timeout_ms && clock::now() >= end) { no_answer(); }
         if (!daemon_is_the_same()) {
             fail(problem::nobody_listening,
@@ -227,15 +254,20 @@ std::optional<uint32_t> session::reported_failure(uint32_t first, uint64_t bytes
 bool session::write_is_answered(const request& command) const
 {
     if (command.code != command::write_ack) { return false; }
-    const bool companion = endpoint.identity() == identity_of(used.board, module_companion);
+    const bool companion = own == identity_of(used.board, module_companion);
     return companion || command.slot != 1 || command.model != 0 || (command.addr & 0xF0000000u) != 0;
 }
 
 uint16_t session::tell(const request& command)
 {
     last_seq = next_seq(last_seq);
-    const std::vector<uint8_t> message = message_of(command, endpoint.identity(), last_seq);
-    const int error = endpoint.send(daemon, message, used.timeout());
+    const std::vector<uint8_t> message = message_of(command, own, last_seq);
+    const auto end = clock::now() + used.timeout();
+    int error = local::send_datagram(endpoint.get(), daemon, message);
+    while (error == EAGAIN && clock::now() < end) {
+        pause_ms(retry_interval_ms); // the own socket's readiness says nothing about the other's queue
+        error = local::send_datagram(endpoint.get(), daemon, message);
+    }
     if (error != 0) { cannot_send(used, socket_path(daemon), error); }
     return last_seq;
 }
@@ -254,12 +286,17 @@ void session::no_answer() const
 bool session::wait_for(const std::function<bool(const answer&)>& wanted, clock::time_point end, answer& out)
 {
     for (;;) {
-        const auto left = std::chrono::ceil<milliseconds>(end - clock::now());
-        const std::vector<uint8_t> bytes = endpoint.receive(std::clamp(left, milliseconds{0}, alive_interval));
+        const auto left =
+            std::clamp(std::chrono::ceil<milliseconds>(end - clock::now()), milliseconds{0}, alive_interval);
+        const bool came = wait_readable(endpoint.get(), static_cast<uint64_t>(left.count()));
+        const ssize_t bytes = came ? local::receive_datagram(endpoint.get(), incoming, MSG_DONTWAIT) : 0;
+        if (bytes < 0 && errno != EAGAIN && errno != EINTR) {
+            fail(problem::endpoint_error, "no answer can be received: %s", strerror(errno));
+        }
         check_interrupt();
-        life.show(doing);
+        show_life(doing);
         answer got;
-        if (!bytes.empty() && take_apart(bytes, daemon, got)) {
+        if (bytes > 0 && take_apart({incoming.bytes, static_cast<size_t>(bytes)}, daemon, got)) {
             if (wanted(got)) {
                 out = std::move(got);
                 return true;

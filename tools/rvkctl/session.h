@@ -2,7 +2,8 @@
 // belongs to them. Knows which answer belongs to which command; what an answer means for a command is the command's.
 #pragma once
 
-#include "requester/requester.h"
+#include "base/fd.h"
+#include "platform/local/endpoint.h"
 #include "rvkctl/outcome.h"
 
 #include <chrono>
@@ -14,6 +15,8 @@
 #include <vector>
 
 namespace rvk::ctl {
+
+inline constexpr uint8_t module_tools = 0x7F; // ours: the module number under which tools and tests ask
 
 // Every command's options.
 struct settings {
@@ -58,6 +61,7 @@ class session {
 public:
     // Opens the endpoint, and notes its identity. Throws a failure, as everything below.
     session(const settings& options, outcome& run);
+    ~session();
 
     // Asks the daemon whether it handles commands. Result: its greeting's text.
     std::string greet();
@@ -82,7 +86,7 @@ public:
     // Whether a write is answered when it is done, or only reported when it fails.
     [[nodiscard]] bool write_is_answered(const request& command) const;
 
-    [[nodiscard]] uint32_t identity() const { return endpoint.identity(); }
+    [[nodiscard]] uint32_t identity() const { return own; }
 
     std::function<std::string()> doing; // says what a long wait shows on a terminal beside the time; may be none
 
@@ -97,10 +101,12 @@ private:
     settings used;
     uint32_t daemon;
     uint64_t daemon_socket; // its file's inode number
-    requester endpoint;
+    uint32_t own = 0;       // identity
+    unique_fd endpoint;
+    std::string socket_file; // of the endpoint: goes with it
+    local::receive_buffer incoming;
     uint16_t last_seq;
     std::vector<uint32_t> failed_writes; // addresses, as reported
-    life_sign life;
 };
 
 } // namespace rvk::ctl

@@ -1,6 +1,5 @@
 // rvk-testcard: makes a test picture, for the demo and for people at the bench.
 #include "command/options.h"
-#include "files/bmp.h"
 #include "testcard/test_card.h"
 
 namespace rvk {
@@ -25,8 +24,8 @@ const struct file_format {
     bytes (*file_of)(bytes&& pixels, picture_size size);
 } formats[]{
     {"raw", [](bytes&& pixels, picture_size) { return std::move(pixels); }},
-    {"bmp", [](bytes&& pixels, picture_size size) { return bmp_of(pixels, size, 32); }},
-    {"bmp24", [](bytes&& pixels, picture_size size) { return bmp_of(pixels, size, 24); }},
+    {"bmp", [](bytes&& pixels, picture_size size) { return tool::bmp_of(pixels, size, 32); }},
+    {"bmp24", [](bytes&& pixels, picture_size size) { return tool::bmp_of(pixels, size, 24); }},
 };
 
 const file_format* format_named(const std::string& name)
