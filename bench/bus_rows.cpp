@@ -5,6 +5,7 @@
 #include "base/bytes.h"
 #include "base/clock.h"
 #include "cards.h"
+#include "command/values.h"
 #include "eth_raw/bus_block.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
@@ -13,7 +14,6 @@
 #include "mem/mem.h"
 #include "raw_msg/load_picture.h"
 
-#include <fstream>
 #include <unistd.h>
 
 namespace rvk::bench {
@@ -58,16 +58,6 @@ xfer open_block_link()
     return links[0];
 }
 
-// A file of 24 bits a pixel, as much as the loader looks at: its lines need no padding.
-std::string bitmap()
-{
-    constexpr uint8_t offset = 54;
-    std::string file(offset + size_t{hor} * ver * 3, 'Z'), path = "/run/rvk-bench/picture.bmp";
-    file.replace(10, 4, {offset, 0, 0, 0});
-    require(static_cast<bool>(std::ofstream(path, std::ios::binary) << file << std::flush), "no space for a file");
-    return path;
-}
-
 } // namespace
 
 void bus_write_row()
@@ -98,11 +88,10 @@ void load_picture_row()
     simulated_cards cards(card_priority, "card1");
     require(RawSockMsgInit(1) == 0, "eth1 cannot be opened");
     mem_init();
-    const std::string file = bitmap();
+    constexpr char file[] = "/run/rvk-bench/picture.bmp";
+    tool::save(file, tool::bmp_of(std::vector<uint8_t>(size_t{hor} * ver * pixel_bytes, 'Z'), {hor, ver}, 24));
     take_processor(sender_priority);
-    const auto load = [&] {
-        require(LoadPicture(0, hor, ver, file.c_str(), "te", "t10") == 0, "the picture was not loaded");
-    };
+    const auto load = [&] { require(LoadPicture(0, hor, ver, file, "te", "t10") == 0, "the picture was not loaded"); };
     const auto frames = cards.arriving(20'000, load);
     const stamps at(loader_data[0], "card1");
     const bare_link link(g_eth_init[1].sock_fd);
@@ -120,7 +109,7 @@ void load_picture_row()
             }
             return at.ns_per_frame();
         });
-    unlink(file.c_str());
+    unlink(file);
 }
 
 } // namespace rvk::bench

@@ -28,8 +28,7 @@ bool is_request(const frame_bytes& frame)
 
 simulated_cards::simulated_cards(int priority, const std::string& interface)
 {
-    frame_bytes pattern(frame_data_max);
-    for (size_t i = 0; i < pattern.size(); ++i) { pattern[i] = static_cast<uint8_t>(i * 7); }
+    const frame_bytes pattern(frame_data_max, 0x5A);
     farm.with({model, slot}, [&](sim_card& c) { c.registers.write(addr, pattern); });
     const std::string error = link.start({interface, processor, priority, buffer_bytes});
     require(error.empty(), error);
@@ -55,10 +54,9 @@ std::vector<frame_bytes> simulated_cards::arriving(size_t max, const std::functi
     return frames;
 }
 
-bool simulated_cards::has_played(const std::string& line) const
+bool simulated_cards::has_played(const std::string& line)
 {
-    const auto lines = farm.with([](farm_content& c) { return c.playback.lines(); });
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
+    return farm.with([&](farm_content& c) { return std::ranges::count(c.playback.lines(), line) > 0; });
 }
 
 std::vector<uint8_t> simulated_cards::picture(uint8_t buffer)

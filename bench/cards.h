@@ -33,7 +33,7 @@ public:
     [[nodiscard]] std::vector<frame_bytes> arriving(size_t max, const std::function<void()>& work);
 
     // Whether the demo's playback has come to this line.
-    [[nodiscard]] bool has_played(const std::string& line) const;
+    [[nodiscard]] bool has_played(const std::string& line);
     [[nodiscard]] std::vector<uint8_t> picture(uint8_t buffer);
 
     card_farm farm;

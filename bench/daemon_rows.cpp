@@ -8,6 +8,7 @@
 #include "base/clock.h"
 #include "base/mutex.h"
 #include "cards.h"
+#include "command/values.h"
 #include "demo/demo.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/registers.h"
@@ -16,11 +17,9 @@
 #include "processes.h"
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <span>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -75,9 +74,7 @@ bytes make_file(const std::string& path, size_t count)
     uint32_t state = 1;
     for (uint8_t& b : content) { b = static_cast<uint8_t>((state = state * 1664525 + 1013904223) >> 24 | 1); }
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(count));
-    require(static_cast<bool>(out.flush()), "no space for a file");
+    tool::save(path, content);
     return content;
 }
 
@@ -204,17 +201,8 @@ struct setting {
         about.work = "floor of that: such a relay with a thread for the answers";
         about.most = 0;
         compare(
-            about,
-            [&] {
-                const double taken = timed(floor_identity);
-                floor.stop();
-                return taken;
-            },
-            [&] {
-                const double taken = timed(relay_identity);
-                floor.go_on();
-                return taken;
-            });
+            about, [&] { return timed(floor_identity); },
+            [&] { return floor.stopped([&] { return timed(relay_identity); }); });
         daemon.go_on();
     }
 
@@ -280,18 +268,6 @@ void picture_job(setting& on, picture_size size, const std::string& name)
         });
 }
 
-void memory_rows(setting& on, const bytes& job, double picture)
-{
-    const double idle = resident_bytes(on.daemon.pid());
-    forget_peak(on.daemon.pid());
-    on.ask(job);
-    print({"rvkd's most memory during a 3840 × 2160 picture, after the demo", "the picture's bytes", "MB", 1.1},
-          (peak_bytes(on.daemon.pid()) - idle) / 1e6, picture / 1e6);
-    pause_ms(1000);
-    print({"rvkd's memory a second after that picture", "the idle daemon before it", "MB", 1.05},
-          resident_bytes(on.daemon.pid()) / 1e6, idle / 1e6);
-}
-
 volatile sig_atomic_t ticks;
 
 // A tick of 30 ms and a loop that sleeps 10 ms: less cannot keep the daemon's timing.
@@ -320,11 +296,11 @@ double microseconds_per_second(const child& process)
 // Its cards answer the readiness reads at once.
 double seconds_to_playing()
 {
-    const simulated_cards cards(card_priority);
-    const auto begin = std::chrono::steady_clock::now();
+    simulated_cards cards(card_priority);
+    const tool::stop_watch watch;
     const child daemon = launch_daemon();
     for (pause_ms(5000); !cards.has_played("a0 := 00"); pause_ms(5)) {} // every look holds up the cards
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    return watch.seconds();
 }
 
 } // namespace
@@ -355,7 +331,14 @@ void picture_row()
     picture_job(on, {1920, 1080}, "1920 × 1080");
     picture_job(on, {demo_hor, demo_ver}, "3840 × 2160");
     const bytes job = file_command(command::file_write, buffer, {demo_hor, demo_ver}, picture_path);
-    memory_rows(on, job, static_cast<double>(demo_picture_bytes));
+    const double idle = resident_bytes(on.daemon.pid());
+    forget_peak(on.daemon.pid());
+    on.ask(job);
+    print({"rvkd's most memory during a 3840 × 2160 picture, after the demo", "the picture's bytes", "MB", 1.1},
+          (peak_bytes(on.daemon.pid()) - idle) / 1e6, static_cast<double>(demo_picture_bytes) / 1e6);
+    pause_ms(1000);
+    print({"rvkd's memory a second after that picture", "the idle daemon before it", "MB", 1.05},
+          resident_bytes(on.daemon.pid()) / 1e6, idle / 1e6);
     on.compare_frames({"frames of that picture, at the card", "the same frames, ready-made", "ns per frame", 1.1},
                       other_data, demo_picture_bytes, [&] { on.ask(job); });
 }

@@ -2,9 +2,9 @@
 
 #include "base/clock.h"
 #include "base/rt_thread.h"
+#include "command/values.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <sched.h>
@@ -13,19 +13,6 @@ namespace rvk::bench {
 namespace {
 
 constexpr uint64_t between_rounds_ms = 5; // real-time threads must leave the processor some time
-
-void print_line(const row& about, double ours, double bare, double ratio)
-{
-    const auto decimals = [](double value) { return value < 10 ? 2 : value < 100 ? 1 : 0; };
-    const char* const kept = about.most == 0 ? "" : (about.of_bare ? ratio : ours) <= about.most ? "yes" : "**no**";
-    char goal[48] = "";
-    if (about.most != 0) {
-        std::snprintf(goal, sizeof goal, "at most %g%s", about.most, about.of_bare ? " of it" : "");
-    }
-    std::printf("| %s | %s | %.*f | %.*f | %s | %.2f | %s | %s |\n", about.work.c_str(), about.against.c_str(),
-                decimals(ours), ours, decimals(bare), bare, about.unit.c_str(), ratio, goal, kept);
-    std::fflush(stdout);
-}
 
 } // namespace
 
@@ -42,6 +29,16 @@ void fail(const std::string& why)
     std::_Exit(1); // the processes that belong to the row end with it
 }
 
+void print(const row& about, double ours, double bare, double ratio)
+{
+    const auto decimals = [](double value) { return value < 10 ? 2 : value < 100 ? 1 : 0; };
+    const char* const kept = about.most == 0 ? "" : (about.of_bare ? ratio : ours) <= about.most ? "yes" : "**no**";
+    const auto goal = about.most == 0 ? "" : tool::format("at most %g%s", about.most, about.of_bare ? " of it" : "");
+    std::printf("| %s | %s | %.*f | %.*f | %s | %.2f | %s | %s |\n", about.work.c_str(), about.against.c_str(),
+                decimals(ours), ours, decimals(bare), bare, about.unit.c_str(), ratio, goal.c_str(), kept);
+    std::fflush(stdout);
+}
+
 void compare(const row& about, const measurement& ours, const measurement& bare)
 {
     std::vector<double> of_ours, of_bare, ratios;
@@ -54,17 +51,14 @@ void compare(const row& about, const measurement& ours, const measurement& bare)
         pause_ms(between_rounds_ms);
         ratios.push_back(of_ours.back() / of_bare.back());
     }
-    print_line(about, median(of_ours), median(of_bare), median(ratios));
+    print(about, median(of_ours), median(of_bare), median(ratios));
 }
-
-void print(const row& about, double ours, double bare) { print_line(about, ours, bare, ours / bare); }
 
 double time_per_unit(size_t units, const std::function<void()>& work)
 {
-    const auto begin = std::chrono::steady_clock::now();
+    const tool::stop_watch watch;
     work();
-    const std::chrono::duration<double, std::nano> taken = std::chrono::steady_clock::now() - begin;
-    return taken.count() / static_cast<double>(units);
+    return watch.seconds() * 1e9 / static_cast<double>(units);
 }
 
 double median(std::vector<double> values)

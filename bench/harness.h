@@ -48,7 +48,8 @@ using measurement = std::function<double()>;
 
 // Each runs once to warm up, then `rounds` times, in turn, with a pause after each. Prints the row.
 void compare(const row& about, const measurement& ours, const measurement& bare);
-void print(const row& about, double ours, double bare);
+void print(const row& about, double ours, double bare, double ratio);
+inline void print(const row& about, double ours, double bare) { print(about, ours, bare, ours / bare); }
 
 // Nanoseconds per unit that `work` takes for `units` of them.
 [[nodiscard]] double time_per_unit(size_t units, const std::function<void()>& work);

@@ -56,37 +56,26 @@ double answer_pending(const std::vector<uint32_t>& order, size_t times)
     return sum / static_cast<double>(times);
 }
 
-enum class arrival { in_order, reverse, shuffled };
-constexpr const char* names[] = {"in order", "in reverse", "shuffled"};
-
-std::vector<uint32_t> make_order(arrival how, size_t count)
+std::vector<uint32_t> make_order(const std::string& how, size_t count)
 {
     std::vector<uint32_t> order(count);
     std::iota(order.begin(), order.end(), 0u);
-    if (how == arrival::reverse) { std::reverse(order.begin(), order.end()); }
-    if (how == arrival::shuffled) { std::shuffle(order.begin(), order.end(), std::mt19937(7)); }
+    if (how == "in reverse") { std::reverse(order.begin(), order.end()); }
+    if (how == "shuffled") { std::shuffle(order.begin(), order.end(), std::mt19937(7)); }
     return order;
 }
 
-double malloc_pairs(unsigned bytes)
+template <auto take, auto give>
+double pair_ns(unsigned bytes)
 {
     return time_per_unit(pairs, [bytes] {
         for (size_t i = 0; i < pairs; ++i) {
-            void* volatile block = malloc(bytes); // volatile: or the pair is optimised away
-            free(block);
+            void* volatile block = take(bytes); // volatile: or the pair is optimised away
+            give(block);
         }
     });
 }
-
-double pool_pairs(unsigned bytes)
-{
-    return time_per_unit(pairs, [bytes] {
-        for (size_t i = 0; i < pairs; ++i) {
-            void* volatile block = mem_alloc(bytes);
-            mem_free(block);
-        }
-    });
-}
+constexpr auto pool_pairs = pair_ns<mem_alloc, mem_free>, malloc_pairs = pair_ns<malloc, free>;
 
 void fill_pool(unsigned bytes)
 {
@@ -102,11 +91,10 @@ void queue_row()
     take_processor(sender_priority);
     queue_init();
     mem_init();
-    for (const arrival how : {arrival::in_order, arrival::reverse, arrival::shuffled}) {
+    for (const std::string how : {"in order", "in reverse", "shuffled"}) {
         const auto many = make_order(how, pending_many), few = make_order(how, pending_few);
         compare(
-            {std::string("65,535 pending, answered ") + names[static_cast<size_t>(how)], "655 pending", "ns per answer",
-             2},
+            {"65,535 pending, answered " + how, "655 pending", "ns per answer", 2},
             [&] { return answer_pending(many, 1); }, [&] { return answer_pending(few, pending_many / pending_few); });
     }
 }

@@ -139,7 +139,7 @@ child launch_daemon()
     });
 }
 
-child start_daemon(const simulated_cards& cards)
+child start_daemon(simulated_cards& cards)
 {
     child daemon = launch_daemon();
     for (int tries = start_seconds * 10; !cards.has_played(end_of_playback); --tries) {

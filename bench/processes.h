@@ -55,7 +55,7 @@ private:
 
 // The same, and waits until its start is over: demo done, idle. `cards` are those that it talks to; every thread of it
 // is then on the bench's processor.
-[[nodiscard]] child start_daemon(const simulated_cards& cards);
+[[nodiscard]] child start_daemon(simulated_cards& cards);
 
 // A copy of a process's packet socket, as it is bound to its link.
 [[nodiscard]] unique_fd packet_socket_of(pid_t process);

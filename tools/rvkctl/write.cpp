@@ -106,10 +106,10 @@ struct writer {
     run.facts.update(
         {{"read_back", "differs"},
          {"first_difference", {{"offset", at}, {"wanted", hex_text({&wanted, 1})}, {"got", hex_text({&got, 1})}}}});
+    const unsigned long long where = uint64_t{options.addr} + at;
     fail(problem::differs,
          "%s at 0x%08x differs from what was written: first at offset %llu (0x%08llx), wanted %02x, got %02x",
-         target_text(options).c_str(), options.addr, static_cast<unsigned long long>(at),
-         static_cast<unsigned long long>(options.addr + at), wanted, got);
+         target_text(options).c_str(), options.addr, static_cast<unsigned long long>(at), where, wanted, got);
 }
 
 // Reads the same bytes back, in pieces as they were written.
