@@ -26,10 +26,10 @@ def is_led_here_later(path):
 
 SENDERS = [
     ("/run/./apipc/010a7f70.sock", 0x010A7F70, None, None),
-    ("/run/010a3b00.sock", identity(), None, "not one in /run/apipc"),
-    ("/run/other/010a7f74.sock", 0x010A7F74, is_led_here_later, "not one in /run/apipc"),
-    ("/run/apipc/x010a7f73.sock", 0x010A7F73, None, "no endpoint"),
-    ("/run/apipc/010a7f72.sock", 0x010A7F72, leads_to_the_daemon, "not one in /run/apipc"),
+    ("/run/010a3b00.sock", identity(), None, "no endpoint in /run/apipc"),
+    ("/run/other/010a7f74.sock", 0x010A7F74, is_led_here_later, "no endpoint in /run/apipc"),
+    ("/run/apipc/x010a7f73.sock", 0x010A7F73, None, "no endpoint in /run/apipc"),
+    ("/run/apipc/010a7f72.sock", 0x010A7F72, leads_to_the_daemon, "no endpoint in /run/apipc"),
     ("/run/apipc/020a3b00.sock", 0x020A3B00, None, "a daemon asks for nothing"),
 ]
 

@@ -110,9 +110,8 @@ bool has_only_links_of_root(char* path)
 // name  in its path
 bool is_in_our_folder(const char* path, const char* name)
 {
-    struct stat entry {};
-    struct stat its {};
-    struct stat ours {};
+    using status = struct stat;
+    status entry{}, its{}, ours{};
     if (::lstat(path, &entry) == 0 && !S_ISSOCK(entry.st_mode)) { return false; }
     char folder[sizeof(sockaddr_un::sun_path) + 1] = ".";
     if (name != path) { *std::copy(path, name - 1, folder) = '\0'; }
@@ -121,31 +120,39 @@ bool is_in_our_folder(const char* path, const char* name)
            its.st_dev == ours.st_dev && its.st_ino == ours.st_ino;
 }
 
-// from  zero where the kernel wrote nothing
-bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
+// Whether a sender is bound to an identity in our folder. from: zero where the kernel wrote nothing.
+bool is_endpoint(const sockaddr_un& from, uint32_t& identity)
 {
-    uint32_t bound = 0;
     char path[sizeof from.sun_path + 1] = ""; // the terminator of one that fills sun_path stands behind it
     std::ranges::copy(from.sun_path, path);
     const char* const slash = strrchr(path, '/');
     const char* const name = slash != nullptr ? slash + 1 : path;
-    if (!identity_in(name, bound)) {
-        log_print(LOG_HERE, "message of %zu bytes dropped: its sender has no endpoint of its own\n", message.size());
-        return false;
+    return identity_in(name, identity) && is_in_our_folder(path, name);
+}
+
+// A look at the sender's socket costs as much as the rest of receiving, and its owner may lead its name elsewhere right
+// behind that: of one that sends again it is taken once a second.
+bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
+{
+    thread_local struct {
+        sockaddr_un from;
+        uint32_t identity, looked_us;
+    } last{};
+    const uint32_t now_us = monotonic_us();
+    if (now_us - last.looked_us >= 1'000'000 || memcmp(&from, &last.from, sizeof from) != 0) {
+        last = {{}, 0, now_us};
+        if (!is_endpoint(from, last.identity)) {
+            log_print(LOG_HERE, "message of %zu bytes dropped: its sender's socket \"%s\" is no endpoint in %s\n",
+                      message.size(), printable({from.sun_path, strnlen(from.sun_path, sizeof from.sun_path)}).text,
+                      endpoint_directory());
+            return false;
+        }
+        last.from = from;
     }
-    if (!is_in_our_folder(path, name)) {
-        log_print(LOG_HERE, "message of %zu bytes dropped: its sender's socket %s is not one in %s\n", message.size(),
-                  printable(path).text, endpoint_directory());
-        return false;
-    }
-    if (message.size() < sizeof bound) {
-        log_print(LOG_HERE, "message of %zu bytes from %08x dropped: it has no first word\n", message.size(), bound);
-        return false;
-    }
-    const uint32_t claimed = load_le32(message.data());
-    if (claimed == bound) { return true; }
+    const uint32_t claimed = message.size() < sizeof claimed ? ~last.identity : load_le32(message.data());
+    if (claimed == last.identity) { return true; }
     log_print(LOG_HERE, "message of %zu bytes dropped: it names %08x as its sender, but came from %08x\n",
-              message.size(), claimed, bound);
+              message.size(), claimed, last.identity);
     return false;
 }
 
@@ -160,30 +167,51 @@ void log_refusal(uint32_t identity, int error)
     log_print(LOG_HERE, "endpoint %08x in %s refused: %s\n", identity, endpoint_directory(), reason);
 }
 
-uint32_t own_identity;
-struct stat own_socket; // its file, as it was bound
+sockaddr_un own_address; // of the process's endpoint: a peer's differs in the name alone
+struct stat own_socket;  // its file, as it was bound
 
 // Whether the socket's file is still there, and not another's.
 bool is_reached()
 {
-    sockaddr_un address;
     struct stat now;
-    return endpoint_address(own_identity, address) && lstat(address.sun_path, &now) == 0 &&
-           now.st_dev == own_socket.st_dev && now.st_ino == own_socket.st_ino;
+    return lstat(own_address.sun_path, &now) == 0 && now.st_dev == own_socket.st_dev && now.st_ino == own_socket.st_ino;
+}
+
+// Creates the folder, mode 3770 (1770 where set-group-ID is refused), when it is missing; its parent must exist.
+int create_endpoint_directory()
+{
+    // Without set-group-ID: a sandbox refuses that of any mkdir, also of a folder that is there.
+    if (::mkdir(endpoint_directory(), made_mode) != 0) { return errno == EEXIST ? 0 : errno; }
+    for (const mode_t mode : {made_mode, directory_mode}) { static_cast<void>(::chmod(endpoint_directory(), mode)); }
+    return 0;
 }
 
 int try_to_bind(uint32_t identity, unique_fd& out)
 {
-    sockaddr_un address;
-    if (!endpoint_address(identity, address)) { return ENAMETOOLONG; } // before a folder is made of it
+    if (!endpoint_address(identity, own_address)) { return ENAMETOOLONG; } // before a folder is made of it
     int error = create_endpoint_directory();
     if (error == 0) { error = bind_endpoint(identity, out); }
-    if (error == 0 && lstat(address.sun_path, &own_socket) != 0) { error = errno; }
+    if (error == 0 && lstat(own_address.sun_path, &own_socket) != 0) { error = errno; }
     return error;
 }
 
-constexpr uint64_t first_pause_ms = 10, longest_pause_ms = 1000;
+int send_to(int fd, const sockaddr_un& address, std::span<const uint8_t> message)
+{
+    if (message.size() > datagram_bytes_max) { return EMSGSIZE; }
+    const ssize_t sent = TEMP_FAILURE_RETRY(
+        ::sendto(fd, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL, generic(address), sizeof address));
+    return sent >= 0 ? 0 : errno;
+}
 
+// The most that may lie unread at this socket's peers: unread datagrams are charged to their sender.
+void force_large_send_buffer(int fd)
+{
+    if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer_bytes, sizeof send_buffer_bytes) == 0) { return; }
+    // Without the privilege, as much as everybody may have.
+    static_cast<void>(::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes));
+}
+
+constexpr uint64_t first_pause_ms = 10, longest_pause_ms = 1000;
 // The waiting, real-time thread's own: the pause between errors grows while they last, or it would spin.
 receive_buffer incoming;
 uint64_t next_pause_ms = 0; // 0 while all is well
@@ -218,15 +246,6 @@ bool endpoint_address(uint32_t identity, sockaddr_un& out)
     return true;
 }
 
-int create_endpoint_directory()
-{
-    // Without set-group-ID: a sandbox refuses that of any mkdir, also of a folder that is there.
-    if (::mkdir(endpoint_directory(), made_mode) != 0) { return errno == EEXIST ? 0 : errno; }
-    // Whatever the umask took away; set-group-ID where it may be had.
-    for (const mode_t mode : {made_mode, directory_mode}) { static_cast<void>(::chmod(endpoint_directory(), mode)); }
-    return 0;
-}
-
 int bind_endpoint(uint32_t identity, unique_fd& out)
 {
     sockaddr_un address;
@@ -252,21 +271,10 @@ bool endpoint_alive(uint32_t identity)
     return found == 0 || found == EACCES || found == EPERM;
 }
 
-void force_large_send_buffer(int fd)
-{
-    if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer_bytes, sizeof send_buffer_bytes) == 0) { return; }
-    // Without the privilege, as much as everybody may have.
-    static_cast<void>(::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer_bytes, sizeof send_buffer_bytes));
-}
-
 int send_datagram(int fd, uint32_t identity, std::span<const uint8_t> message)
 {
     sockaddr_un address;
-    if (message.size() > datagram_bytes_max) { return EMSGSIZE; }
-    if (!endpoint_address(identity, address)) { return ENAMETOOLONG; }
-    const ssize_t sent = TEMP_FAILURE_RETRY(
-        ::sendto(fd, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL, generic(address), sizeof address));
-    return sent >= 0 ? 0 : errno;
+    return endpoint_address(identity, address) ? send_to(fd, address, message) : ENAMETOOLONG;
 }
 
 ssize_t receive_datagram(int fd, receive_buffer& buffer, int flags)
@@ -304,7 +312,6 @@ using namespace rvk::local;
     }
     force_large_send_buffer(fd.get());
     process_endpoint.store(fd.release());
-    own_identity = identity;
     endpoint_is_reached = is_reached;
     return 0;
 }
@@ -325,5 +332,9 @@ using namespace rvk::local;
 
 [[gnu::weak]] int apipc_send(uint32_t destination, const void* message, uint32_t bytes)
 {
-    return -send_datagram(process_endpoint.load(), destination, {static_cast<const uint8_t*>(message), bytes});
+    sockaddr_un to = own_address;
+    char* const slash = strrchr(to.sun_path, '/');
+    if (slash == nullptr) { return -EBADF; } // this process has no endpoint
+    std::ranges::copy(socket_name(destination), slash + 1);
+    return -send_to(process_endpoint.load(), to, {static_cast<const uint8_t*>(message), bytes});
 }

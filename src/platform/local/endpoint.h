@@ -1,13 +1,12 @@
 // Endpoints of the messaging service as datagram sockets: the one place that knows where they live and what may pass.
 // An endpoint with identity 0xIIIIIIII is bound at $APIPC_DIR/IIIIIIII.sock (eight lower-case hex digits). One datagram
-// is one message, byte for byte. Used by the stand-in's calls and by the tools' requesters. Results are 0 or errno
-// values: each caller says in its own words what was wrong. Any thread; owns nothing but the process's own endpoint.
+// is one message, byte for byte. Used by the stand-in's calls and by rvkctl. Results are 0 or errno values: each caller
+// says in its own words what was wrong. Any thread; owns nothing but the process's own endpoint.
 #pragma once
 
 #include "base/fd.h"
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <sys/types.h>
@@ -27,9 +26,6 @@ struct alignas(8) receive_buffer {
 const char* endpoint_directory();
 [[nodiscard]] bool endpoint_address(uint32_t identity, sockaddr_un& out);
 
-// Creates the folder with mode 3770 (or 1770 where set-group-ID is refused) when it is missing; its parent must exist.
-[[nodiscard]] int create_endpoint_directory();
-
 // Binds an endpoint, mode 0660, and takes over a socket file to which nobody is bound. Of several processes that try at
 // the same moment one wins. Waits at most a second for those that bind just now. The process's umask is 0 meanwhile.
 // Result  EADDRINUSE: alive, or another user's stale file; ENAMETOOLONG, ENOENT (no folder), EACCES, or another
@@ -37,9 +33,6 @@ const char* endpoint_directory();
 
 // Whether a process is bound to the identity, whether or not it reads.
 [[nodiscard]] bool endpoint_alive(uint32_t identity);
-
-// Raises the most that may lie unread at this socket's peers: unread datagrams are charged to their sender.
-void force_large_send_buffer(int fd);
 
 // Sends one message without waiting.
 // Result  EAGAIN: the peer's queue is full; ENOENT: no socket file; ECONNREFUSED: nobody is bound to it; EACCES,

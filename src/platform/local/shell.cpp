@@ -163,7 +163,7 @@ int board_in(std::string_view text)
 // An ordinary machine has no backplane to ask: the number is the environment's. A wrong one is logged once.
 [[gnu::weak]] int apcard_bit_self(void)
 {
-    const char* text = getenv("APCARD_SELF");
+    static const char* const text = getenv("APCARD_SELF"); // a process keeps its board
     if (text == nullptr || *text == '\0') { return default_board; }
     const int board = board_in(text);
     if (board >= 0) { return board; }
