@@ -1,7 +1,7 @@
 // The rows that talk to a card from inside the process: plain writes and waited reads, timed and counted.
 //
 // Both sides use one packet socket, opened before the worker is forked. The worker runs the link's real threads and is
-// stopped while the bare loop has the socket.
+// stopped while the bare loop, a process of its own too, has the socket.
 #include "cards.h"
 #include "eth_raw/frame.h"
 #include "eth_raw/link.h"
@@ -51,18 +51,17 @@ void contest(const row& about, double (*ours)(size_t), size_t bytes,
              const std::function<double(const bare_link&)>& bare)
 {
     require(RawSockMsgInit(0) == 0, "eth0 cannot be opened");
-    worker own(start_link_threads, ours);
-    const simulated_cards cards(card_priority);
     const bare_link link(g_eth_init[0].sock_fd);
-    take_processor(sender_priority);
+    worker own(start_link_threads, ours);
+    worker other([] { take_processor(sender_priority); },
+                 [&](size_t) {
+                     link.drain();
+                     return bare(link);
+                 });
+    const simulated_cards cards(card_priority);
     compare(
         about, [&] { return own.measure(bytes); },
-        [&] {
-            return own.process().stopped([&] {
-                link.drain();
-                return bare(link);
-            });
-        });
+        [&] { return own.process().stopped([&] { return other.measure(0); }); });
 }
 
 double write_plain(size_t bytes)

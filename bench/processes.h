@@ -40,7 +40,7 @@ class worker {
 public:
     // prepare  once, before the first measurement
     // measure  argument as given to measure() below; result per unit of work
-    // Started before the parent has threads: only the calling thread lives on in the child.
+    // Only the calling thread lives on in the child.
     worker(const std::function<void()>& prepare, const std::function<double(size_t)>& measure);
     [[nodiscard]] double measure(size_t argument);
     [[nodiscard]] const child& process() const { return body; }
