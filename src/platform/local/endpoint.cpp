@@ -130,8 +130,7 @@ bool is_endpoint(const sockaddr_un& from, uint32_t& identity)
     return identity_in(name, identity) && is_in_our_folder(path, name);
 }
 
-// A look at the sender's socket costs as much as the rest of receiving, and its owner may lead its name elsewhere right
-// behind that: of one that sends again it is taken once a second.
+// A look costs as much as all else here, and is no more than a sample: of one that sends again, once a second.
 bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
 {
     thread_local struct {
@@ -139,7 +138,8 @@ bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
         uint32_t identity, looked_us;
     } last{};
     const uint32_t now_us = monotonic_us();
-    if (now_us - last.looked_us >= 1'000'000 || memcmp(&from, &last.from, sizeof from) != 0) {
+    if (last.from.sun_family == 0 || now_us - last.looked_us >= 1'000'000 ||
+        memcmp(&from, &last.from, sizeof from) != 0) {
         last = {{}, 0, now_us};
         if (!is_endpoint(from, last.identity)) {
             log_print(LOG_HERE, "message of %zu bytes dropped: its sender's socket \"%s\" is no endpoint in %s\n",
