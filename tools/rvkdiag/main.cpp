@@ -145,10 +145,11 @@ int run_command_line(int argc, char** argv)
     set_up(app, footer);
     app.add_flag("-v,--verbose", line.verbose, "Show on standard error what the link says meanwhile");
     add_commands(app, line);
-    if (const std::string asked = parse(app, argc, argv); !asked.empty()) { return write_out(asked); }
-    if (line.verbose) { show_log(); }
-    line.chosen.run();
-    return write_out(line.answer);
+    return run_app(app, argc, argv, [&line] {
+        if (line.verbose) { show_log(); }
+        line.chosen.run();
+        write_out(line.answer);
+    });
 }
 
 } // namespace
