@@ -38,14 +38,14 @@ void compare_block(const row& about, simulated_cards& cards, const xfer& link, b
     take_processor(sender_priority);
     const auto packets = cards.arriving(block_packets + 1, work);
     require(packets.size() == block_packets, "a block is not the packets it should be");
-    const bare_link bare(link.sock_fd);
+    bare_link bare(link.sock_fd);
     compare(
         about, [&] { return time_per_unit(block_packets, work); },
         [&] {
             return time_per_unit(block_packets, [&] {
                 for (const frame_bytes& packet : packets) {
                     bare.send(packet);
-                    if (reads) { bare.receive(); }
+                    if (reads) { bare.await_answer(); }
                 }
             });
         });
@@ -98,10 +98,7 @@ void load_picture_row()
     compare(
         {"picture loader, 1920 x 1080 into memory 0, first to last frame",
          "`sendto` of the same frames, with the same pauses", "ns per frame", 1.15},
-        [&] {
-            load();
-            return at.ns_per_frame();
-        },
+        [&] { return load(), at.ns_per_frame(); },
         [&] {
             for (const frame_bytes& frame : frames) {
                 link.send(frame);

@@ -10,6 +10,7 @@
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <sys/socket.h>
+#include <thread>
 
 namespace rvk::bench {
 namespace {
@@ -18,11 +19,6 @@ constexpr int buffer_bytes = 256 << 20;
 constexpr size_t foreign_frames = 100; // frames of other programs meanwhile
 
 std::array<uint8_t, bus_packet_max> received; // as the daemon's: one for the process
-
-bool is_request(const frame_bytes& frame)
-{
-    return std::equal(eth_raw_tx_header.begin(), eth_raw_tx_header.end(), frame.begin());
-}
 
 } // namespace
 
@@ -47,7 +43,9 @@ std::vector<frame_bytes> simulated_cards::arriving(size_t max, const std::functi
     work();
     std::vector<frame_bytes> frames;
     for (const kept_frame& kept : farm.with([](farm_content& c) { return c.trail.frames(); })) {
-        if (is_request(kept.bytes) && frames.size() < max) { frames.push_back(kept.bytes); }
+        const bool is_request =
+            std::ranges::equal(eth_raw_tx_header, std::span(kept.bytes).first(eth_raw_tx_header.size()));
+        if (is_request && frames.size() < max) { frames.push_back(kept.bytes); }
     }
     keep(0);
     require(!frames.empty(), "nothing arrived at the cards");
@@ -139,10 +137,20 @@ void bare_link::receive() const
     require(recvfrom(fd, received.data(), received.size(), 0, nullptr, nullptr) > 0, "a bare receive failed");
 }
 
-void bare_link::exchange(const frame_bytes& frame) const
+void bare_link::receive_by_thread()
+{
+    has_thread = true;
+    std::thread([this] {
+        for (take_processor(receive_priority);; answered.post()) { receive(); }
+    }).detach();
+}
+
+void bare_link::await_answer() { has_thread ? answered.wait() : receive(); }
+
+void bare_link::exchange(const frame_bytes& frame)
 {
     send(frame);
-    if (frame[request::code] != code_write) { receive(); }
+    if (frame[request::code] != code_write) { await_answer(); }
 }
 
 void bare_link::drain() const

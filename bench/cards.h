@@ -3,6 +3,7 @@
 #pragma once
 
 #include "base/fd.h"
+#include "base/mutex.h"
 #include "cardsim/cards.h"
 #include "cardsim/link.h"
 
@@ -60,14 +61,19 @@ private:
 class bare_link {
 public:
     explicit bare_link(int socket);
+    void receive_by_thread(); // from now on, as rvkd does: a thread at 90 takes the answers, for as long as the process
     void send(const frame_bytes& frame) const;
-    void receive() const;                          // one frame
-    void exchange(const frame_bytes& frame) const; // waits for its answer where it has one
-    void drain() const;                            // what is left from others
+    void await_answer();
+    void exchange(const frame_bytes& frame); // waits for its answer where it has one
+    void drain() const;                      // what is left from others
 
 private:
+    void receive() const; // one frame
+
     int fd;
     sockaddr_ll to{};
+    bool has_thread = false;
+    semaphore answered{0};
 };
 
 } // namespace rvk::bench

@@ -7,7 +7,6 @@
 #include "ap_msg/message.h"
 #include "base/bytes.h"
 #include "base/clock.h"
-#include "base/mutex.h"
 #include "cards.h"
 #include "command/values.h"
 #include "demo/demo.h"
@@ -24,7 +23,6 @@
 #include <span>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <thread>
 
 namespace rvk::bench {
 namespace {
@@ -110,19 +108,14 @@ private:
 
 // In the place of rvkd, with bare system calls only: takes a command, sends its frame, waits for the answer, answers a
 // read. What it needs is made at the first command of a kind. late: the cards answer behind the last write. As a floor
-// it has rvkd's threads, too: one of higher priority takes the answers.
+// it has rvkd's thread for the answers, too.
 class relay {
 public:
     relay(uint32_t identity, int packet_socket, bool late) : link(packet_socket), own(identity), waits_for_each(!late)
     {
         require(local::bind_endpoint(own, endpoint) == 0 && local::endpoint_address(requester_identity, to),
                 "the relay has no endpoint");
-    }
-
-    void take_answers()
-    {
-        take_processor(90); // rvk-recv's
-        for (;; answered.post()) { link.receive(); }
+        if (own == floor_identity) { link.receive_by_thread(); }
     }
 
     void serve()
@@ -133,10 +126,7 @@ public:
         prepare(frame, reads ? code_read : code_write_ack, load_le16(incoming.bytes + message::len));
         link.send(frame);
         ++pending;
-        while ((reads || waits_for_each) && pending > 0) {
-            own == floor_identity ? answered.wait() : link.receive();
-            --pending;
-        }
+        for (; (reads || waits_for_each) && pending > 0; --pending) { link.await_answer(); }
         if (!reads) { return; }
         require(sendto(endpoint.get(), answer.data(), answer.size(), 0, reinterpret_cast<const sockaddr*>(&to),
                        sizeof to) > 0,
@@ -156,7 +146,6 @@ private:
     bare_link link;
     uint32_t own;
     bool waits_for_each;
-    semaphore answered{0};
     size_t pending = 0;
     unique_fd endpoint;
     sockaddr_un to{};
@@ -182,7 +171,6 @@ struct setting {
         child started([&] {
             take_processor(sender_priority);
             relay serving(identity, socket.get(), late);
-            if (identity == floor_identity) { std::thread(&relay::take_answers, &serving).detach(); }
             for (;;) { serving.serve(); }
         });
         while (!local::endpoint_alive(identity)) { pause_ms(1); }
@@ -195,36 +183,39 @@ struct setting {
         const auto timed = [&](uint32_t whom) { return time_per_unit(units, [&] { work(whom); }); };
         const child bare = start_relay(relay_identity, late);
         const auto of_relay = [&] { return daemon.stopped([&] { return timed(relay_identity); }); };
-        compare(
-            about, [&] { return timed(own_identity()); }, of_relay);
+        const auto of_daemon = [&] { return timed(own_identity()); };
+        compare(about, of_daemon, of_relay);
         daemon.stop();
         child floor = start_relay(floor_identity, late);
         about.work = "floor of that: such a relay with a thread for the answers";
         about.most = 0;
-        compare(
-            about, [&] { return timed(floor_identity); },
-            [&] { return floor.stopped([&] { return timed(relay_identity); }); });
+        const auto of_floor = [&] { return timed(floor_identity); };
+        compare(about, of_floor, [&] { return floor.stopped([&] { return timed(relay_identity); }); });
         daemon.go_on();
     }
 
     // Compares the time from frame to frame to one address, while `work` runs, and while the frames of it are sent
-    // again.
-    void compare_frames(const row& about, uint32_t to, size_t most, const std::function<void()>& work)
+    // again; and the floor to that.
+    void compare_frames(row about, uint32_t to, size_t most, const std::function<void()>& work)
     {
         const auto frames = cards.arriving(most, work);
         const stamps at(to);
-        worker bare([] { take_processor(sender_priority); },
-                    [&](size_t) {
-                        for (const frame_bytes& frame : frames) { link.exchange(frame); }
-                        return 0.0;
-                    });
-        compare(
-            about,
-            [&] {
-                work();
-                return at.ns_per_frame();
-            },
-            [&] { return daemon.stopped([&] { return bare.measure(0) + at.ns_per_frame(); }); });
+        frame_bytes copy;
+        const auto send_all = [&](size_t copies) {
+            for (const frame_bytes& frame : frames) { link.exchange(copies > 0 ? copy = frame : frame); }
+            return 0.0;
+        };
+        worker bare(send_all);
+        const auto of_bare = [&] { return bare.measure(0) + at.ns_per_frame(); };
+        const auto of_daemon = [&] { return work(), at.ns_per_frame(); };
+        compare(about, of_daemon, [&] { return daemon.stopped(of_bare); });
+        daemon.stop();
+        worker floor(send_all, [&] { link.receive_by_thread(), take_processor(file_priority); });
+        const auto of_floor = [&] { return floor.measure(1) + at.ns_per_frame(); };
+        about.work = "floor of that: each frame copied once, with a thread for the answers";
+        about.most = 0;
+        compare(about, of_floor, [&] { return floor.process().stopped(of_bare); });
+        daemon.go_on();
     }
 };
 
@@ -252,14 +243,13 @@ void picture_job(setting& on, picture_size size, const std::string& name)
     const auto frames = on.cards.arriving(pixels.size() / frame_data_max + 4, [&] { on.ask(job); });
     require(on.cards.picture(buffer) == pixels, "the cards hold another picture than the file");
     bytes ready(pixels.size(), 0xFF);
-    worker bare([] { take_processor(sender_priority); },
-                [&](size_t) {
-                    return time_per_unit(1'000'000, [&] {
-                        const unique_fd file = open_regular(picture_path.c_str(), O_RDONLY);
-                        require(read_full(file, ready) == ready.size(), "the picture's file cannot be read");
-                        for (const frame_bytes& frame : frames) { on.link.exchange(frame); }
-                    });
-                });
+    worker bare([&](size_t) {
+        return time_per_unit(1'000'000, [&] {
+            const unique_fd file = open_regular(picture_path.c_str(), O_RDONLY);
+            require(read_full(file, ready) == ready.size(), "the picture's file cannot be read");
+            for (const frame_bytes& frame : frames) { on.link.exchange(frame); }
+        });
+    });
     compare(
         {"picture " + name + " from a file by rvkd, command to answer",
          "the same frames, and reading the file into memory that is there", "ms", 1.12},

@@ -15,7 +15,8 @@ inline constexpr int processor = 1;
 
 // SCHED_FIFO. The cards answer before anybody else runs, or, late ones, when nobody else does. The bare loops, and who
 // calls the send operations, have the daemon's own; the requester comes behind, as an ordinary process would.
-inline constexpr int card_priority = 97, sender_priority = 88, requester_priority = 50, late_card_priority = 40;
+inline constexpr int card_priority = 97, file_priority = 95, receive_priority = 90, sender_priority = 88,
+                     requester_priority = 50, late_card_priority = 40;
 
 // Pins the calling thread and gives it a real-time priority; the process ends with a message when that is refused.
 void take_processor(int priority);
@@ -28,11 +29,10 @@ void require(bool done, const Text& otherwise) // makes no string unless it fail
 }
 
 // The rows of a subject; each is run in a process of its own, so that nothing is left over from another.
-void plain_write_row(), instructions_row(), read_row(size_t bytes); // link_rows.cpp
-void messages_row(), late_row(), picture_row(), services_row();     // daemon_rows.cpp
-void idle_row(), start_row();                                       // daemon_rows.cpp
-void queue_row(), pool_row();                                       // memory_rows.cpp
-void bus_write_row(), bus_read_row(), load_picture_row();           // bus_rows.cpp
+void plain_write_row(), instructions_row(), read_row(size_t bytes);                      // link_rows.cpp
+void messages_row(), late_row(), picture_row(), services_row(), idle_row(), start_row(); // daemon_rows.cpp
+void queue_row(), pool_row();                                                            // memory_rows.cpp
+void bus_write_row(), bus_read_row(), load_picture_row();                                // bus_rows.cpp
 void count_instructions_of(const std::string& which); // what instructions_row runs under callgrind: "ours" or "bare"
 
 inline int rounds = 15; // of each side

@@ -47,17 +47,15 @@ void start_link_threads()
 }
 
 // Compares what `ours` does with so many bytes to a loop of bare calls.
-void contest(const row& about, double (*ours)(size_t), size_t bytes,
-             const std::function<double(const bare_link&)>& bare)
+void contest(const row& about, double (*ours)(size_t), size_t bytes, const std::function<double(bare_link&)>& bare)
 {
     require(RawSockMsgInit(0) == 0, "eth0 cannot be opened");
-    const bare_link link(g_eth_init[0].sock_fd);
-    worker own(start_link_threads, ours);
-    worker other([] { take_processor(sender_priority); },
-                 [&](size_t) {
-                     link.drain();
-                     return bare(link);
-                 });
+    bare_link link(g_eth_init[0].sock_fd);
+    worker own(ours, start_link_threads);
+    worker other([&](size_t) {
+        link.drain();
+        return bare(link);
+    });
     const simulated_cards cards(card_priority);
     compare(
         about, [&] { return own.measure(bytes); },
@@ -132,7 +130,7 @@ void read_row(size_t bytes)
     const frame_bytes ask = ready_made(code_read, addr, 0, bytes);
     contest({"waited read of " + std::to_string(bytes) + " bytes, inside the process",
              "`sendto` and `recvfrom` on one thread", "ns per read", 1.33},
-            read_waited, bytes, [&](const bare_link& link) {
+            read_waited, bytes, [&](bare_link& link) {
                 return time_per_unit(exchanges, [&] {
                     for (size_t i = 0; i < exchanges; ++i) { link.exchange(ask); }
                 });

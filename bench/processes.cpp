@@ -2,7 +2,6 @@
 
 #include "base/clock.h"
 #include "base/rt_thread.h"
-#include "harness.h"
 
 #include <csignal>
 #include <cstdio>
@@ -105,7 +104,7 @@ ends::ends()
     there.reset(both[1]);
 }
 
-worker::worker(const std::function<void()>& prepare, const std::function<double(size_t)>& measure)
+worker::worker(const std::function<double(size_t)>& measure, const std::function<void()>& prepare)
     : body([&] {
           prepare();
           size_t argument = 0;

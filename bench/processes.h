@@ -4,6 +4,7 @@
 
 #include "base/fd.h"
 #include "cards.h"
+#include "harness.h"
 
 #include <functional>
 #include <string>
@@ -38,10 +39,12 @@ struct ends { // of a socket
 // A child that prepares itself and then measures what it is asked for.
 class worker {
 public:
-    // prepare  once, before the first measurement
     // measure  argument as given to measure() below; result per unit of work
+    // prepare  once, before the first measurement
     // Only the calling thread lives on in the child.
-    worker(const std::function<void()>& prepare, const std::function<double(size_t)>& measure);
+    explicit worker(
+        const std::function<double(size_t)>& measure,
+        const std::function<void()>& prepare = [] { take_processor(sender_priority); });
     [[nodiscard]] double measure(size_t argument);
     [[nodiscard]] const child& process() const { return body; }
 
