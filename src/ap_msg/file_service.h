@@ -77,7 +77,7 @@ int32_t DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t buffer, uint
                   std::span<const uint8_t> data) RVK_EXCLUDES(pic_mutex);
 
 // Reads a picture's lines from card memory (start: its address in 8-byte words) into `dest`, hor x ver x 4 bytes. A
-// step that the card does not answer leaves zeros. Nothing calls it: a job has all memory before it begins.
+// step that the card does not answer leaves zeros. The file service's thread.
 void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t hor, uint16_t ver,
               std::span<uint8_t> dest);
 

@@ -71,33 +71,23 @@ void write_image_lines(output* image, std::span<uint8_t> pixels, picture_size si
     }
 }
 
-// Reads all lines as they lie in card memory, then copies them without their padding.
-void read_lines(int index, uint16_t model, uint8_t slot, uint32_t start, picture_size size, std::span<uint8_t> work,
-                std::span<uint8_t> dest)
+// Of a step's bytes, from `at` in card memory on, those that are pixels and not a line's padding.
+void copy_pixels(std::span<const uint8_t> step, size_t at, picture_size size, std::span<uint8_t> dest)
 {
-    counted_transfer progress(transfer::read_back, work.size());
-    uint32_t addr = start;
-    for (size_t at = 0; at < work.size();) {
-        const size_t n = std::min(frame_data_max, work.size() - at);
-        // A step that fails is logged by the transport and leaves zeros; the job goes on.
-        count_step(DDR2ReadProcess(index, model, slot, addr, work.subspan(at, n)) == 0);
-        addr += static_cast<uint32_t>(burst_words * bursts_of(n));
-        at += n;
-        progress.reached(at);
-    }
-    const size_t line = line_bytes(size);
-    for (size_t r = 0; r < size.ver; ++r) {
-        memcpy(dest.data() + r * line, work.data() + r * stride_of(size), line);
-        let_others_run(copy_turn_us);
+    const size_t line = line_bytes(size), stride = stride_of(size);
+    for (size_t n = 0; !step.empty(); step = step.subspan(n), at += n) {
+        const size_t column = at % stride;
+        n = std::min(step.size(), stride - column);
+        if (column < line) { memcpy(&dest[at / stride * line + column], step.data(), std::min(n, line - column)); }
     }
 }
 
-void read_card(const received_command& c, picture_size size, std::span<uint8_t> work, std::span<uint8_t> into)
+void read_card(const received_command& c, picture_size size, std::span<uint8_t> into)
 {
     timeval start{};
     timeval end{};
     gettimeofday(&start, nullptr);
-    read_lines(c.index, c.model, c.slot, c.addr, size, work, into);
+    DDR2Read(c.index, c.model, c.slot, c.addr, static_cast<uint16_t>(size.hor), static_cast<uint16_t>(size.ver), into);
     gettimeofday(&end, nullptr);
     log_print(LOG_HERE, "\ntotal time:%d sec,%d usec\n", static_cast<int>(end.tv_sec - start.tv_sec),
               static_cast<int>(end.tv_usec - start.tv_usec));
@@ -116,8 +106,8 @@ bool read_into_files(const received_command& c, picture_size size, const char* b
         log_print(LOG_HERE, "\nfile open failed\n");
         return false;
     }
-    const page_buffer buffer(picture_bytes(size)), work(stride_of(size) * size.ver);
-    if (!buffer || !work) {
+    const page_buffer buffer(picture_bytes(size));
+    if (!buffer) {
         log_print(LOG_HERE, "\nmalloc p failed\n");
         return false;
     }
@@ -133,7 +123,7 @@ bool read_into_files(const received_command& c, picture_size size, const char* b
         image.empty();
         return false;
     }
-    read_card(c, size, work.bytes(), buffer.bytes());
+    read_card(c, size, buffer.bytes());
     static_cast<void>(my_system("sync")); // nothing here depends on it
     log_print(LOG_HERE, "\nwait for bmp file generatiiiiing....\n");
     raw.write(buffer.bytes(), 0);
@@ -159,9 +149,20 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
               std::span<uint8_t> dest)
 {
     const picture_size size{hor, ver};
-    const page_buffer work(stride_of(size) * size.ver);
-    if (!work) { return log_print(LOG_HERE, "\nmalloc p failed: nothing is read, the picture stays zero\n"); }
-    read_lines(index, model, slot, start, size, work.bytes(), dest);
+    const size_t total = stride_of(size) * size.ver;
+    counted_transfer progress(transfer::read_back, total);
+    uint32_t addr = start;
+    for (size_t at = 0; at < total;) {
+        // Not into `dest`: the answer is copied under the link's lock, where a first touch of a page takes too long.
+        std::array<uint8_t, frame_data_max> step{};
+        const std::span wanted(step.data(), std::min(step.size(), total - at));
+        // A step that fails is logged by the transport and leaves zeros; the job goes on.
+        count_step(DDR2ReadProcess(index, model, slot, addr, wanted) == 0);
+        copy_pixels(wanted, at, size, dest);
+        addr += static_cast<uint32_t>(burst_words * bursts_of(wanted.size()));
+        at += wanted.size();
+        progress.reached(at);
+    }
 }
 
 int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, std::span<uint8_t> dest)
