@@ -54,6 +54,6 @@ inline void let_others_run(uint32_t after_us)
     slept = monotonic_us();
 }
 inline constexpr uint32_t picture_turn_us = 8000; // ours: goal: resends ≤ 20 ms late
-inline constexpr uint32_t copy_turn_us = 250;     // ours: a read that is waited for takes some four turns
+inline constexpr uint32_t copy_turn_us = 100;     // ours: a read that is waited for takes some four turns
 
 } // namespace rvk
