@@ -141,8 +141,8 @@ def nothing(field, figures, seconds=2.0):
 def read_back(field, figures, hor, ver, slot=ALIVE, seconds=600.0):
     end, path = time.monotonic() + seconds, f"/run/back{time.monotonic_ns()}"
 
-    def is_whole():
-        return os.path.exists(f"{path}.bmp") and os.path.getsize(f"{path}.bmp") >= hor * ver * 4
+    def is_whole():  # by its pages: it is written from its end on
+        return os.path.exists(f"{path}.bmp") and os.stat(f"{path}.bmp").st_blocks * 512 >= hor * ver * 4
 
     with silence() if slot == SILENT else contextlib.nullcontext():
         field.requester().tell(**job(FILE_READ, path, hor, ver, slot=slot))
