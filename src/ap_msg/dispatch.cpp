@@ -19,10 +19,10 @@
 namespace rvk {
 namespace {
 
-constexpr int ipc_priority = 88;    // ours, SCHED_FIFO
-constexpr int broadcast_index = 15; // message: no unit id maps to it
-constexpr uint32_t near_ticks = 3;  // ours: a read from slot 1
-constexpr uint32_t far_ticks = 6;   // ours: every other exchange
+constexpr int ipc_priority = 88;         // ours, SCHED_FIFO
+constexpr int broadcast_index = 15;      // message: no unit id maps to it
+constexpr uint32_t slot1_read_ticks = 3; // ours: a read from slot 1
+constexpr uint32_t other_ticks = 6;      // ours: every other exchange
 
 // In the order of command_kind; what is none of them is its `other`.
 constexpr std::array codes{command::read,      command::write,  command::write_ack, command::file_write,
@@ -44,8 +44,8 @@ bool is_waited_for(const received_command& c)
     return c.slot != 1 || c.model != 0 || (c.addr & 0xF0000000u) != 0;
 }
 
-// Whether the message ends before the payload does; counted and logged.
-bool is_cut(const received_command& c)
+// Whether the message ends before the payload does.
+bool refuse_if_cut(const received_command& c)
 {
     if (c.payload.size() == c.len) { return false; }
     daemon_count.refused[refusal::cut].add();
@@ -54,8 +54,8 @@ bool is_cut(const received_command& c)
     return true;
 }
 
-// Whether `len` is above a limit; counted and logged.
-bool is_too_long(const received_command& c, size_t limit)
+// Whether `len` is above a limit.
+bool refuse_if_too_long(const received_command& c, size_t limit)
 {
     if (c.len <= limit) { return false; }
     daemon_count.refused[refusal::too_long].add();
@@ -65,7 +65,7 @@ bool is_too_long(const received_command& c, size_t limit)
 
 int32_t read_card(const received_command& c)
 {
-    if (is_too_long(c, frame_data_max)) {
+    if (refuse_if_too_long(c, frame_data_max)) {
         send_reply(c, -1);
         return 0;
     }
@@ -78,8 +78,9 @@ int32_t read_card(const received_command& c)
     int32_t result = 0;
     {
         const scoped_lock hold(demo_mutex);
-        result = RawSockSendMsgWithReadWait(c.index, c.model, c.slot, c.addr, code_read, c.len,
-                                            {buffer, frame_data_max}, &received, c.slot == 1 ? near_ticks : far_ticks);
+        result =
+            RawSockSendMsgWithReadWait(c.index, c.model, c.slot, c.addr, code_read, c.len, {buffer, frame_data_max},
+                                       &received, c.slot == 1 ? slot1_read_ticks : other_ticks);
     }
     if (result == 0) {
         uint8_t* head = ApMsgBuffHeadGet(buffer);
@@ -95,7 +96,7 @@ int32_t read_card(const received_command& c)
 
 void write_plain(const received_command& c)
 {
-    if (is_cut(c)) { return; }
+    if (refuse_if_cut(c)) { return; }
     if (RawSockSendMsg(c.index, c.model, c.slot, c.addr, code_write, c.payload) != 0) {
         log_print(LOG_HERE, "ApipcDataProc RawSockSendMsg fail\n");
     }
@@ -108,7 +109,7 @@ void write_waited(const received_command& c)
     {
         const scoped_lock hold(demo_mutex);
         result =
-            RawSockSendMsgWithAckWait(c.index, c.model, c.slot, c.addr, code_write_ack, c.payload, &ack, far_ticks);
+            RawSockSendMsgWithAckWait(c.index, c.model, c.slot, c.addr, code_write_ack, c.payload, &ack, other_ticks);
     }
     log_print(LOG_HERE, "RawSockSendMsgWithAckWait response %s\n", result == 0 ? "ok" : "not ok");
     send_reply(c, result == 0 ? 0 : -1);
@@ -125,14 +126,14 @@ void write_unwaited(const received_command& c)
 void write_acknowledged(const received_command& c)
 {
     const bool waited = is_waited_for(c);
-    if (!is_cut(c)) { return waited ? write_waited(c) : write_unwaited(c); }
+    if (!refuse_if_cut(c)) { return waited ? write_waited(c) : write_unwaited(c); }
     if (waited) { return send_reply(c, -1); }
     static_cast<void>(ApipcDataSendAck(c.requester, write_report(c.index, c.addr, -1).data()));
 }
 
 void hand_over_file_job(const received_command& c, std::span<const uint8_t> data_head)
 {
-    if (!is_too_long(c, file_payload_max) && !is_cut(c)) {
+    if (!refuse_if_too_long(c, file_payload_max) && !refuse_if_cut(c)) {
         if (mailbox_put(data_head.first(data_head_bytes + c.len), {c.head, message_head_bytes}) == 0) { return; }
         daemon_count.refused[refusal::no_thread].add();
         log_print(LOG_HERE, "command 0x%02x from 0x%08x refused: no thread serves file jobs\n", c.code, c.requester);

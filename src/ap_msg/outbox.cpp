@@ -64,7 +64,7 @@ bool keep(uint32_t requester, const void* message, uint32_t bytes) // false: the
     return true;
 }
 
-int discard(const loss& lost)
+int log_loss(const loss& lost) // counts it, too; result: -errno, 0 when nothing was lost
 {
     if (lost.messages == 0) { return 0; }
     daemon_count.messages_dropped.add(lost.messages);
@@ -106,14 +106,14 @@ int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n)
     const auto bytes = static_cast<uint32_t>(message_head_bytes) + n;
     const bool others_first = requesters != 0 && has_kept(destination); // nearly never
     const int error = others_first ? EAGAIN : -apipc_send(destination, message, bytes);
-    return error == 0 || (error == EAGAIN && keep(destination, message, bytes)) ? 0 : discard({destination, 1, error});
+    return error == 0 || (error == EAGAIN && keep(destination, message, bytes)) ? 0 : log_loss({destination, 1, error});
 }
 
 int ApipcDataSendAck(uint32_t destination, const uint8_t* message) { return ApipcDataSend(destination, message, 0); }
 
 void offer_outbox()
 {
-    for (size_t n = requesters; n > 0; --n) { discard(offer_to_one()); }
+    for (size_t n = requesters; n > 0; --n) { log_loss(offer_to_one()); }
 }
 
 } // namespace rvk

@@ -189,7 +189,7 @@ int32_t queue_del(int index, int queue, QNode** handle)
         filed = unlink(index, queue, *handle);
         count = change_count(index, queue, -1);
     }
-    if (filed) { let_go_of_node(*handle); }
+    if (filed) { drop_reference(*handle); }
     if (count >= 0) { return 0; }
     log_print(LOG_HERE, "assert : del queue error -1\n");
     return -1;
@@ -200,7 +200,7 @@ void queue_empty(int index, int queue)
     QNode* next = detach_all(index, queue);
     while (QNode* node = next) {
         next = node->next;
-        let_go_of_node(node);
+        drop_reference(node);
     }
 }
 
@@ -213,12 +213,12 @@ void queue_del_buf(int index, int queue, const uint8_t* buf)
         while (node != nullptr && node->buf != buf) { node = node->next; }
         if (node != nullptr) { unlink(index, queue, node); }
     }
-    if (node != nullptr) { let_go_of_node(node); }
+    if (node != nullptr) { drop_reference(node); }
 }
 
-bool let_go_of_node(QNode* node)
+bool drop_reference(QNode* node)
 {
-    if (node->holders.fetch_sub(1, std::memory_order_acq_rel) != 0) { return false; }
+    if (node->extra_references.fetch_sub(1, std::memory_order_acq_rel) != 0) { return false; }
     mem_free(node);
     return true;
 }

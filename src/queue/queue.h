@@ -1,10 +1,10 @@
 // Pending requests: every frame that waits for its answer. One list per link and kind, oldest first, and an index by
 // number that finds the oldest request. Senders file nodes; the link's receive and check threads find, age, expire and
 // delete them. Nothing here sends or reports.
-// Owners: the queue while a node is filed, and whoever else holds it (its sender; a link thread that is to tell of its
-// end). The last one gives the node back to the pool; the frame is the holders' alone. Once filed, a node is changed
-// (but for timer and links) and unlinked under its link's find_check_mtx. A queue's own mutex guards list, count and
-// index and is released before a handler runs. Links (0 to 2) and queues (0 to 5) are not checked.
+// References to a node: the queue's while it is filed, its sender's, and that of a link thread that is to tell of its
+// end. The last one frees the node; the frame buffer is freed by sender or link thread, never by the queue. Once filed,
+// a node is changed (but for timer and links) and unlinked under its link's find_check_mtx. A queue's own mutex guards
+// list, count and index and is released before a handler runs. Links (0 to 2) and queues (0 to 5) are not checked.
 #pragma once
 
 #include "base/board.h"
@@ -54,17 +54,17 @@ struct QNode {
     uint32_t requester; // identity to report to, of an asynchronous request
     QNode* next;        // the next younger one, null at the tail
     // ours:
-    QNode* prev;                  // the next older one, null at the head
-    QNode* same_slot;             // next younger in its slot of the index, null at the end
-    QNode* next_expired;          // of one call of queue_check
-    uint32_t dest_size;           // bytes that dest can take
-    uint32_t asked_us;            // when it was filed, or asked again after a refusal; low bits of the monotonic clock
-    uint16_t refusals;            // wrong answers seen
-    uint8_t kept_refusal;         // status of a refusal that is resent when the timer runs out; 0: none
-    bool being_sent;              // its first send is not over: expiries do not count
-    bool filed;                   // in its queue
-    outcome end;                  // how its request ended
-    std::atomic<uint8_t> holders; // owners, less one
+    QNode* prev;          // the next older one, null at the head
+    QNode* same_slot;     // next younger in its slot of the index, null at the end
+    QNode* next_expired;  // of one call of queue_check
+    uint32_t dest_size;   // bytes that dest can take
+    uint32_t asked_us;    // when it was filed, or asked again after a refusal; low bits of the monotonic clock
+    uint16_t refusals;    // wrong answers seen
+    uint8_t kept_refusal; // status of a refusal that is resent when the timer runs out; 0: none
+    bool being_sent;      // its first send is not over: expiries do not count
+    bool filed;           // in its queue
+    outcome end;          // how its request ended
+    std::atomic<uint8_t> extra_references; // beside the first
 };
 
 // Called with a node whose answer matched (data not null) or whose timer expired (data null, length meaningless).
@@ -106,17 +106,18 @@ void timerUpdate(int index, int queues);
     return Qlist[index][queue];
 }
 
-// Unlinks *handle, and gives it back to the pool unless somebody holds it. A node that is not filed is left alone, but
+// Unlinks *handle and drops the queue's reference to it. A node that is not filed is left alone, but
 // lowers the count. Result: 0, or -1 (logged) when the count went below zero.
 int32_t queue_del(int index, int queue, QNode** handle);
 
-// Drops every request of a queue: no report, no post; frames and destinations are not given back. The other:
-// the oldest with this `buf`; the count stays, and nobody calls it.
+// Drops every request of a queue, without report or post; frame buffers and destinations are not freed.
 void queue_empty(int index, int queue);
+
+// Drops the oldest request with this `buf`; the count stays as it is. Nobody calls it.
 void queue_del_buf(int index, int queue, const uint8_t* buf);
 
-// One more owner of a node; one less. Result: true when that was the last one and the node went back to the pool.
-inline void hold_node(QNode* node) { node->holders.fetch_add(1, std::memory_order_relaxed); }
-bool let_go_of_node(QNode* node);
+// One reference to a node more; one less. Result: true when that was the last one and the node went back to the pool.
+inline void add_reference(QNode* node) { node->extra_references.fetch_add(1, std::memory_order_relaxed); }
+bool drop_reference(QNode* node);
 
 } // namespace rvk

@@ -28,9 +28,9 @@ constexpr uint32_t give_up_count = 4;      // ours: expiries, counted from 1, th
 constexpr uint32_t give_up_count_wait = 3; // ours: expiries, counted from 0, that end a synchronous one
 constexpr uint16_t refusals_at_once = 32;  // ours: resent at once; later ones, to spare the link, at an expiry
 
-// What is to be said and done about one request once the lock is released.
-struct note {
-    QNode* ended; // held; null: it was sent again and may be anybody's by now
+// What is deferred until the lock is released: of one request, what is to be logged and done.
+struct deferred {
+    QNode* ended; // the ended request, referenced; null of a resend, whose node may be freed by now
     int queue;
     outcome means;
     int32_t ack;    // that was decided on
@@ -38,22 +38,22 @@ struct note {
     int error;      // errno of a resend that failed
 };
 
-// What one pass found: at most four queues' expiries, or the two requests that one answer may end.
-struct pass {
-    std::array<note, 4 * expired_max> notes;
+// Of one check pass at most four queues' expiries, of one answer the two requests that it may end.
+struct deferred_list {
+    std::array<deferred, 4 * expired_max> entries;
     size_t used;
     bool met_a_request;
 };
-pass* passes[MAX_ETH]; // the one that is open; under find_check_mtx
+deferred_list* lists[MAX_ETH]; // in use; under find_check_mtx
 
-void open_pass(int index, pass* opened) RVK_REQUIRES(find_check_mtx[index])
+void begin_list(int index, deferred_list* begun) RVK_REQUIRES(find_check_mtx[index])
 {
-    opened->used = 0;
-    opened->met_a_request = false;
-    passes[index] = opened;
+    begun->used = 0;
+    begun->met_a_request = false;
+    lists[index] = begun;
 }
 
-void take_note(const note& n, int index) { passes[index]->notes[passes[index]->used++] = n; }
+void defer(const deferred& d, int index) { lists[index]->entries[lists[index]->used++] = d; }
 
 outcome judge_expiry(int queue, const QNode& node)
 {
@@ -80,20 +80,21 @@ void forget_answer(QNode* node)
 
 void resend(int queue, QNode* node, outcome why)
 {
-    note n{nullptr, queue, why, node->ack, node->count, 0};
+    deferred d{nullptr, queue, why, node->ack, node->count, 0};
     forget_answer(node);
     link_count[node->index].resends.add();
     // The timer runs, so the next expiry makes up for a resend that fails, or gives up.
-    static_cast<void>(RawSockMsgSendAgain(node->index, node->buf, node->send_len, &n.error));
+    static_cast<void>(RawSockMsgSendAgain(node->index, node->buf, node->send_len, &d.error));
     timerStart(retry_ticks, &node->timer);
-    take_note(n, node->index);
+    defer(d, node->index);
 }
 
 void end(int queue, QNode* node, outcome how, const uint8_t* data)
 {
-    take_note({node, queue, how, node->ack, node->count, 0}, node->index);
+    defer({node, queue, how, node->ack, node->count, 0}, node->index);
     timerStop(&node->timer);
     node->end = how;
+    if (how == outcome::given_up) { link_count[node->index].given_up.add(); }
     if (how != outcome::done) {
         node->recv_len = 0;
     } else if (node->dest != nullptr && node->recv_len <= frame_data_max) { // of a longer answer nothing is copied
@@ -101,7 +102,7 @@ void end(int queue, QNode* node, outcome how, const uint8_t* data)
         memcpy(node->dest, data, node->recv_len);
     }
     if (!waits(queue)) { node->count = 0; }
-    hold_node(node);                                         // the pass
+    add_reference(node);                                     // the list's
     static_cast<void>(queue_del(node->index, queue, &node)); // logs a count that went wrong; there is no one to tell
 }
 
@@ -112,7 +113,6 @@ void refuse(int queue, QNode* node, bool answered)
         --node->count; // that expiry was no unanswered send
         node->ack = std::exchange(node->kept_refusal, uint8_t{0});
     } else if (++node->refusals >= refusals_max) {
-        link_count[node->index].given_up.add();
         return end(queue, node, outcome::given_up, nullptr);
     } else if (node->refusals > refusals_at_once) {
         node->kept_refusal = static_cast<uint8_t>(node->ack);
@@ -126,14 +126,13 @@ void refuse(int queue, QNode* node, bool answered)
 void complete(int queue, QNode* node, const uint8_t* data)
 {
     const bool answered = data != nullptr;
-    if (answered) { passes[node->index]->met_a_request = true; }
+    if (answered) { lists[node->index]->met_a_request = true; }
     const outcome means = answered ? judge_answer(queue, *node) : judge_expiry(queue, *node);
     const bool unusable = means == outcome::nothing || means == outcome::failed ||
                           (means == outcome::done && node->recv_len > frame_data_max);
     link_counters& figures = link_count[node->index];
     if (answered && unusable) { figures.dropped[drop::unusable].add(); }
     if (answered && means == outcome::refused) { figures.wrong_acks.add(); }
-    if (means == outcome::given_up) { figures.given_up.add(); }
     switch (means) {
     case outcome::nothing:
         if (answered) { forget_answer(node); }
@@ -148,49 +147,49 @@ void complete(int queue, QNode* node, const uint8_t* data)
     }
 }
 
-void log_resend(const note& n)
+void log_resend(const deferred& d)
 {
-    const auto ack = static_cast<unsigned>(n.ack);
-    const auto count = static_cast<int>(n.count);
-    if (n.means == outcome::late) {
+    const auto ack = static_cast<unsigned>(d.ack);
+    const auto count = static_cast<int>(d.count);
+    if (d.means == outcome::late) {
         log_print(LOG_HERE, "no ack msg (0x%x), send msg again (%d)!\n", ack, count);
     } else {
         log_print(LOG_HERE, "wrong ack (0x%x), send msg again (%d)!\n", ack, count);
     }
-    if (n.error != 0) { print_send_error(n.error); }
+    if (d.error != 0) { print_send_error(d.error); }
 }
 
 // Nothing is logged of a good answer, nor of an asynchronous read, however it ended.
-void log_end(const note& n)
+void log_end(const deferred& d)
 {
-    const auto ack = static_cast<unsigned>(n.ack);
-    const bool waited = waits(n.queue), given_up = n.means == outcome::given_up;
-    if (waited && n.means == outcome::refused) { log_print(LOG_HERE, "wrong ack (0x%x)!\n", ack); }
-    if (waited && n.means == outcome::failed) { log_print(LOG_HERE, "wrong msg and  recv_len, Read error!\n"); }
-    if (given_up && n.queue == ACK_QUEUE) {
-        log_print(LOG_HERE, "wrong ack (0x%x), send msg count (%d), not send again!\n", ack, static_cast<int>(n.count));
+    const auto ack = static_cast<unsigned>(d.ack);
+    const bool waited = waits(d.queue), given_up = d.means == outcome::given_up;
+    if (waited && d.means == outcome::refused) { log_print(LOG_HERE, "wrong ack (0x%x)!\n", ack); }
+    if (waited && d.means == outcome::failed) { log_print(LOG_HERE, "wrong msg and  recv_len, Read error!\n"); }
+    if (given_up && d.queue == ACK_QUEUE) {
+        log_print(LOG_HERE, "wrong ack (0x%x), send msg count (%d), not send again!\n", ack, static_cast<int>(d.count));
     }
-    if (given_up && n.queue == ACK_WAIT_QUEUE) { log_print(LOG_HERE, "no ack msg (0x%x) write error!\n", ack); }
-    if (given_up && n.queue == READ_WAIT_QUEUE) { log_print(LOG_HERE, "no resp msg (0x%x) read error no msg!\n", ack); }
+    if (given_up && d.queue == ACK_WAIT_QUEUE) { log_print(LOG_HERE, "no ack msg (0x%x) write error!\n", ack); }
+    if (given_up && d.queue == READ_WAIT_QUEUE) { log_print(LOG_HERE, "no resp msg (0x%x) read error no msg!\n", ack); }
 }
 
 // Logs, wakes, reports and gives back; with no lock of a link held.
-void close_pass(const pass& closed)
+void run_deferred(const deferred_list& list)
 {
-    for (size_t i = 0; i < closed.used; ++i) {
-        const note& n = closed.notes[i];
-        if (n.ended == nullptr) {
-            log_resend(n);
+    for (size_t i = 0; i < list.used; ++i) {
+        const deferred& d = list.entries[i];
+        if (d.ended == nullptr) {
+            log_resend(d);
             continue;
         }
-        log_end(n);
-        const bool well = n.means == outcome::done;
-        if (waits(n.queue)) {
-            n.ended->sem.post();
-        } else if (n.queue == READ_QUEUE || !well) { // a write that was acknowledged well has no report
-            request_ended(n.ended, well ? 0 : -1);
+        log_end(d);
+        const bool well = d.means == outcome::done;
+        if (waits(d.queue)) {
+            d.ended->sem.post();
+        } else if (d.queue == READ_QUEUE || !well) { // a write that was acknowledged well has no report
+            request_ended(d.ended, well ? 0 : -1);
         }
-        release(n.ended);
+        drop_request(d.ended);
     }
 }
 
@@ -291,7 +290,7 @@ int32_t RawMsgRecvCheckTaskCreate(int index, pthread_t* out)
 
 void receive_step(int index)
 {
-    static pass own[MAX_ETH]; // each its link's receive thread's
+    static deferred_list own[MAX_ETH]; // each its link's receive thread's
     received a{};
     a.data = RawSockMsgRecv(index, &a.ack, &a.model, &a.slot, &a.addr, &a.code, &a.seq, &a.len);
     if (a.data == nullptr) { return; }
@@ -299,35 +298,35 @@ void receive_step(int index)
     if (!acknowledges && a.code != code_read) { return link_count[index].dropped[drop::code].add(); }
     {
         const scoped_lock hold(find_check_mtx[index]);
-        open_pass(index, &own[index]);
+        begin_list(index, &own[index]);
         // One answer may end one request in each of the two queues of its kind, whose numbers are counted separately.
         (acknowledges ? AckRawMsg : ReadRawMsg)(index, a);
         (acknowledges ? AckWaitRawMsg : ReadWaitRawMsg)(index, a);
     }
     if (!own[index].met_a_request) { link_count[index].dropped[drop::no_request].add(); }
-    close_pass(own[index]);
+    run_deferred(own[index]);
 }
 
 bool check_step(int index)
 {
-    static pass own[MAX_ETH]; // each its link's check thread's
+    static deferred_list own[MAX_ETH]; // each its link's check thread's
     timerUpdate(index, queue_numbers);
     {
         const scoped_lock hold(find_check_mtx[index]);
-        open_pass(index, &own[index]);
+        begin_list(index, &own[index]);
         CheckAckRawMsg(index);
         CheckAckWaitRawMsg(index);
         CheckReadRawMsg(index);
         CheckReadWaitRawMsg(index);
     }
-    close_pass(own[index]);
+    run_deferred(own[index]);
     return own[index].used >= expired_max;
 }
 
-void release(QNode* node)
+void drop_request(QNode* node)
 {
     uint8_t* buf = node->buf;
-    if (let_go_of_node(node)) { RawMsgFreeBuf(buf); }
+    if (drop_reference(node)) { RawMsgFreeBuf(buf); }
 }
 
 } // namespace rvk

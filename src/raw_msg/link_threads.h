@@ -48,7 +48,7 @@ void receive_step(int index);
 // more may have expired, and the next pass is to follow at once, but for a pause in which answers get their turn.
 [[nodiscard]] bool check_step(int index);
 
-// Gives a request up as one of its owners; the last one gives its frame back too.
-void release(QNode* node);
+// Drops a reference to a request; the last one frees its node and its frame.
+void drop_request(QNode* node);
 
 } // namespace rvk

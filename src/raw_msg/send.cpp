@@ -22,7 +22,7 @@ namespace {
 constexpr uint64_t full_retry_ms = 1, full_wait_ms = 10; // ours
 constexpr uint16_t no_sequence = 0;                      // of plain writes: nothing answers
 
-// What tells the four kinds apart; by their queues' numbers.
+// What differs between the four kinds; indexed by queue.
 struct kind {
     const char* operation;
     const char* queue_name; // null: its queue is never emptied when it is full
@@ -41,7 +41,7 @@ struct request_fields {
     card_address card;
     uint8_t code;
     uint32_t timeout_ticks;
-    uint32_t requester;                 // not waited for
+    uint32_t requester;                 // identity to report to; asynchronous requests only
     uint32_t len;                       // bytes to write, or asked for
     std::span<const uint8_t> data = {}; // of a write
     std::span<uint8_t> dest = {};       // of a read
@@ -82,7 +82,7 @@ QNode* make_request(const request_fields& r, unsigned* frame_bytes)
     node->count = waits(r.queue) ? 0 : 1;
     node->requester = r.requester;
     node->being_sent = true;
-    node->holders.store(1, std::memory_order_relaxed); // its sender; its queue is the other owner
+    node->extra_references.store(1, std::memory_order_relaxed); // its sender and its queue
     const card_address& to = r.card;
     *frame_bytes = RawMsgHeaderPack(to.model, to.slot, r.code, to.addr, node->seq, &buf, static_cast<uint16_t>(r.len));
     node->send_len = *frame_bytes;
@@ -113,21 +113,21 @@ bool file(int queue, QNode* node)
     return false;
 }
 
-enum class standing { asked, dropped, unsent };
+enum class send_state { asked, dropped, unsent };
 
 // Where a request stands when its first send is over. Its timer starts here: the time before was the sender's own.
-standing after_send(const request_fields& r, QNode* node, bool sent)
+send_state after_send(const request_fields& r, QNode* node, bool sent)
 {
     const scoped_lock hold(find_check_mtx[node->index]);
     node->being_sent = false;
-    if (node->end != outcome::nothing) { return standing::asked; } // answered: so it was sent whatever the send says
-    if (!node->filed) { return standing::dropped; }
+    if (node->end != outcome::nothing) { return send_state::asked; } // answered: so it was sent whatever the send says
+    if (!node->filed) { return send_state::dropped; }
     if (sent) {
         timerStart(r.timeout_ticks, &node->timer);
-        return standing::asked;
+        return send_state::asked;
     }
     static_cast<void>(queue_del(node->index, r.queue, &node)); // logs a wrong count; the sender holds the node
-    return standing::unsent;
+    return send_state::unsent;
 }
 
 answer exchange(const request_fields& r)
@@ -136,24 +136,24 @@ answer exchange(const request_fields& r)
     QNode* node = make_request(r, &frame_bytes);
     if (node == nullptr) { return {-1}; }
     if (!file(r.queue, node)) {
-        let_go_of_node(node);
-        release(node);
+        drop_reference(node);
+        drop_request(node);
         return {-1};
     }
-    const int32_t sent = send_packed(node->index, node->buf, frame_bytes, r.len);
-    const standing now = after_send(r, node, sent > 0);
-    answer got{now == standing::asked ? 0 : now == standing::unsent ? sent : -1};
-    if (waits(r.queue) && now == standing::asked) {
+    const bool sent = send_packed(node->index, node->buf, frame_bytes, r.len) > 0;
+    const send_state now = after_send(r, node, sent);
+    answer got{now == send_state::asked ? 0 : -1};
+    if (waits(r.queue) && now == send_state::asked) {
         node->sem.wait();
         got = {0, static_cast<uint8_t>(node->ack), node->recv_len};
     }
-    release(node);
-    if (now == standing::unsent) { log_print(LOG_HERE, "%s : send fail\n", kinds[r.queue].operation); }
+    drop_request(node);
+    if (now == send_state::unsent) { log_print(LOG_HERE, "%s : send fail\n", kinds[r.queue].operation); }
     return got;
 }
 
 // There is no queue to file a request in where there is no link.
-bool link_exists(int index)
+bool link_exists_or_logged(int index)
 {
     if (is_link(index)) { return true; }
     log_print(LOG_HERE, "index >= MAX_ETH\n");
@@ -161,7 +161,7 @@ bool link_exists(int index)
 }
 
 // A request of another code would carry `len` bytes, and its buffer takes a read's 64.
-bool is_read(uint8_t code)
+bool is_read_or_logged(uint8_t code)
 {
     if (code == code_read) { return true; }
     log_print(LOG_HERE, "read refused: frame code 0x%x is no read\n", code);
@@ -217,7 +217,7 @@ int32_t RawSockSendMsgWithAck(uint32_t requester, int index, uint16_t model, uin
 int32_t RawSockSendOneMsgWithAck(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr,
                                  uint8_t code, std::span<const uint8_t> data)
 {
-    if (!link_exists(index)) { return -1; }
+    if (!link_exists_or_logged(index)) { return -1; }
     const auto len = static_cast<uint32_t>(data.size());
     return exchange({ACK_QUEUE, {index, model, slot, addr}, code, retry_ticks, requester, len, data}).result;
 }
@@ -241,7 +241,7 @@ int32_t RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint3
 int32_t RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                      std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks)
 {
-    if (!link_exists(index)) { return -1; }
+    if (!link_exists_or_logged(index)) { return -1; }
     const auto len = static_cast<uint32_t>(data.size());
     const scoped_lock hold(write_read_ack_wait_mtx);
     const answer got = exchange({ACK_WAIT_QUEUE, {index, model, slot, addr}, code, timeout_ticks, 0, len, data});
@@ -257,7 +257,7 @@ int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint
 {
     *recv_len = 0;
     if (ack != nullptr) { *ack = no_answer; }
-    if (!link_exists(index) || !is_read(code)) { return -1; }
+    if (!link_exists_or_logged(index) || !is_read_or_logged(code)) { return -1; }
     const scoped_lock hold(write_read_ack_wait_mtx);
     const answer got = exchange({READ_WAIT_QUEUE, {index, model, slot, addr}, code, timeout_ticks, 0, len, {}, dest});
     if (got.result != 0) { return got.result; }
@@ -274,7 +274,7 @@ int32_t RawSockSendMsgWithReadWait(int index, uint16_t model, uint8_t slot, uint
 int32_t RawSockSendMsgWithRead(uint32_t requester, int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                uint32_t len, std::span<uint8_t> dest)
 {
-    if (!link_exists(index) || !is_read(code)) { return -1; }
+    if (!link_exists_or_logged(index) || !is_read_or_logged(code)) { return -1; }
     return exchange({READ_QUEUE, {index, model, slot, addr}, code, retry_ticks, requester, len, {}, dest}).result;
 }
 

@@ -45,12 +45,13 @@ int32_t RawSockSendMsg(int index, uint16_t model, uint8_t slot, uint32_t addr, u
                                                uint32_t addr, uint8_t code, std::span<const uint8_t> data);
 
 // Writes and waits for the card, piece by piece.
-// ack     out: the last piece's status: 0 good, 255 none came, other: the card's refusal
+// ack     out: the last piece's status: 0 good, 255 none came, other: the card's refusal; unchanged without data
 // Result  of the last piece; a failure of an earlier one is only logged
 [[nodiscard]] int32_t RawSockSendMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                 std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks);
 
-// One piece of it. Result: 0 when an answer came, good or not; -1: none came, or it could not be filed or sent.
+// One piece of it. Result: 0 when an answer came, good or not; -1: none came, or (`ack` unchanged) it was not filed or
+// sent.
 [[nodiscard]] int32_t RawSockSendOneMsgWithAckWait(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code,
                                                    std::span<const uint8_t> data, uint8_t* ack, uint32_t timeout_ticks);
 
