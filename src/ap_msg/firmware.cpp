@@ -24,7 +24,6 @@ namespace rvk {
 namespace {
 
 constexpr char update_temp_path[] = "/home/updatebin.tmp"; // ours
-constexpr uint16_t image_checksum_start = 0x5555;          // card
 constexpr size_t block_bytes = 4096;                       // ours
 constexpr int update_link = 0;                             // board: every transfer goes out on link 0
 constexpr uint16_t update_model = 0;                       // card
@@ -36,7 +35,7 @@ constexpr size_t pieces_at_once = 16;                      // ours: read from th
 constexpr size_t command_bytes = 128;                      // ours
 
 // By the first marker found anywhere in the name, binary ones first; upper and lower case as listed.
-bool is_binary(const char* path)
+bool is_binary_or_logged(const char* path)
 {
     const auto has = [path](const char* marker) { return strstr(path, marker) != nullptr; };
     if (has(".BIN") || has(".bin") || has(".Bin")) { return true; }
@@ -46,7 +45,7 @@ bool is_binary(const char* path)
     return false;
 }
 
-bool fits_sizes(off_t size)
+bool fits_sizes_or_logged(off_t size)
 {
     constexpr off_t most = std::numeric_limits<uint32_t>::max() - off_t{image_head_bytes};
     if (size <= most) { return true; }
@@ -78,7 +77,7 @@ off_t copy_blocks(const unique_fd& source, const unique_fd& temporary, off_t siz
     while (copied <= size) {
         const size_t n = read_full(source, block);
         if (n == 0) { return copied; }
-        for (size_t i = 0; i < n; ++i) { *checksum = static_cast<uint16_t>(*checksum + block[i]); }
+        *checksum = static_cast<uint16_t>(*checksum + frame_checksum(block.data(), n) - checksum_start);
         if (!write_or_log(temporary, {block.data(), n}, static_cast<off_t>(image_head_bytes) + copied)) { return -1; }
         copied += static_cast<off_t>(n);
     }
@@ -86,7 +85,7 @@ off_t copy_blocks(const unique_fd& source, const unique_fd& temporary, off_t siz
 }
 
 // An older copy that could not be removed would keep its tail.
-bool has_size(const unique_fd& temporary, off_t wanted)
+bool has_size_or_logged(const unique_fd& temporary, off_t wanted)
 {
     const off_t made = size_of(temporary);
     if (made == wanted) { return true; }
@@ -99,7 +98,7 @@ bool copy_image(const unique_fd& source, const unique_fd& temporary, off_t size)
 {
     std::array<uint8_t, image_head_bytes> head{};
     if (!write_or_log(temporary, head, 0)) { return false; }
-    uint16_t checksum = image_checksum_start;
+    uint16_t checksum = checksum_start; // card: of an image as of a frame
     const off_t copied = copy_blocks(source, temporary, size, &checksum);
     if (copied < 0) { return false; }
     if (copied != size) {
@@ -109,7 +108,8 @@ bool copy_image(const unique_fd& source, const unique_fd& temporary, off_t size)
     }
     store_le32(&head[image_size_at], static_cast<uint32_t>(size));
     store_le16(&head[image_checksum_at], checksum);
-    return write_or_log(temporary, head, 0) && has_size(temporary, static_cast<off_t>(image_head_bytes) + size);
+    return write_or_log(temporary, head, 0) &&
+           has_size_or_logged(temporary, static_cast<off_t>(image_head_bytes) + size);
 }
 
 // Makes the temporary file afresh from an image whose size was measured before. Result: false, and logged, when a file
@@ -164,8 +164,8 @@ int32_t send_file_info(uint32_t size, uint16_t model, uint8_t slot)
     return 0;
 }
 
-// The percentage after each piece, over the one before it once that was printed. One that looks the same is written
-// with those behind it.
+// Prints the percentage after each piece, over the one before it (three backspaces). Equal ones are gathered and
+// written with the next that differs.
 struct progress_line {
     std::array<char, 512> unwritten{};
     size_t used = 0;
@@ -214,7 +214,7 @@ int32_t send_image(uint32_t total, uint8_t slot)
 {
     log_print(LOG_HERE, "begin open file! \r\n ");
     int32_t result = -1;
-    if (const unique_fd file = open_output(update_temp_path, 0)) {
+    if (const unique_fd file = open_output(update_temp_path, 0)) { // follows no link that others made
         log_print(LOG_HERE, " file open success！\n");
         result = send_pieces(file, total, slot);
     } else {
@@ -245,7 +245,7 @@ int32_t sys_update(const char* path, uint16_t model, uint8_t slot)
     }
     const off_t size = get_file_size(path);
     log_print(LOG_HERE, "srcfile size is %lld Bytes! \r\n ", static_cast<long long>(size));
-    if (!is_binary(path) || !fits_sizes(size) || !build_image(path, size)) { return -1; }
+    if (!is_binary_or_logged(path) || !fits_sizes_or_logged(size) || !build_image(path, size)) { return -1; }
     const auto total = static_cast<uint32_t>(get_file_size(update_temp_path));
     if (send_file_info(total, model, slot) != 0) { return -1; }
     return send_image(total, slot);

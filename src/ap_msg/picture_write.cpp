@@ -11,7 +11,6 @@
 #include "raw_msg/send.h"
 
 #include <algorithm>
-#include <chrono>
 #include <climits>
 #include <fcntl.h>
 #include <memory>
@@ -27,7 +26,7 @@ namespace {
 constexpr uint32_t control_ticks = 3;             // ours
 constexpr size_t run_bytes = 64 * frame_data_max; // ours: some 200 µs, after which the clock is looked at
 
-constexpr uint8_t command_end = 0, command_start = 1; // card; the set-up write carries the first of them
+constexpr uint8_t command_end = 0, command_start = 1; // card; the set-up write begins with command_end
 
 constexpr bool is_demo_buffer(uint32_t buffer) { return buffer >= 16 && buffer <= 25; }
 
@@ -124,7 +123,7 @@ int32_t write_file_handler(int index, uint8_t slot, uint16_t model, uint32_t buf
                            const char* path)
 {
     std::unique_ptr<page_buffer> file = read_picture_file(path, {hor, ver});
-    const auto start = std::chrono::steady_clock::now();
+    const uint32_t start_us = monotonic_us();
     const auto pixels = file ? pixels_of(file->bytes(), path, {hor, ver}) : std::span<const uint8_t>{};
     if (pixels.data() == nullptr) { // the file's bytes make way for a black picture's
         file.reset();
@@ -134,7 +133,7 @@ int32_t write_file_handler(int index, uint8_t slot, uint16_t model, uint32_t buf
         DDR2Write(index, model, slot, buffer, static_cast<uint16_t>(hor), static_cast<uint16_t>(ver), pixels);
     const std::string_view name{path};
     if (!name.ends_with(".bmp") && !name.ends_with(".txt")) { log_print(LOG_HERE, "file no format\n"); }
-    log_print(LOG_HERE, "total time:%f sec\n", seconds_since(start));
+    log_print(LOG_HERE, "total time:%f sec\n", seconds_since(start_us));
     return result;
 }
 

@@ -71,7 +71,8 @@ void write_image_lines(output* image, std::span<uint8_t> pixels, picture_size si
     }
 }
 
-// Of a step's bytes, from `at` in card memory on, those that are pixels and not a line's padding.
+// Copies the pixels of one step, without the padding of lines.
+// at  offset of the step in the padded picture: 1,400 a step, where the card's address moves by 1,408 bytes
 void copy_pixels(std::span<const uint8_t> step, size_t at, picture_size size, std::span<uint8_t> dest)
 {
     const size_t line = line_bytes(size), stride = stride_of(size);
@@ -167,10 +168,8 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
 
 int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, std::span<uint8_t> dest)
 {
-    std::array<uint8_t, 7> what{};
-    store_le32(what.data(), addr);
-    store_le16(what.data() + 4, static_cast<uint16_t>(bursts_of(dest.size())));
-    static_cast<void>(RawSockSendMsg(index, model, slot, read_command_register, code_write, what));
+    const auto command = memory_command(addr, dest.size(), 0);
+    static_cast<void>(RawSockSendMsg(index, model, slot, read_command_register, code_write, command));
     static_cast<void>(RawSockSendMsg(index, model, slot, read_start_register, code_write, std::array<uint8_t, 1>{1}));
     uint8_t status = 0; // not examined
     uint32_t received = 0;

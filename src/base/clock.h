@@ -2,18 +2,10 @@
 #pragma once
 
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <ctime>
 
 namespace rvk {
-
-// Seconds, to the microsecond.
-inline double seconds_since(std::chrono::steady_clock::time_point start)
-{
-    using namespace std::chrono;
-    return static_cast<double>(duration_cast<microseconds>(steady_clock::now() - start).count()) / 1'000'000.0;
-}
 
 // Microseconds of the monotonic clock modulo 2^32: for differences of up to 71 minutes.
 inline uint32_t monotonic_us()
@@ -22,6 +14,7 @@ inline uint32_t monotonic_us()
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint32_t>(now.tv_sec) * 1'000'000u + static_cast<uint32_t>(now.tv_nsec) / 1000u;
 }
+inline double seconds_since(uint32_t start_us) { return (monotonic_us() - start_us) / 1'000'000.0; }
 
 // Milliseconds since the machine's start, time asleep included; nobody sets that clock. For the age of a status file.
 inline uint64_t boot_ms()
@@ -54,6 +47,6 @@ inline void let_others_run(uint32_t after_us)
     slept = monotonic_us();
 }
 inline constexpr uint32_t picture_turn_us = 8000; // ours: goal: resends ≤ 20 ms late
-inline constexpr uint32_t copy_turn_us = 100;     // ours: a read that is waited for takes some four turns
+inline constexpr uint32_t copy_turn_us = 100;     // ours: a read by the IPC thread needs some four turns
 
 } // namespace rvk

@@ -25,6 +25,16 @@ inline constexpr size_t word_bytes = 8, burst_bytes = 64, burst_words = burst_by
 constexpr size_t bursts_of(size_t bytes) { return (bytes + burst_bytes - 1) / burst_bytes; }
 constexpr size_t stride_of(picture_size size) { return bursts_of(line_bytes(size)) * burst_bytes; }
 
+// card: a command to read (0) or load (1) so many bytes of memory from a word address on
+constexpr std::array<uint8_t, 7> memory_command(uint32_t addr, size_t bytes, uint8_t load)
+{
+    std::array<uint8_t, 7> command{};
+    store_le32(command.data(), addr);
+    store_le16(&command[4], static_cast<uint16_t>(bursts_of(bytes)));
+    command[6] = load;
+    return command;
+}
+
 // Offsets from a BMP file's first byte: a file header of 14 bytes and an info header of 40; the rest is zero.
 namespace bmp {
 inline constexpr size_t file_bytes = 2, pixels_at = 10, pixels_at_end = 14;                            // 4 4

@@ -48,14 +48,14 @@ uint32_t clamped(float value)
 
 void load_picture(int index, uint32_t buffer, int number, std::span<uint8_t> picture)
 {
-    const uint32_t start = monotonic_us();
+    const uint32_t start_us = monotonic_us();
     char path[256] = "";
     snprintf(path, sizeof path, "/usr/kup/etc/demo/demo_%d", number);
     log_print(LOG_HERE, "write demo pic:%s\n", path);
     std::fill(picture.begin(), picture.end(), uint8_t{0});
     ReadDemoPictureData(path, picture);
     static_cast<void>(write_demo_data(index, fpga_model, playback_slot, buffer, demo_hor, demo_ver, picture));
-    log_print(LOG_HERE, "write demo pic total time:%f sec\n", (monotonic_us() - start) / 1'000'000.0);
+    log_print(LOG_HERE, "write demo pic total time:%f sec\n", seconds_since(start_us));
 }
 
 } // namespace
@@ -91,7 +91,7 @@ void CheckFpgaReady()
         uint8_t status = 0;
         const bool answered =
             DemoRawSockSendMsgWithReadWait(0, fpga_model, playback_slot, readiness_register, {&status, 1}) == 0;
-        if (answered && status == not_ready) { continue; }
+        if (answered && status == not_ready) { continue; } // at once: a pause follows what is no such answer
         if (answered) { log_print(LOG_HERE, "@@@@@@@@@@@@@@vpu fpga init status = 0x%x\n", status); }
         pause_ms(ready_pause_ms);
         if (answered && ++good == ready_answers) { return; }

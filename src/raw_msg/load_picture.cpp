@@ -10,8 +10,6 @@
 #include "raw_msg/send.h"
 
 #include <algorithm>
-#include <array>
-#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -20,9 +18,9 @@
 namespace rvk {
 namespace {
 
-constexpr uint8_t pixel_mark = 0x55;  // card: in the byte that is not shown
-constexpr uint64_t near_pause_us = 2; // card
-constexpr unsigned bmp_bits = 24;     // of a file's pixel
+constexpr uint8_t pixel_mark = 0x55;     // card: in the byte that is not shown
+constexpr uint64_t memory0_pause_us = 2; // card
+constexpr unsigned bmp_bits = 24;        // of a file's pixel
 constexpr size_t bmp_pixel_bytes = bmp_bits / 8;
 
 // Where a picture goes, as the selectors say it.
@@ -38,22 +36,12 @@ void write_port(const target& to, uint32_t port, std::span<const uint8_t> bytes)
     RawSockSendMsg(to.fpga_sel == 1 ? 1 : 2, 0, 0, port, code_write, bytes); // logs what fails; the picture goes on
 }
 
-// What makes the card take the piece at its data port into its memory.
-std::array<uint8_t, 7> command_block(uint32_t addr, size_t piece_length)
-{
-    std::array<uint8_t, 7> block{};
-    store_le32(block.data(), addr);
-    store_le16(block.data() + 4, static_cast<uint16_t>(bursts_of(piece_length)));
-    block[6] = 1;
-    return block;
-}
-
 // One piece to memory 0.
 void DDR2WriteProcess(const target& to, uint32_t addr, std::span<const uint8_t> piece)
 {
     write_port(to, loader_data[0], piece);
-    write_port(to, loader_commands[0], command_block(addr, piece.size()));
-    pause_us(near_pause_us);
+    write_port(to, loader_commands[0], memory_command(addr, piece.size(), 1));
+    pause_us(memory0_pause_us);
 }
 
 // One piece to memory 1.
@@ -61,7 +49,7 @@ void DDR2WriteProcess2(const target& to, uint32_t addr, std::span<const uint8_t>
 {
     write_port(to, loader_data[1], piece);
     log_print(LOG_HERE, "addr = 0x%x\n", addr);
-    write_port(to, loader_commands[1], command_block(addr, piece.size()));
+    write_port(to, loader_commands[1], memory_command(addr, piece.size(), 1));
 }
 
 // Stages the lines, zero where `picture` has none, at the card's stride, and sends them. Result: 0; -1: no memory.
@@ -152,10 +140,10 @@ int32_t LoadPicture(uint32_t addr, int hor, int ver, const char* name, const cha
         log_print(LOG_HERE, "\nfread failed\n");
         return -1;
     }
-    const auto start = std::chrono::steady_clock::now();
+    const uint32_t start_us = monotonic_us();
     const target to{at(ts_sel, 1), convert_index(at(fpga_sel, 1)), convert_index(at(fpga_sel, 2))};
     if (load(to, addr, static_cast<uint16_t>(hor), static_cast<uint16_t>(ver), name, file.bytes()) != 0) { return -1; }
-    log_print(LOG_HERE, "\ntotal time:%f sec\n", seconds_since(start));
+    log_print(LOG_HERE, "\ntotal time:%f sec\n", seconds_since(start_us));
     log_print(LOG_HERE, "\n");
     return 0;
 }
