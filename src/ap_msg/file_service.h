@@ -48,8 +48,8 @@ int32_t WexApFileTaskCreate(int processor);
 void ApMsgFileProc(int processor); // the thread's body; never returns
 void file_step();                  // what it repeats: waits for one job and runs it
 
-// The jobs, in picture_write.cpp, read_back.cpp, update.cpp. The result is what the answer carries; a read-back has
-// none, and always 0: the file named and its image, the name with ".bmp" behind it, are all.
+// The jobs, in picture_write.cpp, read_back.cpp, update.cpp. Result: what the answer carries. A read-back has no answer
+// and always 0: it writes the named file, and its image to that name with ".bmp" behind it.
 int32_t write_file_handle(const received_command& c);
 int32_t read_file_handle(const received_command& c);
 int32_t update_file_handle(const received_command& c);
@@ -61,7 +61,8 @@ void update_file_resp(const received_command& c, int32_t result);
 [[nodiscard]] std::span<const uint8_t> pixels_of(std::span<const uint8_t> file, const char* path, picture_size size);
 
 // Writes a file's picture into buffer number `buffer`, a black one when it cannot be had from the file. hor and ver: as
-// read_picture_job takes them. Result: DDR2Write's; -1 without memory for a black one. Nothing calls the `_test`.
+// read_picture_job takes them. Result: DDR2Write's; -1 without memory for a black one. Nothing calls the `_test`; the
+// last one always writes a black picture, and takes its model before its slot.
 int32_t write_file_handler(int index, uint8_t slot, uint16_t model, uint32_t buffer, uint32_t hor, uint32_t ver,
                            const char* path);
 int32_t write_file_handle_test(int index, uint8_t slot, uint16_t model, uint32_t buffer, uint32_t hor, uint32_t ver,
@@ -81,7 +82,7 @@ int32_t DDR2Write(int index, uint16_t model, uint8_t slot, uint32_t buffer, uint
 void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t hor, uint16_t ver,
               std::span<uint8_t> dest);
 
-// Reads one step of at most 1,400 bytes, as many as `dest` takes. Result: of the read of the data.
+// Reads one step of at most 1,400 bytes, as many as `dest` takes. addr: in 8-byte words. Result: of the data's read.
 int32_t DDR2ReadProcess(int index, uint16_t model, uint8_t slot, uint32_t addr, std::span<uint8_t> dest);
 
 } // namespace rvk

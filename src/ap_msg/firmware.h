@@ -32,9 +32,9 @@ int32_t update_temfile_creat(const char* path);
 // Result: the file's size in bytes, 0 when it cannot be had.
 [[nodiscard]] off_t get_file_size(const char* path);
 
-// Nothing calls these: sys_update in another order; a removal by shell command, always 0; the size of an opened file.
-int32_t update_firmware(uint8_t slot, uint16_t model, const char* path);
-int32_t update_temfile_del(const char* path);
-[[nodiscard]] off_t get_file_size_old(const char* path);
+// Nothing calls these.
+int32_t update_firmware(uint8_t slot, uint16_t model, const char* path); // sys_update
+int32_t update_temfile_del(const char* path);                            // by shell command; always 0
+[[nodiscard]] off_t get_file_size_old(const char* path);                 // by opening the file; 0 when it cannot be had
 
 } // namespace rvk

@@ -76,7 +76,7 @@ constexpr uint32_t identity_of(uint8_t board, uint8_t module)
 [[nodiscard]] uint32_t own_identity();
 [[nodiscard]] uint32_t companion_identity(); // the other process of this board whose writes are always waited for
 
-// Result: the link a unit id stands for (240, 253, 254 and any other: link 0); the unit id of any link (254).
+// The link of a unit id, and the unit id of a link: one of each is in use.
 [[nodiscard]] constexpr int GetIndexById(uint8_t) { return 0; }
 [[nodiscard]] constexpr uint8_t GetIdByIndex(int) { return 254; }
 
@@ -108,18 +108,18 @@ using job_path = std::array<char, mailbox_bytes>; // zero-terminated; any path t
 [[nodiscard]] uint8_t* ApMsgBuffHeadGet(uint8_t* handle); // where the message starts
 void ApMsgBuffFree(uint8_t* handle);
 
-// Sends head and n payload bytes, n + 40 bytes in all; the head alone. While the requester's queue is full the outbox
-// keeps a copy, each requester's in their order, and offers it again for 10 s.
-// Result  0 when it was sent or kept; negative, logged and counted, when it was dropped
+// Sends a message of n payload bytes, n + 40 in all; the second one without payload. While the requester's queue is
+// full the outbox keeps a copy, each requester's in their order, and offers it again for 10 s. Result  0 when it was
+// sent or kept; negative, logged and counted, when it was dropped
 int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n);
 int ApipcDataSendAck(uint32_t destination, const uint8_t* message);
 
 // Offers what is kept, drops what is too old. A link's check thread after each pass; with no link, the status thread.
 void offer_outbox();
 
-// Fills a reply's head, 38 bytes: the command's, but own identity, module, result, length; answers with one alone.
+// Fills the 38 bytes of a reply's head: the command's, with our identity and module, the result and the length.
 void make_reply(uint8_t* head, const received_command& to, int32_t result, uint32_t length);
-void send_reply(const received_command& to, int32_t result);
+void send_reply(const received_command& to, int32_t result); // one without payload
 
 // Answers an update: a head, and the update type as the command's payload has it; bytes that it lacks are zero.
 void send_update_response(const received_command& to, int32_t result);
@@ -127,8 +127,9 @@ void send_update_response(const received_command& to, int32_t result);
 // Answers a file command that is not carried out with -1, in the way of its kind; a read-back has no answer.
 void refuse_file_job(const received_command& to);
 
-// Sends the greeting; makes the report of an acknowledged write that nobody waits for.
-void apipc_first(uint32_t requester);
+void apipc_first(uint32_t requester); // sends the greeting
+
+// The report of an acknowledged write that nobody waits for.
 [[nodiscard]] std::array<uint8_t, message_head_bytes> write_report(int index, uint32_t addr, int32_t result);
 
 // Report the end of an asynchronous request, by the kind of its node: what raw_msg is given as `request_ended`. The

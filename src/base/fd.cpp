@@ -109,14 +109,14 @@ bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
 
 page_buffer::page_buffer(size_t bytes)
 {
-    const size_t unused = to_large_page(bytes);
-    const size_t wanted = bytes + (unused <= bytes / 8 ? unused : 0); // its end is worth a large page, too
+    const size_t unused = to_large_page(bytes); // an eighth more at most, to end with a large page
+    const size_t wanted = bytes + (unused <= bytes / 8 ? unused : 0);
     if (wanted + large_page < bytes) { return; }
     void* pages = mmap(nullptr, wanted + large_page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (pages == MAP_FAILED) { return; }
     mapped = {static_cast<uint8_t*>(pages), wanted + large_page};
     in_use = mapped.subspan(to_large_page(reinterpret_cast<uintptr_t>(pages)), bytes);
-    // Hints: without them the buffer only costs more faults.
+    // A hint: without it the buffer only costs more faults.
     madvise(in_use.data(), wanted, MADV_HUGEPAGE);
 }
 

@@ -48,7 +48,8 @@ void prepare_descriptors(int access);
 
 // Opens a regular file, to read and write, at a path that others may have prepared; a missing one is created with
 // `mode` (0: not at all). An existing one is opened without O_CREAT, which the system refuses for others' files in
-// /tmp. Result  none (errno tells why; ELOOP for a symbolic link that root did not make)
+// /tmp.
+// Result  none (errno tells why; ELOOP for a symbolic link that root did not make)
 [[nodiscard]] unique_fd open_output(const char* path, mode_t mode);
 
 // Why open_regular or open_output gave none, in words; by errno, so before anything else sets it.

@@ -12,9 +12,9 @@
 // The outbox's is taken under file_mutex or under none, and none under it: messages are offered there without waiting.
 // Under find_check_mtx and all further in nothing waits for a card, another process or a reader of the console. The
 // system calls there, beside the writing of the log: under send_mutex a `sendto`, which waits while the socket's buffer
-// is full, with a second one 1 ms later where the first says that it would block; and ioctl and bind, for a device that
-// came back. Logged is only what is rare: a send that would block, a link that is not open (once), a device that cannot
-// be bound, a queue's count that went wrong, a block that is released twice.
+// is full, with a second one 1 ms later where the first says that it would block; a frame's dump, with print_flag; and
+// ioctl and bind, for a device that came back. Logged is only what is rare: a send that would block, a link that is not
+// open (once), a device that cannot be bound, a queue's count that went wrong, a block that is released twice.
 #pragma once
 
 #include "base/clock.h"

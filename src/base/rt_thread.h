@@ -20,8 +20,8 @@ using thread_body = void (*)(int argument);
 
 void use_alternate_signal_stack(); // for the main thread; start_thread does it, too
 
-// Pins the calling thread to a processor: 1 to 3, that of number 0 is 1. Result: 0, or -1 (no such processor here).
+// Pins the calling thread to processor `number`; 0 is taken as 1, above 3 as 3. Result: 0, or -1 (none such here).
 [[nodiscard]] int pin_to_processor(int number);
-int kernel_thread_id();
+int kernel_thread_id(); // the calling thread's; a signal handler may call it
 
 } // namespace rvk

@@ -98,7 +98,7 @@ constexpr size_t padded_length(uint8_t code, size_t len)
                                                 uint8_t* slot, uint8_t* code, uint32_t* addr, uint16_t* seq,
                                                 uint16_t* len);
 
-// For other programs; nobody here calls them: the largest payload, and a size that neither header above has, in bytes.
+// For other programs; nobody here calls them: the largest payload, and 13, the size of no header above, in bytes.
 constexpr int RawSockMsgJumboFrameSize() { return frame_data_max; }
 constexpr int RawSockMsgHeaderSize() { return 13; }
 

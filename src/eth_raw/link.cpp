@@ -117,7 +117,7 @@ bool is_open_or_logged(int index)
     return false;
 }
 
-bool can_be_sent(int index, const uint8_t* payload, unsigned len)
+bool can_be_sent_or_logged(int index, const uint8_t* payload, unsigned len)
 {
     if (!is_link(index)) {
         log_print(LOG_HERE, "index >= MAX_ETH\n");
@@ -131,7 +131,7 @@ bool can_be_sent(int index, const uint8_t* payload, unsigned len)
 }
 
 // A receive that fails (error not 0) must not spin its real-time thread: one line, and a pause each time.
-void note_receive(int index, int error)
+void log_and_back_off(int index, int error)
 {
     const bool failed = error != 0;
     static bool down[MAX_ETH]; // each only by its link's receive thread
@@ -292,7 +292,7 @@ void RawMsgFreeBuf(uint8_t* payload) { RawMsgBuffFree(payload); }
 int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,
                        uint8_t* payload, unsigned len)
 {
-    if (!can_be_sent(index, payload, len)) { return -1; }
+    if (!can_be_sent_or_logged(index, payload, len)) { return -1; }
     uint8_t* frame = payload;
     const unsigned count = RawMsgHeaderPack(model, slot, code, addr, seq, &frame, static_cast<uint16_t>(len));
     return transmit_or_log(index, payload, count, len);
@@ -300,7 +300,7 @@ int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, u
 
 int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len)
 {
-    return can_be_sent(index, payload, len) ? transmit_or_log(index, payload, frame_bytes, len) : -1;
+    return can_be_sent_or_logged(index, payload, len) ? transmit_or_log(index, payload, frame_bytes, len) : -1;
 }
 
 int32_t RawSockMsgSendAgain(int index, uint8_t* payload, unsigned frame_bytes, int* error)
@@ -323,7 +323,7 @@ const uint8_t* RawSockMsgRecv(int index, uint8_t* ack, uint16_t* model, uint8_t*
     if (!is_link(index)) { return nullptr; }
     const ssize_t received = recvfrom(g_eth_init[index].sock_fd, gRecvBuffer, sizeof gRecvBuffer, 0, nullptr, nullptr);
     if (received < 0 && errno == EINTR) { return nullptr; }
-    note_receive(index, received < 0 ? errno : 0);
+    log_and_back_off(index, received < 0 ? errno : 0);
     if (received <= 0) { return nullptr; }
     const auto count = static_cast<size_t>(received);
     print_msg(gRecvBuffer, count);

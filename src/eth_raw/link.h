@@ -37,13 +37,15 @@ extern eth_init g_eth_init[MAX_ETH]; // zero until a link is opened
 // Closes a link's socket; the record keeps the rest. Only when no thread uses the link any more.
 void RawSockMsgUnInit(int index);
 
-// The steps of RawSockMsgInit. The first fills one record; its result: 0; -1 for an index above 2 (the record is then
-// not looked at) or a socket that cannot be opened; the negative result of socket_bind. A record that was open keeps
-// its socket then. operation    who reports a socket that cannot be opened socket_init  result: a raw socket that
-// receives every frame of the interface, now promiscuous; -1 on failure socket_bind  fills the address with the
-// interface's index and binds the socket to it; result: 0 or the failing call's
+// The steps of RawSockMsgInit. First: fills one record; one that was open keeps its socket when this fails.
+// operation  who reports a socket that cannot be opened
+// Result     0; -1: an index above 2 (the record is not looked at), or no socket; else socket_bind's
 [[nodiscard]] int32_t init_netdev(eth_init* record, unsigned index, const char* operation = "init_netdev");
+
+// Result: a raw socket that receives every frame of the interface, now promiscuous; -1, logged, on failure.
 [[nodiscard]] int socket_init(const char* if_name);
+
+// Puts the interface's index into the address and binds the socket to it. Result: 0, or the failing call's.
 [[nodiscard]] int socket_bind(sockaddr_ll* sll, int sock_fd, const char* if_name);
 
 // Whether frames can be sent and answered. Any thread.
@@ -76,7 +78,7 @@ void RawMsgFreeBuf(uint8_t* payload); // the same, for whoever ends a request
 [[nodiscard]] int32_t RawSockMsgSend(int index, uint16_t model, uint8_t slot, uint32_t addr, uint8_t code, uint16_t seq,
                                      uint8_t* payload, unsigned len);
 
-// The second half of it: sends the frame that stands packed in its buffer, frame_bytes long.
+// Sends the frame that stands packed in its buffer, frame_bytes long. len: its payload's; the rest as RawSockMsgSend.
 [[nodiscard]] int32_t send_packed(int index, uint8_t* payload, unsigned frame_bytes, unsigned len);
 
 // Sends a frame again, byte for byte. Result: `frame_bytes`, or -1.

@@ -21,8 +21,9 @@ int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int len
 void process_recvbuf(const uint8_t* data, uint32_t addr, int length);
 void usage(); // prints what a command line may say
 
-// Starts the LVDS test's thread, SCHED_FIFO 88; it has no stop. Started at every boot it collects one line per boot in
-// /root/lvds_check.txt. Link 0 must be open with both of its threads. Result: 0, or -1 (logged).
+// Starts the LVDS test's thread, SCHED_FIFO 88; it has no stop. Started at every boot it
+// collects one line per boot in /root/lvds_check.txt. Link 0 must be open with both of its threads. Result: 0, or -1
+// (logged).
 int32_t LvdsTestTaskCreate(int argument);
 
 // Its body: waits until the LVDS link behind card link 0 is well, records how many answers said otherwise, and reboots.
@@ -33,7 +34,8 @@ void LvdsTest(int argument);
 // Writes one zero byte and waits as read_reg does. Result: 0 when an answer came, good or not; negative otherwise.
 int32_t write_reg(int index, uint16_t model, uint8_t slot, uint32_t addr);
 
-// Waits for a reply on link 0 while the hook is set, and hands it over. Result: 0. Not beside link 0's receive thread.
+// Waits, without bound, for a reply on link 0 that comes while `read_buffer` is set, and calls it; earlier ones are
+// dropped. Result: 0. Not beside link 0's receive thread.
 int32_t msg_recv();
 extern void (*read_buffer)(const uint8_t* payload, uint32_t addr, uint16_t len);
 

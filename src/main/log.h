@@ -16,9 +16,9 @@ inline FILE* log_fp = nullptr; // the open log file, or none
 inline int log_lastday = 0;    // day of month, 1 to 31, on which it was opened
 inline int print_flag = 0;     // non-zero: frames are dumped to standard output; no option sets it
 
-// Writes one line; its end is the caller's. The tools' sink writes the text alone; the daemon's writes local time,
-// process, module, function and source line before it, cuts it at 6 KiB, waits for no reader, and has the line in the
-// file on return, unless the file's limits leave it out; with neither switch set a call formats nothing.
+// Writes one line; the caller's text has its line end. The tools' sink writes the text alone; the daemon's writes local
+// time, process, module, function and source line before it, cuts it at 6 KiB, waits for no reader, and has the line in
+// the file on return, unless the file's limits leave it out; with neither switch set a call formats nothing.
 void log_print(const char* module, const char* function, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

@@ -58,9 +58,9 @@ moment newest RVK_GUARDED_BY(log_mtx);       // of all lines
 uint64_t file_bytes RVK_GUARDED_BY(log_mtx); // the open file's, looked up once a second: it may be emptied
 time_t looked_up_second RVK_GUARDED_BY(log_mtx);
 bool full RVK_GUARDED_BY(log_mtx);
-std::array<place_lines, 1024> places RVK_GUARDED_BY(log_mtx); // more than there are; without one a line is written
+std::array<place_lines, 1024> places RVK_GUARDED_BY(log_mtx); // more than there are; a line without is unlimited
 uint32_t overfull RVK_GUARDED_BY(log_mtx);                    // places of which lines were left out and not told
-time_t searched_second RVK_GUARDED_BY(log_mtx) = -1;          // when none was found that had to be told
+time_t searched_second RVK_GUARDED_BY(log_mtx) = -1;          // last search that left this second's places only
 std::atomic<long> seconds_east{0};                            // of the local time from UTC
 
 // Result: false: go on without the lock. The thread that logs the process's end waits at most 100 ms, and only once.

@@ -8,14 +8,15 @@
 extern "C" {
 
 // Called for each message, on the thread that waits: two values of the service's own, the message, valid until the
-// return, and its length in bytes.
+// return, and its length in bytes. The result is not used.
 typedef int (*apipc_callback)(int, int, const void* message, int length);
 
-// Registers the calling process under an identity. The second argument is the service's, 0 here.
+// Registers the calling process under an identity. The second argument is the service's, 0 here. Main thread, at start.
 // Result: 0; non-zero when the identity is taken or the service cannot be had.
 int apipc_init(uint32_t identity, int);
 
-// Delivers incoming messages to the callback on the calling thread. Returns only on an error; call it again.
+// Delivers incoming messages to the callback on the calling thread, one for the process. The first argument is the
+// service's, 0 here. Returns -1, only on an error; call it again.
 int apipc_loop_wait(int, apipc_callback callback);
 
 // Sends one message. Result: 0 when it was delivered; negative when not: -EAGAIN when the peer's queue is full, else

@@ -21,7 +21,7 @@ static_assert(std::atomic<int32_t>::is_always_lock_free);
 
 extern std::atomic<int32_t> elapsed; // ticks not yet handed out
 
-// Starts the ticks. Result: 0 or -1, as of arming the interval timer. Once, before the first link is started.
+// Starts the ticks. Result: setitimer's, 0 or -1. Once, before the first link is started.
 int initTimer();
 
 void catch_alarm(int signal); // what a SIGALRM of the kernel's timer does: adds one tick

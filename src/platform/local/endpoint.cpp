@@ -92,7 +92,7 @@ bool identity_in(const char* name, uint32_t& out)
     return strcmp(name, socket_name(out).data()) == 0;
 }
 
-// Whether nobody but root could lead a path elsewhere since it was bound. The path is cut meanwhile.
+// Whether every symbolic link in a path is root's. Writes into the path, and restores it.
 bool has_only_links_of_root(char* path)
 {
     for (char* end = path; *end != '\0'; ++end) {
@@ -106,8 +106,8 @@ bool has_only_links_of_root(char* path)
     return true;
 }
 
-// Whether a socket lies in our folder, however spelled, and is no link, which an answer would follow. It may be gone.
-// name  in its path
+// Whether a socket lies in our folder, however spelled, and is no symbolic link, which an answer would follow; one that
+// is gone may have lain there. name: the last part of its path.
 bool is_in_our_folder(const char* path, const char* name)
 {
     using status = struct stat;
@@ -130,7 +130,8 @@ bool is_endpoint(const sockaddr_un& from, uint32_t& identity)
     return identity_in(name, identity) && is_in_our_folder(path, name);
 }
 
-// A look costs as much as all else here, and is no more than a sample: of one that sends again, once a second.
+// Whether a message begins with its sender's identity. Where the sender's socket lies is looked up once a second of one
+// that sends again: it costs as much as all else here, and may be another place right afterwards anyway.
 bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
 {
     thread_local struct {
