@@ -118,7 +118,7 @@ bool build_image(const char* source_path, off_t size)
 {
     log_print(LOG_HERE, "file is *.bin! we will add 256B Head .\n ");
     update_temfile_creat(update_temp_path);
-    unique_fd source = open_regular(source_path, O_RDWR);
+    unique_fd source = open_regular(source_path, O_RDWR); // one that may only be read is refused
     unique_fd temporary;
     if (source) { temporary = open_output(update_temp_path, 0); }
     if (!temporary) {

@@ -96,7 +96,7 @@ void add_fault_options(CLI::App& app, card_faults& f)
         tool::add_value(app, name, "HOW", helps[i],
                         [&f, i, name](const std::string& text) { f.how_often[i] = occurrence_in(name, text); });
     }
-    add_number(app, "--wrong-status", "N", f.wrong_status, "status of --wrong-ack and --wrong-read, 0 to 255 [2]");
+    add_number(app, "--wrong-status", "N", f.wrong_status, "status of --wrong-ack, --wrong-read, --bus-refused [2]");
     add_number(app, "--delay-ms", "N", f.delay_ms, "how late --delay is, at most 60000 [120]", 0, 60'000);
 }
 
