@@ -108,9 +108,9 @@ using job_path = std::array<char, mailbox_bytes>; // zero-terminated; any path t
 [[nodiscard]] uint8_t* ApMsgBuffHeadGet(uint8_t* handle); // where the message starts
 void ApMsgBuffFree(uint8_t* handle);
 
-// Sends a message of n payload bytes, n + 40 in all; the second one without payload. While the requester's queue is
-// full the outbox keeps a copy, each requester's in their order, and offers it again for 10 s. Result  0 when it was
-// sent or kept; negative, logged and counted, when it was dropped
+// Sends a message of n payload bytes, n + 40 in all; the second: without payload. While the requester's queue is full
+// the outbox keeps a copy, each requester's in their order, and offers it again for 10 s.
+// Result  0 when it was sent or kept; negative, logged and counted, when it was dropped
 int ApipcDataSend(uint32_t destination, const uint8_t* message, uint32_t n);
 int ApipcDataSendAck(uint32_t destination, const uint8_t* message);
 

@@ -37,7 +37,7 @@ extern eth_init g_eth_init[MAX_ETH]; // zero until a link is opened
 // Closes a link's socket; the record keeps the rest. Only when no thread uses the link any more.
 void RawSockMsgUnInit(int index);
 
-// The steps of RawSockMsgInit. First: fills one record; one that was open keeps its socket when this fails.
+// The steps of RawSockMsgInit. This one fills a record; one that was open keeps its socket when this fails.
 // operation  who reports a socket that cannot be opened
 // Result     0; -1: an index above 2 (the record is not looked at), or no socket; else socket_bind's
 [[nodiscard]] int32_t init_netdev(eth_init* record, unsigned index, const char* operation = "init_netdev");

@@ -21,9 +21,8 @@ int32_t read_reg(int index, uint16_t model, uint8_t slot, uint32_t addr, int len
 void process_recvbuf(const uint8_t* data, uint32_t addr, int length);
 void usage(); // prints what a command line may say
 
-// Starts the LVDS test's thread, SCHED_FIFO 88; it has no stop. Started at every boot it
-// collects one line per boot in /root/lvds_check.txt. Link 0 must be open with both of its threads. Result: 0, or -1
-// (logged).
+// Starts the LVDS test's thread, SCHED_FIFO 88; it has no stop. Started at every boot it collects one line per boot in
+// /root/lvds_check.txt. Link 0 must be open with both of its threads. Result: 0, or -1 (logged).
 int32_t LvdsTestTaskCreate(int argument);
 
 // Its body: waits until the LVDS link behind card link 0 is well, records how many answers said otherwise, and reboots.

@@ -11,7 +11,7 @@ extern "C" {
 // return, and its length in bytes. The result is not used.
 typedef int (*apipc_callback)(int, int, const void* message, int length);
 
-// Registers the calling process under an identity. The second argument is the service's, 0 here. Main thread, at start.
+// Registers the calling process under an identity. The second argument is the service's, 0 here.
 // Result: 0; non-zero when the identity is taken or the service cannot be had.
 int apipc_init(uint32_t identity, int);
 
