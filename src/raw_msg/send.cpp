@@ -197,7 +197,7 @@ int32_t send_plain(const card_address& to, uint8_t code, std::span<const uint8_t
         if (RawSockMsgSend(to.link, to.model, to.slot, addr, code, no_sequence, buf, length) < 1) {
             ++unsent;
             log_print(LOG_HERE, "#######error RawSockSendMsg : index:%d addr:0x%x length:%d send fail\n", to.link,
-                      to.addr, static_cast<int>(data.size()));
+                      to.addr, static_cast<int>(step == 0 ? length : data.size())); // a stream's frame is by itself
         }
     }
     RawMsgBuffFree(buf);
