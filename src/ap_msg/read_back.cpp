@@ -163,6 +163,7 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
         addr += static_cast<uint32_t>(burst_words * bursts_of(wanted.size()));
         at += wanted.size();
         progress.reached(at);
+        let_others_run(picture_turn_us); // where every send fails at once, no step waits
     }
 }
 
