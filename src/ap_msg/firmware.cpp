@@ -180,7 +180,7 @@ struct progress_line {
         used += static_cast<size_t>(snprintf(&unwritten[used], space, "%s%2d%%", before, percent));
         if (std::exchange(last, percent) != percent || used > unwritten.size() - sizeof "\b\b\b100%") { write(); }
     }
-    void write() { printed |= console_write(STDOUT_FILENO, unwritten.data(), std::exchange(used, 0)); }
+    void write() { printed |= used != 0 && console_write(STDOUT_FILENO, unwritten.data(), std::exchange(used, 0)); }
 };
 
 int32_t send_pieces(const unique_fd& file, uint32_t total, uint8_t slot)

@@ -150,8 +150,8 @@ bool names_its_sender(std::span<const uint8_t> message, const sockaddr_un& from)
         }
         last.from = from;
     }
-    const uint32_t claimed = message.size() < sizeof claimed ? ~last.identity : load_le32(message.data());
-    if (claimed == last.identity) { return true; }
+    const uint32_t claimed = message.size() < sizeof claimed ? 0 : load_le32(message.data());
+    if (claimed == last.identity && message.size() >= sizeof claimed) { return true; }
     log_print(LOG_HERE, "message of %zu bytes dropped: it names %08x as its sender, but came from %08x\n",
               message.size(), claimed, last.identity);
     return false;
