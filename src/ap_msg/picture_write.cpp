@@ -47,7 +47,7 @@ void stream(const card_address& to, std::span<const uint8_t> bytes) RVK_REQUIRES
         const auto run = bytes.subspan(at, std::min(run_bytes, bytes.size() - at));
         static_cast<void>(send_plain(to, code_write, run, 0));
         progress.reached(at + run.size());
-        let_others_run(picture_turn_us);
+        let_others_run(long_turn_us);
     }
 }
 

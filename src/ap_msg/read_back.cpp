@@ -64,7 +64,7 @@ bool is_same_file(const unique_fd& opened, const char* path)
 void write_image_lines(output* image, std::span<uint8_t> pixels, picture_size size)
 {
     const size_t line = line_bytes(size);
-    for (uint32_t r = 0; r < size.ver; ++r) {
+    for (uint32_t r = 0; r < size.ver && !image->failed; ++r) {
         const auto bytes = pixels.subspan(r * line, line);
         for (size_t at = 0; at < line; at += pixel_bytes) { std::reverse(&bytes[at], &bytes[at] + pixel_bytes); }
         image->write(bytes, bmp::head_bytes + (size.ver - 1 - r) * line);
@@ -163,7 +163,7 @@ void DDR2Read(int index, uint16_t model, uint8_t slot, uint32_t start, uint16_t 
         addr += static_cast<uint32_t>(burst_words * bursts_of(wanted.size()));
         at += wanted.size();
         progress.reached(at);
-        let_others_run(picture_turn_us); // where every send fails at once, no step waits
+        let_others_run(long_turn_us); // where every send fails at once, no step waits
     }
 }
 

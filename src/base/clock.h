@@ -46,7 +46,7 @@ inline void let_others_run(uint32_t after_us)
     pause_us(50); // ours
     slept = monotonic_us();
 }
-inline constexpr uint32_t picture_turn_us = 8000; // ours: goal: resends ≤ 20 ms late
-inline constexpr uint32_t copy_turn_us = 100;     // ours: a read by the IPC thread needs some four turns
+inline constexpr uint32_t long_turn_us = 8000; // ours: of pictures and floods; goal: resends ≤ 20 ms late
+inline constexpr uint32_t short_turn_us = 100; // ours: of copying; a read by the IPC thread needs some four turns
 
 } // namespace rvk

@@ -86,7 +86,7 @@ size_t read_full(const unique_fd& file, std::span<uint8_t> into)
     while (done < into.size()) {
         const size_t wanted = std::min(into.size() - done, at_once_bytes);
         const ssize_t n = TEMP_FAILURE_RETRY(read(file.get(), into.data() + done, wanted));
-        let_others_run(picture_turn_us);
+        let_others_run(long_turn_us);
         if (n <= 0) { break; }
         done += static_cast<size_t>(n);
     }
@@ -102,7 +102,7 @@ bool write_full(const unique_fd& file, std::span<const uint8_t> bytes, off_t at)
         if (n <= 0) { return false; }
         bytes = bytes.subspan(static_cast<size_t>(n));
         at += n;
-        let_others_run(copy_turn_us);
+        let_others_run(short_turn_us);
     }
     return true;
 }
@@ -116,8 +116,8 @@ page_buffer::page_buffer(size_t bytes)
     if (pages == MAP_FAILED) { return; }
     mapped = {static_cast<uint8_t*>(pages), wanted + large_page};
     in_use = mapped.subspan(to_large_page(reinterpret_cast<uintptr_t>(pages)), bytes);
-    // A hint: without it the buffer only costs more faults.
-    madvise(in_use.data(), wanted, MADV_HUGEPAGE);
+    // Hints: fewer faults, and no copy of the page tables for a child that only runs a command.
+    for (const int advice : {MADV_HUGEPAGE, MADV_DONTFORK}) { madvise(in_use.data(), wanted, advice); }
 }
 
 page_buffer::~page_buffer()
