@@ -241,7 +241,7 @@ void RawMsgRecv(int index)
 {
     pin(__func__, index);
     log_print(LOG_HERE, "thread id : %d index = %d\n", kernel_thread_id(), index);
-    for (;;) { receive_step(index); }
+    for (;; let_others_run(long_turn_us)) { receive_step(index); } // others: the check thread, below it
 }
 
 void RawMsgAckReadCheck(int index)
