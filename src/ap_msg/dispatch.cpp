@@ -54,7 +54,6 @@ bool refuse_if_cut(const received_command& c)
     return true;
 }
 
-// Whether `len` is above a limit.
 bool refuse_if_too_long(const received_command& c, size_t limit)
 {
     if (c.len <= limit) { return false; }
@@ -157,10 +156,11 @@ bool is_data_message(std::span<const uint8_t> bytes)
 
 void print_foreign(std::span<const uint8_t> bytes)
 {
+    constexpr char digits[] = "0123456789abcdef"; // without printf: a message may have 64 KiB
     std::array<char, 1200 * 3 + 1> text; // a part in one call, so that no thread's log line comes into the middle of it
     size_t used = 0;
     for (const uint8_t byte : bytes) {
-        used += static_cast<size_t>(snprintf(&text[used], 4, "%02x ", byte));
+        for (const char shown : {digits[byte >> 4], digits[byte & 0xF], ' '}) { text[used++] = shown; }
         if (used + 4 < text.size()) { continue; }
         console_write(STDOUT_FILENO, text.data(), std::exchange(used, 0));
     }

@@ -87,7 +87,7 @@ loss offer_to_one()
     const kept_message was = *l;
     firsts = std::exchange(l->next_requester, nullptr);
     for (int left = offered_at_once; l != nullptr && left > 0; --left) {
-        const int error = -apipc_send(l->to, l + 1, l->bytes);
+        const int error = lost.error == EAGAIN ? EAGAIN : -apipc_send(l->to, l + 1, l->bytes); // still full
         if (error == EAGAIN && monotonic_us() - l->since_us < outbox_patience_ms * 1000) { break; }
         if (error != 0) { lost.error = error, ++lost.messages; }
         free(std::exchange(l, l->next));
