@@ -14,8 +14,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -49,6 +49,9 @@ struct file_watch {
         const std::string folder = std::filesystem::path(files[0].path).parent_path().string();
         constexpr uint32_t watched = IN_OPEN | IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_ONLYDIR;
         if (inotify_add_watch(events.get(), folder.c_str(), watched) >= 0) { return; }
+        if (!events || errno == ENOSPC) { // the system's limits; the folder may be good
+            fail(problem::io_error, "folder \"%s\" cannot be watched: see sysctl fs.inotify", folder.c_str());
+        }
         fail(problem::wrong_usage, "folder \"%s\" cannot be used: %s", folder.c_str(), strerror(errno));
     }
 
@@ -108,7 +111,7 @@ struct file_watch {
     }
 };
 
-constexpr uint64_t file_bytes_max = INT32_MAX; // daemon: it takes no larger one
+constexpr uint64_t file_bytes_max = INT32_MAX; // daemon: of pictures; ours of images
 using namespace update_type;
 
 struct type_name {
@@ -172,9 +175,11 @@ void check_picture(const std::string& path, const picture_options& options)
     const uint64_t bytes = check_file("picture", path);
     uint64_t wanted = picture_bytes(options.size);
     if (path.ends_with(".bmp")) {
-        uint8_t head[bmp::pixels_at_end] = {};
-        std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(head), sizeof head);
-        const uint32_t pixels_at = head[0] == 'B' && head[1] == 'M' ? load_le32(head + bmp::pixels_at) : 0;
+        const unique_fd file = open_regular(path.c_str(), O_RDONLY);
+        if (!file) { refuse_file("picture", path, std::string("cannot be read: ") + open_failure()); }
+        std::array<uint8_t, bmp::pixels_at_end> head{};
+        static_cast<void>(read_full(file, head)); // a short one has no offset of its pixels
+        const uint32_t pixels_at = head[0] == 'B' && head[1] == 'M' ? load_le32(&head[bmp::pixels_at]) : 0;
         if (pixels_at == 0) {
             refuse_file("picture", path, "is no BMP file: give one, or raw pixels under another name");
         }
@@ -249,7 +254,7 @@ std::string acknowledged(const file_job& job, const session& talk, uint16_t numb
          static_cast<unsigned long long>(figures->steps));
 }
 
-// A path that ends short: both files of a get must have their whole length.
+// Fails when a file of a get has not the length that it should have.
 void check_length(const job_file& file)
 {
     const uint64_t bytes = file_bytes(file.path);
