@@ -61,7 +61,7 @@ private:
 class bare_link {
 public:
     explicit bare_link(int socket);
-    void receive_by_thread(); // from now on, as rvkd does: a thread at 90 takes the answers, for as long as the process
+    void receive_by_thread(); // from now on a thread at 90 takes the answers, as in rvkd, to the process's end
     void send(const frame_bytes& frame) const;
     void await_answer();
     void exchange(const frame_bytes& frame); // waits for its answer where it has one

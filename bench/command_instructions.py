@@ -62,6 +62,8 @@ daemon = subprocess.Popen(["valgrind", "--tool=callgrind", "--callgrind-out-file
                            "--toggle-collect=rvk::ApipcEventDeal*", "--toggle-collect=rvk::receive_step*",
                            f"{programs}/rvkd", *sys.argv[2:]], **quiet)
 while subprocess.run([f"{programs}/rvkctl", "hello"], check=False, **quiet).returncode != 0:
+    if daemon.poll() is not None:
+        sys.exit("rvkd does not start: are the programs in that folder, and is valgrind installed?")
     time.sleep(0.2)
 time.sleep(30)  # the pictures at start, which use the same threads
 with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as requester:

@@ -41,6 +41,7 @@ constexpr unsigned subject_seconds = 600; // ours: a lost reply would make a bar
 bool run(const char* name, void (*rows)())
 {
     const pid_t process = fork();
+    require(process >= 0, "no process");
     if (process == 0) {
         alarm(subject_seconds);
         rows();
