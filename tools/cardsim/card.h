@@ -29,7 +29,7 @@ using extents = std::map<uint64_t, uint64_t>; // stretches of addresses: first -
 // were written, so that they can be listed and saved.
 class card_memory {
 public:
-    // last     address behind which they go on at 0; the end of a page
+    // last     address behind which they go on at 0; 2^n - 1, n at least 12
     // listing  false: keeps no stretches, of which the lines of pictures would be many
     explicit card_memory(uint64_t last, bool listing = true) : mask(last), lists(listing) {}
 
@@ -96,7 +96,7 @@ struct firmware_port {
     uint32_t total = 0;    // bytes announced
     uint64_t received = 0; // bytes taken
     bool whole = false;    // the last one
-    size_t abandoned = 0;  // transfers that another one followed before
+    size_t abandoned = 0;  // transfers that another began before they were whole
     firmware_file coming{};
     std::vector<firmware_file> files{}; // oldest first
 

@@ -15,8 +15,9 @@ namespace rvk {
 
 inline constexpr uint8_t ack_refused = 1; // ours: the status of a refusal
 
-// One row each. A request with a violation is refused: it is not carried out, and answered, where a good one is, with
-// the status ack_refused and no data. A tolerated one is only counted.
+// One row each. A frame with a violation is neither carried out nor answered; a request that is wrong only for what it
+// asks of its register is answered, where a good one is, with the status ack_refused and no data. A tolerated one is
+// carried out and counted.
 enum class violation : uint8_t {
     none,
     foreign,           // not from the controller's address: other people's traffic, no violation

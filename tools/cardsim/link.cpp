@@ -21,7 +21,7 @@ namespace rvk {
 namespace {
 
 constexpr size_t batch_frames = 64;      // ours: frames per system call
-constexpr size_t frame_bytes_max = 8192; // ours: a longer frame is cut, and a violation as longer than it says
+constexpr size_t frame_bytes_max = 8192; // ours: a longer frame is cut, and then does not fit its own length
 constexpr int idle_ms = 50;              // ours: how long a quiet thread sleeps before it looks whether it is to stop
 
 uint64_t now_us()

@@ -25,13 +25,14 @@ memory. Prints "ready" when its links are open, and what it saw when it ends (SI
 scripts/in-bench, which makes the links card0, card1 and card2.)";
 
 constexpr char footer[] =
-    R"(Buffer N begins at address N x 0x1000000 of a read-back (rvkctl picture get --addr). What a card would refuse
-(order, sizes, checksums) is answered with status 1, not carried out, and named at the end.
+    R"(Buffer N begins at address N x 0x1000000 of a read-back (rvkctl picture get --addr). A frame that no
+controller should send is not answered; what a card would refuse of a good one (order, sizes, a firmware head's
+checksum) is answered with status 1. Neither is carried out, and both are named at the end.
 
 A fault's HOW is a whole number, the next so many chances (3), or a part of all chances with a point in it
 (0.05: one in twenty; 1.0: all). Each link has chances of its own; which of them are taken depends on --seed, the
 fault and the number of the chance, so the same seed brings the same faults again. Faults are decided in the order
-listed, each on its own; of the four that change what a read is answered with (of either protocol), and of the three
+listed, each on its own; of those that change what a read is answered with, and of the three
 that change len, the first excludes the rest. An answer is the reply to a read or an acknowledged write; plain writes
 have none.
 
@@ -125,8 +126,9 @@ struct served_link {
 };
 using served_links = std::list<served_link>;
 
-// Blocked before the first thread starts, so that they wait for the main thread; not SIGHUP where nohup ignores it.
-sigset_t blocked_signals()
+// Before the first thread starts, so that they wait for the main thread; not SIGHUP where nohup ignores it. Result:
+// those that it blocked.
+sigset_t block_signals()
 {
     sigset_t set;
     sigemptyset(&set);
@@ -170,7 +172,7 @@ void run(const cardsim_options& options)
     for (const std::string& folder : {options.state_folder, options.pcap_folder}) {
         if (!folder.empty()) { prepare_folder(folder); }
     }
-    const sigset_t signals = blocked_signals();
+    const sigset_t signals = block_signals();
     served_links links;
     for (const std::string& name : options.links) {
         link_options how = options.how;

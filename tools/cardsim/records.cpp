@@ -1,6 +1,7 @@
 #include "cardsim/records.h"
 
 #include "base/bytes.h"
+#include "eth_raw/registers.h"
 
 #include <algorithm>
 #include <array>
@@ -22,7 +23,8 @@ void put(std::vector<uint8_t>& out, std::initializer_list<uint64_t> values)
 }
 
 constexpr size_t lines_max = 200;
-constexpr std::array<uint32_t, 7> playback_registers{0x00022002, 0x0002200A, 0xA0, 0xA1, 0xA2, 0xA6, 0xA7}; // card
+constexpr std::array playback_registers{playback::timing_a, playback::timing_b, playback::play, playback::timing_load,
+                                        playback::interval, playback::number,   playback::reset};
 
 // The traffic of a whole start, without the readiness reads in front of it; behind these, pictures 17 to 24.
 constexpr std::array opening{"a2 := 00 ca 9a 3b",

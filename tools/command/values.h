@@ -29,10 +29,10 @@ void check_space(uint32_t addr, uint64_t bytes);
 // Bytes as hex digits in memory order, each word a whole number of bytes; throws a failure.
 std::vector<uint8_t> bytes_of_hex(const char* name, const std::vector<std::string>& words);
 
-// The bytes of a file or a pipe, 1 to 64 MiB. Throws a failure.
+// The bytes of a file or a pipe, 1 byte to 64 MiB. Throws a failure.
 std::vector<uint8_t> bytes_of_file(const std::string& path);
 
-// Writes a file anew; throws a failure.
+// Writes a file anew; throws a failure (io_error).
 void save(const std::string& path, std::span<const uint8_t> bytes);
 
 // Text for a terminal: control bytes but line ends as \xNN, since names and answers come from elsewhere.
@@ -48,16 +48,16 @@ std::string byte_count(uint64_t bytes); // "1 byte", "2 bytes"
 // "33177600 bytes in 0.31 s, 107.0 MB/s" and a line end.
 std::string rate_text(uint64_t bytes, double seconds);
 
-// A path as the daemon needs it, which runs in another folder, and which the kernel takes for the same file; throws a
-// failure that names the argument when it is empty or longer than `most` characters.
+// The absolute path, since the daemon runs in another folder; no ".." is taken out, so that the kernel finds the same
+// file. Throws a failure that names the argument when it is empty or longer than `most` characters.
 std::string absolute_path(const std::string& path, const char* name, size_t most);
 
 uint64_t file_bytes(const std::string& path); // 0 when it cannot be had
 
 // The BMP file of a picture in a card's layout, top line first. A BMP's pixel is blue, green, red and, with 32 bits,
 // the byte that is not shown; its bottom line comes first. With 32 bits the file is what the daemon makes of a picture
-// that it reads back, with other code for the pixels: the two can be compared. bits  32, or 24: lines are padded to 4
-// bytes then, and the byte that is not shown is lost
+// that it reads back, with other code for the pixels: the two can be compared.
+// bits  32; or 24: lines are then padded to 4 bytes, and the byte that is not shown is lost
 std::vector<uint8_t> bmp_of(std::span<const uint8_t> pixels, picture_size size, unsigned bits);
 
 // Time since it was made.

@@ -62,7 +62,7 @@ std::vector<uint8_t> read_card(session& talk, const read_options& what, nlohmann
 [[nodiscard]] std::string why_unreached(int board);
 
 // What a file job asked of its card once it was over; none when the figures do not come to name that job of this
-// requester. Waits until they are written anew. Throws nothing.
+// requester. Waits up to 5 s until they are written anew. Throws nothing.
 struct job_figures {
     uint64_t steps, unanswered;
 };

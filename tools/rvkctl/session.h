@@ -48,7 +48,7 @@ struct request : card_options {
 // What the daemon sent, taken apart.
 struct answer : card_options {
     int32_t result = 0;
-    uint32_t length = 0; // payload bytes of a reply; reports and greetings count otherwise
+    uint32_t length = 0; // payload bytes of a reply; not used of reports and greetings
     uint8_t code = 0;
     uint16_t seq = 0;
     std::vector<uint8_t> payload{}; // everything behind the head, padding included

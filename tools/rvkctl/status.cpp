@@ -36,7 +36,7 @@ struct status_view {
     double age_s = 0; // by the clock that both use, which nobody sets; negative: before the machine's last start
 };
 
-// A figure, of the past, for a rate; or none.
+// A figure now and, where rates are shown, as it was in an earlier view.
 struct pair_of_views {
     const json* now;
     const json* before; // null: no rates

@@ -40,7 +40,7 @@ struct writer {
     outcome& run;
     size_t sent = 0, confirmed = 0;   // commands; one that is sent and not confirmed may have been carried out
     bool greeted = false;             // behind the last command
-    uint64_t last_reported_bytes = 0; // from the first byte on: what a report may be about; 0 without such a piece
+    uint64_t last_reported_bytes = 0; // up to the end of the last piece that has no answer of its own; 0: none
 
     void write_all()
     {

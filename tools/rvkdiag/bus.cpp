@@ -24,7 +24,7 @@ namespace {
 
 using namespace tool;
 
-constexpr timeval answer_wait{0, 50'000}; // a card answers within one; 100 of them are a failed block
+constexpr timeval answer_wait{0, 50'000}; // a card answers within one; a silent one is given up after a hundred
 constexpr uint64_t look_ms = 20;
 
 // The block operation waits without bound, and says nothing.

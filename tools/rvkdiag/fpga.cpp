@@ -18,7 +18,7 @@ namespace {
 
 using namespace tool;
 
-constexpr uint32_t write_ticks = 6; // as a peek's
+constexpr uint32_t write_ticks = 6; // ours: as read_reg waits, 180 ms three times
 constexpr uint32_t nobody = 0;      // whoever asks is this process: reports stay in it
 
 std::string card_text(const fpga_options& o)

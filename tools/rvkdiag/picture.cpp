@@ -14,8 +14,6 @@
 #include "rvkdiag/log.h"
 
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 
 namespace rvk::diag {
@@ -38,9 +36,7 @@ void check_file(const picture_options& o)
         fail(problem::wrong_usage, "file \"%s\" %s", o.file.c_str(), why.c_str());
     };
     const unique_fd file = open_regular(o.file.c_str(), O_RDONLY);
-    if (!file) {
-        refuse(std::string("cannot be read: ") + (errno == EINVAL ? "it is no regular file" : strerror(errno)));
-    }
+    if (!file) { refuse(std::string("cannot be read: ") + open_failure()); }
     if (!o.file.ends_with(".bmp")) { return; }
     std::array<uint8_t, bmp::head_bytes> head{};
     if (read_full(file, head) != head.size() || head[0] != 'B' || head[1] != 'M') { refuse("is no BMP file"); }

@@ -129,8 +129,8 @@ local function file_request(key, number, time, bytes, what)
     pending[key], requests[number] = kept, { of = r, n = #r.sends }
 end
 
--- An answer is that of every request of its key that has none yet: of those that are waited for and of those that are not,
--- one each. ends: not when the request may be sent again for it. Result: there was one.
+-- An answer ends every open request of its key that has none yet; there may be two, since those that are waited for and
+-- those that are not are numbered apart. ends: not when the request may be sent again for it. Result: there was one.
 local function file_answer(key, number, time, ends, fits)
     local found, last = nil, nil
     for _, r in ipairs(pending[key] or {}) do
